@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How the library ends the process when one of its rules is broken. A C++ library built without
+// exceptions prints a message and aborts; one that throws would carry the exception through an
+// entry point into the caller, with the mutex still held. So the message and the abort are here,
+// whatever C++ library is underneath.
+
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace ferrolith {
+
+/// Ends the process.
+/// @param message [in] one line for standard error, not for the log.
+[[noreturn]] static void abortWithMessage(const char* message) {
+    std::fprintf(stderr, "%s\n", message);
+    std::abort();
+}
+
+/// The value of a key, which must be there: a service that reports an id it never announced has
+/// broken its interface, and no result is better than half of one.
+template <typename Map>
+static const typename Map::mapped_type& strictAt(const Map& map,
+                                                 const typename Map::key_type& key) {
+    const auto entry = map.find(key);
+    if (entry == map.end()) {
+        abortWithMessage(
+            "out_of_range was thrown in -fno-exceptions mode with message "
+            "\"unordered_map::at: key not found\"");
+    }
+    return entry->second;
+}
+
+}  // namespace ferrolith

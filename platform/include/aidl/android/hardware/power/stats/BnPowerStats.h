@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <aidl/android/hardware/power/stats/IPowerStats.h>
+
+namespace aidl::android::hardware::power::stats {
+
+/// Base of services: derive from it and override the interface's methods.
+class BnPowerStats : public ::ndk::BnCInterface<IPowerStats> {
+  protected:
+    ::ndk::SpAIBinder createBinder() override;
+};
+
+}  // namespace aidl::android::hardware::power::stats

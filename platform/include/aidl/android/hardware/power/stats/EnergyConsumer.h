@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <aidl/android/hardware/power/stats/EnergyConsumerType.h>
+
+#include <cstdint>
+#include <string>
+#include <tuple>
+
+namespace aidl::android::hardware::power::stats {
+
+/// A part of the device whose energy is modelled or measured as a whole.
+class EnergyConsumer {
+  public:
+    int32_t id = 0;       ///< unique in the device
+    int32_t ordinal = 0;  ///< tells consumers of one type apart, from 0
+    EnergyConsumerType type = EnergyConsumerType::OTHER;
+    std::string name;
+
+    bool operator==(const EnergyConsumer& rhs) const {
+        return std::tie(id, ordinal, type, name) ==
+               std::tie(rhs.id, rhs.ordinal, rhs.type, rhs.name);
+    }
+    bool operator!=(const EnergyConsumer& rhs) const { return !(*this == rhs); }
+};
+
+}  // namespace aidl::android::hardware::power::stats

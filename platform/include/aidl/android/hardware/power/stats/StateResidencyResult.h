@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <aidl/android/hardware/power/stats/StateResidency.h>
+
+#include <cstdint>
+#include <tuple>
+#include <vector>
+
+namespace aidl::android::hardware::power::stats {
+
+/// The residencies of one power entity.
+class StateResidencyResult {
+  public:
+    int32_t id = 0;  ///< of the PowerEntity
+    std::vector<StateResidency> stateResidencyData;
+
+    bool operator==(const StateResidencyResult& rhs) const {
+        return std::tie(id, stateResidencyData) == std::tie(rhs.id, rhs.stateResidencyData);
+    }
+    bool operator!=(const StateResidencyResult& rhs) const { return !(*this == rhs); }
+};
+
+}  // namespace aidl::android::hardware::power::stats

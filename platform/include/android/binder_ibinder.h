@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Binder objects, as the NDK declares them: reference counts, classes, death notices. Parcels and
+// raw transactions are not offered: on the host an interface's proxy reaches its service without
+// them.
+
+#pragma once
+
+#include <android/binder_status.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint32_t transaction_code_t;
+typedef struct AParcel AParcel;
+
+/// A service as its clients hold it. On the host an object that lives in this process stands for
+/// one in a process of its own: it can die (see host/ServiceControl.h), and a dead one stays dead.
+typedef struct AIBinder AIBinder;
+typedef struct AIBinder_Class AIBinder_Class;
+
+typedef void* (*AIBinder_Class_onCreate)(void* args);
+typedef void (*AIBinder_Class_onDestroy)(void* userData);
+typedef binder_status_t (*AIBinder_Class_onTransact)(AIBinder* binder, transaction_code_t code,
+                                                     const AParcel* in, AParcel* out);
+
+/// Defines a class of binder objects. It is never released.
+AIBinder_Class* AIBinder_Class_define(const char* interfaceDescriptor,
+                                      AIBinder_Class_onCreate onCreate,
+                                      AIBinder_Class_onDestroy onDestroy,
+                                      AIBinder_Class_onTransact onTransact);
+const char* AIBinder_Class_getDescriptor(const AIBinder_Class* clazz);
+
+/// Makes an object of a class. Its user data is what the class's onCreate makes of `args`, and goes
+/// to onDestroy with the last strong reference.
+/// @return the object with one strong reference, owned by the caller.
+AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args);
+
+bool AIBinder_isRemote(const AIBinder* binder);
+bool AIBinder_isAlive(const AIBinder* binder);
+binder_status_t AIBinder_ping(AIBinder* binder);
+void AIBinder_incStrong(AIBinder* binder);
+/// Drops one strong reference. Null is allowed and does nothing.
+void AIBinder_decStrong(AIBinder* binder);
+/// The count of strong references, -1 for null.
+int32_t AIBinder_debugGetRefCount(AIBinder* binder);
+/// @return whether the object's class has the same interface descriptor as `clazz`.
+bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz);
+const AIBinder_Class* AIBinder_getClass(AIBinder* binder);
+void* AIBinder_getUserData(AIBinder* binder);
+
+/// A weak reference to a binder.
+typedef struct AIBinder_Weak AIBinder_Weak;
+/// The caller releases it with AIBinder_Weak_delete.
+AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder);
+/// Null is allowed and does nothing.
+void AIBinder_Weak_delete(AIBinder_Weak* weak);
+/// @return the binder with one strong reference owned by the caller, or null when it has gone.
+AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak);
+
+/// Who is told of deaths. One recipient may be linked to any number of binders.
+typedef struct AIBinder_DeathRecipient AIBinder_DeathRecipient;
+typedef void (*AIBinder_DeathRecipient_onBinderDied)(void* cookie);
+typedef void (*AIBinder_DeathRecipient_onBinderUnlinked)(void* cookie);
+
+AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
+    AIBinder_DeathRecipient_onBinderDied onBinderDied);
+
+/// Has `onUnlinked` called once for every link that ends: after its notice, when it is unlinked,
+/// and when the binder goes.
+void AIBinder_DeathRecipient_setOnUnlinked(AIBinder_DeathRecipient* recipient,
+                                           AIBinder_DeathRecipient_onBinderUnlinked onUnlinked);
+
+/// Deletes the recipient. When this returns, none of its callbacks runs or will run; so it waits
+/// for a callback that is running on another thread. Null is allowed and does nothing.
+void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient);
+
+/// Has the recipient called with the cookie, once, on a thread of the platform's own, when the
+/// process of the binder dies; at once when it is dead already and that has not been reported yet.
+/// @return STATUS_OK, or STATUS_DEAD_OBJECT when the death has been reported.
+binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
+                                     void* cookie);
+
+/// Ends one link made with the same three arguments.
+/// @return STATUS_OK, STATUS_DEAD_OBJECT when the death has been reported, or
+/// STATUS_NAME_NOT_FOUND.
+binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
+                                       void* cookie);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The service manager, as the NDK declares it: the register of AIDL services by instance name.
+
+#pragma once
+
+#include <android/binder_ibinder.h>
+#include <android/binder_status.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Registers a service, in place of one registered under the same name before. The register takes a
+/// strong reference of its own.
+binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance);
+
+/// Looks a service up.
+/// @return the registered binder with one strong reference owned by the caller, or null when no
+/// such
+///     service is registered.
+__attribute__((warn_unused_result)) AIBinder* AServiceManager_getService(const char* instance);
+
+/// The same: on the host no look-up waits for a service to start.
+__attribute__((warn_unused_result)) AIBinder* AServiceManager_checkService(const char* instance);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The device's log, as the NDK declares it. On the host a message goes to standard error in the
+// brief form of logcat, "E/Tag(12345): text", unless a program takes the messages itself with
+// `__android_log_set_logger`.
+
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum android_LogPriority {
+    ANDROID_LOG_UNKNOWN = 0,
+    ANDROID_LOG_DEFAULT,
+    ANDROID_LOG_VERBOSE,
+    ANDROID_LOG_DEBUG,
+    ANDROID_LOG_INFO,
+    ANDROID_LOG_WARN,
+    ANDROID_LOG_ERROR,
+    ANDROID_LOG_FATAL,
+    ANDROID_LOG_SILENT,
+} android_LogPriority;
+
+typedef enum log_id {
+    LOG_ID_MIN = 0,
+    LOG_ID_MAIN = 0,
+    LOG_ID_RADIO = 1,
+    LOG_ID_EVENTS = 2,
+    LOG_ID_SYSTEM = 3,
+    LOG_ID_CRASH = 4,
+    LOG_ID_STATS = 5,
+    LOG_ID_SECURITY = 6,
+    LOG_ID_KERNEL = 7,
+    LOG_ID_MAX,
+    LOG_ID_DEFAULT = 0x7FFFFFFF,
+} log_id_t;
+
+/// Formats and logs one message.
+/// @param prio [in] an android_LogPriority.
+/// @param tag [in] who logs; null is taken as the empty string.
+/// @param fmt [in] a printf format; the text is cut at 1023 bytes, as on a device.
+/// @return 1 when the message was passed on.
+int __android_log_print(int prio, const char* tag, const char* fmt, ...)
+    __attribute__((__format__(printf, 3, 4)));
+
+/// Logs one message as it stands.
+int __android_log_write(int prio, const char* tag, const char* text);
+
+/// One message on its way to a logger.
+struct __android_log_message {
+    size_t struct_size;   ///< sizeof(struct __android_log_message)
+    int32_t buffer_id;    ///< a log_id_t
+    int32_t priority;     ///< an android_LogPriority
+    const char* tag;      ///< may be null
+    const char* file;     ///< may be null
+    uint32_t line;        ///< 0 where file is null
+    const char* message;  ///< the text, without a line end
+};
+
+typedef void (*__android_logger_function)(const struct __android_log_message* log_message);
+
+/// Sends every later message of the process to `logger`; null restores the default.
+/// The logger is called on the thread that logs, and may be called by many at once.
+void __android_log_set_logger(__android_logger_function logger);
+
+#ifdef __cplusplus
+}
+#endif

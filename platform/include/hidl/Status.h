@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Transport results of HIDL calls: whether a call reached its service at all.
+
+#pragma once
+
+#include <utils/Errors.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace android::hardware {
+
+/// The outcome of one transaction.
+class Status final {
+  public:
+    enum Exception : int32_t {
+        EX_NONE = 0,
+        EX_SECURITY = -1,
+        EX_BAD_PARCELABLE = -2,
+        EX_ILLEGAL_ARGUMENT = -3,
+        EX_NULL_POINTER = -4,
+        EX_ILLEGAL_STATE = -5,
+        EX_NETWORK_MAIN_THREAD = -6,
+        EX_UNSUPPORTED_OPERATION = -7,
+        EX_HAS_REPLY_HEADER = -128,
+        EX_TRANSACTION_FAILED = -129,
+    };
+
+    static Status ok() { return Status(); }
+    static Status fromExceptionCode(int32_t exceptionCode, const char* message = "");
+    /// OK for android::OK, otherwise EX_TRANSACTION_FAILED with that transaction error.
+    static Status fromStatusT(status_t status, const char* message = "");
+
+    Status() = default;
+
+    bool isOk() const { return mException == EX_NONE; }
+    int32_t exceptionCode() const { return mException; }
+    const char* exceptionMessage() const { return mMessage.c_str(); }
+    /// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
+    /// android::OK.
+    status_t transactionError() const { return mTransactionError; }
+    /// A readable text of the status.
+    std::string description() const;
+
+  private:
+    Status(int32_t exception, status_t transactionError, const char* message)
+        : mException(exception), mTransactionError(transactionError), mMessage(message) {}
+
+    int32_t mException = EX_NONE;
+    status_t mTransactionError = OK;
+    std::string mMessage;
+};
+
+namespace details {
+
+/// A status that must be looked at: a failed one that goes without ends the process, since whoever
+/// made the call would go on with an answer that never came.
+class return_status {
+  public:
+    return_status() = default;
+    return_status(const Status& status) : mStatus(status) {}
+    return_status(return_status&& other) noexcept;
+    return_status& operator=(return_status&& other) noexcept;
+    return_status(const return_status&) = delete;
+    return_status& operator=(const return_status&) = delete;
+    ~return_status();
+
+    /// Marks the status as looked at.
+    bool isOk() const {
+        mChecked = true;
+        return mStatus.isOk();
+    }
+    /// The same without marking it.
+    bool isOkUnchecked() const { return mStatus.isOk(); }
+    /// Whether the service's process is gone. Does not mark the status as looked at.
+    bool isDeadObject() const { return mStatus.transactionError() == DEAD_OBJECT; }
+    /// A readable text of the status. Does not mark it as looked at.
+    std::string description() const { return mStatus.description(); }
+
+  protected:
+    /// Ends the process unless the status is OK.
+    void assertOk() const;
+
+  private:
+    void endUnlessChecked() const;
+
+    Status mStatus;
+    mutable bool mChecked = false;
+};
+
+}  // namespace details
+
+/// What a HIDL call returns: the transport's status and, for some calls, a value.
+template <typename T>
+class Return : public details::return_status {
+  public:
+    Return(T value) : mValue(std::move(value)) {}
+    Return(const Status& status) : return_status(status), mValue{} {}
+
+    /// The value; the process ends when the call failed.
+    operator T() const {
+        assertOk();
+        return mValue;
+    }
+    /// The value, or `fallback` when the call failed. Marks the status as looked at.
+    T withDefault(T fallback) const { return isOk() ? mValue : std::move(fallback); }
+
+  private:
+    T mValue;
+};
+
+template <>
+class Return<void> : public details::return_status {
+  public:
+    Return() = default;
+    Return(const Status& status) : return_status(status) {}
+};
+
+/// What a service returns from a call that it has answered.
+inline Return<void> Void() {
+    return Return<void>();
+}
+
+}  // namespace android::hardware

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The status codes of the device's native libraries.
+
+#pragma once
+
+#include <errno.h>
+#include <stdint.h>
+
+#include <string>
+
+namespace android {
+
+typedef int32_t status_t;
+
+enum {
+    OK = 0,
+    NO_ERROR = OK,
+    UNKNOWN_ERROR = (-2147483647 - 1),
+    NO_MEMORY = -ENOMEM,
+    INVALID_OPERATION = -ENOSYS,
+    BAD_VALUE = -EINVAL,
+    BAD_TYPE = (UNKNOWN_ERROR + 1),
+    NAME_NOT_FOUND = -ENOENT,
+    PERMISSION_DENIED = -EPERM,
+    NO_INIT = -ENODEV,
+    ALREADY_EXISTS = -EEXIST,
+    DEAD_OBJECT = -EPIPE,
+    FAILED_TRANSACTION = (UNKNOWN_ERROR + 2),
+    BAD_INDEX = -EOVERFLOW,
+    NOT_ENOUGH_DATA = -ENODATA,
+    WOULD_BLOCK = -EWOULDBLOCK,
+    TIMED_OUT = -ETIMEDOUT,
+    UNKNOWN_TRANSACTION = -EBADMSG,
+    FDS_NOT_ALLOWED = (UNKNOWN_ERROR + 7),
+    UNEXPECTED_NULL = (UNKNOWN_ERROR + 8),
+};
+
+/// The code's name, "DEAD_OBJECT" for DEAD_OBJECT; its number for codes without one.
+std::string statusToString(status_t status);
+
+}  // namespace android

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reference counting as the device's native libraries have it: an object counts its own strong
+// references and ends with the last one; weak references outlive it.
+
+#pragma once
+
+#include <utils/StrongPointer.h>
+
+#include <atomic>
+#include <cstdint>
+#include <utility>
+
+namespace android {
+
+/// Base of objects held by sp<> and wp<>. It is inherited virtually where an object has it twice.
+class RefBase {
+  public:
+    /// `id` names the holder to tools that trace references; it is not used here.
+    void incStrong(const void* id) const;
+    void decStrong(const void* id) const;
+    int32_t getStrongCount() const;
+
+    /// The counts, which live until the last strong and weak reference are gone.
+    class weakref_type {
+      public:
+        void incWeak(const void* id);
+        void decWeak(const void* id);
+        /// Takes a strong reference unless the object has ended.
+        bool attemptIncStrong(const void* id);
+
+      private:
+        friend class RefBase;
+        explicit weakref_type(RefBase* base) : mBase(base) {}
+
+        // Apart from 0, so that an object not held yet can be told from one that has ended.
+        static constexpr int32_t kNeverHeld = 1 << 28;
+
+        RefBase* const mBase;
+        std::atomic<int32_t> mStrong{kNeverHeld};
+        std::atomic<int32_t> mWeak{0};  // all strong references together count as one
+    };
+
+    weakref_type* createWeak(const void* id) const;
+
+  protected:
+    RefBase();
+    virtual ~RefBase();
+    RefBase(const RefBase&) = delete;
+    RefBase& operator=(const RefBase&) = delete;
+
+    virtual void onFirstRef() {}
+    virtual void onLastStrongRef(const void* /*id*/) {}
+
+  private:
+    weakref_type* const mRefs;
+};
+
+/// Owns one weak reference, or none.
+template <typename T>
+class wp {
+  public:
+    wp() : mObject(nullptr), mRefs(nullptr) {}
+    wp(T* object)
+        : mObject(object), mRefs(object != nullptr ? object->createWeak(this) : nullptr) {}
+    wp(const sp<T>& other) : wp(other.get()) {}
+    wp(const wp& other) : mObject(other.mObject), mRefs(other.mRefs) {
+        if (mRefs != nullptr) mRefs->incWeak(this);
+    }
+    wp(wp&& other) noexcept
+        : mObject(std::exchange(other.mObject, nullptr)),
+          mRefs(std::exchange(other.mRefs, nullptr)) {}
+    ~wp() {
+        if (mRefs != nullptr) mRefs->decWeak(this);
+    }
+    wp& operator=(wp other) noexcept {
+        std::swap(mObject, other.mObject);
+        std::swap(mRefs, other.mRefs);
+        return *this;
+    }
+
+    /// A strong reference, or null when the object has ended.
+    sp<T> promote() const {
+        sp<T> strong;
+        if (mRefs != nullptr && mRefs->attemptIncStrong(&strong)) strong.mObject = mObject;
+        return strong;
+    }
+    void clear() { *this = wp(); }
+    /// For comparisons only: the object may have ended.
+    T* unsafe_get() const { return mObject; }
+    bool operator==(const wp& other) const { return mRefs == other.mRefs; }
+    bool operator!=(const wp& other) const { return mRefs != other.mRefs; }
+
+  private:
+    T* mObject;
+    RefBase::weakref_type* mRefs;
+};
+
+}  // namespace android

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The thread that delivers death notices. Nothing a client calls waits for it: a recipient may be
+// waiting for a lock that the client holds.
+
+#include <host/ServiceControl.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "Peer.h"
+
+namespace host {
+namespace {
+
+class DeathNotices {
+  public:
+    static DeathNotices& get() {
+        // Never destroyed: the thread may outlive the destructors that run at exit.
+        static auto* const notices = new DeathNotices;
+        return *notices;
+    }
+
+    void add(std::shared_ptr<Peer> peer) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mStopped) return;
+        if (!mStarted) start();
+        mPeers.push_back(std::move(peer));
+        mChanged.notify_all();
+    }
+
+    bool waitUntilDone(double seconds) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, std::chrono::duration<double>(seconds),
+                                 [this] { return mPeers.empty() && !mReporting; });
+    }
+
+  private:
+    // REQUIRES: mMutex is held
+    void start() {
+        mStarted = true;
+        std::thread thread([this] { run(); });
+        mThread = thread.get_id();
+        thread.detach();
+        // A recipient must not be called while the destructors of the program that made it run.
+        // This handler is registered after those, so it runs before them.
+        std::atexit([] { get().stop(); });
+    }
+
+    [[noreturn]] void run() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        while (true) {
+            mChanged.wait(lock, [this] { return !mPeers.empty() && !mStopped; });
+            std::shared_ptr<Peer> peer = std::move(mPeers.front());
+            mPeers.pop_front();
+            mReporting = true;
+            lock.unlock();
+            peer->report();
+            peer.reset();
+            lock.lock();
+            mReporting = false;
+            mChanged.notify_all();
+        }
+    }
+
+    void stop() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mStopped = true;
+        // A recipient that ends the process itself must not wait for itself.
+        if (std::this_thread::get_id() == mThread) return;
+        mChanged.wait(lock, [this] { return !mReporting; });
+    }
+
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::deque<std::shared_ptr<Peer>> mPeers;
+    std::thread::id mThread;
+    bool mStarted = false;
+    bool mReporting = false;
+    bool mStopped = false;
+};
+
+}  // namespace
+
+void deliverNotices(std::shared_ptr<Peer> peer) {
+    DeathNotices::get().add(std::move(peer));
+}
+
+bool waitForDeathNotices(double seconds) {
+    return DeathNotices::get().waitUntilDone(seconds);
+}
+
+}  // namespace host

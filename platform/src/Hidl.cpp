@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <android/hidl/base/1.0/IBase.h>
+#include <android/log.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
+
+#include <cstdlib>
+
+#include "Peer.h"
+
+namespace android {
+
+std::string statusToString(status_t status) {
+    static constexpr struct {
+        status_t status;
+        const char* name;
+    } kNames[] = {
+        {OK, "OK"},
+        {UNKNOWN_ERROR, "UNKNOWN_ERROR"},
+        {NO_MEMORY, "NO_MEMORY"},
+        {INVALID_OPERATION, "INVALID_OPERATION"},
+        {BAD_VALUE, "BAD_VALUE"},
+        {BAD_TYPE, "BAD_TYPE"},
+        {NAME_NOT_FOUND, "NAME_NOT_FOUND"},
+        {PERMISSION_DENIED, "PERMISSION_DENIED"},
+        {NO_INIT, "NO_INIT"},
+        {ALREADY_EXISTS, "ALREADY_EXISTS"},
+        {DEAD_OBJECT, "DEAD_OBJECT"},
+        {FAILED_TRANSACTION, "FAILED_TRANSACTION"},
+        {BAD_INDEX, "BAD_INDEX"},
+        {NOT_ENOUGH_DATA, "NOT_ENOUGH_DATA"},
+        {WOULD_BLOCK, "WOULD_BLOCK"},
+        {TIMED_OUT, "TIMED_OUT"},
+        {UNKNOWN_TRANSACTION, "UNKNOWN_TRANSACTION"},
+        {FDS_NOT_ALLOWED, "FDS_NOT_ALLOWED"},
+        {UNEXPECTED_NULL, "UNEXPECTED_NULL"},
+    };
+    for (const auto& entry : kNames) {
+        if (entry.status == status) return entry.name;
+    }
+    return std::to_string(status);
+}
+
+namespace hardware {
+
+hidl_death_recipient::hidl_death_recipient() {
+    host::observe(host::Event::kHidlRecipientCreated);
+}
+
+hidl_death_recipient::~hidl_death_recipient() {
+    host::observe(host::Event::kHidlRecipientDestroyed);
+}
+
+Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
+    const bool failed = exceptionCode == EX_TRANSACTION_FAILED;
+    return Status(exceptionCode, failed ? FAILED_TRANSACTION : OK, message);
+}
+
+Status Status::fromStatusT(status_t status, const char* message) {
+    if (status == OK) return ok();
+    return Status(EX_TRANSACTION_FAILED, status, message);
+}
+
+std::string Status::description() const {
+    if (isOk()) return "No error";
+    std::string text = "Status(" + std::to_string(mException) + "): '";
+    if (mException == EX_TRANSACTION_FAILED) {
+        text += statusToString(mTransactionError);
+        if (!mMessage.empty()) text += ": ";
+    }
+    return text + mMessage + "'";
+}
+
+namespace details {
+
+return_status::return_status(return_status&& other) noexcept
+    : mStatus(std::move(other.mStatus)), mChecked(std::exchange(other.mChecked, true)) {}
+
+return_status& return_status::operator=(return_status&& other) noexcept {
+    endUnlessChecked();
+    mStatus = std::move(other.mStatus);
+    mChecked = std::exchange(other.mChecked, true);
+    return *this;
+}
+
+return_status::~return_status() {
+    endUnlessChecked();
+}
+
+void return_status::assertOk() const {
+    if (isOk()) return;
+    __android_log_print(ANDROID_LOG_FATAL, "HidlStatus",
+                        "The value of a failed HIDL call was used. Error is: %s",
+                        description().c_str());
+    std::abort();
+}
+
+void return_status::endUnlessChecked() const {
+    if (mChecked || mStatus.isOk()) return;
+    __android_log_print(ANDROID_LOG_FATAL, "HidlStatus",
+                        "Failed HIDL return status not checked. Error is: %s",
+                        description().c_str());
+    std::abort();
+}
+
+}  // namespace details
+}  // namespace hardware
+
+namespace hidl::base::V1_0 {
+
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::hidl_string;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+
+Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    _hidl_cb(hidl_string("android.hidl.base@1.0::IBase"));
+    return Void();
+}
+
+Return<void> IBase::ping() {
+    return Void();
+}
+
+Return<bool> IBase::linkToDeath(const sp<hidl_death_recipient>&, uint64_t) {
+    return false;  // an object of the caller's own process does not die before the caller
+}
+
+Return<bool> IBase::unlinkToDeath(const sp<hidl_death_recipient>&) {
+    return false;
+}
+
+}  // namespace hidl::base::V1_0
+}  // namespace android

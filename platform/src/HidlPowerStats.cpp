@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <android/hardware/power/stats/1.0/IPowerStats.h>
+
+#include <memory>
+#include <utility>
+
+#include "Peer.h"
+#include "Register.h"
+
+namespace android::hardware::power::stats::V1_0 {
+namespace {
+
+using TransportStatus = ::android::hardware::Status;
+
+TransportStatus toTransportStatus(const host::Failure& failure) {
+    if (failure.exceptionCode == TransportStatus::EX_TRANSACTION_FAILED) {
+        return TransportStatus::fromStatusT(failure.transactionError, failure.message.c_str());
+    }
+    return TransportStatus::fromExceptionCode(failure.exceptionCode, failure.message.c_str());
+}
+
+class HidlDeathLink : public host::DeathLink {
+  public:
+    HidlDeathLink(const sp<hidl::base::V1_0::IBase>& proxy,
+                  const sp<hidl_death_recipient>& recipient, uint64_t cookie)
+        : DeathLink(proxy.get(), recipient.get(), cookie), mProxy(proxy), mRecipient(recipient) {}
+
+    void deliver() override {
+        if (sp<hidl_death_recipient> held = mRecipient.promote()) held->serviceDied(cookie, mProxy);
+    }
+
+  private:
+    const wp<hidl::base::V1_0::IBase> mProxy;
+    // Weak: a client may go without unlinking.
+    const wp<hidl_death_recipient> mRecipient;
+};
+
+/// The proxy. It forwards to the service while that lives and fails with DEAD_OBJECT once it is
+/// dead; a service that dies before it has answered has not answered.
+class BpHwPowerStats : public IPowerStats {
+  public:
+    BpHwPowerStats(const sp<IPowerStats>& service, std::shared_ptr<host::Peer> peer)
+        : mService(service), mPeer(std::move(peer)) {}
+
+    ~BpHwPowerStats() override {
+        mPeer->unlinkAll(identity());
+        host::observe(host::Event::kHidlProxyDestroyed);
+    }
+
+    bool isRemote() const override { return true; }
+
+    Return<void> ping() override {
+        if (mPeer->isAlive()) return Void();
+        return toTransportStatus(host::deadObject());
+    }
+
+    Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
+        if (auto failure = mPeer->beginLink()) return toTransportStatus(*failure);
+        auto link = std::make_shared<HidlDeathLink>(this, recipient, cookie);
+        return mPeer->link(std::move(link)) == host::Peer::LinkResult::kLinked;
+    }
+
+    Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
+        return mPeer->unlink(identity(), recipient.get(), std::nullopt) ==
+               host::Peer::UnlinkResult::kUnlinked;
+    }
+
+    Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
+        return transact(host::Method::kHidlGetRailInfo, _hidl_cb,
+                        [&](auto answer) { return mService->getRailInfo(answer); });
+    }
+
+    Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
+                               getEnergyData_cb _hidl_cb) override {
+        return transact(host::Method::kHidlGetEnergyData, _hidl_cb,
+                        [&](auto answer) { return mService->getEnergyData(railIndices, answer); });
+    }
+
+    Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
+        return TransportStatus::fromStatusT(UNKNOWN_TRANSACTION);
+    }
+
+    Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
+        return transact(host::Method::kHidlGetPowerEntityInfo, _hidl_cb,
+                        [&](auto answer) { return mService->getPowerEntityInfo(answer); });
+    }
+
+    Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
+                                         getPowerEntityStateInfo_cb _hidl_cb) override {
+        return transact(host::Method::kHidlGetPowerEntityStateInfo, _hidl_cb, [&](auto answer) {
+            return mService->getPowerEntityStateInfo(powerEntityIds, answer);
+        });
+    }
+
+    Return<void> getPowerEntityStateResidencyData(
+        const hidl_vec<uint32_t>& powerEntityIds,
+        getPowerEntityStateResidencyData_cb _hidl_cb) override {
+        return transact(
+            host::Method::kHidlGetPowerEntityStateResidencyData, _hidl_cb, [&](auto answer) {
+                return mService->getPowerEntityStateResidencyData(powerEntityIds, answer);
+            });
+    }
+
+  private:
+    /// What links made through this proxy are known by.
+    const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
+
+    /// Makes one call of the service.
+    /// @param call [in] `Return<void>(answer)`, where `answer` is the callback for the service
+    template <typename Callback, typename Call>
+    Return<void> transact(host::Method method, const Callback& callback, Call call) {
+        if (auto failure = mPeer->begin(method)) return toTransportStatus(*failure);
+        struct {
+            const host::Peer& peer;
+            const Callback& callback;
+            bool answered;
+        } transaction{*mPeer, callback, false};
+        // One captured pointer, so that the std::function made of it allocates nothing.
+        Return<void> result = call([&transaction](const auto& records, V1_0::Status status) {
+            if (transaction.answered || !transaction.peer.isAlive()) return;
+            transaction.answered = true;
+            transaction.callback(records, status);
+        });
+        if (transaction.answered || !result.isOkUnchecked()) return result;
+        if (!mPeer->isAlive()) return toTransportStatus(host::deadObject());
+        return TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer");
+    }
+
+    const sp<IPowerStats> mService;
+    const std::shared_ptr<host::Peer> mPeer;
+};
+
+std::string registeredName(const std::string& serviceName) {
+    return std::string(IPowerStats::descriptor) + "/" + serviceName;
+}
+
+}  // namespace
+
+const char* IPowerStats::descriptor = "android.hardware.power.stats@1.0::IPowerStats";
+
+Return<void> IPowerStats::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    _hidl_cb(hidl_string(descriptor));
+    return Void();
+}
+
+sp<IPowerStats> IPowerStats::getService(const std::string& serviceName, bool getStub) {
+    if (getStub) return nullptr;
+    const host::RegisteredService found = host::findService(registeredName(serviceName));
+    if (found.object == nullptr) return nullptr;
+    return new BpHwPowerStats(static_cast<IPowerStats*>(found.object.get()), found.peer);
+}
+
+status_t IPowerStats::registerAsService(const std::string& serviceName) {
+    auto held = std::make_shared<sp<IPowerStats>>(this);
+    host::registerService(registeredName(serviceName),
+                          {std::shared_ptr<void>(held, this), std::make_shared<host::Peer>()});
+    return OK;
+}
+
+}  // namespace android::hardware::power::stats::V1_0

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Peer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Register.h"
+
+namespace host {
+
+ServiceStats* Peer::unnamed() {
+    // Never destroyed, as nothing is that the platform's threads may still use at exit.
+    static auto* const stats = new ServiceStats;
+    return stats;
+}
+
+void Peer::die() {
+    bool linked;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mAlive.exchange(false)) return;
+        linked = !mLinks.empty();
+    }
+    if (linked) deliverNotices(shared_from_this());
+}
+
+std::optional<Failure> Peer::begin(Method method) {
+    stats().transactions[static_cast<size_t>(method)]++;
+    if (auto scripted = stats().nextTransaction(method)) return scripted;
+    if (!isAlive()) return deadObject();
+    return std::nullopt;
+}
+
+std::optional<Failure> Peer::beginLink() {
+    stats().links++;
+    return stats().nextLink();
+}
+
+Peer::LinkResult Peer::link(std::shared_ptr<DeathLink> link) {
+    startWatching();
+    bool late;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mReported) return LinkResult::kReported;
+        mLinks.push_back(std::move(link));
+        late = !mAlive;
+    }
+    if (late) deliverNotices(shared_from_this());
+    return LinkResult::kLinked;
+}
+
+size_t Peer::end(const Matches& matches, size_t most) {
+    std::vector<std::shared_ptr<DeathLink>> ended;
+    bool last;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (auto& link : mLinks) {
+            if (ended.size() < most && matches(*link)) ended.push_back(std::move(link));
+        }
+        mLinks.erase(std::remove(mLinks.begin(), mLinks.end(), nullptr), mLinks.end());
+        last = mLinks.empty() && !ended.empty();
+    }
+    for (const auto& link : ended) {
+        // A notice may be on its way: whoever comes first ends the link.
+        if (!link->mEnded.exchange(true)) link->ended();
+    }
+    if (last) stopWatching();
+    return ended.size();
+}
+
+Peer::UnlinkResult Peer::unlink(const void* owner, const void* recipient,
+                                std::optional<uint64_t> cookie) {
+    stats().unlinks++;
+    auto matches = [=](const DeathLink& link) {
+        return link.owner == owner && link.recipient == recipient &&
+               link.cookie == cookie.value_or(link.cookie);
+    };
+    if (end(matches, 1) != 0) return UnlinkResult::kUnlinked;
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mReported ? UnlinkResult::kReported : UnlinkResult::kNotFound;
+}
+
+void Peer::unlinkAll(const void* owner) {
+    end([=](const DeathLink& link) { return link.owner == owner; }, SIZE_MAX);
+}
+
+void Peer::report() {
+    std::vector<std::shared_ptr<DeathLink>> links;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mReported = true;
+        links = mLinks;
+    }
+    for (const auto& link : links) {
+        if (link->mEnded.exchange(true)) continue;
+        link->deliver();
+        link->ended();
+    }
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        links.swap(mLinks);
+    }
+    stopWatching();
+}
+
+}  // namespace host

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <utils/RefBase.h>
+
+namespace android {
+
+RefBase::RefBase() : mRefs(new weakref_type(this)) {}
+
+RefBase::~RefBase() {
+    // Where the last strong reference ended the object, decStrong still holds the counts. An object
+    // that was never held ends by other means, on the stack or by delete, and they are its own.
+    if (mRefs->mStrong == weakref_type::kNeverHeld && mRefs->mWeak == 0) delete mRefs;
+}
+
+void RefBase::incStrong(const void* id) const {
+    mRefs->incWeak(id);
+    if (mRefs->mStrong.fetch_add(1) != weakref_type::kNeverHeld) return;
+    mRefs->mStrong -= weakref_type::kNeverHeld;
+    const_cast<RefBase*>(this)->onFirstRef();
+}
+
+void RefBase::decStrong(const void* id) const {
+    weakref_type* const refs = mRefs;
+    if (refs->mStrong.fetch_sub(1) == 1) {
+        const_cast<RefBase*>(this)->onLastStrongRef(id);
+        delete this;
+    }
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): an object that was held leaves its counts
+    refs->decWeak(id);
+}
+
+int32_t RefBase::getStrongCount() const {
+    const int32_t count = mRefs->mStrong;
+    return count >= weakref_type::kNeverHeld ? count - weakref_type::kNeverHeld : count;
+}
+
+RefBase::weakref_type* RefBase::createWeak(const void* id) const {
+    mRefs->incWeak(id);
+    return mRefs;
+}
+
+void RefBase::weakref_type::incWeak(const void* /*id*/) {
+    mWeak.fetch_add(1);
+}
+
+void RefBase::weakref_type::decWeak(const void* /*id*/) {
+    if (mWeak.fetch_sub(1) == 1) delete this;
+}
+
+bool RefBase::weakref_type::attemptIncStrong(const void* id) {
+    int32_t count = mStrong;
+    while (count != 0) {
+        if (count == kNeverHeld) {
+            mBase->incStrong(id);
+            return true;
+        }
+        if (mStrong.compare_exchange_weak(count, count + 1)) {
+            incWeak(id);
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace android

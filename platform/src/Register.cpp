@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Register.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+namespace host {
+namespace {
+
+struct Register {
+    std::mutex mutex;
+    std::unordered_map<std::string, RegisteredService> services;
+    std::unordered_map<std::string, std::unique_ptr<ServiceStats>> stats;
+    std::atomic<bool> busLookups{true};
+
+    // Never destroyed: services and threads may use it until the process has ended.
+    static Register& get() {
+        static auto* const instance = new Register;
+        return *instance;
+    }
+};
+
+struct MethodName {
+    std::string_view service;
+    std::string_view method;
+};
+
+constexpr MethodName kMethodNames[] = {
+    {kAidlPowerStats, "getPowerEntityInfo"},
+    {kAidlPowerStats, "getStateResidency"},
+    {kAidlPowerStats, "getEnergyMeterInfo"},
+    {kAidlPowerStats, "readEnergyMeter"},
+    {kHidlPowerStats, "getRailInfo"},
+    {kHidlPowerStats, "getEnergyData"},
+    {kHidlPowerStats, "getPowerEntityInfo"},
+    {kHidlPowerStats, "getPowerEntityStateInfo"},
+    {kHidlPowerStats, "getPowerEntityStateResidencyData"},
+};
+static_assert(std::size(kMethodNames) == static_cast<size_t>(Method::kCount));
+
+Method methodOf(const std::string& service, const std::string& method) {
+    for (size_t i = 0; i < std::size(kMethodNames); ++i) {
+        if (kMethodNames[i].service == service && kMethodNames[i].method == method) {
+            return static_cast<Method>(i);
+        }
+    }
+    std::fprintf(stderr, "host: %s has no method %s that can be counted or scripted\n",
+                 service.c_str(), method.c_str());
+    std::abort();
+}
+
+/// Takes a service out of the register; its object is null when there was none.
+RegisteredService remove(const std::string& name) {
+    Register& all = Register::get();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    auto entry = all.services.find(name);
+    if (entry == all.services.end()) return {};
+    RegisteredService service = std::move(entry->second);
+    all.services.erase(entry);
+    return service;
+}
+
+}  // namespace
+
+void ServiceStats::scriptTransaction(Method method, const Failure& failure, int times) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    Script& script = mTransactionScripts[static_cast<size_t>(method)];
+    script.failure = failure;
+    script.times = times;
+}
+
+void ServiceStats::scriptLink(const Failure& failure, int times) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLinkScript.failure = failure;
+    mLinkScript.times = times;
+}
+
+std::optional<Failure> ServiceStats::nextTransaction(Method method) {
+    return next(&mTransactionScripts[static_cast<size_t>(method)]);
+}
+
+std::optional<Failure> ServiceStats::nextLink() {
+    return next(&mLinkScript);
+}
+
+std::optional<Failure> ServiceStats::next(Script* script) {
+    if (script->times == 0) return std::nullopt;  // the usual case takes no lock
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (script->times == 0) return std::nullopt;
+    --script->times;
+    return script->failure;
+}
+
+ServiceStats& ServiceStats::of(const std::string& name) {
+    Register& all = Register::get();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    auto& stats = all.stats[name];
+    if (stats == nullptr) stats = std::make_unique<ServiceStats>();
+    return *stats;
+}
+
+void registerService(const std::string& name, RegisteredService service) {
+    service.peer->setStats(&ServiceStats::of(name));
+    Register& all = Register::get();
+    {
+        std::lock_guard<std::mutex> lock(all.mutex);
+        std::swap(all.services[name], service);
+    }
+    // What was registered before is released here, without the lock.
+}
+
+RegisteredService findService(const std::string& name) {
+    ServiceStats::of(name).lookups++;
+    Register& all = Register::get();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    auto entry = all.services.find(name);
+    return entry != all.services.end() ? entry->second : RegisteredService{};
+}
+
+bool busLookupsEnabled() {
+    return Register::get().busLookups;
+}
+
+void setBusLookups(bool enabled) {
+    Register::get().busLookups = enabled;
+}
+
+bool unregisterService(const std::string& name) {
+    return remove(name).object != nullptr;
+}
+
+bool killService(const std::string& name) {
+    RegisteredService service = remove(name);
+    if (service.object == nullptr) return false;
+    service.peer->die();
+    return true;
+}
+
+Failure deadObject() {
+    Failure failure;
+    failure.transactionError = -32;
+    return failure;
+}
+
+void failTransactions(const std::string& name, const std::string& method, const Failure& failure,
+                      int times) {
+    ServiceStats::of(name).scriptTransaction(methodOf(name, method), failure, times);
+}
+
+void failLinks(const std::string& name, const Failure& failure, int times) {
+    ServiceStats::of(name).scriptLink(failure, times);
+}
+
+int64_t lookups(const std::string& name) {
+    return ServiceStats::of(name).lookups;
+}
+
+int64_t links(const std::string& name) {
+    return ServiceStats::of(name).links;
+}
+
+int64_t unlinks(const std::string& name) {
+    return ServiceStats::of(name).unlinks;
+}
+
+int64_t transactions(const std::string& name, const std::string& method) {
+    return ServiceStats::of(name).transactions[static_cast<size_t>(methodOf(name, method))];
+}
+
+int64_t transactions(const std::string& name) {
+    int64_t sum = 0;
+    for (const auto& count : ServiceStats::of(name).transactions) sum += count;
+    return sum;
+}
+
+namespace {
+
+struct Observer {
+    std::mutex mutex;
+    std::shared_ptr<const std::function<void(Event)>> function;
+
+    static Observer& get() {
+        static auto* const instance = new Observer;
+        return *instance;
+    }
+};
+
+}  // namespace
+
+void setObserver(std::function<void(Event)> observer) {
+    auto function = observer
+                        ? std::make_shared<const std::function<void(Event)>>(std::move(observer))
+                        : nullptr;
+    std::lock_guard<std::mutex> lock(Observer::get().mutex);
+    Observer::get().function = std::move(function);
+}
+
+void observe(Event event) {
+    std::shared_ptr<const std::function<void(Event)>> function;
+    {
+        std::lock_guard<std::mutex> lock(Observer::get().mutex);
+        function = Observer::get().function;
+    }
+    if (function != nullptr) (*function)(event);
+}
+
+}  // namespace host
