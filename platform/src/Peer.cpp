@@ -76,9 +76,10 @@ Peer::UnlinkResult Peer::unlink(const void* owner, const void* recipient,
         return link.owner == owner && link.recipient == recipient &&
                link.cookie == cookie.value_or(link.cookie);
     };
-    if (end(matches, 1) != 0) return UnlinkResult::kUnlinked;
+    const bool found = end(matches, 1) != 0;
     std::lock_guard<std::mutex> lock(mMutex);
-    return mReported ? UnlinkResult::kReported : UnlinkResult::kNotFound;
+    if (mReported) return UnlinkResult::kReported;
+    return found ? UnlinkResult::kUnlinked : UnlinkResult::kNotFound;
 }
 
 void Peer::unlinkAll(const void* owner) {
@@ -97,6 +98,7 @@ void Peer::report() {
         link->deliver();
         link->ended();
     }
+    links.clear();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         links.swap(mLinks);
