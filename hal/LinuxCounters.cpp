@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "hal/LinuxCounters.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <utility>
+
+#include "hal/NamesAndIds.h"
+
+namespace powerstats {
+
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+constexpr int kRailIdBits = 31;
+
+/// Well above what any zone draws, whole machines with several processors included.
+constexpr int64_t kGreatestZonePowerWatts = 5000;
+/// Two readings in the shortest possible wrap, so that one may come late.
+constexpr int64_t kReadingsPerWrap = 2;
+/// A range that calls for more than this is not one of real hardware.
+constexpr milliseconds kShortestInterval{10};
+
+std::vector<Rail> nameRails(std::vector<RailSource> sources) {
+    std::sort(sources.begin(), sources.end(),
+              [](const RailSource& a, const RailSource& b) { return a.path < b.path; });
+    std::vector<std::vector<std::string>> choices;
+    choices.reserve(sources.size());
+    for (const RailSource& source : sources) choices.push_back(source.names);
+    std::vector<std::string> names = distinctNames(choices);
+
+    PathIds ids(0, kRailIdBits);
+    std::vector<Rail> rails;
+    for (size_t i = 0; i < sources.size(); ++i) {
+        const int32_t id = ids.add(sources[i].path);
+        rails.push_back({id, std::move(names[i]), std::move(sources[i])});
+    }
+    return rails;
+}
+
+template <typename Thing>
+void append(std::vector<Thing>* list, std::vector<Thing> more) {
+    std::move(more.begin(), more.end(), std::back_inserter(*list));
+}
+
+template <typename Thing>
+Answer<const Thing*> select(const std::vector<Thing>& things, const std::vector<int32_t>& ids) {
+    Answer<const Thing*> selected;
+    if (ids.empty()) {
+        for (const Thing& thing : things) selected.records.push_back(&thing);
+        return selected;
+    }
+    for (const int32_t id : ids) {
+        const auto found = std::find_if(things.begin(), things.end(),
+                                        [id](const Thing& thing) { return thing.id == id; });
+        if (found == things.end()) return {id, {}};
+        selected.records.push_back(&*found);
+    }
+    return selected;
+}
+
+}  // namespace
+
+LinuxCounters::LinuxCounters(const Options& options) : mReadClock(options.readClock) {
+    const auto sysfs = std::make_shared<const Sysfs>(options.root, options.warn);
+
+    std::vector<RailSource> sources = findHwmonRails(sysfs);
+    append(&sources, findPowercapRails(sysfs));
+    mRails = nameRails(std::move(sources));
+
+    mEntities.push_back(makeSystemEntity(sysfs, mReadClock));
+    append(&mEntities, findIdleCpus(sysfs));
+    append(&mEntities, findSuspendingDevices(sysfs));
+
+    startSampling();
+}
+
+void LinuxCounters::startSampling() {
+    std::vector<std::function<std::optional<int64_t>()>> wrapping;
+    std::optional<int64_t> smallestRange;
+    for (const Rail& rail : mRails) {
+        if (!rail.source.wrapsAfterUWs) continue;
+        wrapping.push_back(rail.source.read);
+        smallestRange = std::min(smallestRange.value_or(INT64_MAX), *rail.source.wrapsAfterUWs);
+    }
+    if (wrapping.empty()) return;
+    const microseconds shortestWrap(*smallestRange / kGreatestZonePowerWatts);
+    const auto interval = duration_cast<milliseconds>(shortestWrap / kReadingsPerWrap);
+    mSampler = std::make_unique<PeriodicThread>("counter-sampler",
+                                                std::max(interval, kShortestInterval), [wrapping] {
+                                                    for (const auto& read : wrapping) read();
+                                                });
+}
+
+Answer<const EntitySource*> LinuxCounters::selectEntities(const std::vector<int32_t>& ids) const {
+    return select(mEntities, ids);
+}
+
+Answer<RailEnergy> LinuxCounters::readRails(const std::vector<int32_t>& ids) const {
+    const Answer<const Rail*> selected = select(mRails, ids);
+    Answer<RailEnergy> answer{selected.unknownId, {}};
+    for (const Rail* rail : selected.records) {
+        if (const auto energy = rail->source.read()) answer.records.push_back({rail->id, *energy});
+    }
+    return answer;
+}
+
+Answer<EntityResidency> LinuxCounters::readEntities(const std::vector<int32_t>& ids) const {
+    const Answer<const EntitySource*> selected = select(mEntities, ids);
+    Answer<EntityResidency> answer{selected.unknownId, {}};
+    for (const EntitySource* entity : selected.records) {
+        EntityResidency record{entity->id, {}};
+        for (const StateSource& state : entity->states) {
+            if (const auto time = state.read()) record.states.push_back({state.id, *time});
+        }
+        if (!record.states.empty()) answer.records.push_back(std::move(record));
+    }
+    return answer;
+}
+
+int64_t LinuxCounters::timestampMs() const {
+    return duration_cast<milliseconds>(mReadClock(CLOCK_BOOTTIME)).count();
+}
+
+}  // namespace powerstats

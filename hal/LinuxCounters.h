@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hal/CounterSources.h"
+#include "hal/PeriodicThread.h"
+#include "hal/Sysfs.h"
+
+namespace powerstats {
+
+struct Rail {
+    /// From the path of the rail's counter: the same for the same rail in every run.
+    int32_t id = 0;
+    /// Unique among the rails.
+    std::string name;
+    RailSource source;
+};
+
+struct RailEnergy {
+    int32_t id = 0;
+    int64_t energyUWs = 0;
+};
+
+struct StateResidency {
+    int32_t id = 0;
+    Residency residency;
+};
+
+struct EntityResidency {
+    int32_t id = 0;
+    std::vector<StateResidency> states;
+};
+
+/// The answer to a request for certain ids.
+template <typename Record>
+struct Answer {
+    /// An id of the request that there is not; then there are no records.
+    std::optional<int32_t> unknownId;
+    /// In the order of the request, or of the set when the request was empty, which means all. A
+    /// thing that cannot be read now is left out.
+    std::vector<Record> records;
+};
+
+/// What a Linux machine's kernel tells about power: energy rails, and entities with the time spent
+/// in each of their states. Nothing is estimated: what a machine does not measure is not shown.
+///
+/// The set of rails, entities and states is fixed when this object is made. Clients keep names by
+/// their ids and some end on an id that they do not know, so nothing is ever added; what goes away,
+/// or cannot be read, is missing from an answer until it is back.
+///
+/// Ids are never negative and come from the thing itself: a CPU has its number, the system 0x10000,
+/// a device 0x40000000 and more by its path, a rail a number by its path.
+///
+/// While a counter that wraps is among the rails, a thread reads it often enough that no wrap is
+/// missed. Safe to use from any thread.
+class LinuxCounters {
+  public:
+    struct Options {
+        std::string root = "/sys";
+        /// Receives a line for each file that is there and cannot be used, once.
+        WarningCallback warn;
+        ReadClock readClock = readKernelClock;
+    };
+
+    explicit LinuxCounters(const Options& options);
+
+    const std::vector<Rail>& rails() const { return mRails; }
+    const std::vector<EntitySource>& entities() const { return mEntities; }
+
+    /// The entities of a request, readable or not.
+    Answer<const EntitySource*> selectEntities(const std::vector<int32_t>& ids) const;
+
+    Answer<RailEnergy> readRails(const std::vector<int32_t>& ids) const;
+
+    /// A state that cannot be read is left out of its entity, and an entity without any state left
+    /// out of the answer.
+    Answer<EntityResidency> readEntities(const std::vector<int32_t>& ids) const;
+
+    /// Now, in milliseconds since boot, including suspend.
+    int64_t timestampMs() const;
+
+  private:
+    void startSampling();
+
+    const ReadClock mReadClock;
+    std::vector<Rail> mRails;
+    std::vector<EntitySource> mEntities;
+    /// Last, so that it has stopped before what it reads goes. Null when no counter wraps.
+    std::unique_ptr<PeriodicThread> mSampler;
+};
+
+}  // namespace powerstats

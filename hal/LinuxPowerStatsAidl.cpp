@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "hal/LinuxPowerStatsAidl.h"
+
+#include <string>
+#include <utility>
+
+namespace powerstats {
+
+using aidl::android::hardware::power::stats::Channel;
+using aidl::android::hardware::power::stats::EnergyConsumer;
+using aidl::android::hardware::power::stats::EnergyConsumerResult;
+using aidl::android::hardware::power::stats::EnergyMeasurement;
+using aidl::android::hardware::power::stats::PowerEntity;
+using aidl::android::hardware::power::stats::StateResidencyResult;
+using ndk::ScopedAStatus;
+
+namespace {
+
+ScopedAStatus unknownId(const char* thing, int32_t id) {
+    const std::string message = std::string("no ") + thing + " has the id " + std::to_string(id);
+    return ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_ARGUMENT, message.c_str());
+}
+
+}  // namespace
+
+LinuxPowerStatsAidl::LinuxPowerStatsAidl(std::shared_ptr<const LinuxCounters> counters)
+    : mCounters(std::move(counters)) {}
+
+ScopedAStatus LinuxPowerStatsAidl::getPowerEntityInfo(std::vector<PowerEntity>* entities) {
+    entities->clear();
+    for (const EntitySource& source : mCounters->entities()) {
+        PowerEntity entity;
+        entity.id = source.id;
+        entity.name = source.name;
+        for (const StateSource& state : source.states) {
+            entity.states.emplace_back();
+            entity.states.back().id = state.id;
+            entity.states.back().name = state.name;
+        }
+        entities->push_back(std::move(entity));
+    }
+    return ScopedAStatus::ok();
+}
+
+ScopedAStatus LinuxPowerStatsAidl::getStateResidency(
+    const std::vector<int32_t>& entityIds, std::vector<StateResidencyResult>* residencies) {
+    residencies->clear();
+    const Answer<EntityResidency> answer = mCounters->readEntities(entityIds);
+    if (answer.unknownId) return unknownId("power entity", *answer.unknownId);
+    for (const EntityResidency& entity : answer.records) {
+        StateResidencyResult result;
+        result.id = entity.id;
+        for (const StateResidency& state : entity.states) {
+            result.stateResidencyData.emplace_back();
+            result.stateResidencyData.back().id = state.id;
+            result.stateResidencyData.back().totalTimeInStateMs = state.residency.totalTimeMs;
+            result.stateResidencyData.back().totalStateEntryCount = state.residency.entryCount;
+        }
+        residencies->push_back(std::move(result));
+    }
+    return ScopedAStatus::ok();
+}
+
+ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumerInfo(std::vector<EnergyConsumer>* consumers) {
+    consumers->clear();
+    return ScopedAStatus::ok();
+}
+
+ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumed(const std::vector<int32_t>& consumerIds,
+                                                     std::vector<EnergyConsumerResult>* energies) {
+    energies->clear();
+    if (!consumerIds.empty()) return unknownId("energy consumer", consumerIds.front());
+    return ScopedAStatus::ok();
+}
+
+ScopedAStatus LinuxPowerStatsAidl::getEnergyMeterInfo(std::vector<Channel>* channels) {
+    channels->clear();
+    for (const Rail& rail : mCounters->rails()) {
+        channels->emplace_back();
+        channels->back().id = rail.id;
+        channels->back().name = rail.name;
+        channels->back().subsystem = rail.source.subsystem;
+    }
+    return ScopedAStatus::ok();
+}
+
+ScopedAStatus LinuxPowerStatsAidl::readEnergyMeter(const std::vector<int32_t>& channelIds,
+                                                   std::vector<EnergyMeasurement>* measurements) {
+    measurements->clear();
+    const int64_t timestampMs = mCounters->timestampMs();
+    const Answer<RailEnergy> answer = mCounters->readRails(channelIds);
+    if (answer.unknownId) return unknownId("channel", *answer.unknownId);
+    for (const RailEnergy& rail : answer.records) {
+        measurements->emplace_back();
+        measurements->back().id = rail.id;
+        measurements->back().timestampMs = timestampMs;
+        measurements->back().durationMs = timestampMs;
+        measurements->back().energyUWs = rail.energyUWs;
+    }
+    return ScopedAStatus::ok();
+}
+
+}  // namespace powerstats

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <android/hardware/power/stats/1.0/IPowerStats.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "hal/LinuxCounters.h"
+
+namespace powerstats {
+
+/// A Linux machine's counters as the HIDL 1.0 power stats service.
+///
+/// A list of ids that is not empty is honoured, in its order; an id that there is not is answered
+/// with INVALID_INPUT and no records. What cannot be read now is left out. A machine without rails
+/// answers NOT_SUPPORTED to both questions about rails.
+class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPowerStats {
+  public:
+    explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters);
+
+    /// `samplingRate` is 0: the kernel's counters have no rate of their own.
+    android::hardware::Return<void> getRailInfo(getRailInfo_cb callback) override;
+    android::hardware::Return<void> getEnergyData(
+        const android::hardware::hidl_vec<uint32_t>& railIndices,
+        getEnergyData_cb callback) override;
+    /// Answers NOT_SUPPORTED.
+    android::hardware::Return<void> streamEnergyData(uint32_t timeMs, uint32_t samplingRate,
+                                                     streamEnergyData_cb callback) override;
+
+    android::hardware::Return<void> getPowerEntityInfo(getPowerEntityInfo_cb callback) override;
+    android::hardware::Return<void> getPowerEntityStateInfo(
+        const android::hardware::hidl_vec<uint32_t>& entityIds,
+        getPowerEntityStateInfo_cb callback) override;
+    /// `lastEntryTimestampMs` is 0: the kernel does not tell when a state was entered.
+    android::hardware::Return<void> getPowerEntityStateResidencyData(
+        const android::hardware::hidl_vec<uint32_t>& entityIds,
+        getPowerEntityStateResidencyData_cb callback) override;
+
+  private:
+    const std::shared_ptr<const LinuxCounters> mCounters;
+};
+
+}  // namespace powerstats

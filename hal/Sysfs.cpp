@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "hal/Sysfs.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+namespace powerstats {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// More than any attribute of sysfs holds, which is one page.
+constexpr size_t kMaxFileSize = 4096;
+
+/// What the kernel answers when a device has gone, on opening the file or in the middle of reading.
+bool meansAbsent(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
+}
+
+const char* remedyFor(int error) {
+    if (error == EACCES || error == EPERM) return "run as root, or grant read access";
+    if (error == EISDIR) return "expected a file: check that this is a sysfs tree";
+    return "left out until it can be read; the kernel log may say more";
+}
+
+std::string withoutSpaceAround(const std::string& text) {
+    constexpr char kSpace[] = " \t\r\n";
+    const size_t first = text.find_first_not_of(kSpace);
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
+}
+
+std::string withoutSlashAtEnd(const std::string& folder) {
+    return folder.substr(0, folder.find_last_not_of('/') + 1);
+}
+
+/// An open file, closed with its scope.
+struct OpenFile {
+    explicit OpenFile(const std::string& file)
+        : descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    ~OpenFile() {
+        if (descriptor >= 0) close(descriptor);
+    }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    const int descriptor;
+};
+
+}  // namespace
+
+Sysfs::Sysfs(const std::string& root, WarningCallback warn)
+    : mRoot(withoutSlashAtEnd(root)), mWarn(std::move(warn)) {}
+
+std::string Sysfs::fullPath(const std::string& path) const {
+    return mRoot + "/" + path;
+}
+
+std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
+    const std::optional<std::string> text = readText(path);
+    if (!text) return std::nullopt;
+    int64_t number = 0;
+    const char* end = text->data() + text->size();
+    const auto [rest, error] = std::from_chars(text->data(), end, number);
+    if (error != std::errc() || rest != end || number < 0) {
+        warnOnce(path, "not a whole number from 0 to 2^63 - 1",
+                 "left out until it is one; check the driver that provides it");
+        return std::nullopt;
+    }
+    return number;
+}
+
+std::optional<std::string> Sysfs::readName(const std::string& path) const {
+    std::optional<std::string> text = readText(path);
+    if (text && text->empty()) return std::nullopt;
+    return text;
+}
+
+std::optional<std::string> Sysfs::readText(const std::string& path) const {
+    const OpenFile file(fullPath(path));
+    if (file.descriptor < 0) {
+        warnUnlessAbsent(path, errno);
+        return std::nullopt;
+    }
+    char buffer[kMaxFileSize];
+    size_t size = 0;
+    while (size < sizeof(buffer)) {
+        const ssize_t got = read(file.descriptor, buffer + size, sizeof(buffer) - size);
+        if (got == 0) break;
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            warnUnlessAbsent(path, errno);
+            return std::nullopt;
+        }
+        size += static_cast<size_t>(got);
+    }
+    return withoutSpaceAround(std::string(buffer, size));
+}
+
+std::vector<std::string> Sysfs::entries(const std::string& folder) const {
+    return list(folder, false);
+}
+
+std::vector<std::string> Sysfs::ownFolders(const std::string& folder) const {
+    return list(folder, true);
+}
+
+std::vector<std::string> Sysfs::list(const std::string& folder, bool ownFoldersOnly) const {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator entry(fullPath(folder), error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ofEntry;
+        if (ownFoldersOnly && (entry->is_symlink(ofEntry) || !entry->is_directory(ofEntry))) {
+            continue;
+        }
+        names.push_back(entry->path().filename().string());
+    }
+    if (error) warnUnlessAbsent(folder, error.value());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void Sysfs::warnUnlessAbsent(const std::string& path, int error) const {
+    if (meansAbsent(error)) return;
+    warnOnce(path, std::generic_category().message(error), remedyFor(error));
+}
+
+void Sysfs::warnOnce(const std::string& path, const std::string& reason,
+                     const std::string& remedy) const {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mWarnedPaths.insert(path).second) return;
+    }
+    // Outside of the lock: the callback is not ours.
+    if (mWarn) mWarn(fullPath(path) + ": " + reason + " (" + remedy + ")");
+}
+
+std::optional<int32_t> numberInName(const std::string& name, const std::string& prefix,
+                                    const std::string& suffix, int32_t max) {
+    if (name.size() <= prefix.size() + suffix.size()) return std::nullopt;
+    const char* end = name.data() + name.size() - suffix.size();
+    int32_t number = 0;
+    const auto [rest, error] = std::from_chars(name.data() + prefix.size(), end, number);
+    const bool fits = name.compare(0, prefix.size(), prefix) == 0 && suffix == end;
+    if (!fits || error != std::errc() || rest != end || number < 0 || number > max) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+}  // namespace powerstats

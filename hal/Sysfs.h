@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace powerstats {
+
+/// Receives one line of text, without the program's name and without an end of line.
+/// May be called on any thread that reads a counter.
+using WarningCallback = std::function<void(const std::string& text)>;
+
+/// The kernel's files below one root folder, which is `/sys` or a tree that looks like it.
+///
+/// Paths are relative to the root ("class/powercap/intel-rapl:0/energy_uj"). A file or folder that
+/// is not there is no fault: devices come and go. One that is there and cannot be used gives one
+/// warning in the life of this object, which names it, the reason and the remedy.
+///
+/// Safe to use from any thread.
+class Sysfs {
+  public:
+    Sysfs(const std::string& root, WarningCallback warn);
+
+    /// The path of a file as a user would type it.
+    std::string fullPath(const std::string& path) const;
+
+    /// Reads a file that holds one whole number from 0 to 2^63 - 1.
+    /// @return std::nullopt when the file is absent, cannot be read or holds something else.
+    std::optional<int64_t> readNumber(const std::string& path) const;
+
+    /// Reads a file that holds a name: its text without white space around it.
+    /// @return std::nullopt when the file is absent, cannot be read or is blank.
+    std::optional<std::string> readName(const std::string& path) const;
+
+    /// The names of all entries of a folder, sorted. Empty when there is no such folder.
+    std::vector<std::string> entries(const std::string& folder) const;
+
+    /// The names of the folders in a folder, sorted; a symbolic link is none, whatever it leads to.
+    std::vector<std::string> ownFolders(const std::string& folder) const;
+
+  private:
+    std::vector<std::string> list(const std::string& folder, bool ownFoldersOnly) const;
+    std::optional<std::string> readText(const std::string& path) const;
+    void warnOnce(const std::string& path, const std::string& reason,
+                  const std::string& remedy) const;
+    void warnUnlessAbsent(const std::string& path, int error) const;
+
+    const std::string mRoot;
+    const WarningCallback mWarn;
+    mutable std::mutex mMutex;
+    mutable std::set<std::string> mWarnedPaths;
+};
+
+/// The number in a name that is `prefix`, decimal digits, `suffix`: 12 for "energy12_input" between
+/// "energy" and "_input". std::nullopt for any other name, and for a number above `max`.
+std::optional<int32_t> numberInName(const std::string& name, const std::string& prefix,
+                                    const std::string& suffix, int32_t max);
+
+}  // namespace powerstats

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/HostJavaRuntime.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <type_traits>
+#include <unordered_map>
+#include <utility>
+
+namespace powerstats {
+
+namespace {
+
+/// Written so because the name of this structure differs between Java runtimes.
+using JniFunctions = std::remove_cv_t<std::remove_pointer_t<decltype(JNIEnv::functions)>>;
+
+constexpr char kResidenciesMethod[] =
+    "Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getResidenciesNative";
+constexpr char kRailEnergyMethod[] =
+    "Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getRailEnergyNative";
+
+[[noreturn]] void endProcess(const std::string& call, const char* reason) {
+    std::fprintf(stderr, "JNI: %s: %s\n", call.c_str(), reason);
+    std::abort();
+}
+
+std::string withoutPrefix(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0 ? text.substr(prefix.size()) : text;
+}
+
+}  // namespace
+
+struct HostJniEnv::Impl {
+    /// The JNIEnv itself: a native method hands back this pointer, which leads to the owner.
+    struct Env : JNIEnv {
+        HostJniEnv* owner = nullptr;
+    };
+
+    static jbyteArray newByteArray(JNIEnv* env, jsize length) {
+        return static_cast<Env*>(env)->owner->mImpl->create(length);
+    }
+
+    static void setByteArrayRegion(JNIEnv* env, jbyteArray array, jsize start, jsize length,
+                                   const jbyte* bytes) {
+        static_cast<Env*>(env)->owner->mImpl->fill(array, start, length, bytes);
+    }
+
+    explicit Impl(HostJniEnv* owner) {
+        functions.NewByteArray = newByteArray;
+        functions.SetByteArrayRegion = setByteArrayRegion;
+        env.functions = &functions;
+        env.owner = owner;
+    }
+
+    std::string announce(const std::string& call) const {
+        if (env.owner->onCall) env.owner->onCall(call);
+        return call;
+    }
+
+    jbyteArray create(jsize length) {
+        const std::string call = announce("NewByteArray(" + std::to_string(length) + ")");
+        if (length < 0) endProcess(call, "the length is negative");
+        if (env.owner->heapIsFull) return nullptr;
+        std::lock_guard<std::mutex> lock(mutex);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never used as an address
+        jbyteArray array = reinterpret_cast<jbyteArray>(++lastHandle);
+        arrays.emplace(array, std::vector<uint8_t>(static_cast<size_t>(length)));
+        return array;
+    }
+
+    void fill(jbyteArray array, jsize start, jsize length, const jbyte* bytes) {
+        const std::string call = announce("SetByteArrayRegion(" + std::to_string(start) + ", " +
+                                          std::to_string(length) + ")");
+        if (array == nullptr && env.owner->heapIsFull) return;
+        std::lock_guard<std::mutex> lock(mutex);
+        auto found = arrays.find(array);
+        if (found == arrays.end()) endProcess(call, "not an array of this environment");
+        std::vector<uint8_t>& content = found->second;
+        if (start < 0 || length < 0 ||
+            static_cast<size_t>(start) + static_cast<size_t>(length) > content.size()) {
+            endProcess(call, "the region is outside of the array");
+        }
+        std::copy(bytes, bytes + length, content.begin() + start);
+    }
+
+    Env env{};
+    JniFunctions functions{};
+    mutable std::mutex mutex;
+    std::unordered_map<jbyteArray, std::vector<uint8_t>> arrays;
+    /// Handles are numbers, never used twice, so that a stale one is always recognised.
+    uintptr_t lastHandle = 0;
+};
+
+HostJniEnv::HostJniEnv() : mImpl(std::make_unique<Impl>(this)) {}
+
+HostJniEnv::~HostJniEnv() = default;
+
+JNIEnv* HostJniEnv::get() {
+    return &mImpl->env;
+}
+
+JavaBytes HostJniEnv::take(jbyteArray array) {
+    if (array == nullptr) return std::nullopt;
+    std::lock_guard<std::mutex> lock(mImpl->mutex);
+    auto taken = mImpl->arrays.extract(array);
+    if (taken.empty()) endProcess("take", "not an array of this environment, or taken already");
+    return std::move(taken.mapped());
+}
+
+size_t HostJniEnv::arrays() const {
+    std::lock_guard<std::mutex> lock(mImpl->mutex);
+    return mImpl->arrays.size();
+}
+
+std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {
+    // A name without a slash would be searched for in the system's library folders.
+    const std::string path = std::filesystem::absolute(file).string();
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        *error = file + ": " + withoutPrefix(dlerror(), path + ": ");
+        return nullptr;
+    }
+    void* methods[] = {dlsym(handle, kResidenciesMethod), dlsym(handle, kRailEnergyMethod)};
+    if (methods[0] == nullptr || methods[1] == nullptr) {
+        *error = file + ": does not export " +
+                 (methods[0] == nullptr ? kResidenciesMethod : kRailEnergyMethod);
+        dlclose(handle);
+        return nullptr;
+    }
+    return std::unique_ptr<LoadedLibrary>(
+        new LoadedLibrary(handle, reinterpret_cast<NativeMethod>(methods[0]),
+                          reinterpret_cast<NativeMethod>(methods[1])));
+}
+
+LoadedLibrary::LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy)
+    : mHandle(handle), mResidencies(residencies), mRailEnergy(railEnergy) {}
+
+LoadedLibrary::~LoadedLibrary() {
+    dlclose(mHandle);
+}
+
+JavaBytes LoadedLibrary::residencies(HostJniEnv* env) const {
+    return env->take(mResidencies(env->get(), nullptr));
+}
+
+JavaBytes LoadedLibrary::railEnergy(HostJniEnv* env) const {
+    return env->take(mRailEnergy(env->get(), nullptr));
+}
+
+void* LoadedLibrary::symbol(const char* name) const {
+    return dlsym(mHandle, name);
+}
+
+std::string LoadedLibrary::defaultFile() {
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return (program.parent_path().parent_path() / "lib" / "libpowerstatshaldataprovider.so")
+        .string();
+}
+
+}  // namespace powerstats

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The library is made to be loaded by a Java runtime. These two classes do what such a runtime does
+// and no more: a JNIEnv that offers byte arrays, and a loader that finds the library by its file
+// and its two native methods by their exported names.
+
+#pragma once
+
+#include <jni.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace powerstats {
+
+/// The bytes of a Java `byte[]`; std::nullopt stands for Java's null.
+using JavaBytes = std::optional<std::vector<uint8_t>>;
+
+/// A JNIEnv with the two functions that the library needs, `NewByteArray` and `SetByteArrayRegion`.
+/// A call of any other JNI function ends the process: its slot in the table is null.
+///
+/// One object may be used by many threads at once; the arrays it hands out are its own.
+class HostJniEnv {
+  public:
+    HostJniEnv();
+    ~HostJniEnv();
+    HostJniEnv(const HostJniEnv&) = delete;
+    HostJniEnv& operator=(const HostJniEnv&) = delete;
+
+    JNIEnv* get();
+
+    /// Takes the array out of this environment, as a Java caller takes a returned local reference.
+    /// @param array [in] what a native method returned; null is allowed and gives std::nullopt.
+    ///     An array that is not from this environment, or was taken already, ends the process.
+    JavaBytes take(jbyteArray array);
+
+    /// How many arrays were created and not yet taken: a native method that returns has left none
+    /// but the one that it returned.
+    size_t arrays() const;
+
+    /// Called before each JNI call takes effect with its text: "NewByteArray(27)" or
+    /// "SetByteArrayRegion(0, 27)". Empty by default.
+    std::function<void(const std::string& call)> onCall;
+
+    /// Makes `NewByteArray` return null, as a Java runtime does when its heap is full (it would
+    /// also leave an OutOfMemoryError pending). `SetByteArrayRegion` of null is then accepted and
+    /// ignored.
+    bool heapIsFull = false;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> mImpl;
+};
+
+/// One loaded copy of `libpowerstatshaldataprovider`.
+class LoadedLibrary {
+  public:
+    using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
+
+    /// Loads the library and finds its two native methods.
+    /// @param file [in] path of the library.
+    /// @param error [out] on failure one line that names the file and the reason.
+    /// @return null on failure.
+    static std::unique_ptr<LoadedLibrary> load(const std::string& file, std::string* error);
+
+    /// Unloads the library (`dlclose`).
+    ~LoadedLibrary();
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+
+    /// Calls `getResidenciesNative` as a Java caller does.
+    JavaBytes residencies(HostJniEnv* env) const;
+    /// Calls `getRailEnergyNative` as a Java caller does.
+    JavaBytes railEnergy(HostJniEnv* env) const;
+
+    /// The address of an exported symbol, by its mangled name; null when there is none.
+    void* symbol(const char* name) const;
+
+    /// The library's file beside the running program: `../lib/libpowerstatshaldataprovider.so` from
+    /// the folder that holds the program's own file.
+    static std::string defaultFile();
+
+  private:
+    LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy);
+
+    void* mHandle;
+    NativeMethod mResidencies;
+    NativeMethod mRailEnergy;
+};
+
+}  // namespace powerstats

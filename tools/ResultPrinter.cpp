@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/ResultPrinter.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+
+#include "tools/PrintableText.h"
+
+namespace powerstats {
+
+namespace {
+
+namespace proto = com::tavrel::android::ferrolith::poweranomalyservice::proto;
+using nlohmann::ordered_json;
+
+constexpr size_t kLineWidth = 80;
+constexpr size_t kNumberWidth = 16;
+constexpr size_t kIndent = 2;
+
+/// The lines of one row: a name, broken where it is too long, and right-aligned columns after it.
+std::string row(size_t indent, const std::string& name, const std::vector<std::string>& columns) {
+    const size_t nameWidth = kLineWidth - indent - columns.size() * (kNumberWidth + 1);
+    const std::vector<PrintableLine> lines = printableLines(name, nameWidth);
+    std::string text;
+    for (const PrintableLine& line : lines) {
+        text += std::string(indent, ' ') + line.text;
+        if (&line != &lines.back()) text += '\n';
+    }
+    if (!columns.empty()) text += std::string(nameWidth - lines.back().width, ' ');
+    for (const std::string& column : columns) text += fmt::format(" {:>{}}", column, kNumberWidth);
+    return text + '\n';
+}
+
+std::string afterBoot(int64_t timestampMs) {
+    const int64_t seconds = timestampMs / 1000;
+    const int64_t days = seconds / 86400;
+    return fmt::format("{}{:02}:{:02}:{:02}.{:03} after boot ({} ms)",
+                       days == 0 ? "" : fmt::format("{} d ", days), seconds / 3600 % 24,
+                       seconds / 60 % 60, seconds % 60, timestampMs % 1000, timestampMs);
+}
+
+std::string railRows(const PowerDataResult& result) {
+    std::string text = row(kIndent, "rail", {"energy (mJ)"});
+    for (const proto::KeyedPowerData& rail : result.keyed_power_data()) {
+        text += row(kIndent, rail.id().name(), {fmt::to_string(rail.data().scalar().value())});
+    }
+    return text;
+}
+
+std::string entityRows(const PowerDataResult& result) {
+    std::string text = row(kIndent, "entity and state", {"time (ms)", "entries"});
+    for (const proto::KeyedPowerData& entity : result.keyed_power_data()) {
+        text += row(kIndent, entity.id().name(), {});
+        for (const proto::Residency& state : entity.data().residency()) {
+            text += row(2 * kIndent, state.name(),
+                        {fmt::to_string(state.total_time_in_state_ms()),
+                         fmt::to_string(state.total_state_entry_count())});
+        }
+    }
+    return text;
+}
+
+std::string table(const Section& section) {
+    const bool isRails = section.kind == Section::Kind::kRails;
+    const char* title = isRails ? "Rails" : "Power entities";
+    if (!section.result) return fmt::format("{}: not available on this machine\n", title);
+    const PowerDataResult& result = *section.result;
+    if (result.keyed_power_data().empty()) return fmt::format("{}: none reported\n", title);
+    return fmt::format("{} at {}\n{}", title,
+                       afterBoot(result.keyed_power_data(0).id().timestamp_ms()),
+                       isRails ? railRows(result) : entityRows(result));
+}
+
+ordered_json toJson(const proto::KeyedPowerData& element, Section::Kind kind) {
+    ordered_json json = {{"name", element.id().name()},
+                         {"timestamp_ms", element.id().timestamp_ms()}};
+    if (kind == Section::Kind::kRails) {
+        json["energy_mj"] = element.data().scalar().value();
+        return json;
+    }
+    ordered_json& states = json["states"] = ordered_json::array();
+    for (const proto::Residency& state : element.data().residency()) {
+        states.push_back({{"name", state.name()},
+                          {"time_ms", state.total_time_in_state_ms()},
+                          {"entries", state.total_state_entry_count()}});
+    }
+    return json;
+}
+
+}  // namespace
+
+std::string formatTable(const std::vector<Section>& sections) {
+    std::string text;
+    for (const Section& section : sections) {
+        if (!text.empty()) text += '\n';
+        text += table(section);
+    }
+    return text;
+}
+
+std::string formatJson(const std::vector<Section>& sections) {
+    ordered_json json = ordered_json::object();
+    for (const Section& section : sections) {
+        ordered_json& list = json[section.kind == Section::Kind::kRails ? "rails" : "entities"] =
+            nullptr;
+        if (!section.result) continue;
+        list = ordered_json::array();
+        for (const proto::KeyedPowerData& element : section.result->keyed_power_data()) {
+            list.push_back(toJson(element, section.kind));
+        }
+    }
+    return json.dump(2, ' ', false, ordered_json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace powerstats
