@@ -1,0 +1,414 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "hal/LinuxCounters.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <deque>
+#include <map>
+
+#include "tests/hal/TemporaryTree.h"
+
+namespace powerstats {
+namespace {
+
+using std::chrono::nanoseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+using Names = std::vector<std::string>;
+
+/// A tree and what a reader of it said.
+class LinuxCountersTest : public testing::Test {
+  protected:
+    std::unique_ptr<LinuxCounters> make() {
+        LinuxCounters::Options options;
+        options.root = mTree.root();
+        options.warn = [this](const std::string& text) { mWarnings.push_back(text); };
+        if (mReadClock) options.readClock = mReadClock;
+        return std::make_unique<LinuxCounters>(options);
+    }
+
+    std::string fullPath(const std::string& file) const { return mTree.root() + "/" + file; }
+
+    TemporaryTree mTree;
+    Names mWarnings;
+    ReadClock mReadClock;
+};
+
+std::map<std::string, int64_t> energies(const LinuxCounters& counters) {
+    std::map<int32_t, std::string> names;
+    for (const Rail& rail : counters.rails()) names[rail.id] = rail.name;
+    std::map<std::string, int64_t> byName;
+    for (const RailEnergy& rail : counters.readRails({}).records) {
+        byName[names.at(rail.id)] = rail.energyUWs;
+    }
+    return byName;
+}
+
+/// "entity/state" to time and entries.
+std::map<std::string, std::pair<int64_t, int64_t>> residencies(const LinuxCounters& counters) {
+    std::map<std::pair<int32_t, int32_t>, std::string> names;
+    for (const EntitySource& entity : counters.entities()) {
+        for (const StateSource& state : entity.states) {
+            names[{entity.id, state.id}] = entity.name + "/" + state.name;
+        }
+    }
+    std::map<std::string, std::pair<int64_t, int64_t>> byName;
+    for (const EntityResidency& entity : counters.readEntities({}).records) {
+        for (const StateResidency& state : entity.states) {
+            byName[names.at({entity.id, state.id})] = {state.residency.totalTimeMs,
+                                                       state.residency.entryCount};
+        }
+    }
+    return byName;
+}
+
+/// All rails and entities, by name.
+std::map<std::string, int32_t> ids(const LinuxCounters& counters) {
+    std::map<std::string, int32_t> byName;
+    for (const Rail& rail : counters.rails()) byName["rail " + rail.name] = rail.id;
+    for (const EntitySource& entity : counters.entities()) byName[entity.name] = entity.id;
+    return byName;
+}
+
+Names namesOf(const std::map<std::string, int64_t>& energies) {
+    Names names;
+    for (const auto& [name, energy] : energies) names.push_back(name);
+    return names;
+}
+
+TEST(RailNames, AreQualifiedAsFarAsNeeded) {
+    const struct {
+        const char* description;
+        std::vector<std::pair<std::string, std::string>> files;
+        Names names;
+    } cases[] = {
+        {"zones in zones",
+         {{"powercap/intel-rapl:0/name", "package-0"},
+          {"powercap/intel-rapl:0/energy_uj", "1"},
+          {"powercap/intel-rapl:0:0/name", "core"},
+          {"powercap/intel-rapl:0:0/energy_uj", "1"},
+          {"powercap/intel-rapl:0:0:3/name", "thread"},
+          {"powercap/intel-rapl:0:0:3/energy_uj", "1"}},
+         {"package-0", "package-0/core", "package-0/core/thread"}},
+        {"a control type has no counter, and a zone without a name has its folder's",
+         {{"powercap/intel-rapl/enabled", "1"}, {"powercap/intel-rapl:0/energy_uj", "1"}},
+         {"intel-rapl:0"}},
+        {"one name in two control types",
+         {{"powercap/intel-rapl:0/name", "package-0"},
+          {"powercap/intel-rapl:0/energy_uj", "1"},
+          {"powercap/intel-rapl-mmio:0/name", "package-0"},
+          {"powercap/intel-rapl-mmio:0/energy_uj", "1"}},
+         {"intel-rapl-mmio/package-0", "intel-rapl/package-0"}},
+        {"one name twice in a control type",
+         {{"powercap/rapl:0/name", "package-0"},
+          {"powercap/rapl:0/energy_uj", "1"},
+          {"powercap/rapl:1/name", "package-0"},
+          {"powercap/rapl:1/energy_uj", "1"}},
+         {"rapl/package-0 (rapl:0)", "rapl/package-0 (rapl:1)"}},
+        {"a label, no label, and no name of the chip",
+         {{"hwmon/hwmon0/name", "meter"},
+          {"hwmon/hwmon0/energy1_input", "1"},
+          {"hwmon/hwmon0/energy2_input", "1"},
+          {"hwmon/hwmon0/energy2_label", "fans"},
+          {"hwmon/hwmon0/power1_input", "1"},
+          {"hwmon/hwmon7/energy1_input", "1"}},
+         {"fans", "hwmon7/energy1", "meter/energy1"}},
+        {"one label in two kinds of chip",
+         {{"hwmon/hwmon0/name", "a"},
+          {"hwmon/hwmon0/energy1_input", "1"},
+          {"hwmon/hwmon0/energy1_label", "fans"},
+          {"hwmon/hwmon1/name", "b"},
+          {"hwmon/hwmon1/energy1_input", "1"},
+          {"hwmon/hwmon1/energy1_label", "fans"}},
+         {"a/fans", "b/fans"}},
+        {"one label in two chips of a kind",
+         {{"hwmon/hwmon0/name", "a"},
+          {"hwmon/hwmon0/energy1_input", "1"},
+          {"hwmon/hwmon1/name", "a"},
+          {"hwmon/hwmon1/energy1_input", "1"}},
+         {"a/hwmon0/energy1", "a/hwmon1/energy1"}},
+        {"one name in both classes, and one that nothing makes different",
+         {{"powercap/rapl:0/name", "same"},
+          {"powercap/rapl:0/energy_uj", "1"},
+          {"hwmon/hwmon0/name", "rapl"},
+          {"hwmon/hwmon0/energy1_label", "same"},
+          {"hwmon/hwmon0/energy1_input", "1"},
+          {"hwmon/hwmon0/energy2_label", "same"},
+          {"hwmon/hwmon0/energy2_input", "1"},
+          {"hwmon/hwmon0/energy3_label", "rapl/hwmon0/same #2"},
+          {"hwmon/hwmon0/energy3_input", "1"}},
+         {"rapl/hwmon0/same", "rapl/hwmon0/same #2", "rapl/hwmon0/same #3", "rapl/same (rapl:0)"}},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.description);
+        TemporaryTree tree;
+        for (const auto& [file, text] : test.files) tree.write("class/" + file, text);
+        LinuxCounters::Options options;
+        options.root = tree.root() + "/";
+        EXPECT_EQ(namesOf(energies(LinuxCounters(options))), test.names);
+    }
+}
+
+TEST_F(LinuxCountersTest, IdsComeFromTheThingAndNotFromItsPlace) {
+    mTree.writeZone("rapl:0", "package-0", 1);
+    mTree.writeZone("rapl:5", "package-5", 1);
+    mTree.writeDevice("pci0/a", 1, 1);
+    mTree.writeDevice("pci0/b", 1, 1);
+    mTree.writeIdleState(0, 0, "POLL", 1, 1);
+    mTree.writeIdleState(7, 2, "C2", 1, 1);
+    std::map<std::string, int32_t> before = ids(*make());
+    EXPECT_EQ(before.at("cpu7"), 7);
+    EXPECT_EQ(before.at("system"), 0x10000);
+
+    for (const char* gone :
+         {"class/powercap/rapl:0", "devices/pci0/a", "devices/system/cpu/cpu0"}) {
+        mTree.remove(gone);
+    }
+    mTree.writeZone("another:0", "before the rest", 1);
+    mTree.writeDevice("another", 1, 1);
+    mTree.writeIdleState(3, 0, "POLL", 1, 1);
+    std::map<std::string, int32_t> after = ids(*make());
+
+    for (const char* kept : {"rail package-5", "pci0/b", "cpu7", "system"}) {
+        EXPECT_EQ(before.at(kept), after.at(kept)) << kept;
+    }
+}
+
+TEST_F(LinuxCountersTest, PathsWithOneHashGetDifferentIdsThatStayTheSame) {
+    mTree.writeDevice("platform/device209899", 1, 1);
+    mTree.writeDevice("platform/device193059", 1, 1);
+    mTree.writeZone("zone:61784", "b", 1);
+    mTree.writeZone("zone:39751", "a", 1);
+    // Written out: clients keep names by these numbers across a restart, and across a new version.
+    constexpr int32_t kDeviceId = 0x40000000 + 432926878;
+    constexpr int32_t kRailId = 962335114;
+    EXPECT_THAT(
+        ids(*make()),
+        UnorderedElementsAre(Pair("platform/device193059", kDeviceId),
+                             Pair("platform/device209899", kDeviceId + 1), Pair("rail a", kRailId),
+                             Pair("rail b", kRailId + 1), Pair("system", 0x10000)));
+}
+
+TEST_F(LinuxCountersTest, TheSetIsFixedWhenItIsMade) {
+    mTree.writeZone("rapl:0", "package-0", 10);
+    mTree.writeIdleState(0, 0, "POLL", 1000, 1);
+    mTree.writeIdleState(0, 1, "C1", 2000, 2);
+    mTree.writeDevice("pci0", 3, 4);
+    mTree.writeDevice("awake", 3, 0);
+    const auto counters = make();
+    const auto fixedIds = ids(*counters);
+    ASSERT_THAT(fixedIds, testing::SizeIs(4));
+
+    mTree.writeZone("rapl:1", "package-1", 20);
+    mTree.writeIdleState(0, 2, "C2", 1, 1);
+    mTree.writeIdleState(1, 0, "POLL", 1, 1);
+    mTree.writeDevice("awake", 3, 5);
+    mTree.remove("devices/system/cpu/cpu0/cpuidle/state1/usage");
+    mTree.remove("devices/pci0");
+    EXPECT_EQ(ids(*counters), fixedIds);
+    EXPECT_THAT(energies(*counters), ElementsAre(Pair("package-0", 10)));
+    EXPECT_THAT(residencies(*counters), UnorderedElementsAre(Pair("cpu0/POLL", Pair(1, 1)),
+                                                             Pair("system/running", testing::_),
+                                                             Pair("system/suspended", testing::_)));
+
+    mTree.remove("class/powercap/rapl:0");
+    mTree.remove("devices/system/cpu/cpu0");
+    EXPECT_EQ(ids(*counters), fixedIds);
+    EXPECT_THAT(energies(*counters), IsEmpty());
+    EXPECT_THAT(counters->readEntities({}).records, testing::SizeIs(1)) << "only the system";
+
+    mTree.writeZone("rapl:0", "package-0", 30);
+    EXPECT_THAT(energies(*counters), ElementsAre(Pair("package-0", 30)));
+    EXPECT_THAT(mWarnings, IsEmpty()) << "what comes and goes is no fault";
+}
+
+TEST_F(LinuxCountersTest, UnitsAreMillisecondsAndMicrowattSeconds) {
+    mTree.write("class/hwmon/hwmon0/energy1_input", 9223372036854775807);
+    mTree.writeIdleState(0, 3, "C6", 1234567, 89);
+    mTree.writeDevice("pci0/usb1", 4321, 8765);
+    const auto counters = make();
+    EXPECT_THAT(energies(*counters), ElementsAre(Pair("hwmon0/energy1", 9223372036854775807)));
+    auto times = residencies(*counters);
+    EXPECT_THAT(times["cpu0/C6"], Pair(1234, 89));
+    EXPECT_THAT(times["pci0/usb1/active"], Pair(4321, 0));
+    EXPECT_THAT(times["pci0/usb1/suspended"], Pair(8765, 0));
+}
+
+TEST_F(LinuxCountersTest, LinksLeadToZonesAndChipsButNotFromDeviceToDevice) {
+    mTree.write("devices/virtual/rapl:0/energy_uj", 5);
+    mTree.write("devices/virtual/rapl:0/name", "package-0");
+    mTree.writeDevice("virtual/rapl:0", 1, 2);
+    mTree.makeFolder("class/powercap");
+    std::filesystem::create_symlink("../../devices/virtual/rapl:0",
+                                    mTree.path("class/powercap/rapl:0"));
+    std::filesystem::create_symlink("..", mTree.path("devices/virtual/circle"));
+    EXPECT_THAT(ids(*make()),
+                UnorderedElementsAre(Pair("rail package-0", testing::_), Pair("system", testing::_),
+                                     Pair("virtual/rapl:0", testing::_)));
+}
+
+TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) {
+    const std::string number =
+        "not a whole number from 0 to 2^63 - 1 "
+        "(left out until it is one; check the driver that provides it)";
+    const std::string folder = "Is a directory (expected a file: check that this is a sysfs tree)";
+    const struct {
+        const char* file;
+        const char* text;  // null: a folder stands in the file's place
+        std::string warning;
+    } cases[] = {
+        {"class/powercap/rapl:0/energy_uj", "", number},
+        {"class/powercap/rapl:1/energy_uj", "-1", number},
+        {"class/powercap/rapl:2/energy_uj", nullptr, folder},
+        {"class/hwmon/hwmon0/energy1_input", "12 apples", number},
+        {"devices/system/cpu/cpu0/cpuidle/state0/time", "0x10", number},
+        {"devices/system/cpu/cpu0/cpuidle/state1/usage", "9223372036854775808", number},
+        {"devices/pci0/power/runtime_suspended_time", nullptr, folder},
+        {"power/suspend_stats/success", "many", number},
+    };
+    for (int cpu = 0; cpu < 2; ++cpu) {
+        for (int state = 0; state < 2; ++state) mTree.writeIdleState(cpu, state, "C", 1000, 1);
+    }
+    mTree.writeZone("rapl:3", "package-3", 7);
+    Names warnings;
+    for (const auto& test : cases) {
+        mTree.remove(test.file);
+        if (test.text == nullptr) {
+            mTree.makeFolder(test.file);
+        } else {
+            mTree.write(test.file, test.text);
+        }
+        warnings.push_back(fullPath(test.file) + ": " + test.warning);
+    }
+
+    const auto counters = make();
+    EXPECT_THAT(ids(*counters), UnorderedElementsAre(Pair("rail package-3", testing::_),
+                                                     Pair("cpu1", 1), Pair("system", 0x10000)));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(energies(*counters), ElementsAre(Pair("package-3", 7)));
+        EXPECT_THAT(residencies(*counters),
+                    UnorderedElementsAre(Pair("cpu1/C", testing::_),
+                                         Pair("system/running", Pair(testing::Gt(0), 1)),
+                                         Pair("system/suspended", Pair(testing::Ge(0), 0))));
+    }
+    EXPECT_THAT(mWarnings, testing::UnorderedElementsAreArray(warnings));
+}
+
+TEST_F(LinuxCountersTest, ARailThatMayNotBeReadSaysHowToGetIt) {
+    const std::string file = "class/powercap/rapl:0/energy_uj";
+    mTree.writeZone("rapl:0", "package-0", 7);
+    std::filesystem::permissions(mTree.path(file), std::filesystem::perms(0));
+    // Root reads any file, so a test that runs as root reads as somebody else.
+    const uid_t user = geteuid();
+    ASSERT_EQ(seteuid(user == 0 ? 65534 : user), 0);
+    const bool treeIsOpen = eaccess(mTree.root().c_str(), R_OK) == 0;
+    EXPECT_THAT(energies(*make()), IsEmpty());
+    ASSERT_EQ(seteuid(user), 0);
+    if (!treeIsOpen) GTEST_SKIP() << "the folder for temporary files is not open to all users";
+    EXPECT_THAT(mWarnings, ElementsAre(fullPath(file) +
+                                       ": Permission denied (run as root, or grant read access)"));
+}
+
+TEST_F(LinuxCountersTest, SystemTimesIgnoreDelaysBetweenTheClocksAndNeverGoDown) {
+    // Each reading of the difference: CLOCK_MONOTONIC, and how much CLOCK_BOOTTIME is ahead of it.
+    std::deque<std::pair<nanoseconds, nanoseconds>> readings;
+    mReadClock = [&](clockid_t clock) -> nanoseconds {
+        if (readings.empty()) return std::chrono::milliseconds(5000);
+        if (clock == CLOCK_MONOTONIC) return readings.front().first;
+        const nanoseconds boot = readings.front().first + readings.front().second;
+        readings.pop_front();
+        return boot;
+    };
+    mTree.write("power/suspend_stats/success", 3);
+    const auto counters = make();
+    const auto readSuspended = [&] {
+        const StateSource& suspended = counters->entities().front().states[1];
+        return suspended.read().value();
+    };
+    const auto ms = [](double count) { return nanoseconds(static_cast<int64_t>(count * 1e6)); };
+
+    readings = {{ms(100), ms(90)}, {ms(200), ms(70.9)}, {ms(300), ms(80)}};
+    EXPECT_EQ(readSuspended().totalTimeMs, 70);
+    readings = {{ms(400), ms(60)}, {ms(500), ms(75)}, {ms(600), ms(75)}};
+    EXPECT_EQ(readSuspended().totalTimeMs, 70);
+    readings.clear();
+    EXPECT_EQ(readSuspended().entryCount, 3);
+    EXPECT_THAT(residencies(*counters)["system/running"], Pair(5000, 4));
+    EXPECT_EQ(counters->timestampMs(), 5000);
+}
+
+TEST_F(LinuxCountersTest, EachWrapAddsTheRangeOfTheCounter) {
+    constexpr int64_t kRange = 262143328850;  // far too large for the sampler to run in this test
+    mTree.writeZone("rapl:0", "wraps", kRange - 50, kRange);
+    mTree.writeZone("rapl:1", "does not", 900);
+    const auto counters = make();
+    const auto readAt = [&](int64_t energyUj) {
+        mTree.write("class/powercap/rapl:0/energy_uj", energyUj);
+        return energies(*counters)["wraps"];
+    };
+    EXPECT_EQ(readAt(kRange - 10), kRange - 10);
+    EXPECT_EQ(readAt(30), kRange + 30);
+    EXPECT_EQ(readAt(30), kRange + 30);
+    EXPECT_EQ(readAt(900), kRange + 900);
+    EXPECT_EQ(readAt(899), 2 * kRange + 899);
+    mTree.write("class/powercap/rapl:1/energy_uj", 100);
+    EXPECT_EQ(energies(*counters)["does not"], 100);
+}
+
+/// Waits until somebody has opened, read and closed a file.
+bool waitForReading(const std::filesystem::path& file) {
+    const int events = inotify_init1(IN_CLOEXEC);
+    inotify_add_watch(events, file.c_str(), IN_CLOSE_NOWRITE);
+    pollfd waiting{events, POLLIN, 0};
+    const bool wasRead = poll(&waiting, 1, 20000) == 1;
+    close(events);
+    return wasRead;
+}
+
+size_t samplerThreads() {
+    size_t count = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(thread.path() / "comm") >> name;
+        if (name == "counter-sampler") ++count;
+    }
+    return count;
+}
+
+TEST_F(LinuxCountersTest, TheSamplerSeesWrapsThatNoClientSees) {
+    mTree.writeZone("rapl:0", "package-0", 900, 1000);
+    const auto counters = make();
+    for (const int energyUj : {100, 900, 100, 900}) {
+        mTree.write("class/powercap/rapl:0/energy_uj", energyUj);
+        ASSERT_TRUE(waitForReading(mTree.path("class/powercap/rapl:0/energy_uj")));
+    }
+    EXPECT_EQ(energies(*counters)["package-0"], 2900);
+}
+
+TEST_F(LinuxCountersTest, TheSamplerRunsOnlyWhereACounterWrapsAndStopsAtOnce) {
+    mTree.writeZone("rapl:0", "package-0", 1, 0);
+    auto counters = make();
+    EXPECT_EQ(samplerThreads(), 0u);
+
+    mTree.writeZone("rapl:0", "package-0", 1, 262143328850);
+    counters = make();
+    EXPECT_EQ(samplerThreads(), 1u);
+    usleep(50000);  // so that it is waiting for its next reading
+    const auto start = std::chrono::steady_clock::now();
+    counters.reset();
+    // The kernel may list a thread for a moment after it was joined.
+    while (samplerThreads() != 0) usleep(1000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+}  // namespace
+}  // namespace powerstats

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The death of a service: between calls, and while one is running.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+class DeathScenario : public Scenario {
+  protected:
+    explicit DeathScenario(Backend backend) : mBackend(backend) {}
+
+    Hook& onCall() { return mBackend == Backend::kAidl ? aidl->onCall : hidl->onCall; }
+
+    /// Kills the service in its next call of a method, and sees that its notice waits.
+    Hook dieIn(const char* fatalMethod) {
+        return [this, fatalMethod](const std::string& method) {
+            if (method != fatalMethod) return;
+            EXPECT_TRUE(host::killService(nameOf(mBackend)));
+            EXPECT_FALSE(host::waitForDeathNotices(0.2)) << "delivered during a collection";
+        };
+    }
+
+    /// After a death, a service with other names takes over.
+    void expectRecovery(Call which) {
+        EXPECT_TRUE(host::waitForDeathNotices());
+        Machine other = smallMachine();
+        other.rails[0].name = "other rail";
+        other.entities[0] = {7, "other entity", {{0, "other state"}}};
+        serve(mBackend, other);
+        EXPECT_EQ(call(which), array(otherResult(which), reconnectTraffic(mBackend, which)));
+    }
+
+    /// With HIDL, the names of entities and states outlive the connection.
+    std::string otherResult(Call which) const {
+        if (which == Call::kRails) return rail("other rail", 4500);
+        if (mBackend == Backend::kHidl) return smallResult(which);
+        return entity("other entity", {residency("other state", 5000, 12)});
+    }
+
+    const Backend mBackend;
+};
+
+class Death : public testing::TestWithParam<Backend>, public DeathScenario {
+  protected:
+    Death() : DeathScenario(GetParam()) {}
+};
+INSTANTIATE_TEST_SUITE_P(Test, Death, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(Death, ConnectionIsDroppedAtOnceAndMadeAnewByTheNextCall) {
+    serve(mBackend, smallMachine());
+    call(Call::kRails);
+    call(Call::kResidencies);
+    for (const Call which : {Call::kRails, Call::kResidencies, Call::kRails}) {
+        std::vector<host::Event> events;
+        host::setObserver([&](host::Event event) { events.push_back(event); });
+        kill(mBackend);
+        host::setObserver(nullptr);
+        const auto proxyDestroyed = mBackend == Backend::kAidl ? host::Event::kAidlProxyDestroyed
+                                                               : host::Event::kHidlProxyDestroyed;
+        EXPECT_EQ(std::count(events.begin(), events.end(), proxyDestroyed), 1);
+        EXPECT_EQ(takeEvents(), Lines{}) << "a death is not logged";
+        expectRecovery(which);
+    }
+    EXPECT_EQ(host::unlinks(nameOf(mBackend)), mBackend == Backend::kAidl ? 0 : 3);
+}
+
+TEST_P(Death, AllThatWasLearntGoesTogether) {
+    serve(mBackend, smallMachine());
+    call(Call::kRails);
+    call(Call::kResidencies);
+    kill(mBackend);
+    expectRecovery(Call::kResidencies);
+    // Connected by the other call, whose names have gone as well.
+    const std::string names =
+        mBackend == Backend::kAidl ? "aidl:getEnergyMeterInfo " : std::string();
+    EXPECT_EQ(call(Call::kRails),
+              array(otherResult(Call::kRails), names + steadyTraffic(mBackend, Call::kRails)));
+}
+
+// With HIDL the names come with the connection.
+class AidlDeath : public testing::Test, public DeathScenario {
+  protected:
+    AidlDeath() : DeathScenario(Backend::kAidl) {}
+};
+
+TEST_F(AidlDeath, BeforeAnyNamesWereLearnt) {
+    serve(mBackend, {});
+    call(Call::kRails);
+    kill(mBackend);
+    EXPECT_EQ(call(Call::kRails), nothing({"E: Unable to get power stats AIDL service!",
+                                           "I: Power stats rail energy init failed"},
+                                          "aidl:lookup"));
+    expectRecovery(Call::kRails);
+}
+
+struct DyingCall {
+    Backend backend;
+    Call call;
+    const char* method;
+    Outcome expected;
+};
+
+const char kUnavailable[] =
+    "E: Failed to init state info: requested HAL service not available. Description: "
+    "Status(-129): 'DEAD_OBJECT'";
+
+TEST_P(Death, InACallThatFailsForIt) {
+    const DyingCall kDyingCalls[] = {
+        {Backend::kAidl, Call::kRails, "getEnergyMeterInfo",
+         nothing({"I: Power stats rail energy init failed"},
+                 "aidl:lookup aidl:link aidl:getEnergyMeterInfo")},
+        {Backend::kAidl, Call::kRails, "readEnergyMeter",
+         nothing({"E: Error reading energy meter"},
+                 reconnectTraffic(Backend::kAidl, Call::kRails))},
+        {Backend::kAidl, Call::kResidencies, "getPowerEntityInfo",
+         nothing({"I: Power stats residencies init failed"},
+                 "aidl:lookup aidl:link aidl:getPowerEntityInfo")},
+        {Backend::kAidl, Call::kResidencies, "getStateResidency",
+         nothing({"E: Error reading getting state residency"},
+                 reconnectTraffic(Backend::kAidl, Call::kResidencies))},
+        {Backend::kHidl, Call::kRails, "getPowerEntityInfo",
+         nothing({kUnavailable, "E: Power stats HAL not loaded!"},
+                 "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo")},
+        {Backend::kHidl, Call::kResidencies, "getPowerEntityStateInfo",
+         nothing({kUnavailable, "E: Power stats HAL not loaded!"},
+                 "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo "
+                 "hidl:getPowerEntityStateInfo")},
+    };
+    serve(mBackend, smallMachine());
+    call(Call::kRails);
+    call(Call::kResidencies);
+    for (const auto& test : kDyingCalls) {
+        if (test.backend != mBackend) continue;
+        SCOPED_TRACE(test.method);
+        kill(mBackend);
+        serve(mBackend, smallMachine());
+        onCall() = dieIn(test.method);
+        EXPECT_EQ(call(test.call), test.expected);
+        expectRecovery(test.call);
+    }
+}
+
+// With AIDL an answer comes with the end of a transaction.
+class HidlDeath : public testing::Test, public DeathScenario {
+  protected:
+    HidlDeath() : DeathScenario(Backend::kHidl) {}
+};
+
+TEST_F(HidlDeath, AfterTheLastAnswerOfACall) {
+    int64_t unlinks = 0;
+    for (const Call which : kCalls) {
+        SCOPED_TRACE(static_cast<int>(which));
+        serve(mBackend, smallMachine());
+        call(which);
+        hidl->onAnswered =
+            dieIn(which == Call::kRails ? "getEnergyData" : "getPowerEntityStateResidencyData");
+        Outcome outcome = call(which);
+        EXPECT_TRUE(host::waitForDeathNotices());
+        // The notice may drop the connection before the traffic has been looked at, or after.
+        outcome.traffic = steadyTraffic(mBackend, which);
+        EXPECT_EQ(outcome, array(smallResult(which), outcome.traffic));
+        EXPECT_EQ(host::unlinks(nameOf(mBackend)), ++unlinks);
+        expectRecovery(which);
+        kill(mBackend);
+        ++unlinks;
+    }
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What no caller of the two entry points can bring about. The library's source is part of this
+// program, and its globals are the program's.
+
+// NOLINTNEXTLINE(bugprone-suspicious-include): that is the point
+#include "jni/TavrelPowerStatsHalDataProviderNative.cpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cmath>
+#include <limits>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scenario.h"
+
+namespace {
+
+/// What this program's look-up of the HIDL service finds.
+::android::sp<support::stats_V1_0::IPowerStats> gServiceItself;
+
+}  // namespace
+
+::android::sp<support::stats_V1_0::IPowerStats> support::stats_V1_0::IPowerStats::getService(
+    const std::string& serviceName, bool getStub) {
+    EXPECT_EQ(serviceName, "default");
+    EXPECT_FALSE(getStub);
+    return gServiceItself;
+}
+
+namespace ferrolith {
+namespace {
+
+using support::Backend;
+
+TEST(Internals, EnergyThatIsNoNumberOrBeyondAll) {
+    const float infinity = std::numeric_limits<float>::infinity();
+    EXPECT_EQ(toMillijoules(std::nanf("")), 0);
+    EXPECT_EQ(toMillijoules(-std::nanf("")), 0);
+    EXPECT_EQ(toMillijoules(infinity), 2147483647);
+    EXPECT_EQ(toMillijoules(-infinity), -2147483648LL);
+    EXPECT_EQ(toMillijoules(2147483648000.0f), 2147483647);
+    EXPECT_EQ(toMillijoules(-2147483648000.0f), -2147483648LL);
+}
+
+TEST(Internals, CallableThatSelectionDidNotBind) {
+    const support::Ended ended = support::runInChild([] {
+        support::Scenario scenario;
+        collect({}, scenario.env.get(), nullptr);
+    });
+    EXPECT_EQ(ended.signal, SIGABRT);
+    EXPECT_EQ(ended.errors, "bad_function_call was thrown in -fno-exceptions mode\n");
+}
+
+class AidlInternals : public testing::Test, public support::Scenario {
+  protected:
+    AidlInternals() { serve(Backend::kAidl, support::smallMachine()); }
+
+    std::string residencies() {
+        const auto bytes = env.take(getResidenciesAidl(env.get(), nullptr));
+        return bytes ? std::string(bytes->begin(), bytes->end()) : "null";
+    }
+};
+
+TEST_F(AidlInternals, OnlyStatesAreMissing) {
+    gEntityNames = {{7, "old"}};
+    EXPECT_EQ(residencies(), support::entity("old", {support::residency("S0", 5000, 12)}));
+    EXPECT_EQ(host::lookups(host::kAidlPowerStats), 1);
+}
+
+TEST_F(AidlInternals, OnlyEntitiesAreMissing) {
+    gStateNames = {{7, {{0, "old"}}}};
+    EXPECT_EQ(residencies(), support::entity("SOC", {support::residency("old", 5000, 12)}));
+}
+
+TEST_F(AidlInternals, ServiceHasNoneOfTheMissing) {
+    aidl->machine.entities.clear();
+    gEntityNames = {{7, "old"}};
+    EXPECT_EQ(residencies(), "null");
+    gEntityNames.clear();
+    gStateNames = {{7, {{0, "old"}}}};
+    EXPECT_EQ(residencies(), "null");
+}
+
+// The platform's own proxy never writes to the answer of a failed query.
+TEST_F(AidlInternals, AnswerOfAFailedQueryIsNotUsed) {
+    gPowerStatsHalAidl = aidl;
+    const auto fail = [] { return ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE); };
+    for (const char* method : {"getPowerEntityInfo", "getEnergyMeterInfo"}) {
+        aidl->failing[method] = fail;
+    }
+    EXPECT_FALSE(initNamesAidl());
+    EXPECT_FALSE(initChannelsAidl());
+    EXPECT_TRUE(gEntityNames.empty() && gStateNames.empty() && gChannels.empty());
+    aidl->failing.clear();
+    EXPECT_TRUE(initNamesAidl());
+    EXPECT_TRUE(initChannelsAidl());
+}
+
+class HidlInternals : public testing::Test, public support::Scenario {
+  protected:
+    HidlInternals() { serve(Backend::kHidl, support::smallMachine()); }
+};
+
+// A name query that fails drops the connection in any case, so here is who does it when.
+TEST_F(HidlInternals, OnlyADeadObjectDisconnectsAtOnce) {
+    using TransportStatus = ::android::hardware::Status;
+    gPowerStatsHalV1_0 = hidl;
+    EXPECT_TRUE(checkResultV1_0(TransportStatus::ok()));
+    EXPECT_FALSE(checkResultV1_0(TransportStatus::fromStatusT(::android::FAILED_TRANSACTION)));
+    EXPECT_FALSE(checkResultV1_0(TransportStatus::fromExceptionCode(-32)));
+    EXPECT_EQ(gPowerStatsHalV1_0, hidl);
+    EXPECT_FALSE(checkResultV1_0(TransportStatus::fromStatusT(::android::DEAD_OBJECT)));
+    EXPECT_EQ(gPowerStatsHalV1_0, nullptr);
+}
+
+// Only a service that is not reached through the platform's proxy refuses a first link.
+TEST_F(HidlInternals, RefusedLinkIsIgnored) {
+    gServiceItself = hidl;
+    EXPECT_TRUE(initPowerStatsV1_0());
+    EXPECT_EQ(gPowerStatsHalV1_0, hidl);
+    EXPECT_EQ(support::takeEvents(), support::Lines{});
+    gServiceItself = nullptr;
+}
+
+struct SilentEnergy : support::FakeHidl {
+    Result getEnergyData(const Ids&, getEnergyData_cb) override {
+        return ::android::hardware::Void();
+    }
+};
+
+// The platform's proxy would have made a failure of it.
+TEST_F(HidlInternals, EnergyThatNeverCameIsAnEmptyResult) {
+    const ::android::sp<SilentEnergy> silent = new SilentEnergy;
+    silent->machine = support::smallMachine();
+    gPowerStatsHalV1_0 = silent;
+    const auto bytes = env.take(getRailEnergyV1_0(env.get(), nullptr));
+    EXPECT_EQ(bytes, powerstats::JavaBytes(std::vector<uint8_t>()));
+    EXPECT_EQ(support::takeEvents(),
+              (support::Lines{"clock", "NewByteArray(0)", "SetByteArrayRegion(0, 0)"}));
+}
+
+TEST(Internals, InstanceName) {
+    EXPECT_EQ(gPowerStatsAidlInstance, "android.hardware.power.stats.IPowerStats/default");
+}
+
+}  // namespace
+}  // namespace ferrolith

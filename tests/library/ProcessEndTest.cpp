@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Every way in which a call ends the process instead of returning.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <functional>
+#include <stdexcept>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FailingAllocation.h"
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+const char kUnknownId[] =
+    "clock\n"
+    "out_of_range was thrown in -fno-exceptions mode with message "
+    "\"unordered_map::at: key not found\"\n";
+const char kUnexamined[] =
+    "F/HidlStatus: Failed HIDL return status not checked. "
+    "Error is: Status(-129): 'DEAD_OBJECT: gone'\n";
+const char kNoEntities[] =
+    "E: getResidenciesV1_0 failed: No residences were obtained from PowerStats HAL.\n"
+    "NewByteArray(0)\n";
+
+struct EndCase {
+    const char* name;
+    Backend backend;
+    Call call;
+    /// What happens between a good call and the last.
+    std::function<void(Scenario& scenario)> script;
+    std::string errors;  ///< all that the last call writes
+
+    friend std::ostream& operator<<(std::ostream& out, const EndCase& test) {
+        return out << test.name;
+    }
+};
+
+Machine& machineOf(Scenario& scenario) {
+    return scenario.aidl != nullptr ? scenario.aidl->machine : scenario.hidl->machine;
+}
+void unknownRail(Scenario& scenario) {
+    machineOf(scenario).energies.push_back({2, 1000});
+}
+void unknownEntity(Scenario& scenario) {
+    machineOf(scenario).totals.push_back({8});
+}
+void unknownState(Scenario& scenario) {
+    machineOf(scenario).totals[0].states.push_back({1, 2, 3});
+}
+/// An entity that is listed again with more states: its state maps are not merged.
+template <Backend kBackend>
+void stateOfASecondListing(Scenario& scenario) {
+    scenario.kill(kBackend);
+    Machine machine = smallMachine();
+    machine.entities.push_back({7, "again", {{1, "more"}}});
+    machine.totals[0].states.push_back({1, 2, 3});
+    scenario.serve(kBackend, machine);
+}
+std::function<void(Scenario&)> unreached(const char* method) {
+    return [=](Scenario&) {
+        host::failTransactions(host::kHidlPowerStats, method, {-129, -32, "gone"});
+    };
+}
+/// A state id that the entity did not have before: the old state map is kept as it was.
+void newStateAfterRestart(Scenario& scenario) {
+    scenario.kill(Backend::kHidl);
+    Machine machine = smallMachine();
+    machine.entities[0].states.push_back({1, "new"});
+    machine.totals[0].states.push_back({1, 2, 3});
+    scenario.serve(Backend::kHidl, machine);
+}
+void restartUnlinked(Scenario& scenario) {
+    scenario.kill(Backend::kHidl);
+    scenario.serve(Backend::kHidl, smallMachine());
+    host::failLinks(host::kHidlPowerStats, {-129, -32, "no link"});
+    scenario.call(Call::kRails);
+    scenario.kill(Backend::kHidl);
+}
+
+std::string unexaminedDeath(const std::string& before) {
+    return before +
+           "F/HidlStatus: Failed HIDL return status not checked. Error is: Status(-129): "
+           "'DEAD_OBJECT'\n";
+}
+
+const EndCase kEndCases[] = {
+    {"unknownChannel", Backend::kAidl, Call::kRails, unknownRail, kUnknownId},
+    {"unknownEntity", Backend::kAidl, Call::kResidencies, unknownEntity, kUnknownId},
+    {"unknownState", Backend::kAidl, Call::kResidencies, unknownState, kUnknownId},
+    {"unknownRail", Backend::kHidl, Call::kRails, unknownRail, kUnknownId},
+    {"unknownHidlEntity", Backend::kHidl, Call::kResidencies, unknownEntity, kUnknownId},
+    {"unknownHidlState", Backend::kHidl, Call::kResidencies, unknownState, kUnknownId},
+    {"stateOfASecondListing", Backend::kAidl, Call::kResidencies,
+     stateOfASecondListing<Backend::kAidl>, kUnknownId},
+    {"hidlStateOfASecondListing", Backend::kHidl, Call::kResidencies,
+     stateOfASecondListing<Backend::kHidl>, kUnknownId},
+    {"newStateAfterRestart", Backend::kHidl, Call::kResidencies, newStateAfterRestart, kUnknownId},
+    {"getRailInfoUnreached", Backend::kHidl, Call::kRails, unreached("getRailInfo"), kUnexamined},
+    {"getEnergyDataUnreached", Backend::kHidl, Call::kRails, unreached("getEnergyData"),
+     kUnexamined},
+    {"residenciesUnreached", Backend::kHidl, Call::kResidencies,
+     unreached("getPowerEntityStateResidencyData"), std::string(kNoEntities) + kUnexamined},
+    {"deathUnnoticedByRails", Backend::kHidl, Call::kRails, restartUnlinked, unexaminedDeath("")},
+    {"deathUnnoticedByResidencies", Backend::kHidl, Call::kResidencies, restartUnlinked,
+     unexaminedDeath(kNoEntities)},
+};
+
+class ProcessEnds : public testing::TestWithParam<EndCase> {};
+INSTANTIATE_TEST_SUITE_P(All, ProcessEnds, testing::ValuesIn(kEndCases),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_P(ProcessEnds, WithNothingBeyondItsMessage) {
+    const EndCase& test = GetParam();
+    const Ended ended = runInChild([&] {
+        Scenario scenario;
+        scenario.serve(test.backend, smallMachine());
+        ASSERT_EQ(scenario.call(test.call).bytes, smallResult(test.call));
+        test.script(scenario);
+        scenario.callAloud(test.call);
+    });
+    EXPECT_EQ(ended.signal, SIGABRT);
+    EXPECT_EQ(ended.errors, test.errors);
+}
+
+class RuntimeFailure : public testing::TestWithParam<std::tuple<Backend, Call>> {
+  protected:
+    const Backend mBackend = std::get<0>(GetParam());
+    const Call mCall = std::get<1>(GetParam());
+};
+INSTANTIATE_TEST_SUITE_P(All, RuntimeFailure,
+                         testing::Combine(testing::ValuesIn(kBackends), testing::ValuesIn(kCalls)),
+                         [](const auto& info) {
+                             return testing::PrintToString(std::get<0>(info.param)) +
+                                    testing::PrintToString(std::get<1>(info.param));
+                         });
+
+TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
+    int allocation = 0;
+    while (true) {
+        ++allocation;
+        SCOPED_TRACE(allocation);
+        const Ended ended = runInChild([&] {
+            Scenario scenario;
+            scenario.serve(mBackend, smallMachine());
+            scenario.load();
+            gFailingAllocation = allocation;
+            mCall == Call::kRails ? scenario.library->railEnergy(&scenario.env)
+                                  : scenario.library->residencies(&scenario.env);
+            gFailingAllocation = 0;
+        });
+        if (ended.exitCode == kReturned) break;
+        ASSERT_EQ(ended.signal, SIGABRT) << ended.errors;
+        ASSERT_THAT(ended.errors, testing::Not(testing::HasSubstr("caller")));
+    }
+    EXPECT_GT(allocation, 20) << "hardly any allocation was seen";
+}
+
+TEST_P(RuntimeFailure, ThrownByTheServiceDoesNotReachTheCaller) {
+    const Ended ended = runInChild([&] {
+        Scenario scenario;
+        scenario.serve(mBackend, smallMachine());
+        ASSERT_EQ(scenario.call(mCall).bytes, smallResult(mCall));
+        const Hook fail = [](const std::string&) { throw std::runtime_error("out of order"); };
+        (mBackend == Backend::kAidl ? scenario.aidl->onCall : scenario.hidl->onCall) = fail;
+        scenario.callAloud(mCall);
+    });
+    EXPECT_EQ(ended.signal, SIGABRT);
+    EXPECT_THAT(ended.errors, testing::HasSubstr("out of order"));
+    EXPECT_THAT(ended.errors, testing::Not(testing::HasSubstr("caller")));
+}
+
+}  // namespace
+}  // namespace support

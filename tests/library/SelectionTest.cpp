@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The choice of a backend, made once in a process, and the connection that follows it.
+
+#include <android/binder_manager.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+class Selection : public testing::Test, public Scenario {};
+
+const Outcome kNoHidl = nothing(
+    {"E: Unable to get power stats HAL service!", "E: Power stats HAL not loaded!"}, "hidl:lookup");
+
+TEST_F(Selection, AidlWinsAndIsLoggedOnce) {
+    serve(Backend::kHidl, smallMachine());
+    serve(Backend::kAidl, smallMachine());
+    const std::string rails = smallResult(Call::kRails);
+    const std::string residencies = smallResult(Call::kResidencies);
+    EXPECT_EQ(call(Call::kRails), array(rails, firstTraffic(Backend::kAidl, Call::kRails),
+                                        {chosenLine(Backend::kAidl)}));
+    EXPECT_EQ(call(Call::kRails), array(rails, "aidl:readEnergyMeter"));
+    // Already connected: only the names are missing.
+    EXPECT_EQ(call(Call::kResidencies),
+              array(residencies, "aidl:getPowerEntityInfo aidl:getStateResidency"));
+    EXPECT_EQ(call(Call::kResidencies), array(residencies, "aidl:getStateResidency"));
+    EXPECT_EQ(call(Call::kRails), array(rails, "aidl:readEnergyMeter"));
+}
+
+TEST_F(Selection, HidlStaysWhenAidlComesLater) {
+    serve(Backend::kHidl, smallMachine());
+    const std::string rails = smallResult(Call::kRails);
+    const std::string residencies = smallResult(Call::kResidencies);
+    EXPECT_EQ(call(Call::kResidencies),
+              array(residencies, firstTraffic(Backend::kHidl, Call::kResidencies),
+                    {chosenLine(Backend::kHidl)}));
+    serve(Backend::kAidl, smallMachine());
+    EXPECT_EQ(call(Call::kResidencies),
+              array(residencies, "hidl:getPowerEntityStateResidencyData"));
+    EXPECT_EQ(call(Call::kRails), array(rails, "hidl:getRailInfo hidl:getEnergyData"));
+    kill(Backend::kHidl);
+    EXPECT_EQ(call(Call::kRails), kNoHidl);
+}
+
+TEST_F(Selection, AidlNeverFallsBackToHidl) {
+    serve(Backend::kAidl, smallMachine());
+    serve(Backend::kHidl, smallMachine());
+    call(Call::kResidencies);
+    kill(Backend::kAidl);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(call(Call::kRails), nothing({"E: Unable to get power stats AIDL service!",
+                                               "I: Power stats rail energy init failed"},
+                                              "aidl:lookup"));
+        EXPECT_EQ(call(Call::kResidencies), nothing({"E: Unable to get power stats AIDL service!",
+                                                     "I: Power stats residencies init failed"},
+                                                    "aidl:lookup"));
+    }
+    serve(Backend::kAidl, smallMachine());
+    EXPECT_EQ(call(Call::kRails),
+              array(smallResult(Call::kRails), reconnectTraffic(Backend::kAidl, Call::kRails)));
+}
+
+TEST_F(Selection, NoServiceAtAll) {
+    Outcome first = kNoHidl;
+    first.events.insert(first.events.begin(), chosenLine(Backend::kHidl));
+    first.traffic = "aidl:lookup hidl:lookup";
+    EXPECT_EQ(call(Call::kRails), first);
+    EXPECT_EQ(call(Call::kResidencies), kNoHidl);
+    serve(Backend::kHidl, smallMachine());
+    EXPECT_EQ(call(Call::kResidencies),
+              array(smallResult(Call::kResidencies),
+                    reconnectTraffic(Backend::kHidl, Call::kResidencies)));
+}
+
+TEST_F(Selection, HidlServiceOfAnotherInstanceIsNotUsed) {
+    const android::sp<FakeHidl> other = new FakeHidl;
+    ASSERT_EQ(other->registerAsService("vendor"), android::OK);
+    EXPECT_EQ(call(Call::kRails).events.back(), "E: Power stats HAL not loaded!");
+}
+
+TEST_F(Selection, BinderOfAnotherInterface) {
+    AIBinder_Class* const other = AIBinder_Class_define(
+        "android.hardware.light.ILights", [](void* args) { return args; }, [](void*) {},
+        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
+            return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
+        });
+    const ndk::SpAIBinder binder(AIBinder_new(other, nullptr));
+    AServiceManager_addService(binder.get(), host::kAidlPowerStats);
+    serve(Backend::kHidl, smallMachine());
+    const Lines rails{"E: Unable to get power stats AIDL service!",
+                      "I: Power stats rail energy init failed"};
+    const Lines residencies{"E: Unable to get power stats AIDL service!",
+                            "I: Power stats residencies init failed"};
+    EXPECT_EQ(call(Call::kRails),
+              nothing({chosenLine(Backend::kAidl), rails[0], rails[1]}, "aidl:lookup*2"));
+    EXPECT_EQ(call(Call::kRails), nothing(rails, "aidl:lookup"));
+    EXPECT_EQ(call(Call::kResidencies), nothing(residencies, "aidl:lookup"));
+    // This test's, the register's, and the one that the choice of backend keeps.
+    EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 3);
+}
+
+TEST_F(Selection, KeepsOneReferenceOfItsOwn) {
+    serve(Backend::kAidl, smallMachine());
+    const ndk::SpAIBinder binder = aidl->asBinder();
+    ASSERT_EQ(AIBinder_debugGetRefCount(binder.get()), 2) << "this test's and the register's";
+    for (int i = 0; i < 3; ++i) {
+        call(Call::kRails);
+        call(Call::kResidencies);
+        EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 4) << "and the choice's and the proxy's";
+    }
+    kill(Backend::kAidl);
+    EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 2) << "this test's and the choice's";
+    unload();
+    EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 2);
+}
+
+TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
+    for (const Backend backend : kBackends) {
+        SCOPED_TRACE(chosenLine(backend));
+        serve(backend, smallMachine());
+        std::atomic<int> inside{0};
+        std::atomic<int> most{0};
+        const Hook hold = [&](const std::string&) {
+            most = std::max<int>(most, ++inside);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            --inside;
+        };
+        (backend == Backend::kAidl ? aidl->onCall : hidl->onCall) = hold;
+        // Time enough for the other thread to come by while the choice is being logged.
+        onEvent = [](const std::string&) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        };
+        load();
+        takeEvents();
+        const int64_t lookups = host::lookups(nameOf(backend));
+        std::atomic<int> ready{0};
+        std::optional<powerstats::JavaBytes> results[2];
+        const auto run = [&](Call call) {
+            for (++ready; ready < 2;) std::this_thread::yield();
+            results[static_cast<int>(call)] =
+                call == Call::kRails ? library->railEnergy(&env) : library->residencies(&env);
+        };
+        std::thread rails(run, Call::kRails);
+        std::thread residencies(run, Call::kResidencies);
+        rails.join();
+        residencies.join();
+        for (const Call call : kCalls) {
+            const auto& bytes = results[static_cast<int>(call)].value();
+            ASSERT_TRUE(bytes.has_value());
+            EXPECT_EQ(std::string(bytes->begin(), bytes->end()), smallResult(call));
+        }
+        const Lines events = takeEvents();
+        EXPECT_EQ(std::count(events.begin(), events.end(), chosenLine(backend)), 1);
+        EXPECT_EQ(host::lookups(nameOf(backend)) - lookups, backend == Backend::kAidl ? 2 : 1);
+        EXPECT_EQ(host::links(nameOf(backend)), 1);
+        EXPECT_EQ(most, 1);
+        unload();
+        kill(backend);
+    }
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Loading and unloading the library, any number of times in one process, and what it exports.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <set>
+
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+using host::Event;
+
+class Unload : public testing::TestWithParam<Backend>, public Scenario {
+  protected:
+    static void expectGone() {
+        EXPECT_EQ(dlopen(POWERSTATS_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line);) {
+            EXPECT_EQ(line.find("powerstatshaldataprovider.so"), std::string::npos) << line;
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Test, Unload, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(Unload, LeavesNothingBehindAndStartsAfresh) {
+    serve(GetParam(), smallMachine());
+    for (int i = 0; i < 30; ++i) {
+        for (const Call which : kCalls) {
+            load();
+            ASSERT_EQ(call(which), array(smallResult(which), firstTraffic(GetParam(), which),
+                                         {chosenLine(GetParam())}));
+            unload();
+            expectGone();
+        }
+        load();
+        unload();
+    }
+    EXPECT_EQ(host::unlinks(nameOf(GetParam())), 0);
+    // Sixty links outlived the library that made them.
+    kill(GetParam());
+}
+
+TEST_P(Unload, DestroysInReverseOrderOfConstruction) {
+    serve(GetParam(), smallMachine());
+    std::vector<Event> events;
+    host::setObserver([&](Event event) { events.push_back(event); });
+    load();
+    EXPECT_EQ(events,
+              (std::vector<Event>{Event::kHidlRecipientCreated, Event::kAidlRecipientCreated}));
+    call(Call::kRails);
+    call(Call::kResidencies);
+    events.clear();
+    unload();
+    host::setObserver(nullptr);
+    if (GetParam() == Backend::kAidl) {
+        EXPECT_EQ(events,
+                  (std::vector<Event>{Event::kAidlRecipientDeleted, Event::kAidlProxyDestroyed,
+                                      Event::kBinderReleased, Event::kHidlRecipientDestroyed}));
+    } else {
+        EXPECT_EQ(events,
+                  (std::vector<Event>{Event::kAidlRecipientDeleted, Event::kHidlRecipientDestroyed,
+                                      Event::kHidlProxyDestroyed}));
+    }
+}
+
+TEST(Exports, AreTheEntryPointsAndTheGlobalStateOnly) {
+    const std::string command =
+        std::string(NM_PROGRAM) + " -DC --defined-only '" + POWERSTATS_LIBRARY + "' 2>&1";
+    const std::unique_ptr<FILE, int (*)(FILE*)> nm(popen(command.c_str(), "r"), pclose);
+    ASSERT_NE(nm, nullptr);
+    std::set<std::string> names;
+    char line[4096];
+    while (std::fgets(line, sizeof(line), nm.get()) != nullptr) {
+        // "0000000000012345 B ferrolith::gChannels[abi:cxx11]"
+        const std::string text(line);
+        const std::string name = text.substr(text.find(' ') + 3);
+        names.insert(name.substr(0, name.find_first_of("[\n")));
+    }
+    const std::string entryPoint =
+        "Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_";
+    const std::set<std::string> expected{
+        entryPoint + "getRailEnergyNative",
+        entryPoint + "getResidenciesNative",
+        "ferrolith::gChannels",
+        "ferrolith::gDeathRecipientAidl",
+        "ferrolith::gDeathRecipientV1_0",
+        "ferrolith::gEntityNames",
+        "ferrolith::gGetRailEnergyImpl",
+        "ferrolith::gGetResidenciesImpl",
+        "ferrolith::gPowerStatsHalAidl",
+        "ferrolith::gPowerStatsHalV1_0",
+        "ferrolith::gPowerStatsMutex",
+        "ferrolith::gStateNames",
+    };
+    EXPECT_EQ(names, expected);
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Binders, their register and the AIDL proxy, as far as a client relies on them.
+
+#include <android/binder_manager.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <host/ServiceControl.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FakeServices.h"
+
+namespace support {
+namespace {
+
+using ndk::SpAIBinder;
+
+AIBinder_Class* otherClass(AIBinder_Class_onDestroy onDestroy = [](void*) {}) {
+    return AIBinder_Class_define(
+        "android.hardware.light.ILights", [](void* args) { return args; }, onDestroy,
+        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
+            return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
+        });
+}
+
+TEST(BinderHolder, WhoseContentIsReplacedDuringItsReleaseEndsTheProcess) {
+    const Ended ended = runInChild([] {
+        SpAIBinder holder;
+        AIBinder_Class* const clazz =
+            otherClass([](void* held) { *static_cast<SpAIBinder*>(held)->getR() = nullptr; });
+        holder.set(AIBinder_new(clazz, &holder));
+        holder.set(nullptr);
+    });
+    EXPECT_EQ(ended.signal, SIGABRT);
+    EXPECT_THAT(ended.errors, testing::HasSubstr("Race detected."));
+}
+
+class Binder : public testing::Test {
+  protected:
+    Binder() {
+        host::setBusLookups(false);
+        mService->machine = {{{1, "rail"}}, {{1, 1000}}, {}, {}};
+        AServiceManager_addService(mService->asBinder().get(), host::kAidlPowerStats);
+    }
+
+    static std::shared_ptr<stats::IPowerStats> connect() {
+        return stats::IPowerStats::fromBinder(
+            SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));
+    }
+
+    std::shared_ptr<FakeAidl> mService = ndk::SharedRefBase::make<FakeAidl>();
+};
+
+TEST_F(Binder, IsTheSameForTheSameServiceAndKeepsItAlive) {
+    SpAIBinder binder = mService->asBinder();
+    EXPECT_EQ(binder, mService->asBinder());
+    EXPECT_EQ(binder.get(), SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)).get());
+    const std::weak_ptr<FakeAidl> service = mService;
+    mService.reset();
+    EXPECT_TRUE(host::unregisterService(host::kAidlPowerStats));
+    EXPECT_EQ(AServiceManager_checkService(host::kAidlPowerStats), nullptr);
+    EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 1);
+    EXPECT_FALSE(service.expired());
+    const ndk::ScopedAIBinder_Weak weak(AIBinder_Weak_new(binder.get()));
+    EXPECT_EQ(SpAIBinder(AIBinder_Weak_promote(weak.get())), binder);
+    binder.set(nullptr);
+    EXPECT_TRUE(service.expired());
+    EXPECT_EQ(AIBinder_Weak_promote(weak.get()), nullptr);
+}
+
+TEST_F(Binder, OfAnotherInterfaceGivesNoProxy) {
+    EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder()), nullptr);
+    EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder(AIBinder_new(otherClass(), nullptr))),
+              nullptr);
+    EXPECT_EQ(AServiceManager_getService("android.hardware.power.stats.IPowerStats/other"),
+              nullptr);
+    EXPECT_STREQ(stats::IPowerStats::descriptor, "android.hardware.power.stats.IPowerStats");
+}
+
+TEST_F(Binder, AnswerIsWrittenOnlyWhenTheCallSucceeded) {
+    const auto client = connect();
+    stats::Channel before;
+    before.name = "before";
+    const std::vector<stats::Channel> untouched{before};
+    std::vector<stats::Channel> channels = untouched;
+
+    mService->failing["getEnergyMeterInfo"] = [] {
+        return ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(3, "no meter");
+    };
+    auto status = client->getEnergyMeterInfo(&channels);
+    EXPECT_EQ(status.getExceptionCode(), EX_SERVICE_SPECIFIC);
+    EXPECT_EQ(status.getServiceSpecificError(), 3);
+    EXPECT_STREQ(status.getMessage(), "no meter");
+    EXPECT_EQ(channels, untouched);
+
+    host::failTransactions(host::kAidlPowerStats, "getEnergyMeterInfo", {-5, 0, "state"});
+    EXPECT_EQ(client->getEnergyMeterInfo(&channels).getExceptionCode(), EX_ILLEGAL_STATE);
+    host::Failure failure;
+    failure.withoutStatus = true;
+    host::failTransactions(host::kAidlPowerStats, "getEnergyMeterInfo", failure);
+    status = client->getEnergyMeterInfo(&channels);
+    EXPECT_EQ(status.get(), nullptr);
+    EXPECT_FALSE(status.isOk());
+    EXPECT_EQ(channels, untouched);
+
+    mService->failing.clear();
+    EXPECT_TRUE(client->getEnergyMeterInfo(&channels).isOk());
+    ASSERT_EQ(channels.size(), 1u) << "an answer replaces what was there";
+    EXPECT_EQ(channels[0].name, "rail");
+
+    channels = untouched;
+    host::killService(host::kAidlPowerStats);
+    EXPECT_EQ(client->getEnergyMeterInfo(&channels).getStatus(), STATUS_DEAD_OBJECT);
+    EXPECT_EQ(channels, untouched);
+    EXPECT_EQ(host::transactions(host::kAidlPowerStats), 5);
+}
+
+TEST_F(Binder, DeathDuringACallFailsIt) {
+    const auto client = connect();
+    mService->onCall = [](const std::string&) { host::killService(host::kAidlPowerStats); };
+    std::vector<stats::EnergyMeasurement> measurements;
+    EXPECT_EQ(client->readEnergyMeter({}, &measurements).getStatus(), STATUS_DEAD_OBJECT);
+    EXPECT_TRUE(measurements.empty());
+}
+
+TEST_F(Binder, MethodsNobodyCallsAreUnknown) {
+    const auto client = connect();
+    std::vector<stats::EnergyConsumer> consumers;
+    std::vector<stats::EnergyConsumerResult> results;
+    EXPECT_EQ(client->getEnergyConsumerInfo(&consumers).getStatus(), STATUS_UNKNOWN_TRANSACTION);
+    EXPECT_EQ(client->getEnergyConsumed({}, &results).getStatus(), STATUS_UNKNOWN_TRANSACTION);
+}
+
+TEST_F(Binder, TwoClientsOfOneService) {
+    const auto first = connect();
+    auto second = connect();
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(first->isRemote());
+    second.reset();
+    std::vector<stats::Channel> channels;
+    EXPECT_TRUE(first->getEnergyMeterInfo(&channels).isOk());
+    second = connect();
+    host::killService(host::kAidlPowerStats);
+    EXPECT_EQ(first->getEnergyMeterInfo(&channels).getStatus(), STATUS_DEAD_OBJECT);
+    EXPECT_EQ(second->getEnergyMeterInfo(&channels).getStatus(), STATUS_DEAD_OBJECT);
+    EXPECT_EQ(AServiceManager_addService(first->asBinder().get(), host::kAidlPowerStats),
+              STATUS_BAD_VALUE);
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reference counts, containers and transport results of HIDL, and its proxy.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <host/ServiceControl.h>
+#include <signal.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FakeServices.h"
+
+namespace support {
+namespace {
+
+using android::sp;
+using android::wp;
+using android::hardware::hidl_string;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using TransportStatus = android::hardware::Status;
+using stats_V1_0::IPowerStats;
+
+struct Counted : android::RefBase {
+    explicit Counted(int* ended) : ended(ended) {}
+    ~Counted() override { ++*ended; }
+    int* const ended;
+};
+
+TEST(RefBase, EndsWithTheLastStrongReference) {
+    int ended = 0;
+    sp<Counted> first = new Counted(&ended);
+    EXPECT_EQ(first->getStrongCount(), 1);
+    sp<Counted> second = first;
+    const sp<android::RefBase> base = second;
+    EXPECT_EQ(first->getStrongCount(), 3);
+    sp<Counted> moved = std::move(second);
+    EXPECT_EQ(second, nullptr);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    EXPECT_EQ(moved->getStrongCount(), 3);
+    const wp<Counted> weak = moved;
+    EXPECT_EQ(weak.promote(), first);
+    EXPECT_EQ(first->getStrongCount(), 3);
+    first = first.get();
+    first.clear();
+    moved = nullptr;
+    EXPECT_EQ(ended, 0);
+    const_cast<sp<android::RefBase>&>(base).clear();
+    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(weak.promote(), nullptr);
+}
+
+TEST(RefBase, WeakReferenceFromBeforeTheFirstStrongOne) {
+    int ended = 0;
+    auto* const object = new Counted(&ended);
+    const wp<Counted> weak = object;
+    EXPECT_EQ(object->getStrongCount(), 0);
+    {
+        const sp<Counted> strong = weak.promote();
+        EXPECT_EQ(strong.get(), object);
+    }
+    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(weak.promote(), nullptr);
+    { const Counted onTheStack(&ended); }
+    EXPECT_EQ(ended, 2);
+}
+
+TEST(HidlContainers, HoldWhatTheyWereGiven) {
+    const hidl_string text(std::string("a\0b", 3));
+    EXPECT_EQ(std::string(text), std::string("a\0b", 3));
+    EXPECT_EQ(text.size(), 3u);
+    EXPECT_STREQ(text.c_str(), "a");
+    EXPECT_EQ(hidl_string(nullptr), hidl_string(""));
+
+    hidl_vec<std::string> names{"a", "b", "c"};
+    const hidl_vec<std::string> copy = names;
+    names[0] = "changed";
+    names.resize(4);
+    EXPECT_EQ(std::vector<std::string>(names), (std::vector<std::string>{"changed", "b", "c", ""}));
+    EXPECT_EQ(std::vector<std::string>(copy), (std::vector<std::string>{"a", "b", "c"}));
+    hidl_vec<std::string> moved = std::move(names);
+    EXPECT_EQ(moved.size(), 4u);
+    EXPECT_EQ(names.size(), 0u);  // NOLINT(bugprone-use-after-move)
+
+    std::string external[] = {"x", "y"};
+    moved.setToExternal(external, 2);
+    moved[1] = "z";
+    EXPECT_EQ(external[1], "z");
+    moved = copy;
+    EXPECT_EQ(external[1], "z");
+    EXPECT_EQ(moved.size(), 3u);
+}
+
+Return<void> failed() {
+    return TransportStatus::fromStatusT(android::DEAD_OBJECT, "gone");
+}
+
+TEST(TransportResult, FailedAndUnexaminedEndsTheProcess) {
+    const auto expectEnd = [](const char* message, const std::function<void()>& run) {
+        const Ended ended = runInChild(run);
+        EXPECT_EQ(ended.signal, SIGABRT);
+        EXPECT_THAT(ended.errors, testing::HasSubstr(message));
+        EXPECT_THAT(ended.errors, testing::HasSubstr("Status(-129): 'DEAD_OBJECT: gone'"));
+    };
+    const char kNotChecked[] = "Failed HIDL return status not checked.";
+    expectEnd(kNotChecked, [] { failed(); });
+    expectEnd(kNotChecked, [] {
+        const Return<void> result = failed();
+        result.description();
+        EXPECT_TRUE(result.isDeadObject());
+    });
+    expectEnd(kNotChecked, [] {
+        Return<void> result = failed();
+        const Return<void> moved = std::move(result);
+    });
+    expectEnd(kNotChecked, [] {
+        Return<void> result = failed();
+        result = android::hardware::Void();
+        std::fputs("went on\n", stderr);
+    });
+    expectEnd("The value of a failed HIDL call was used.", [] {
+        const Return<bool> result = TransportStatus::fromStatusT(android::DEAD_OBJECT, "gone");
+        EXPECT_FALSE(static_cast<bool>(result));
+    });
+}
+
+TEST(TransportResult, ExaminedOrOkIsHarmless) {
+    Return<void> result = failed();
+    EXPECT_FALSE(result.isOk());
+    EXPECT_TRUE(result.isDeadObject());
+    const Return<void> moved = std::move(result);
+    const Return<bool> failedBool = TransportStatus::fromExceptionCode(-5, "state");
+    EXPECT_TRUE(failedBool.withDefault(true));
+    EXPECT_FALSE(failedBool.isDeadObject());
+    EXPECT_EQ(failedBool.description(), "Status(-5): 'state'");
+    EXPECT_TRUE(Return<bool>(true));
+    EXPECT_EQ(android::hardware::Void().description(), "No error");
+}
+
+class HidlProxy : public testing::Test {
+  protected:
+    HidlProxy() {
+        host::setBusLookups(false);
+        mService->machine = {{{1, "rail"}}, {}, {}, {}};
+        EXPECT_EQ(mService->registerAsService(), android::OK);
+    }
+
+    /// Asks for the rails.
+    std::string ask(const sp<IPowerStats>& client) {
+        std::string answers;
+        const auto result = client->getRailInfo([&](const auto& rails, FakeHidl::Status status) {
+            answers += std::to_string(rails.size()) + " with " +
+                       std::to_string(static_cast<uint32_t>(status)) + ". ";
+        });
+        return answers + (result.isOk() ? "" : result.description());
+    }
+
+    const sp<FakeHidl> mService = new FakeHidl;
+};
+
+TEST_F(HidlProxy, AnswersAreSynchronousAndFailuresHaveNone) {
+    const sp<IPowerStats> client = IPowerStats::getService();
+    const sp<IPowerStats> other = IPowerStats::getService();
+    EXPECT_NE(client, other);
+    EXPECT_EQ(IPowerStats::getService("default", true), nullptr);
+    EXPECT_EQ(IPowerStats::getService("vendor"), nullptr);
+    EXPECT_EQ(ask(client), "1 with 0. ");
+    mService->statuses["getRailInfo"] = FakeHidl::Status::INSUFFICIENT_RESOURCES;
+    EXPECT_EQ(ask(client), "1 with 4. ");
+    host::failTransactions(host::kHidlPowerStats, "getRailInfo", {-129, -74, "odd"}, 2);
+    EXPECT_EQ(ask(client), "Status(-129): 'UNKNOWN_TRANSACTION: odd'");
+    EXPECT_EQ(ask(client), "Status(-129): 'UNKNOWN_TRANSACTION: odd'");
+    EXPECT_EQ(ask(client), "1 with 4. ");
+    mService->onCall = [](const std::string&) { host::killService(host::kHidlPowerStats); };
+    EXPECT_EQ(ask(client), "Status(-129): 'DEAD_OBJECT'") << "it died before it answered";
+    EXPECT_EQ(ask(client), "Status(-129): 'DEAD_OBJECT'");
+    EXPECT_FALSE(client->ping().isOk());
+    EXPECT_EQ(ask(other), "Status(-129): 'DEAD_OBJECT'");
+    EXPECT_EQ(IPowerStats::getService(), nullptr);
+    EXPECT_EQ(host::transactions(host::kHidlPowerStats, "getRailInfo"), 8);
+}
+
+struct Careless : FakeHidl {
+    FakeHidl::Result getRailInfo(getRailInfo_cb callback) override {
+        for (int i = 0; i < answers; ++i) callback({}, Status::SUCCESS);
+        return android::hardware::Void();
+    }
+    int answers = 0;
+};
+
+TEST_F(HidlProxy, ServiceThatAnswersNotAtAllOrTwice) {
+    const sp<Careless> service = new Careless;
+    ASSERT_EQ(service->registerAsService("careless"), android::OK);
+    const sp<IPowerStats> client = IPowerStats::getService("careless");
+    EXPECT_EQ(ask(client), "Status(-129): 'FAILED_TRANSACTION: the service gave no answer'");
+    service->answers = 2;
+    EXPECT_EQ(ask(client), "0 with 0. ");
+}
+
+TEST_F(HidlProxy, StreamIsUnknown) {
+    const auto result = IPowerStats::getService()->streamEnergyData(
+        1, 1, [](const auto&, uint32_t, uint32_t, FakeHidl::Status) { FAIL(); });
+    EXPECT_FALSE(result.isOk());
+    EXPECT_EQ(result.description(), "Status(-129): 'UNKNOWN_TRANSACTION'");
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The boot clock in the hands of a test: this program's own `clock_gettime`, which the library
+// finds before the C library's. Other clocks are passed through.
+
+#pragma once
+
+#include <time.h>
+
+#include <functional>
+#include <optional>
+
+namespace support {
+
+struct BootClock {
+    /// What the clock shows; without a value it cannot be read.
+    std::optional<timespec> now;
+    /// Called at every reading.
+    std::function<void()> onRead;
+};
+
+/// The clock of this process. It fails until it is set.
+BootClock& bootClock();
+
+}  // namespace support

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The bytes that a result must have, put together by hand: an encoder apart from the one that the
+// library uses, so that the two cannot be wrong together.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace support {
+
+/// Seven bits a byte, least significant first.
+inline std::string varint(uint64_t value) {
+    std::string bytes;
+    for (; value >= 0x80; value >>= 7) bytes += static_cast<char>(0x80 | (value & 0x7f));
+    return bytes + static_cast<char>(value);
+}
+
+/// One field, with its tag.
+inline std::string field(int number, uint64_t value) {
+    return varint(static_cast<uint64_t>(number) << 3) + varint(value);
+}
+inline std::string field(int number, const std::string& content) {
+    return varint(static_cast<uint64_t>(number) << 3 | 2) + varint(content.size()) + content;
+}
+
+/// One element of a result.
+inline std::string element(uint64_t kind, const std::string& name, int64_t timestampMs,
+                           const std::string& data) {
+    const std::string id =
+        field(1, kind) + field(2, name) + field(3, static_cast<uint64_t>(timestampMs));
+    return field(2, field(1, id) + field(2, data));
+}
+
+/// One rail, as an element of a result.
+inline std::string railElement(const std::string& name, int64_t timestampMs, int64_t millijoules) {
+    return element(1, name, timestampMs, field(1, field(1, static_cast<uint64_t>(millijoules))));
+}
+
+/// One state, for entityElement.
+inline std::string residency(const std::string& name, int64_t totalTimeMs, int64_t entries) {
+    return field(2, field(1, name) + field(2, static_cast<uint64_t>(totalTimeMs)) +
+                        field(3, static_cast<uint64_t>(entries)));
+}
+
+/// One power entity, as an element of a result.
+inline std::string entityElement(const std::string& name, int64_t timestampMs,
+                                 const std::vector<std::string>& residencies) {
+    std::string data;
+    for (const auto& state : residencies) data += state;
+    return element(2, name, timestampMs, data);
+}
+
+/// "12 19 0a" from three bytes.
+inline std::string toHex(const std::string& bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        if (!text.empty()) text += ' ';
+        text += {kDigits[static_cast<uint8_t>(byte) >> 4], kDigits[byte & 0xf]};
+    }
+    return text;
+}
+
+}  // namespace support
