@@ -73,8 +73,8 @@ TEST_F(Binder, IsTheSameForTheSameServiceAndKeepsItAlive) {
 
 TEST_F(Binder, OfAnotherInterfaceGivesNoProxy) {
     EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder()), nullptr);
-    EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder(AIBinder_new(otherClass(), nullptr))),
-              nullptr);
+    static AIBinder_Class* const clazz = otherClass();
+    EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder(AIBinder_new(clazz, nullptr))), nullptr);
     EXPECT_EQ(AServiceManager_getService("android.hardware.power.stats.IPowerStats/other"),
               nullptr);
     EXPECT_STREQ(stats::IPowerStats::descriptor, "android.hardware.power.stats.IPowerStats");

@@ -39,7 +39,9 @@ TEST(RefBase, EndsWithTheLastStrongReference) {
     const sp<android::RefBase> base = second;
     EXPECT_EQ(first->getStrongCount(), 3);
     sp<Counted> moved = std::move(second);
-    EXPECT_EQ(second, nullptr);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    const bool emptied = second == nullptr;
+    EXPECT_TRUE(emptied);
     EXPECT_EQ(moved->getStrongCount(), 3);
     const wp<Counted> weak = moved;
     EXPECT_EQ(weak.promote(), first);
