@@ -8,11 +8,11 @@
 #include <host/ServiceControl.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +20,7 @@
 #include "hal/LinuxCounters.h"
 #include "hal/LinuxPowerStatsAidl.h"
 #include "hal/LinuxPowerStatsHidl.h"
+#include "tools/CommandLine.h"
 #include "tools/HostJavaRuntime.h"
 #include "tools/ResultPrinter.h"
 
@@ -27,7 +28,8 @@ namespace powerstats {
 
 namespace {
 
-enum ExitCode { kCollected = 0, kNothingCollected = 1, kUsage = 2 };
+constexpr int kCollected = 0;
+constexpr int kNothingCollected = 1;
 
 struct Arguments {
     std::string hal = "aidl";
@@ -44,8 +46,8 @@ struct Call {
     JavaBytes bytes;
 };
 
-void printError(const std::string& text) {
-    fmt::print(stderr, "powerstats: {}\n", text);
+void say(const std::string& text) {
+    printError("powerstats", text);
 }
 
 bool registerAidl(const std::shared_ptr<const LinuxCounters>& counters) {
@@ -59,21 +61,25 @@ bool registerHidl(const std::shared_ptr<const LinuxCounters>& counters) {
     return service->registerAsService() == android::OK;
 }
 
-/// The interfaces that the service can be registered with.
+/// What the library can find: the service of this process over either interface, or what the bus
+/// has.
 constexpr struct {
     const char* name;
     bool (*registerService)(const std::shared_ptr<const LinuxCounters>& counters);
-} kHals[] = {{"aidl", registerAidl}, {"hidl", registerHidl}};
+} kHals[] = {{"aidl", registerAidl}, {"hidl", registerHidl}, {"bus", nullptr}};
 
 bool registerService(const Arguments& arguments) {
+    const auto* const hal =
+        std::find_if(std::begin(kHals), std::end(kHals),
+                     [&](const auto& entry) { return arguments.hal == entry.name; });
+    if (hal->registerService == nullptr) return true;
+    // The service is in this process; whatever a bus offers is none of its business.
+    host::setBusLookups(false);
     LinuxCounters::Options options;
     options.root = arguments.sysfs;
-    options.warn = printError;
-    const auto counters = std::make_shared<const LinuxCounters>(options);
-    for (const auto& hal : kHals) {
-        if (arguments.hal == hal.name && hal.registerService(counters)) return true;
-    }
-    printError(fmt::format("{}: the service could not be registered", arguments.hal));
+    options.warn = say;
+    if (hal->registerService(std::make_shared<const LinuxCounters>(options))) return true;
+    say(fmt::format("{}: the service could not be registered", arguments.hal));
     return false;
 }
 
@@ -92,7 +98,7 @@ bool parse(const Call& call, Section* section) {
     if (section->result->ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
         return true;
     }
-    printError("the library's result cannot be read (build the library and this program together)");
+    say("the library's result cannot be read (build the library and this program together)");
     return false;
 }
 
@@ -108,7 +114,7 @@ bool format(const std::vector<Call>& calls, const std::string& form, std::string
 bool writeOutput(const std::string& text) {
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
     if (written && std::fflush(stdout) == 0) return true;
-    printError(fmt::format("standard output: {}", std::strerror(errno)));
+    say(fmt::format("standard output: {}", std::strerror(errno)));
     return false;
 }
 
@@ -116,12 +122,10 @@ int dump(const Arguments& arguments) {
     std::string error;
     const auto library = LoadedLibrary::load(arguments.library, &error);
     if (library == nullptr) {
-        printError(error + " (build the library, or name another file with --library)");
+        say(error + " (build the library, or name another file with --library)");
         return kUsage;
     }
 
-    // The service is in this process; whatever a bus offers is none of its business.
-    host::setBusLookups(false);
     if (!registerService(arguments)) return kNothingCollected;
 
     const bool all = arguments.rails == arguments.residencies;
@@ -146,14 +150,12 @@ int dump(const Arguments& arguments) {
 }
 
 /// @return what is wrong with arguments that can be read; empty when nothing is.
-std::string findMistake(const Arguments& arguments) {
+std::string findMistake(const Arguments& arguments, bool sysfsGiven) {
+    if (arguments.hal == "bus" && sysfsGiven) {
+        return "--sysfs: not with --hal bus (the service on the bus reads its own counters)";
+    }
     if (arguments.format == "binary" && arguments.rails == arguments.residencies) {
         return "--format binary: the bytes of one call only (give --rails or --residencies)";
-    }
-    std::error_code error;
-    if (!std::filesystem::is_directory(arguments.sysfs, error)) {
-        return fmt::format("{}: not a folder (give the root of a sysfs tree with --sysfs)",
-                           arguments.sysfs);
     }
     return "";
 }
@@ -165,30 +167,29 @@ int run(int argc, char** argv) {
     CLI::App* command = app.add_subcommand("dump", "Read the counters once and print them.");
     std::vector<std::string> hals;
     for (const auto& hal : kHals) hals.emplace_back(hal.name);
-    command->add_option("--hal", arguments.hal, "Interface that the library finds")
+    command
+        ->add_option(
+            "--hal", arguments.hal,
+            "What the library finds: this machine over an interface, or a service on a bus")
         ->check(CLI::IsMember(hals))
         ->capture_default_str();
     command->add_flag("--rails", arguments.rails, "Energy of the rails only");
     command->add_flag("--residencies", arguments.residencies, "States of the power entities only");
-    command->add_option("--sysfs", arguments.sysfs, "Folder of the kernel's counters")
-        ->capture_default_str();
+    CLI::Option* sysfs = addSysfsOption(command, &arguments.sysfs);
     command->add_option("--format", arguments.format, "binary: the library's own bytes")
         ->check(CLI::IsMember({"table", "json", "binary"}))
         ->capture_default_str();
     command->add_option("--library", arguments.library, "The library's file")
         ->capture_default_str();
-    try {
-        app.parse(argc, argv);
-        // Not left to CLI11, which would say so too where a subcommand is misspelt.
-        if (app.get_subcommands().empty()) throw CLI::RequiredError("A subcommand");
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
-        printError(fmt::format("{} (see powerstats --help)", error.what()));
+    if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
+    // Not left to CLI11, which would say so too where a subcommand is misspelt.
+    if (app.get_subcommands().empty()) {
+        say("A subcommand is required (see powerstats --help)");
         return kUsage;
     }
-    const std::string mistake = findMistake(arguments);
+    const std::string mistake = findMistake(arguments, sysfs->count() != 0);
     if (!mistake.empty()) {
-        printError(mistake);
+        say(mistake);
         return kUsage;
     }
     return dump(arguments);
@@ -199,12 +200,5 @@ int run(int argc, char** argv) {
 }  // namespace powerstats
 
 int main(int argc, char** argv) {
-    try {
-        return powerstats::run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fputs("powerstats: ", stderr);
-        std::fputs(error.what(), stderr);
-        std::fputs("\n", stderr);
-        return powerstats::kNothingCollected;
-    }
+    return powerstats::runProgram("powerstats", powerstats::run, argc, argv);
 }

@@ -7,19 +7,20 @@
 
 #include "Binder.h"
 
-namespace aidl::android::hardware::power::stats {
-namespace {
-
-using ::ndk::ScopedAStatus;
-
-AIBinder_Class* binderClass() {
+const AIBinder_Class* host::aidlPowerStatsClass() {
     // No raw transaction ever reaches a service: its proxies call it.
-    static AIBinder_Class* const clazz = ::ndk::ICInterface::defineClass(
-        IPowerStats::descriptor, [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
+    static const AIBinder_Class* const clazz = ::ndk::ICInterface::defineClass(
+        ::aidl::android::hardware::power::stats::IPowerStats::descriptor,
+        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
             return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
         });
     return clazz;
 }
+
+namespace aidl::android::hardware::power::stats {
+namespace {
+
+using ::ndk::ScopedAStatus;
 
 ScopedAStatus unknownTransaction() {
     return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
@@ -44,12 +45,13 @@ ScopedAStatus transact(AIBinder* binder, host::Method method, Reply* reply, Call
 const char* IPowerStats::descriptor = "android.hardware.power.stats.IPowerStats";
 
 std::shared_ptr<IPowerStats> IPowerStats::fromBinder(const ::ndk::SpAIBinder& binder) {
-    if (!AIBinder_associateClass(binder.get(), binderClass())) return nullptr;
+    if (!AIBinder_associateClass(binder.get(), host::aidlPowerStatsClass())) return nullptr;
     return ::ndk::SharedRefBase::make<BpPowerStats>(binder);
 }
 
 ::ndk::SpAIBinder BnPowerStats::createBinder() {
-    return ::ndk::SpAIBinder(AIBinder_new(binderClass(), static_cast<::ndk::ICInterface*>(this)));
+    return ::ndk::SpAIBinder(
+        AIBinder_new(host::aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this)));
 }
 
 BpPowerStats::BpPowerStats(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}

@@ -57,7 +57,8 @@ AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Pee
 ndk::ScopedAStatus toAidlStatus(const Failure& failure) {
     if (failure.withoutStatus) return ndk::ScopedAStatus();
     if (failure.exceptionCode == EX_TRANSACTION_FAILED) {
-        return ndk::ScopedAStatus::fromStatus(failure.transactionError);
+        return ndk::ScopedAStatus(
+            newTransactionStatus(failure.transactionError, failure.message.c_str()));
     }
     return ndk::ScopedAStatus::fromExceptionCodeWithMessage(failure.exceptionCode,
                                                             failure.message.c_str());

@@ -35,6 +35,12 @@ namespace host {
 /// @return the binder with one strong reference, owned by the caller.
 AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer);
 
+/// The binder class of the AIDL interface.
+const AIBinder_Class* aidlPowerStatsClass();
+
+/// The status of a transaction that failed; the caller owns it.
+AStatus* newTransactionStatus(binder_status_t status, const char* message);
+
 /// The status that a failure of the transport shows an AIDL client.
 ndk::ScopedAStatus toAidlStatus(const Failure& failure);
 

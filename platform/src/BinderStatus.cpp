@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include "Binder.h"
+
 struct AStatus {
     binder_exception_t exception = EX_NONE;
     int32_t serviceSpecific = 0;
@@ -24,6 +26,10 @@ AStatus* okStatus() {
 }
 
 }  // namespace
+
+AStatus* host::newTransactionStatus(binder_status_t status, const char* message) {
+    return new AStatus{EX_TRANSACTION_FAILED, 0, status, message};
+}
 
 extern "C" {
 
@@ -50,7 +56,7 @@ AStatus* AStatus_fromServiceSpecificErrorWithMessage(int32_t serviceSpecific, co
 
 AStatus* AStatus_fromStatus(binder_status_t status) {
     if (status == STATUS_OK) return AStatus_newOk();
-    return new AStatus{EX_TRANSACTION_FAILED, 0, status, {}};
+    return host::newTransactionStatus(status, "");
 }
 
 bool AStatus_isOk(const AStatus* status) {

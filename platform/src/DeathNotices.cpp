@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "Peer.h"
+#include "Register.h"
 
 namespace host {
 namespace {
@@ -93,6 +94,7 @@ void deliverNotices(std::shared_ptr<Peer> peer) {
 }
 
 bool waitForDeathNotices(double seconds) {
+    noticeDeathsOnBus(seconds);
     return DeathNotices::get().waitUntilDone(seconds);
 }
 

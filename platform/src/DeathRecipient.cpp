@@ -109,9 +109,15 @@ binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* 
     if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
     if (auto failure = binder->peer->beginLink()) return failure->transactionError;
     auto link = std::make_shared<AidlDeathLink>(binder, recipient, cookie, recipient->state);
-    return binder->peer->link(std::move(link)) == host::Peer::LinkResult::kLinked
-               ? STATUS_OK
-               : STATUS_DEAD_OBJECT;
+    switch (binder->peer->link(std::move(link))) {
+        case host::Peer::LinkResult::kLinked:
+            return STATUS_OK;
+        case host::Peer::LinkResult::kReported:
+            return STATUS_DEAD_OBJECT;
+        case host::Peer::LinkResult::kFailed:
+            break;
+    }
+    return STATUS_FAILED_TRANSACTION;
 }
 
 binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,

@@ -5,20 +5,23 @@
 #include <memory>
 #include <utility>
 
+#include "Hidl.h"
 #include "Peer.h"
 #include "Register.h"
+
+::android::hardware::Status host::toTransportStatus(const Failure& failure) {
+    using ::android::hardware::Status;
+    if (failure.exceptionCode == Status::EX_TRANSACTION_FAILED) {
+        return Status::fromStatusT(failure.transactionError, failure.message.c_str());
+    }
+    return Status::fromExceptionCode(failure.exceptionCode, failure.message.c_str());
+}
 
 namespace android::hardware::power::stats::V1_0 {
 namespace {
 
 using TransportStatus = ::android::hardware::Status;
-
-TransportStatus toTransportStatus(const host::Failure& failure) {
-    if (failure.exceptionCode == TransportStatus::EX_TRANSACTION_FAILED) {
-        return TransportStatus::fromStatusT(failure.transactionError, failure.message.c_str());
-    }
-    return TransportStatus::fromExceptionCode(failure.exceptionCode, failure.message.c_str());
-}
+using host::toTransportStatus;
 
 class HidlDeathLink : public host::DeathLink {
   public:

@@ -38,8 +38,13 @@ std::optional<Failure> Peer::beginLink() {
 }
 
 Peer::LinkResult Peer::link(std::shared_ptr<DeathLink> link) {
-    startWatching();
+    std::lock_guard<std::mutex> watchLock(mWatchMutex);
     bool late;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mReported) return LinkResult::kReported;
+    }
+    if (!startWatching()) return LinkResult::kFailed;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mReported) return LinkResult::kReported;
@@ -52,20 +57,18 @@ Peer::LinkResult Peer::link(std::shared_ptr<DeathLink> link) {
 
 size_t Peer::end(const Matches& matches, size_t most) {
     std::vector<std::shared_ptr<DeathLink>> ended;
-    bool last;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         for (auto& link : mLinks) {
             if (ended.size() < most && matches(*link)) ended.push_back(std::move(link));
         }
         mLinks.erase(std::remove(mLinks.begin(), mLinks.end(), nullptr), mLinks.end());
-        last = mLinks.empty() && !ended.empty();
     }
     for (const auto& link : ended) {
         // A notice may be on its way: whoever comes first ends the link.
         if (!link->mEnded.exchange(true)) link->ended();
     }
-    if (last) stopWatching();
+    if (!ended.empty()) stopWatchingUnlessLinked();
     return ended.size();
 }
 
@@ -102,6 +105,15 @@ void Peer::report() {
     {
         std::lock_guard<std::mutex> lock(mMutex);
         links.swap(mLinks);
+    }
+    stopWatchingUnlessLinked();
+}
+
+void Peer::stopWatchingUnlessLinked() {
+    std::lock_guard<std::mutex> watchLock(mWatchMutex);
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mLinks.empty()) return;
     }
     stopWatching();
 }

@@ -69,7 +69,7 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Counts a link and says how it fails, if it is scripted to.
     std::optional<Failure> beginLink();
 
-    enum class LinkResult { kLinked, kReported };
+    enum class LinkResult { kLinked, kReported, kFailed };
     /// Adds a link. A dead peer whose death has not been reported yet accepts it and reports at
     /// once.
     LinkResult link(std::shared_ptr<DeathLink> link);
@@ -88,9 +88,9 @@ class Peer : public std::enable_shared_from_this<Peer> {
     void setStats(ServiceStats* stats) { mStats = stats; }
 
   protected:
-    /// Called with no lock held before a link is added and after the last one has gone: where the
-    /// death of a process must be watched for, this is when.
-    virtual void startWatching() {}
+    /// Where the death of a process must be watched for, it is from before the first link until the
+    /// last one has gone. What is asked for already is no error.
+    virtual bool startWatching() { return true; }
     virtual void stopWatching() {}
 
   private:
@@ -101,6 +101,9 @@ class Peer : public std::enable_shared_from_this<Peer> {
     std::atomic<ServiceStats*> mStats{unnamed()};
     static ServiceStats* unnamed();
 
+    void stopWatchingUnlessLinked();
+
+    std::mutex mWatchMutex;  // held while watching starts or stops; taken before mMutex
     std::mutex mMutex;
     bool mReported = false;                          // guarded by mMutex
     std::vector<std::shared_ptr<DeathLink>> mLinks;  // guarded by mMutex

@@ -118,13 +118,15 @@ void registerService(const std::string& name, RegisteredService service) {
 RegisteredService findService(const std::string& name) {
     ServiceStats::of(name).lookups++;
     Register& all = Register::get();
-    std::lock_guard<std::mutex> lock(all.mutex);
-    auto entry = all.services.find(name);
-    return entry != all.services.end() ? entry->second : RegisteredService{};
-}
-
-bool busLookupsEnabled() {
-    return Register::get().busLookups;
+    {
+        std::lock_guard<std::mutex> lock(all.mutex);
+        auto entry = all.services.find(name);
+        if (entry != all.services.end()) return entry->second;
+    }
+    if (!all.busLookups) return {};
+    RegisteredService service = findOnBus(name);
+    if (service.peer != nullptr) service.peer->setStats(&ServiceStats::of(name));
+    return service;
 }
 
 void setBusLookups(bool enabled) {

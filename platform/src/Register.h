@@ -53,11 +53,15 @@ struct RegisteredService {
 /// Puts a service in the register, in place of one under the same name.
 void registerService(const std::string& name, RegisteredService service);
 
-/// Counts a look-up, and finds the service of this process under that name.
+/// Counts a look-up, and finds the service under that name: in this process, or else on the bus.
 /// @return one whose object is null when there is none.
 RegisteredService findService(const std::string& name);
 
-/// Whether a look-up that found nothing in this process may ask the bus.
-bool busLookupsEnabled();
+/// Finds a service of another process under that name.
+/// @return one whose object is null when there is none, or no bus.
+RegisteredService findOnBus(const std::string& name);
+
+/// Has the deaths noticed that the bus knows of.
+void noticeDeathsOnBus(double seconds);
 
 }  // namespace host

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Services of other processes as the register finds them: objects that carry each call over the
+// bus. The proxies that clients get do the same with them as with a service of this process.
+
+#include <aidl/android/hardware/power/stats/BnPowerStats.h>
+#include <android/hardware/power/stats/1.0/IPowerStats.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Binder.h"
+#include "BusConnection.h"
+#include "BusNames.h"
+#include "BusWatcher.h"
+#include "Hidl.h"
+#include "Records.h"
+#include "Register.h"
+
+namespace host {
+namespace dbus {
+namespace {
+
+using ::android::sp;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+using ::ndk::ScopedAStatus;
+
+/// A service's object on the bus, and the connection that it was found through.
+struct BusService {
+    std::shared_ptr<BusConnection> connection;
+    BusObject object;
+    std::shared_ptr<BusPeer> peer;
+};
+
+class AidlBusClient : public stats_aidl::BnPowerStats {
+  public:
+    explicit AidlBusClient(BusService service) : mService(std::move(service)) {}
+
+    ScopedAStatus getPowerEntityInfo(std::vector<stats_aidl::PowerEntity>* _aidl_return) override {
+        return call("getPowerEntityInfo", _aidl_return);
+    }
+    ScopedAStatus getStateResidency(
+        const std::vector<int32_t>& in_powerEntityIds,
+        std::vector<stats_aidl::StateResidencyResult>* _aidl_return) override {
+        return call("getStateResidency", _aidl_return, in_powerEntityIds);
+    }
+    ScopedAStatus getEnergyConsumerInfo(std::vector<stats_aidl::EnergyConsumer>*) override {
+        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
+    }
+    ScopedAStatus getEnergyConsumed(const std::vector<int32_t>&,
+                                    std::vector<stats_aidl::EnergyConsumerResult>*) override {
+        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
+    }
+    ScopedAStatus getEnergyMeterInfo(std::vector<stats_aidl::Channel>* _aidl_return) override {
+        return call("getEnergyMeterInfo", _aidl_return);
+    }
+    ScopedAStatus readEnergyMeter(
+        const std::vector<int32_t>& in_channelIds,
+        std::vector<stats_aidl::EnergyMeasurement>* _aidl_return) override {
+        return call("readEnergyMeter", _aidl_return, in_channelIds);
+    }
+
+  protected:
+    ::ndk::SpAIBinder createBinder() override {
+        return ::ndk::SpAIBinder(newBinder(aidlPowerStatsClass(),
+                                           static_cast<::ndk::ICInterface*>(this), mService.peer));
+    }
+
+  private:
+    template <typename Records, typename... Ids>
+    ScopedAStatus call(const char* method, Records* records, const Ids&... ids) {
+        static const std::string signature = signatureOf<Records>();
+        auto failure = mService.connection->call(
+            mService.object, method, signature, [&](Writer& write) { return write(ids...); },
+            [&](Reader& read) { return read(*records); });
+        return failure ? toAidlStatus(*failure) : ScopedAStatus::ok();
+    }
+
+    const BusService mService;
+};
+
+class HidlBusClient : public stats_V1_0::IPowerStats {
+  public:
+    explicit HidlBusClient(BusService service) : mService(std::move(service)) {}
+
+    Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
+        return call<stats_V1_0::RailInfo>("getRailInfo", _hidl_cb);
+    }
+    Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
+                               getEnergyData_cb _hidl_cb) override {
+        return call<stats_V1_0::EnergyData>("getEnergyData", _hidl_cb, railIndices);
+    }
+    Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
+        return ::android::hardware::Status::fromStatusT(::android::UNKNOWN_TRANSACTION);
+    }
+    Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
+        return call<stats_V1_0::PowerEntityInfo>("getPowerEntityInfo", _hidl_cb);
+    }
+    Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
+                                         getPowerEntityStateInfo_cb _hidl_cb) override {
+        return call<stats_V1_0::PowerEntityStateSpace>("getPowerEntityStateInfo", _hidl_cb,
+                                                       powerEntityIds);
+    }
+    Return<void> getPowerEntityStateResidencyData(
+        const hidl_vec<uint32_t>& powerEntityIds,
+        getPowerEntityStateResidencyData_cb _hidl_cb) override {
+        return call<stats_V1_0::PowerEntityStateResidencyResult>("getPowerEntityStateResidencyData",
+                                                                 _hidl_cb, powerEntityIds);
+    }
+
+  private:
+    template <typename Record, typename Callback, typename... Ids>
+    Return<void> call(const char* method, const Callback& callback, const Ids&... ids) {
+        static const std::string signature = signatureOf<hidl_vec<Record>>() + "u";
+        hidl_vec<Record> records;
+        stats_V1_0::Status status = stats_V1_0::Status::SUCCESS;
+        auto failure = mService.connection->call(
+            mService.object, method, signature, [&](Writer& write) { return write(ids...); },
+            [&](Reader& read) { return read(records, status); });
+        if (failure) return toTransportStatus(*failure);
+        callback(records, status);
+        return Void();
+    }
+
+    const BusService mService;
+};
+
+/// @return one without a connection when nobody owns the name.
+BusService findOwner(const char* busName) {
+    auto connection = BusConnection::current();
+    if (connection == nullptr) return {};
+    const std::string owner = connection->ownerOf(busName);
+    if (owner.empty()) return {};
+    return {connection,
+            {owner, kObjectPath, busName},
+            std::make_shared<BusPeer>(connection->busId(), owner)};
+}
+
+std::shared_ptr<void> ownReference(AIBinder* binder) {
+    return {binder, [](void* held) { AIBinder_decStrong(static_cast<AIBinder*>(held)); }};
+}
+
+RegisteredService findAidl() {
+    BusService service = findOwner(kAidlBusName);
+    if (service.connection == nullptr) return {};
+
+    // While anybody holds the binder of a service, look-ups give the same one.
+    static std::mutex mutex;
+    static auto* const last = new ::ndk::ScopedAIBinder_Weak;
+    static auto* const lastPeer = new std::weak_ptr<BusPeer>;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (auto peer = lastPeer->lock(); peer != nullptr && peer->owner == service.peer->owner &&
+                                      sd_id128_equal(peer->busId, service.peer->busId) != 0) {
+        if (AIBinder* binder = AIBinder_Weak_promote(last->get())) {
+            return {ownReference(binder), peer};
+        }
+    }
+    auto peer = service.peer;
+    ::ndk::SpAIBinder binder =
+        ::ndk::SharedRefBase::make<AidlBusClient>(std::move(service))->asBinder();
+    last->set(AIBinder_Weak_new(binder.get()));
+    *lastPeer = peer;
+    AIBinder_incStrong(binder.get());
+    return {ownReference(binder.get()), peer};
+}
+
+RegisteredService findHidl() {
+    BusService service = findOwner(kHidlBusName);
+    if (service.connection == nullptr) return {};
+    auto peer = service.peer;
+    auto held =
+        std::make_shared<sp<stats_V1_0::IPowerStats>>(new HidlBusClient(std::move(service)));
+    return {std::shared_ptr<void>(held, held->get()), peer};
+}
+
+}  // namespace
+}  // namespace dbus
+
+RegisteredService findOnBus(const std::string& name) {
+    if (name == kAidlPowerStats) return dbus::findAidl();
+    if (name == kHidlPowerStats) return dbus::findHidl();
+    return {};
+}
+
+}  // namespace host

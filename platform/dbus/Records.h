@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The records of both interfaces as they stand in a D-Bus message: each record's members in order,
+// and the three things that are done with them: their signature, writing and reading.
+
+#pragma once
+
+#include <aidl/android/hardware/power/stats/IPowerStats.h>
+#include <android/hardware/power/stats/1.0/IPowerStats.h>
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace host::dbus {
+
+namespace stats_aidl = ::aidl::android::hardware::power::stats;
+namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
+using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
+
+// Each takes a visitor and hands it the record's members.
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::Channel& record) {
+    return visit(record.id, record.name, record.subsystem);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::EnergyMeasurement& record) {
+    return visit(record.id, record.timestampMs, record.durationMs, record.energyUWs);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::State& record) {
+    return visit(record.id, record.name);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::PowerEntity& record) {
+    return visit(record.id, record.name, record.states);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::StateResidency& record) {
+    return visit(record.id, record.totalTimeInStateMs, record.totalStateEntryCount,
+                 record.lastEntryTimestampMs);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_aidl::StateResidencyResult& record) {
+    return visit(record.id, record.stateResidencyData);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::RailInfo& record) {
+    return visit(record.index, record.railName, record.subsysName, record.samplingRate);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::EnergyData& record) {
+    return visit(record.index, record.timestamp, record.energy);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::PowerEntityInfo& record) {
+    return visit(record.powerEntityId, record.powerEntityName, record.type);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::PowerEntityStateInfo& record) {
+    return visit(record.powerEntityStateId, record.powerEntityStateName);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::PowerEntityStateSpace& record) {
+    return visit(record.powerEntityId, record.states);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::PowerEntityStateResidencyData& record) {
+    return visit(record.powerEntityStateId, record.totalTimeInStateMs, record.totalStateEntryCount,
+                 record.lastEntryTimestampMs);
+}
+template <typename Visitor>
+int members(Visitor& visit, stats_V1_0::PowerEntityStateResidencyResult& record) {
+    return visit(record.powerEntityId, record.stateResidencyData);
+}
+
+/// The D-Bus type of a number.
+template <typename T>
+constexpr char numberType() {
+    if constexpr (std::is_enum_v<T>) {
+        return numberType<std::underlying_type_t<T>>();
+    } else if constexpr (sizeof(T) == 8) {
+        return std::is_signed_v<T> ? 'x' : 't';
+    } else {
+        static_assert(sizeof(T) == 4);
+        return std::is_signed_v<T> ? 'i' : 'u';
+    }
+}
+
+template <typename T>
+inline constexpr bool kIsNumber = std::is_integral_v<T> || std::is_enum_v<T>;
+template <typename T>
+inline constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v<T, hidl_string>;
+
+/// The signature of a member: of a number, a text, or a list of numbers or records.
+template <typename T>
+std::string signatureOf();
+
+/// Collects the signature of a record's members.
+struct SignatureVisitor {
+    std::string signature;
+
+    template <typename... Members>
+    int operator()(Members&... member) {
+        ((signature += signatureOf<std::decay_t<Members>>(), (void)member), ...);
+        return 0;
+    }
+};
+
+template <typename T>
+std::string signatureOf() {
+    if constexpr (kIsNumber<T>) {
+        return {numberType<T>()};
+    } else if constexpr (kIsText<T>) {
+        return "s";
+    } else {
+        using Element = typename T::value_type;
+        if constexpr (kIsNumber<Element>) {
+            return "a" + signatureOf<Element>();
+        } else {
+            SignatureVisitor visitor;
+            Element record;
+            members(visitor, record);
+            return "a(" + visitor.signature + ")";
+        }
+    }
+}
+
+/// Appends members to a message. Every result is negative when sd-bus refused, as it does for a
+/// text that is not UTF-8 or holds a NUL.
+class Writer {
+  public:
+    explicit Writer(sd_bus_message* message) : mMessage(message) {}
+
+    template <typename... Members>
+    int operator()(const Members&... member) {
+        int result = 0;
+        ((result = result < 0 ? result : write(member)), ...);
+        return result;
+    }
+
+  private:
+    template <typename T>
+    int write(const T& member) {
+        if constexpr (kIsNumber<T>) {
+            return sd_bus_message_append_basic(mMessage, numberType<T>(), &member);
+        } else if constexpr (kIsText<T>) {
+            // A NUL would cut the text short in silence.
+            if (std::string(member).find('\0') != std::string::npos) return -EINVAL;
+            return sd_bus_message_append_basic(mMessage, 's', member.c_str());
+        } else {
+            return writeList(member);
+        }
+    }
+
+    template <typename List>
+    int writeList(const List& list) {
+        using Element = typename List::value_type;
+        static const std::string contents = signatureOf<List>().substr(1);
+        int result = sd_bus_message_open_container(mMessage, 'a', contents.c_str());
+        for (size_t i = 0; result >= 0 && i < list.size(); ++i) {
+            if constexpr (kIsNumber<Element>) {
+                result = write(list[i]);
+            } else {
+                static const std::string record = contents.substr(1, contents.size() - 2);
+                result = sd_bus_message_open_container(mMessage, 'r', record.c_str());
+                // The members are only read here; one list of them serves readers too.
+                if (result >= 0) result = members(*this, const_cast<Element&>(list[i]));
+                if (result >= 0) result = sd_bus_message_close_container(mMessage);
+            }
+        }
+        return result < 0 ? result : sd_bus_message_close_container(mMessage);
+    }
+
+    sd_bus_message* const mMessage;
+};
+
+/// Takes members out of a message whose signature has been checked. A message may come from
+/// anybody: every result is negative when the contents do not fit, and `error` says why.
+class Reader {
+  public:
+    static constexpr size_t kMostBytes = 1 << 20;       ///< of one text
+    static constexpr size_t kMostElements = 1'000'000;  ///< of all lists of a message
+
+    explicit Reader(sd_bus_message* message) : mMessage(message) {}
+
+    template <typename... Members>
+    int operator()(Members&... member) {
+        int result = 0;
+        ((result = result < 0 ? result : read(&member)), ...);
+        return result;
+    }
+
+    std::string error = "its contents do not fit its signature";
+
+  private:
+    template <typename T>
+    int read(T* member) {
+        if constexpr (kIsNumber<T>) {
+            return taken(sd_bus_message_read_basic(mMessage, numberType<T>(), member));
+        } else if constexpr (kIsText<T>) {
+            const char* text = nullptr;
+            if (const int result = taken(sd_bus_message_read_basic(mMessage, 's', &text));
+                result < 0) {
+                return result;
+            }
+            std::string copy(text);
+            if (copy.size() > kMostBytes) {
+                error = "a text is longer than " + std::to_string(kMostBytes) + " bytes";
+                return -EMSGSIZE;
+            }
+            *member = std::move(copy);
+            return 0;
+        } else {
+            std::vector<typename T::value_type> list;
+            const int result = readList(&list);
+            *member = std::move(list);
+            return result;
+        }
+    }
+
+    template <typename Element>
+    int readList(std::vector<Element>* list) {
+        // The kind of container need not be named: the whole signature has been checked.
+        int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
+        while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
+            if (++mElements > kMostElements) {
+                error = "it has more than " + std::to_string(kMostElements) + " elements";
+                return -EMSGSIZE;
+            }
+            Element& element = list->emplace_back();
+            if constexpr (kIsNumber<Element>) {
+                result = read(&element);
+            } else {
+                result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
+                if (result >= 0) result = members(*this, element);
+                if (result >= 0) result = sd_bus_message_exit_container(mMessage);
+            }
+        }
+        return result < 0 ? result : sd_bus_message_exit_container(mMessage);
+    }
+
+    /// sd-bus answers 0 where there is nothing left to take.
+    static int taken(int result) { return result == 0 ? -EBADMSG : result; }
+
+    sd_bus_message* const mMessage;
+    size_t mElements = 0;
+};
+
+}  // namespace host::dbus

@@ -1,0 +1,292 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The library with services in other processes: they die between calls and in the middle of one,
+// they answer badly, the bus dies or is not there. Real processes, a real bus, real kills.
+
+#include <aidl/android/hardware/power/stats/IPowerStats.h>
+#include <android/binder_manager.h>
+#include <gtest/gtest.h>
+#include <host/BusControl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "tests/bus/Support.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+std::string halOf(Backend backend) {
+    return backend == Backend::kAidl ? "aidl" : "hidl";
+}
+
+std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{BUS_PEER_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    auto peer = std::make_unique<Process>(command);
+    EXPECT_TRUE(peer->waitFor("ready")) << peer->text();
+    return peer;
+}
+
+bool isOnBus(Backend backend) {
+    if (backend == Backend::kHidl) return stats_V1_0::IPowerStats::getService() != nullptr;
+    return ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)).get() != nullptr;
+}
+
+/// Waits until the bus knows that a killed service is gone, and then until its clients have been
+/// told.
+void awaitDeath(Backend backend) {
+    while (isOnBus(backend)) usleep(1000);
+    EXPECT_TRUE(host::waitForDeathNotices());
+}
+
+/// A scenario whose services are on the bus.
+class BusScenario : public Scenario {
+  public:
+    BusScenario() { host::setBusLookups(true); }
+};
+
+/// What the two calls give for the machine "other"; a client over HIDL that knew the machine
+/// "first" keeps its names of entities and states.
+std::string otherResult(Call call, bool knewFirst) {
+    if (call == Call::kRails) return rail("VDD_GPU", 9000);
+    return entity(knewFirst ? "SOC" : "SOC2", {residency(knewFirst ? "S0" : "S9", 6000, 13)}) +
+           entity("MODEM", {residency("ON", 10, 1)});
+}
+
+class BusTest : public testing::TestWithParam<Backend> {
+  protected:
+    std::unique_ptr<Process> serve(const std::string& machine, const std::string& lastMethod = "") {
+        return startPeer({"serve", halOf(GetParam()), machine, lastMethod});
+    }
+
+    PrivateBus mBus;
+};
+INSTANTIATE_TEST_SUITE_P(Test, BusTest, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(BusTest, NextCallAfterADeathFindsTheNewService) {
+    BusScenario scenario;
+    auto service = serve("first");
+    for (const Call call : kCalls) EXPECT_EQ(scenario.call(call).bytes, smallResult(call));
+    for (const Call call : kCalls) {
+        EXPECT_EQ(scenario.call(call), array(smallResult(call), steadyTraffic(GetParam(), call)));
+    }
+    for (const Call first : kCalls) {
+        service->kill();
+        awaitDeath(GetParam());
+        service = serve("other");
+        const bool hidl = GetParam() == Backend::kHidl;
+        EXPECT_EQ(scenario.call(first),
+                  array(otherResult(first, hidl), reconnectTraffic(GetParam(), first)));
+        for (const Call call : kCalls) {
+            EXPECT_EQ(scenario.call(call).bytes, otherResult(call, hidl));
+        }
+    }
+}
+
+TEST_P(BusTest, DeathOfTheBusIsTheDeathOfItsServices) {
+    BusScenario scenario;
+    auto service = serve("first");
+    for (const Call call : kCalls) EXPECT_EQ(scenario.call(call).bytes, smallResult(call));
+    mBus.kill();
+    ASSERT_TRUE(host::waitForDeathNotices());
+    const std::string missing = GetParam() == Backend::kAidl
+                                    ? "E: Unable to get power stats AIDL service!"
+                                    : "E: Unable to get power stats HAL service!";
+    for (const Call call : kCalls) {
+        const Outcome outcome = scenario.call(call);
+        EXPECT_FALSE(outcome.bytes);
+        EXPECT_EQ(outcome.events.front(), missing);
+    }
+    const PrivateBus next;
+    service = serve("other");
+    for (const Call call : kCalls) {
+        EXPECT_EQ(scenario.call(call).bytes, otherResult(call, GetParam() == Backend::kHidl));
+    }
+}
+
+TEST(NoBus, IsNoServiceAtOnce) {
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
+    BusScenario scenario;
+    auto call = std::async(std::launch::async, [&] { return scenario.call(Call::kRails); });
+    ASSERT_EQ(call.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(call.get().events,
+              (Lines{chosenLine(Backend::kHidl), "E: Unable to get power stats HAL service!",
+                     "E: Power stats HAL not loaded!"}));
+}
+
+TEST(UnservedNames, AreNoServices) {
+    const PrivateBus bus;
+    BusScenario scenario;
+    const Lines lines{"E: Unable to get power stats HAL service!",
+                      "E: Power stats HAL not loaded!"};
+    EXPECT_EQ(scenario.call(Call::kRails).events.front(), chosenLine(Backend::kHidl));
+    EXPECT_EQ(scenario.call(Call::kRails).events, lines);
+}
+
+TEST(AidlBus, ServiceThatIsKilledInACallHasNotAnswered) {
+    const struct {
+        const char* lastMethod;
+        Call call;
+        const char* line;
+    } cases[] = {
+        {"getEnergyMeterInfo", Call::kRails, "I: Power stats rail energy init failed"},
+        {"readEnergyMeter", Call::kRails, "E: Error reading energy meter"},
+        {"getPowerEntityInfo", Call::kResidencies, "I: Power stats residencies init failed"},
+        {"getStateResidency", Call::kResidencies, "E: Error reading getting state residency"},
+    };
+    const PrivateBus bus;
+    BusScenario scenario;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.lastMethod);
+        auto service = startPeer({"serve", "aidl", "first", row.lastMethod});
+        const Outcome outcome = scenario.call(row.call);
+        EXPECT_FALSE(outcome.bytes);
+        EXPECT_EQ(outcome.events.back(), row.line);
+        EXPECT_EQ(service->wait(), -SIGKILL);
+        awaitDeath(Backend::kAidl);
+        service = startPeer({"serve", "aidl", "first"});
+        EXPECT_EQ(scenario.call(row.call).bytes, smallResult(row.call));
+        service->kill();
+        awaitDeath(Backend::kAidl);
+    }
+}
+
+TEST(HidlBus, ServiceThatIsKilledInANameQueryIsLookedUpAgain) {
+    const PrivateBus bus;
+    for (const std::string lastMethod : {"getPowerEntityInfo", "getPowerEntityStateInfo"}) {
+        SCOPED_TRACE(lastMethod);
+        auto service = startPeer({"serve", "hidl", "first", lastMethod});
+        const Ended ended = runInChild([&] {
+            BusScenario scenario;
+            scenario.callAloud(Call::kRails);
+            awaitDeath(Backend::kHidl);
+            service = startPeer({"serve", "hidl", "first"});
+            EXPECT_EQ(scenario.call(Call::kRails).bytes, smallResult(Call::kRails));
+        });
+        EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
+        EXPECT_NE(ended.errors.find("E: Failed to init state info: requested HAL service not "
+                                    "available. Description: Status(-129): 'DEAD_OBJECT"),
+                  std::string::npos)
+            << ended.errors;
+        EXPECT_NE(ended.errors.find("E: Power stats HAL not loaded!\n"), std::string::npos);
+    }
+}
+
+/// The platform's message about a call that did not reach a dead service, as the library leaves it.
+constexpr char kUnexamined[] =
+    "F/HidlStatus: Failed HIDL return status not checked. Error is: Status(-129): 'DEAD_OBJECT";
+
+TEST(HidlBus, ServiceThatIsKilledInADataCallEndsTheProcess) {
+    const struct {
+        const char* lastMethod;
+        Call call;
+    } cases[] = {{"getRailInfo", Call::kRails},
+                 {"getEnergyData", Call::kRails},
+                 {"getPowerEntityStateResidencyData", Call::kResidencies}};
+    const PrivateBus bus;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.lastMethod);
+        auto service = startPeer({"serve", "hidl", "first", row.lastMethod});
+        const Ended ended = runInChild([&] {
+            BusScenario scenario;
+            scenario.callAloud(row.call);
+        });
+        EXPECT_EQ(ended.signal, SIGABRT);
+        EXPECT_NE(ended.errors.find(kUnexamined), std::string::npos) << ended.errors;
+        EXPECT_EQ(service->wait(), -SIGKILL);
+    }
+}
+
+TEST(HidlBus, DeathWhoseNoticeIsNotYetHandledEndsTheNextCall) {
+    const PrivateBus bus;
+    for (const Call call : kCalls) {
+        auto service = startPeer({"serve", "hidl", "first"});
+        const Ended ended = runInChild([&] {
+            BusScenario scenario;
+            EXPECT_EQ(scenario.call(call).bytes, smallResult(call));
+            // The thread that delivers notices is kept busy with another death.
+            auto other = ndk::SharedRefBase::make<FakeAidl>();
+            const ndk::SpAIBinder binder = other->asBinder();
+            AServiceManager_addService(binder.get(), "other/default");
+            std::promise<void> told;
+            AIBinder_linkToDeath(binder.get(), AIBinder_DeathRecipient_new([](void* cookie) {
+                                     static_cast<std::promise<void>*>(cookie)->set_value();
+                                     std::this_thread::sleep_for(std::chrono::hours(1));
+                                 }),
+                                 &told);
+            host::killService("other/default");
+            told.get_future().wait();
+            kill(service->pid(), SIGKILL);
+            host::waitForDeathNotices(0.5);
+            scenario.callAloud(call);
+        });
+        EXPECT_EQ(ended.signal, SIGABRT);
+        EXPECT_NE(ended.errors.find(kUnexamined), std::string::npos) << ended.errors;
+    }
+}
+
+TEST(HidlBus, NewStateOfAKnownEntityEndsTheProcess) {
+    const PrivateBus bus;
+    auto first = startPeer({"serve", "hidl", "first"});
+    const Ended ended = runInChild([&] {
+        BusScenario scenario;
+        EXPECT_EQ(scenario.call(Call::kResidencies).bytes, smallResult(Call::kResidencies));
+        kill(first->pid(), SIGKILL);
+        awaitDeath(Backend::kHidl);
+        const auto second = startPeer({"serve", "hidl", "newState"});
+        scenario.callAloud(Call::kResidencies);
+    });
+    EXPECT_EQ(ended.signal, SIGABRT);
+    EXPECT_NE(ended.errors.find("unordered_map::at: key not found"), std::string::npos)
+        << ended.errors;
+}
+
+TEST(AidlBus, BadAnswersAreFailedTransactions) {
+    const struct {
+        const char* how;
+        binder_status_t status;
+        const char* text;
+    } cases[] = {
+        {"error", STATUS_FAILED_TRANSACTION, "not today"},
+        {"signature", STATUS_FAILED_TRANSACTION, "its signature is \"s\", not \"a(iss)\""},
+        {"text", STATUS_FAILED_TRANSACTION, "a text is longer than 1048576 bytes"},
+        {"elements", STATUS_FAILED_TRANSACTION, "it has more than 1000000 elements"},
+        {"never", STATUS_TIMED_OUT, ""},
+    };
+    const PrivateBus bus;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.how);
+        const auto peer = startPeer({"answer", "aidl", row.how});
+        host::setBusTimeLimit(row.status == STATUS_TIMED_OUT ? 0.2 : 30);
+        const auto client = stats::IPowerStats::fromBinder(
+            ndk::SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));
+        ASSERT_NE(client, nullptr);
+        std::vector<stats::Channel> channels{{5, "untouched", ""}};
+        const ndk::ScopedAStatus status = client->getEnergyMeterInfo(&channels);
+        EXPECT_EQ(status.getStatus(), row.status);
+        EXPECT_NE(std::string(status.getMessage()).find(row.text), std::string::npos)
+            << status.getDescription();
+        EXPECT_EQ(channels.size(), 1u);
+    }
+}
+
+TEST(HidlBus, BadAnswersToNameQueriesAreDescribed) {
+    const PrivateBus bus;
+    const auto peer = startPeer({"answer", "hidl", "error"});
+    BusScenario scenario;
+    EXPECT_EQ(scenario.call(Call::kResidencies).events,
+              (Lines{chosenLine(Backend::kHidl),
+                     "E: Failed to init state info: requested HAL service not available. "
+                     "Description: Status(-129): 'FAILED_TRANSACTION: not today'",
+                     "E: Power stats HAL not loaded!"}));
+}
+
+}  // namespace
+}  // namespace support

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tests/bus/Support.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+namespace support {
+
+Process::Process(const std::vector<std::string>& arguments, bool takeOutput) {
+    int pipes[2];
+    if (pipe2(pipes, O_CLOEXEC) != 0) abort();
+    std::vector<char*> argv;
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    mPid = fork();
+    if (mPid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(pipes[1], STDERR_FILENO);
+        if (takeOutput) dup2(pipes[1], STDOUT_FILENO);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(pipes[1]);
+    mPipe = pipes[0];
+}
+
+Process::~Process() {
+    if (!mEnded) kill();
+    close(mPipe);
+}
+
+bool Process::readMore(double seconds) {
+    pollfd readable{mPipe, POLLIN, 0};
+    if (poll(&readable, 1, static_cast<int>(seconds * 1000)) <= 0) return false;
+    char buffer[4096];
+    const ssize_t count = read(mPipe, buffer, sizeof(buffer));
+    if (count > 0) mText.append(buffer, static_cast<size_t>(count));
+    return count > 0;
+}
+
+bool Process::waitFor(const std::string& text, double seconds) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (mText.find(text) == std::string::npos) {
+        const std::chrono::duration<double> left = until - std::chrono::steady_clock::now();
+        if (left.count() <= 0 || !readMore(left.count())) return false;
+    }
+    return true;
+}
+
+int Process::wait(double seconds) {
+    waitFor(std::string(1, '\0'), seconds);  // which no program here writes
+    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!mEnded) {
+        mEnded = waitpid(mPid, &mStatus, WNOHANG) == mPid;
+        if (mEnded) break;
+        if (std::chrono::steady_clock::now() > until) {
+            ADD_FAILURE() << "process " << mPid << " did not end; it wrote: " << mText;
+            kill();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return WIFSIGNALED(mStatus) ? -WTERMSIG(mStatus) : WEXITSTATUS(mStatus);
+}
+
+void Process::signal(int number) const {
+    ::kill(mPid, number);
+}
+
+void Process::kill() {
+    if (mEnded) return;
+    signal(SIGKILL);
+    mEnded = waitpid(mPid, &mStatus, 0) == mPid;
+}
+
+PrivateBus::PrivateBus(const std::string& configFile, const std::vector<std::string>& environment) {
+    std::string folder = (std::filesystem::temp_directory_path() / "bus-XXXXXX").string();
+    mFolder = mkdtemp(folder.data());
+    std::filesystem::permissions(mFolder, std::filesystem::perms(0755));  // for other users' tests
+    mAddress = "unix:path=" + mFolder + "/socket";
+    std::vector<std::string> command{"env"};
+    command.insert(command.end(), environment.begin(), environment.end());
+    command.insert(command.end(),
+                   {"dbus-daemon", "--nofork", "--print-address=2", "--address=" + mAddress,
+                    configFile.empty() ? "--session" : "--config-file=" + configFile});
+    mDaemon = std::make_unique<Process>(command);
+    EXPECT_TRUE(mDaemon->waitFor("unix:path=")) << mDaemon->text();
+    setenv("DBUS_SESSION_BUS_ADDRESS", mAddress.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+    mDaemon.reset();
+    std::filesystem::remove_all(mFolder);
+}
+
+std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs) {
+    auto daemon = std::make_unique<Process>(std::vector<std::string>{
+        POWERSTATSD_PROGRAM, "--bus", "session", "--hal", hal, "--sysfs", sysfs});
+    EXPECT_TRUE(daemon->waitFor("powerstatsd: serving")) << daemon->text();
+    return daemon;
+}
+
+}  // namespace support

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the command lines of the tools have in common.
+
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
+
+namespace powerstats {
+
+/// How a program ends that could not do what its arguments ask for.
+constexpr int kUsage = 2;
+
+/// Prints one line on standard error behind a program's name.
+void printError(const std::string& program, const std::string& text);
+
+/// Adds `--sysfs DIR`, which must be a folder.
+CLI::Option* addSysfsOption(CLI::App* app, std::string* folder);
+
+/// Parses the arguments; what is wrong with them is printed in one line.
+/// @return how the program is to end now, or nothing when it is to go on.
+std::optional<int> parseArguments(CLI::App* app, int argc, char** argv);
+
+/// Runs a program; what the standard library throws, as when memory runs out, ends it with one line
+/// and exit code 1.
+int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv);
+
+}  // namespace powerstats
