@@ -179,7 +179,7 @@ auto runOnWatcher(Work work) {
 }  // namespace
 
 BusPeer::~BusPeer() {
-    if (mWatched) stopWatching();
+    if (mWatched) BusPeer::stopWatching();
 }
 
 bool BusPeer::startWatching() {

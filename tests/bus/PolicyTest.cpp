@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Who may read energy, on a bus with the policy that is installed. The users and the group are made
+// up for these processes alone, by a library that answers for the machine's user database.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <host/BusServer.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "tests/bus/Support.h"
+#include "tests/hal/TemporaryTree.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scenario.h"
+
+namespace support {
+namespace {
+
+constexpr uid_t kOutsider = 60001;
+constexpr uid_t kMember = 60002;
+constexpr gid_t kGroup = 60010;
+
+// As strict as a system bus: what no policy allows is refused.
+constexpr char kStrictBus[] = R"(<busconfig>
+<listen>unix:tmpdir=/tmp</listen>
+<auth>EXTERNAL</auth>
+<policy context="default">
+  <allow user="*"/>
+  <deny own="*"/>
+  <deny send_type="method_call"/>
+  <allow send_type="signal"/>
+  <allow send_requested_reply="true" send_type="method_return"/>
+  <allow send_requested_reply="true" send_type="error"/>
+  <allow receive_type="method_call"/>
+  <allow receive_type="method_return"/>
+  <allow receive_type="error"/>
+  <allow receive_type="signal"/>
+  <allow send_destination="org.freedesktop.DBus"/>
+</policy>
+<include>)" POLICY_FILE R"(</include>
+</busconfig>)";
+
+void become(uid_t user, std::vector<gid_t> groups = {}) {
+    ASSERT_EQ(setgroups(groups.size(), groups.data()), 0);
+    ASSERT_EQ(setresgid(user, user, user), 0);
+    ASSERT_EQ(setresuid(user, user, user), 0);
+}
+
+class Policy : public testing::TestWithParam<Backend> {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "THE POLICY IS NOT TESTED: that needs root";
+        mFiles.write("passwd",
+                     "root:x:0:0::/:/bin/sh\noutsider:x:60001:60001::/:/bin/sh\n"
+                     "member:x:60002:60002::/:/bin/sh");
+        mFiles.write("group",
+                     "root:x:0:\noutsider:x:60001:\nmember:x:60002:\n"
+                     "powerstats:x:60010:member");
+        mFiles.write("bus.conf", kStrictBus);
+        // For the programs that are started from here. With a sanitizer, its runtime is not first.
+        setenv("NSS_WRAPPER_PASSWD", mFiles.path("passwd").c_str(), 1);
+        setenv("NSS_WRAPPER_GROUP", mFiles.path("group").c_str(), 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+        setenv("LD_PRELOAD", "libnss_wrapper.so", 1);
+        Process known({"getent", "group", "powerstats"}, true);
+        if (known.wait() != 0 || known.text().find("60010") == std::string::npos) {
+            GTEST_SKIP() << "THE POLICY IS NOT TESTED: that needs libnss-wrapper";
+        }
+        mTree.writeZone("intel-rapl:0", "package-0", 4500000);
+        mBus = std::make_unique<PrivateBus>(mFiles.path("bus.conf"));
+    }
+
+    void TearDown() override { unsetenv("LD_PRELOAD"); }
+
+    powerstats::TemporaryTree mFiles;
+    powerstats::TemporaryTree mTree;
+    std::unique_ptr<PrivateBus> mBus;
+};
+INSTANTIATE_TEST_SUITE_P(Test, Policy, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(Policy, EnergyIsForRootAndTheGroupAndTheRestForEverybody) {
+    const bool aidl = GetParam() == Backend::kAidl;
+    const auto daemon = startDaemon(aidl ? "aidl" : "hidl", mTree.root());
+    const struct {
+        const char* who;
+        uid_t user;
+        std::vector<gid_t> groups;
+        bool mayReadEnergy;
+    } cases[] = {{"root", 0, {}, true},
+                 {"member", kMember, {kGroup}, true},
+                 {"outsider", kOutsider, {}, false}};
+    for (const auto& row : cases) {
+        const Ended ended = runInChild([&] {
+            Scenario scenario;
+            host::setBusLookups(true);
+            scenario.load();  // while its file can be read for certain
+            become(row.user, row.groups);
+            const Outcome rails = scenario.call(Call::kRails);
+            if (row.mayReadEnergy) {
+                EXPECT_EQ(rails.bytes, rail("package-0", 4500));
+            } else {
+                EXPECT_EQ(rails.bytes, std::nullopt);
+                EXPECT_EQ(rails.events, (Lines{chosenLine(GetParam()),
+                                               aidl ? "E: Error reading energy meter"
+                                                    : "E: Error getting rail energy data."}));
+            }
+            const Outcome residencies = scenario.call(Call::kResidencies);
+            EXPECT_NE(residencies.bytes.value_or("").find("running"), std::string::npos);
+        });
+        EXPECT_EQ(ended.exitCode, kReturned) << row.who << ": " << ended.errors;
+    }
+}
+
+TEST_P(Policy, OnlyRootOwnsTheName) {
+    const Ended ended = runInChild([&] {
+        become(kMember, {kGroup});
+        std::string error;
+        const auto server = host::BusServer::connect(host::Bus::kSession, &error);
+        ASSERT_NE(server, nullptr) << error;
+        EXPECT_FALSE(GetParam() == Backend::kAidl
+                         ? server->add(ndk::SharedRefBase::make<FakeAidl>(), &error)
+                         : server->add(android::sp<stats_V1_0::IPowerStats>(new FakeHidl), &error));
+        EXPECT_NE(error.find("the bus does not let this user own the name"), std::string::npos)
+            << error;
+    });
+    EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
+}
+
+}  // namespace
+}  // namespace support
