@@ -258,9 +258,8 @@ class Chaos {
         mTree = std::make_unique<TemporaryTree>();
         makeValues(mTree.get(), mStarted + 1);
         ++mStarted;
-        mService = std::make_unique<Process>(std::vector<std::string>{
-            POWERSTATSD_PROGRAM, "--bus", "session", "--hal", "aidl", "--sysfs", mTree->root()});
-        if (untilItServes && !mService->waitFor("powerstatsd: serving")) {
+        mService = launchDaemon("aidl", mTree->root());
+        if (untilItServes && !mService->waitFor(kServing)) {
             fault(fmt::format("service {} did not start: {}", mStarted.load(), mService->text()));
         }
     }

@@ -103,10 +103,14 @@ PrivateBus::~PrivateBus() {
     std::filesystem::remove_all(mFolder);
 }
 
-std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs) {
-    auto daemon = std::make_unique<Process>(std::vector<std::string>{
+std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs) {
+    return std::make_unique<Process>(std::vector<std::string>{
         POWERSTATSD_PROGRAM, "--bus", "session", "--hal", hal, "--sysfs", sysfs});
-    EXPECT_TRUE(daemon->waitFor("powerstatsd: serving")) << daemon->text();
+}
+
+std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs) {
+    auto daemon = launchDaemon(hal, sysfs);
+    EXPECT_TRUE(daemon->waitFor(kServing)) << daemon->text();
     return daemon;
 }
 

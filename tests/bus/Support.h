@@ -66,8 +66,12 @@ class PrivateBus {
     std::unique_ptr<Process> mDaemon;
 };
 
-/// A power stats service of its own process, over one interface, reading a tree of counters. It is
-/// ready when this returns.
+/// A power stats service of its own process, over one interface or "both", reading a tree of
+/// counters. It can be called once it has written kServing.
+std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs);
+inline constexpr char kServing[] = "powerstatsd: serving";
+
+/// The same, and it can be called when this returns.
 std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs);
 
 }  // namespace support
