@@ -34,6 +34,8 @@ namespace powerstats {
 namespace {
 
 using com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
+using support::kServing;
+using support::launchDaemon;
 using support::Process;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
