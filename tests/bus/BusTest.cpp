@@ -158,6 +158,23 @@ TEST(AidlBus, ServiceThatIsKilledInACallHasNotAnswered) {
     }
 }
 
+TEST(AidlBus, LinkToAProcessThatIsGoneIsToldAtOnceAndOnce) {
+    const PrivateBus bus;
+    const auto service = startPeer({"serve", "aidl", "first"});
+    const ndk::SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
+    ASSERT_NE(binder.get(), nullptr);
+    service->kill();
+    while (isOnBus(Backend::kAidl)) usleep(1000);
+    // A second notice would set the promise a second time, which throws.
+    std::promise<void> told;
+    const ndk::ScopedAIBinder_DeathRecipient recipient(AIBinder_DeathRecipient_new(
+        [](void* cookie) { static_cast<std::promise<void>*>(cookie)->set_value(); }));
+    EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_OK);
+    EXPECT_EQ(told.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_TRUE(host::waitForDeathNotices());
+    EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_DEAD_OBJECT);
+}
+
 TEST(HidlBus, ServiceThatIsKilledInANameQueryIsLookedUpAgain) {
     const PrivateBus bus;
     for (const std::string lastMethod : {"getPowerEntityInfo", "getPowerEntityStateInfo"}) {

@@ -68,7 +68,7 @@ std::vector<std::string> makeValues(const TemporaryTree* tree, int generation) {
     for (int i = 0; i <= generation % 3; ++i) {
         const std::string name = fmt::format("RAIL{}_{}", generation, i);
         const int millijoules = (generation * 3 + i) % 16'000;  // microjoules that a float holds
-        if (tree) tree->writeZone(fmt::format("zone:{}", i), name, millijoules * 1000);
+        if (tree) tree->writeZone(fmt::format("zone:{}", i), name, millijoules * 1000LL);
         rails += fmt::format("1 {} {}mJ;", name, millijoules);
     }
     for (int i = 0; i <= generation % 2; ++i) {

@@ -38,9 +38,9 @@ TEST_P(JavaTest, ReaderPrintsTheTreeAndTheJniCheckPrintsNothing) {
     tree.writeDevice("pci0/usb1", 321, 654);
     const PrivateBus bus;
     const auto daemon = startDaemon(GetParam(), tree.root());
-    Process reader({JAVA_PROGRAM, "-Xcheck:jni", "-Djava.library.path=" LIBRARY_FOLDER, "-jar",
-                    READER_JAR, "--format", "tsv"},
-                   true);
+    const std::string libraryPath = std::string("-Djava.library.path=") + LIBRARY_FOLDER;
+    Process reader(
+        {JAVA_PROGRAM, "-Xcheck:jni", libraryPath, "-jar", READER_JAR, "--format", "tsv"}, true);
     EXPECT_EQ(reader.wait(), 0);
 
     std::vector<std::string> facts;

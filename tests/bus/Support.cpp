@@ -21,6 +21,7 @@ Process::Process(const std::vector<std::string>& arguments, bool takeOutput) {
     int pipes[2];
     if (pipe2(pipes, O_CLOEXEC) != 0) abort();
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     mPid = fork();
