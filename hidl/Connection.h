@@ -43,8 +43,7 @@ static void deinitPowerStatsV1_0() {
     gPowerStatsHalV1_0 = nullptr;
 }
 
-/// Whether a name query reached the service; when not, why goes to the log, and a dead service is
-/// dropped.
+/// Whether a name query reached the service; if not, the log says why, and a dead one is dropped.
 /// REQUIRES: gPowerStatsMutex is held
 static bool checkResultV1_0(const ::android::hardware::Return<void>& ret) {
     if (ret.isOk()) return true;
@@ -58,8 +57,8 @@ static bool checkResultV1_0(const ::android::hardware::Return<void>& ret) {
 
 /// Adds the service's entity and state names to the caches. Of two entries with one id the first
 /// stays, from an earlier connection too; state maps are never merged. So names that are there
-/// already make this succeed even when the service reports none, or an error. REQUIRES:
-/// gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
+/// already make this succeed even when the service reports none, or an error.
+/// REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
 /// @return whether both queries reached the service and both caches hold any names now.
 static bool initPowerEntityStateInfoV1_0() {
     const auto cacheEntities = [](const auto& entities, stats_V1_0::Status status) {
@@ -105,8 +104,7 @@ static bool initPowerStatsV1_0() {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unable to get power stats HAL service!");
         return false;
     }
-    // A connection that could not be linked is still one: whether the bool says so is not looked
-    // at.
+    // A connection that could not be linked is still one: the bool that tells is not looked at.
     const auto linked = gPowerStatsHalV1_0->linkToDeath(gDeathRecipientV1_0, 0);
     if (!linked.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,

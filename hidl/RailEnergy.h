@@ -26,8 +26,8 @@ using RailNamesV1_0 = std::unordered_map<uint32_t, std::pair<std::string, std::s
 
 /// Asks for the rails. The service may answer with rails and an error, and then they are used: only
 /// "not supported" says that there are none. A call that does not reach the service ends the
-/// process, when its result goes unexamined. REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0
-/// is set
+/// process, when its result goes unexamined.
+/// REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
 /// @return the rails; of two with one index the first stays.
 static RailNamesV1_0 readRailNamesV1_0() {
     RailNamesV1_0 railNamesV1_0;
@@ -44,8 +44,8 @@ static RailNamesV1_0 readRailNamesV1_0() {
     return railNamesV1_0;
 }
 
-/// Reads the energy of every rail once. Nothing is kept between calls: the rails are asked for
-/// anew. REQUIRES: gPowerStatsMutex is held
+/// Reads the energy of every rail once. Nothing is kept between calls: the rails are asked for anew.
+/// REQUIRES: gPowerStatsMutex is held
 /// @return a new local reference to a Java array with the result, or null when there is none.
 static jbyteArray getRailEnergyV1_0(JNIEnv* env, jclass /*clazz*/) {
     if (!initPowerStatsV1_0()) {

@@ -24,8 +24,7 @@ namespace ferrolith {
 
 namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
 
-/// The time of a call: milliseconds since boot including suspend, or 0 when the clock cannot be
-/// read.
+/// The time of a call: milliseconds since boot including suspend; 0 when the clock cannot be read.
 static int64_t bootTimeMs() {
     timespec now;
     if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) return 0;
@@ -89,9 +88,8 @@ static void appendResidency(proto::PowerData* data, int entityId, int stateId,
     residency->set_total_state_entry_count(totalStateEntryCount);
 }
 
-/// @return a new local reference to a Java array of the bytes. When the Java heap is full the array
-/// is
-///     null and an exception is pending; the runtime's own functions know what to do with both.
+/// @return a new local reference to a Java array of the bytes. When the Java heap is full it is null
+///     and an exception is pending; the runtime's own functions know what to do with both.
 static jbyteArray toJavaArray(JNIEnv* env, const std::string& bytes) {
     const auto length = static_cast<jsize>(bytes.size());
     jbyteArray array = env->NewByteArray(length);

@@ -80,8 +80,7 @@ static jbyteArray collect(const std::function<jbyteArray(JNIEnv*, jclass)>& coll
 
 /// The time that each power entity spent in each of its states since boot.
 /// @return a serialized PowerDataResult; an empty array when the service reported no entity; null
-/// when
-///     nothing could be collected, and why is in the log.
+///     when nothing could be collected, and why is in the log.
 extern "C" JNIEXPORT jbyteArray JNICALL
 Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getResidenciesNative(
     JNIEnv* env, jclass clazz) {
@@ -90,8 +89,7 @@ Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getResidencies
 
 /// The energy that each power rail used since boot.
 /// @return a serialized PowerDataResult, empty when no rail is measured since boot; null when
-/// nothing
-///     could be collected, and why is in the log.
+///     nothing could be collected, and why is in the log.
 extern "C" JNIEXPORT jbyteArray JNICALL
 Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getRailEnergyNative(
     JNIEnv* env, jclass clazz) {
