@@ -58,14 +58,16 @@ struct HostJniEnv::Impl {
         env.owner = owner;
     }
 
-    std::string announce(const std::string& call) const {
-        if (env.owner->onCall) env.owner->onCall(call);
-        return call;
+    /// Tells who listens; formatted only then, since benchmarks call through here too.
+    template <typename Text>
+    void announce(Text text) const {
+        if (env.owner->onCall) env.owner->onCall(text());
     }
 
     jbyteArray create(jsize length) {
-        const std::string call = announce("NewByteArray(" + std::to_string(length) + ")");
-        if (length < 0) endProcess(call, "the length is negative");
+        const auto text = [&] { return "NewByteArray(" + std::to_string(length) + ")"; };
+        announce(text);
+        if (length < 0) endProcess(text(), "the length is negative");
         if (env.owner->heapIsFull) return nullptr;
         std::lock_guard<std::mutex> lock(mutex);
         // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never used as an address
@@ -75,18 +77,21 @@ struct HostJniEnv::Impl {
     }
 
     void fill(jbyteArray array, jsize start, jsize length, const jbyte* bytes) {
-        const std::string call = announce("SetByteArrayRegion(" + std::to_string(start) + ", " +
-                                          std::to_string(length) + ")");
+        const auto text = [&] {
+            return "SetByteArrayRegion(" + std::to_string(start) + ", " + std::to_string(length) +
+                   ")";
+        };
+        announce(text);
         if (array == nullptr && env.owner->heapIsFull) return;
         std::lock_guard<std::mutex> lock(mutex);
         auto found = arrays.find(array);
-        if (found == arrays.end()) endProcess(call, "not an array of this environment");
+        if (found == arrays.end()) endProcess(text(), "not an array of this environment");
         std::vector<uint8_t>& content = found->second;
         if (start < 0 || length < 0 ||
             static_cast<size_t>(start) + static_cast<size_t>(length) > content.size()) {
-            endProcess(call, "the region is outside of the array");
+            endProcess(text(), "the region is outside of the array");
         }
-        std::copy(bytes, bytes + length, content.begin() + start);
+        std::copy_n(reinterpret_cast<const uint8_t*>(bytes), length, content.begin() + start);
     }
 
     Env env{};

@@ -1,0 +1,370 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// powerstats_bench: what the library costs, beside a bare client's cost on the same data.
+//
+// Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH/SUBJECT". The subject is the
+// library, another build of it ("against"), or a bare client, which bench/BareClient.h describes.
+// Ratios of subjects within one run are what counts: times differ between machines and moments.
+
+#include <android/log.h>
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <host/ServiceControl.h>
+#include <malloc.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/Allocations.h"
+#include "bench/BareClient.h"
+#include "bench/BusService.h"
+#include "bench/FixedService.h"
+#include "bench/Workload.h"
+#include "proto/power_data_result.pb.h"
+#include "tools/CommandLine.h"
+#include "tools/HostJavaRuntime.h"
+
+namespace bench {
+namespace {
+
+namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
+
+using benchmark::State;
+using powerstats::HostJniEnv;
+using powerstats::JavaBytes;
+using powerstats::LoadedLibrary;
+
+/// A build of the library.
+struct Build {
+    std::string subject;
+    std::string file;
+};
+
+[[noreturn]] void fail(const std::string& text) {
+    fmt::print(stderr, "powerstats_bench: {}\n", text);
+    std::exit(1);
+}
+
+std::unique_ptr<LoadedLibrary> load(const Build& build) {
+    std::string error;
+    auto library = LoadedLibrary::load(build.file, &error);
+    if (library == nullptr) fail(error);
+    return library;
+}
+
+JavaBytes collect(const LoadedLibrary& library, Call call, HostJniEnv* env) {
+    JavaBytes bytes = call == Call::kRails ? library.railEnergy(env) : library.residencies(env);
+    if (!bytes) fail("the library returned null");
+    return bytes;
+}
+
+/// Ends the program unless the library, the floor and the limit return the same bytes.
+void checkOnce(const Build& build, const Workload& workload) {
+    static std::set<std::string> checked;
+    if (!checked.insert(build.file + workload.text()).second) return;
+    HostJniEnv env;
+    const auto library = load(build);
+    const JavaBytes expected = collect(*library, workload.call, &env);
+    proto::PowerDataResult result;
+    if (!result.ParseFromArray(expected->data(), static_cast<int>(expected->size())) ||
+        result.keyed_power_data_size() != workload.elements) {
+        fail(workload.text() + ": the result is not what was asked for");
+    }
+    // The clock goes on between calls.
+    const int64_t timestampMs = result.keyed_power_data(0).id().timestamp_ms();
+    BareClient client(workload);
+    client.connect(false);
+    for (const Step step : {Step::kFloor, Step::kLimit}) {
+        if (client.collect(step, timestampMs, &env) != expected) {
+            fail(workload.text() + ": the bare client's bytes differ from those of " + build.file);
+        }
+    }
+}
+
+/// Times `run` in the benchmark's loop and counts what it allocates.
+void measure(State& state, const Workload& workload, const std::function<void()>& run) {
+    run();
+    for (auto _ : state) run();
+    const Allocations allocations = countAllocations(run);
+    state.counters["allocations"] = static_cast<double>(allocations.count);
+    state.counters["allocated_bytes"] = static_cast<double>(allocations.bytes);
+    state.counters["size"] = workload.size();
+}
+
+/// Times `run` alone; `prepare` and `after` surround it in every iteration.
+void measureWithin(State& state, const std::function<void()>& prepare,
+                   const std::function<void()>& run, const std::function<void()>& after) {
+    using Clock = std::chrono::steady_clock;
+    for (auto _ : state) {
+        prepare();
+        const auto start = Clock::now();
+        run();
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        after();
+    }
+}
+
+// The groups. Each function below measures one subject.
+
+void steadyLibrary(State& state, const Workload& workload, const Build& build) {
+    const RegisteredService service(workload);
+    checkOnce(build, workload);
+    HostJniEnv env;
+    const auto library = load(build);
+    measure(state, workload, [&] { collect(*library, workload.call, &env); });
+}
+
+void steadyBare(State& state, const Workload& workload, Step step) {
+    const RegisteredService service(workload);
+    HostJniEnv env;
+    BareClient client(workload);
+    client.connect(false);
+    measure(state, workload, [&] { client.collect(step, bootTimeMs(), &env); });
+}
+
+void firstLibrary(State& state, const Workload& workload, const Build& build) {
+    const RegisteredService service(workload);
+    checkOnce(build, workload);
+    HostJniEnv env;
+    std::unique_ptr<LoadedLibrary> library;
+    measureWithin(
+        state, [&] { library = load(build); }, [&] { collect(*library, workload.call, &env); },
+        [&] { library.reset(); });
+}
+
+void firstBare(State& state, const Workload& workload, const Build& build) {
+    const RegisteredService service(workload);
+    HostJniEnv env;
+    std::unique_ptr<LoadedLibrary> library;
+    std::unique_ptr<BareClient> client;
+    measureWithin(
+        state,
+        [&] {
+            library = load(build);  // leaves the processor's caches in the same state
+            client = std::make_unique<BareClient>(workload);
+        },
+        [&] {
+            client->connect(true);
+            client->collect(Step::kFloor, bootTimeMs(), &env);
+        },
+        [&] {
+            client.reset();
+            library.reset();
+        });
+}
+
+void loadingLibrary(State& state, const Workload& workload, const Build& build) {
+    const RegisteredService service(workload);
+    HostJniEnv env;
+    std::unique_ptr<LoadedLibrary> library;
+    measureWithin(
+        state, [] {},
+        [&] {
+            library = load(build);
+            collect(*library, workload.call, &env);
+        },
+        [&] { library.reset(); });
+}
+
+void reconnectLibrary(State& state, const Workload& workload, const Build& build) {
+    RegisteredService service(workload);
+    HostJniEnv env;
+    const auto library = load(build);
+    const auto run = [&] { collect(*library, workload.call, &env); };
+    run();
+    measureWithin(
+        state, [&] { service.restart(); }, run, [] {});
+}
+
+void reconnectBare(State& state, const Workload& workload) {
+    RegisteredService service(workload);
+    HostJniEnv env;
+    BareClient client(workload);
+    client.connect(true);
+    measureWithin(
+        state,
+        [&] {
+            service.restart();
+            client.disconnect();
+        },
+        [&] {
+            client.connect(false);
+            client.collect(Step::kFloor, bootTimeMs(), &env);
+        },
+        [] {});
+}
+
+/// A steady call that has to choose the backend anew, since its choice was taken away.
+void selectingLibrary(State& state, const Workload& workload, const Build& build) {
+    using Collector = std::function<jbyteArray(JNIEnv*, jclass)>;
+    const RegisteredService service(workload);
+    HostJniEnv env;
+    const auto library = load(build);
+    auto* const chosen = static_cast<Collector*>(
+        library->symbol(workload.call == Call::kRails ? "_ZN9ferrolith18gGetRailEnergyImplE"
+                                                      : "_ZN9ferrolith19gGetResidenciesImplE"));
+    if (chosen == nullptr) fail(build.file + ": does not export its choice");
+    const auto run = [&] { collect(*library, workload.call, &env); };
+    run();
+    measureWithin(
+        state, [&] { *chosen = nullptr; }, run, [] {});
+}
+
+void threadsLibrary(State& state, const Workload& workload, const Build& build) {
+    struct Shared {
+        Shared(const Workload& workload, const Build& build)
+            : service(workload), library(load(build)) {}
+        const RegisteredService service;
+        const std::unique_ptr<LoadedLibrary> library;
+    };
+    static std::unique_ptr<Shared> shared;
+    // The loop begins and ends when all threads have come there.
+    if (state.thread_index() == 0) shared = std::make_unique<Shared>(workload, build);
+    HostJniEnv env;
+    for (auto _ : state) collect(*shared->library, workload.call, &env);
+    state.SetItemsProcessed(state.iterations());
+    if (state.thread_index() == 0) shared.reset();
+}
+
+void busLibrary(State& state, const Workload& workload, const Build& build) {
+    const BusService service(workload);
+    HostJniEnv env;
+    const auto library = load(build);
+    measure(state, workload, [&] { collect(*library, workload.call, &env); });
+}
+
+void busBare(State& state, const Workload& workload) {
+    const BusService service(workload);
+    measure(state, workload, [&] { service.call(); });
+}
+
+template <typename Function, typename... Arguments>
+benchmark::internal::Benchmark* add(const std::string& group, const Workload& workload,
+                                    const std::string& subject, Function function,
+                                    Arguments... arguments) {
+    const std::string name = group + "/" + workload.text() + "/" + subject;
+    return benchmark::RegisterBenchmark(name.c_str(), [=](State& state) {
+        // Free chunks that the last benchmark left scattered would cost this one cache misses.
+        malloc_trim(0);
+        function(state, workload, arguments...);
+    });
+}
+
+void addAll(const std::vector<Build>& builds, bool bus) {
+    constexpr int kPreparedIterations = 200;
+    struct Size {
+        Call call;
+        int elements;
+        int states;
+        bool ordinary;  ///< of a device of today
+    };
+    constexpr Size kSizes[] = {
+        {Call::kRails, 20, 0, true},           {Call::kRails, 60, 0, true},
+        {Call::kRails, 1000, 0, false},        {Call::kRails, 100000, 0, false},
+        {Call::kResidencies, 20, 5, true},     {Call::kResidencies, 50, 8, true},
+        {Call::kResidencies, 1000, 10, false}, {Call::kResidencies, 10000, 10, false},
+    };
+    const auto alone = [](benchmark::internal::Benchmark* benchmark) {
+        return benchmark->UseManualTime()->Iterations(kPreparedIterations);
+    };
+    for (const Backend backend : {Backend::kAidl, Backend::kHidl}) {
+        for (const Size& size : kSizes) {
+            for (const int nameLength : {12, 40}) {
+                const Workload workload{backend, size.call, size.elements, size.states, nameLength};
+                for (const Build& build : builds) {
+                    add("steady", workload, build.subject, steadyLibrary, build);
+                }
+                add("steady", workload, "floor", steadyBare, Step::kFloor);
+                add("steady", workload, "limit", steadyBare, Step::kLimit);
+                if (nameLength != 12) continue;
+                if (size.elements == 1000 && size.call == Call::kResidencies) {
+                    for (const Build& build : builds) {
+                        add("threads", workload, build.subject, threadsLibrary, build)
+                            ->ThreadRange(1, 8)
+                            ->UseRealTime();
+                    }
+                }
+                if (!size.ordinary) continue;
+                add("steps", workload, "transaction", steadyBare, Step::kTransaction);
+                add("steps", workload, "tree", steadyBare, Step::kTree);
+                add("steps", workload, "sizes", steadyBare, Step::kSizes);
+                add("steps", workload, "bytes", steadyBare, Step::kBytes);
+                for (const Build& build : builds) {
+                    alone(add("first", workload, build.subject, firstLibrary, build));
+                    alone(add("loading", workload, build.subject, loadingLibrary, build));
+                    alone(add("reconnect", workload, build.subject, reconnectLibrary, build));
+                    alone(add("selecting", workload, build.subject, selectingLibrary, build));
+                    if (bus) {
+                        add("bus", workload, build.subject, busLibrary, build)->UseRealTime();
+                    }
+                }
+                alone(add("first", workload, "floor", firstBare, builds.front()));
+                alone(add("reconnect", workload, "floor", reconnectBare));
+                if (bus) add("bus", workload, "floor", busBare)->UseRealTime();
+            }
+        }
+    }
+}
+
+int run(int argc, char** argv) {
+    CLI::App app(
+        "Measures libpowerstatshaldataprovider beside a bare client of the same services.");
+    app.footer(
+        "Other options are Google Benchmark's: --benchmark_filter=REGEX, --benchmark_out=FILE");
+    app.allow_extras();
+    std::string file = LoadedLibrary::defaultFile();
+    std::string against;
+    bool bus = false;
+    Workload served{};
+    bool serve = false;
+    app.add_option("--library", file, "The library's file")->check(CLI::ExistingFile);
+    app.add_option("--against", against, "Another build of the library, measured in the same run")
+        ->check(CLI::ExistingFile);
+    app.add_flag("--bus", bus, "Measure collections over the session bus too");
+    auto* const service = app.add_subcommand("serve", "")->group("");  // what BusService starts
+    service->add_option("backend", served.backend)->required();
+    service->add_option("call", served.call)->required();
+    service->add_option("elements", served.elements)->required();
+    service->add_option("states", served.states)->required();
+    service->add_option("nameLength", served.nameLength)->required();
+    service->callback([&] { serve = true; });
+    if (const auto ended = powerstats::parseArguments(&app, argc, argv)) return *ended;
+    if (serve) return serveOnBus(served);
+
+    std::vector<std::string> rest = app.remaining();
+    rest.insert(rest.begin(), argv[0]);
+    std::vector<char*> arguments;
+    arguments.reserve(rest.size());
+    for (auto& argument : rest) arguments.push_back(argument.data());
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
+
+    // A heap that is given back to the kernel after each large collection, and faulted in again in
+    // the next, or not, by where its last chunk happens to lie, would drown what is measured.
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_MMAP_THRESHOLD, 1 << 30);
+    // What is logged is formatted, as always, but not written.
+    __android_log_set_logger([](const __android_log_message*) {});
+    host::setBusLookups(false);
+    std::vector<Build> builds = {{"library", file}};
+    if (!against.empty()) builds.push_back({"against", against});
+    addAll(builds, bus);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    return powerstats::runProgram("powerstats_bench", bench::run, argc, argv);
+}

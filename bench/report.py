@@ -1,0 +1,196 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Turns a run of powerstats_bench into tables of ratios, and into a JSON file to draw from.
+
+Usage: report.py RUN.json LIBRARY.json [--json FILE]
+
+RUN.json is Google Benchmark's output, LIBRARY.json what scripts/bench found out about the library's
+file. Every figure is the median over the repetitions of a benchmark.
+"""
+
+import argparse
+import json
+import signal
+import statistics
+from collections import defaultdict
+
+
+def read(run):
+    """The medians: {(group, workload, threads): {subject: {"ns", "runs", counters...}}}."""
+    runs = defaultdict(list)
+    for row in run["benchmarks"]:
+        if row["run_type"] != "iteration":
+            continue
+        if row.get("error_occurred"):
+            raise SystemExit(f"report.py: {row['name']}: {row['error_message']}")
+        group, backend, call, size, names, subject = row["run_name"].split("/")[:6]
+        runs[group, f"{backend}/{call}/{size}/{names}", row["threads"], subject].append(row)
+    results = defaultdict(dict)
+    # The run is in random order.
+    for (group, workload, threads, subject), rows in sorted(runs.items(), key=in_order):
+        # A collection within one process is the work of one thread, whatever else the machine does.
+        clock = "cpu_time" if group in ("steady", "steps") else "real_time"
+        times = [row[clock] for row in rows]
+        entry = {"ns": statistics.median(times), "runs": times}
+        for counter in ("allocations", "allocated_bytes", "size", "items_per_second"):
+            if counter in rows[0]:
+                entry[counter] = statistics.median(row[counter] for row in rows)
+        results[group, workload, threads][subject] = entry
+    return results
+
+
+def in_order(item):
+    group, workload, threads, subject = item[0]
+    backend, call, size, names = workload.split("/")
+    return group, backend, call, [int(part) for part in size.split("x")], int(names), threads, subject
+
+
+def group_of(results, group):
+    return {key[1]: subjects for key, subjects in results.items() if key[0] == group}
+
+
+def table(title, header, rows):
+    print(f"\n{title}\n")
+    widths = [max(len(str(row[i])) for row in [header, *rows]) for i in range(len(header))]
+    for row in [header, *rows]:
+        cells = [str(cell).ljust(width) if i == 0 else str(cell).rjust(width)
+                 for i, (cell, width) in enumerate(zip(row, widths))]
+        print("  ".join(cells).rstrip())
+
+
+def ratio(subjects, other):
+    return subjects["library"]["ns"] / subjects[other]["ns"] if other in subjects else None
+
+
+def shown(value, digits=2):
+    return "-" if value is None else f"{value:.{digits}f}"
+
+
+def print_tables(results, library):
+    steady = group_of(results, "steady")
+    header = ["one collection, connected", "library us", "/floor", "/limit", "/against",
+              "ns an item", "floor's", "allocations", "floor's"]
+    rows = []
+    for workload, subjects in steady.items():
+        ours, floor = subjects["library"], subjects["floor"]
+        rows.append([workload, shown(ours["ns"] / 1000, 1), shown(ratio(subjects, "floor")),
+                     shown(ratio(subjects, "limit")), shown(ratio(subjects, "against")),
+                     shown(ours["ns"] / ours["size"], 1), shown(floor["ns"] / floor["size"], 1),
+                     round(ours["allocations"]), round(floor["allocations"])])
+    table("Steady calls (an item is a rail, or a state of an entity; names of 12 or 40 bytes)",
+          header, rows)
+
+    rows = []
+    for name, (ours, floor) in growths(steady).items():
+        rows.append([name, shown(ours), shown(floor), shown(ours / floor)])
+    table("Growth of the cost of an item from the smallest to the largest size",
+          ["", "library", "floor", "library/floor"], rows)
+
+    rows = []
+    for group in ("first", "reconnect", "selecting", "loading", "bus"):
+        for workload, subjects in group_of(results, group).items():
+            rows.append([f"{group} {workload}", shown(subjects["library"]["ns"] / 1000, 1),
+                         shown(ratio(subjects, "floor")), shown(ratio(subjects, "against"))])
+    table("Other calls: the first of a process, the first after a death, one that chooses the backend\n"
+          "anew, dlopen with the first call, and a steady one over a bus (whose floor are the bare bus\n"
+          "calls, replies unread)", ["", "library us", "/floor", "/against"], rows)
+
+    rows = []
+    for (group, workload, threads), subjects in results.items():
+        if group == "threads":
+            alone = results[group, workload, 1]["library"]["items_per_second"]
+            ours = subjects["library"]["items_per_second"]
+            rows.append([f"{workload}, {threads}", shown(ours, 0), shown(ours / alone)])
+    table("Threads calling at once", ["", "calls/s", "of one thread's"], rows)
+
+    print("\nThe library's file: {stripped_bytes} bytes stripped; {relocations} relocations "
+          "({symbolic} by symbol); static initialisers: {initialisers}".format(**library))
+
+
+def growths(steady):
+    """How much dearer an item is in the largest collection than in the smallest."""
+    by_kind = defaultdict(list)
+    for workload, subjects in steady.items():
+        backend, call, _, names = workload.split("/")
+        by_kind[f"{backend}/{call}/{names}"].append(subjects)
+    result = {}
+    for kind, sizes in by_kind.items():
+        sizes.sort(key=lambda subjects: subjects["library"]["size"])
+        if len(sizes) < 2:
+            continue
+        result[kind] = [
+            sizes[-1][subject]["ns"] / sizes[-1][subject]["size"] /
+            (sizes[0][subject]["ns"] / sizes[0][subject]["size"]) for subject in ("library", "floor")]
+    return result
+
+
+def targets(results, library):
+    """What the library is meant to keep: [(text, limit, worst value, where)]."""
+    steady = group_of(results, "steady")
+    found = []
+
+    def at_most(text, limit, values):
+        if values:
+            where, value = max(values.items(), key=lambda item: item[1])
+            found.append({"target": text, "limit": limit, "worst": round(value, 3), "where": where,
+                          "met": value <= limit})
+
+    def ratios(group, *sizes):
+        return {workload: ratio(subjects, "floor")
+                for workload, subjects in group_of(results, group).items()
+                if not sizes or workload.split("/")[2] in sizes}
+
+    at_most("library/floor, residencies 50x8", 1.05, ratios("steady", "50x8"))
+    at_most("library/floor, rails 20 and 60, residencies 20x5", 1.10,
+            ratios("steady", "20", "60", "20x5"))
+    at_most("library/floor, residencies 1000x10 and 10000x10", 1.30,
+            ratios("steady", "1000x10", "10000x10"))
+    at_most("allocations above the floor's", 2,
+            {workload: subjects["library"]["allocations"] - subjects["floor"]["allocations"]
+             for workload, subjects in steady.items()})
+    at_most("growth beside the floor's", 1.2,
+            {kind: ours / floor for kind, (ours, floor) in growths(steady).items()})
+    at_most("first call beside its floor", 1.2, ratios("first"))
+    at_most("one thread's throughput beside that of 8", 1 / 0.9,
+            {key[1]: results["threads", key[1], 1]["library"]["items_per_second"] /
+             subjects["library"]["items_per_second"]
+             for key, subjects in results.items() if key[0] == "threads" and key[2] == 8})
+    at_most("stripped size, bytes", 128 * 1024, {"the library's file": library["stripped_bytes"]})
+    return found
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("run")
+    parser.add_argument("library")
+    parser.add_argument("--json")
+    arguments = parser.parse_args()
+    with open(arguments.run) as file:
+        run = json.load(file)
+    with open(arguments.library) as file:
+        library = json.load(file)
+    results = read(run)
+    print_tables(results, library)
+    found = targets(results, library)
+    print("\nTargets\n")
+    for target in found:
+        print("{}  {target}: at most {limit:.4g}, worst {worst:.4g} ({where})".format(
+            "met    " if target["met"] else "NOT MET", **target))
+    if arguments.json:
+        # Of the context what says which kind of machine it was, and nothing of whose.
+        context = {key: run["context"][key] for key in ("num_cpus", "mhz_per_cpu", "caches")}
+        rows = [{"group": group, "workload": workload, "threads": threads, "subject": subject,
+                 **{key: [round(run, 1) for run in value] if key == "runs" else round(value, 1)
+                    for key, value in entry.items()}}
+                for (group, workload, threads), subjects in results.items()
+                for subject, entry in subjects.items()]
+        with open(arguments.json, "w") as file:
+            file.write('{{"machine": {}, "library": {}, "targets": [\n{}\n], "medians": [\n{}\n]}}\n'
+                       .format(json.dumps(context), json.dumps(library),
+                               ",\n".join(json.dumps(target) for target in found),
+                               ",\n".join(json.dumps(row) for row in rows)))
+
+
+if __name__ == "__main__":
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+    main()
