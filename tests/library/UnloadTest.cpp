@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "tests/support/Scenario.h"
 
@@ -46,6 +49,37 @@ TEST_P(Unload, LeavesNothingBehindAndStartsAfresh) {
     EXPECT_EQ(host::unlinks(nameOf(GetParam())), 0);
     // Sixty links outlived the library that made them.
     kill(GetParam());
+}
+
+/// Of this process: resident memory in KiB, without what is mapped from files (of which the kernel
+/// brings in as much as it likes), and open descriptors.
+std::pair<long, long> memoryAndDescriptors() {
+    std::ifstream status("/proc/self/status");
+    long memory = 0;
+    for (std::string word; status >> word;) {
+        if (word == "RssAnon:") status >> memory;
+    }
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+    return {memory, std::distance(begin(descriptors), end(descriptors))};
+}
+
+TEST_P(Unload, AThousandTimesKeepsMemoryAndDescriptors) {
+    serve(GetParam(), smallMachine());
+    std::pair<long, long> settled;
+    for (int i = 0; i < 1000; ++i) {
+        load();
+        for (const Call which : kCalls) ASSERT_EQ(call(which).bytes, smallResult(which));
+        unload();
+        if (i == 9) settled = memoryAndDescriptors();
+    }
+    const auto last = memoryAndDescriptors();
+    const long kib = last.first - settled.first;
+    std::printf("after the tenth of 1000 loads: %+ld KiB, %+ld descriptors\n", kib,
+                last.second - settled.second);
+    EXPECT_EQ(last.second, settled.second);
+#ifndef POWERSTATS_SANITIZED  // sanitizers keep what is freed
+    EXPECT_LT(kib, 64);
+#endif
 }
 
 TEST_P(Unload, DestroysInReverseOrderOfConstruction) {

@@ -43,7 +43,6 @@ TEST(HostJniEnv, WithAFullHeapGivesNullAndIgnoresWritingToIt) {
 }
 
 TEST(HostJniEnvDeathTest, EndsTheProcessAtWhatAJavaRuntimeWouldRefuse) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     HostJniEnv env;
     HostJniEnv other;
     JNIEnv* jni = env.get();

@@ -45,7 +45,8 @@ Outcome run(const Lines& arguments, const char* output = nullptr) {
     const TemporaryTree files;
     const std::string outputFile = output != nullptr ? output : files.path("output").string();
     const std::string errorFile = files.path("errors").string();
-    std::vector<const char*> words = {POWERSTATS_PROGRAM};
+    std::vector<const char*> words = {EMULATOR, POWERSTATS_PROGRAM};
+    if (*words[0] == '\0') words.erase(words.begin());  // built for this machine
     for (const std::string& argument : arguments) words.push_back(argument.c_str());
     words.push_back(nullptr);
 
@@ -55,7 +56,7 @@ Outcome run(const Lines& arguments, const char* output = nullptr) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
         dup2(open(errorFile.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        execv(words[0], const_cast<char* const*>(words.data()));
+        execvp(words[0], const_cast<char* const*>(words.data()));
         _exit(127);
     }
     int status = 0;
