@@ -91,8 +91,7 @@ class Stage {
         switch (step.action) {
             case Step::Action::kServe:
                 mScenario.serve(step.backend, {});
-                (step.backend == Backend::kAidl ? mScenario.aidl->onCall : mScenario.hidl->onCall) =
-                    [this](const std::string& method) { onTransaction(method); };
+                hook(step.backend);
                 [[fallthrough]];
             case Step::Action::kChange:
                 tell(step.backend, step.facts);
@@ -119,19 +118,41 @@ class Stage {
         }
     }
 
-    void onTransaction(const std::string& method) {
-        support::record(method);
-        for (const Trouble& trouble : mCall->troubles) {
-            if (trouble.kind == Trouble::Kind::kDeath && trouble.method == method) {
-                host::killService(Scenario::nameOf(mCall->backend));
-            }
+    void hook(Backend backend) {
+        if (backend == Backend::kAidl) {
+            mScenario.aidl->onCall = [this, called = mScenario.aidl.get()](const auto& method) {
+                called->failing.clear();
+                if (const Trouble* trouble = onTransaction(Backend::kAidl, method)) {
+                    called->failing[method] = [code = trouble->status] {
+                        return ndk::ScopedAStatus::fromExceptionCode(static_cast<int32_t>(code));
+                    };
+                }
+            };
+        } else {
+            mScenario.hidl->onCall = [this, called = mScenario.hidl.get()](const auto& method) {
+                called->statuses.clear();
+                if (const Trouble* trouble = onTransaction(Backend::kHidl, method)) {
+                    called->statuses[method] = support::FakeHidl::Status{trouble->status};
+                }
+            };
         }
     }
 
+    /// @return what the called service is to answer with a status of its own, or null
+    const Trouble* onTransaction(Backend backend, const std::string& method) {
+        support::record(method);
+        if (backend != mCall->backend) return nullptr;
+        for (const Trouble& trouble : mCall->troubles) {
+            if (trouble.method != method) continue;
+            if (trouble.kind == Trouble::Kind::kStatus) return &trouble;
+            host::killService(Scenario::nameOf(backend));
+        }
+        return nullptr;
+    }
+
     void call(const Step& step) {
-        const char* name = Scenario::nameOf(step.backend);
         mCall = &step;
-        for (const Trouble& trouble : step.troubles) start(name, step.backend, trouble);
+        script(step, 1);
         support::bootClock().now = step.clock;
         mScenario.env.heapIsFull = step.heapIsFull;
         if (!ferrolith::gGetRailEnergyImpl) {
@@ -146,35 +167,19 @@ class Stage {
         if (mScenario.env.arrays() != 0) fail("an array was made and not returned");
         support::record(returnedLine(
             bytes ? std::optional(std::string(bytes->begin(), bytes->end())) : std::nullopt));
-        for (const Trouble& trouble : step.troubles) end(name, trouble);
-        if (mScenario.aidl != nullptr) mScenario.aidl->failing.clear();
-        if (mScenario.hidl != nullptr) mScenario.hidl->statuses.clear();
+        script(step, 0);
     }
 
-    void start(const char* name, Backend backend, const Trouble& trouble) {
-        if (trouble.kind == Trouble::Kind::kDeath) {
-            return;  // it comes in the transaction
-        }
-        if (trouble.method == kLink) {
-            host::failLinks(name, trouble.failure);
-        } else if (trouble.kind == Trouble::Kind::kTransport) {
-            host::failTransactions(name, trouble.method, trouble.failure);
-        } else if (backend == Backend::kAidl && mScenario.aidl != nullptr) {
-            mScenario.aidl->failing[trouble.method] = [code = trouble.status] {
-                return ndk::ScopedAStatus::fromExceptionCode(static_cast<int32_t>(code));
-            };
-        } else if (mScenario.hidl != nullptr) {
-            mScenario.hidl->statuses[trouble.method] =
-                static_cast<support::FakeHidl::Status>(trouble.status);
-        }
-    }
-
-    static void end(const char* name, const Trouble& trouble) {
-        if (trouble.kind != Trouble::Kind::kTransport) return;
-        if (trouble.method == kLink) {
-            host::failLinks(name, {}, 0);
-        } else {
-            host::failTransactions(name, trouble.method, {}, 0);
+    /// Has the transactions and the link fail that are to fail by transport.
+    static void script(const Step& step, int times) {
+        const char* name = Scenario::nameOf(step.backend);
+        for (const Trouble& trouble : step.troubles) {
+            if (trouble.kind != Trouble::Kind::kTransport) continue;
+            if (trouble.method == kLink) {
+                host::failLinks(name, trouble.failure, times);
+            } else {
+                host::failTransactions(name, trouble.method, trouble.failure, times);
+            }
         }
     }
 

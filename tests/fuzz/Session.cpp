@@ -94,7 +94,7 @@ class Decoder {
 
     Step call(Step step) {
         step.call = mData.ConsumeBool() ? Call::kRails : Call::kResidencies;
-        while (step.troubles.size() < 3 && oneIn(6)) {
+        while (step.troubles.size() < 3 && oneIn(4)) {
             Trouble made = trouble(step.backend);
             const auto isSame = [&](const Trouble& it) { return it.method == made.method; };
             if (std::none_of(step.troubles.begin(), step.troubles.end(), isSame)) {
