@@ -129,7 +129,7 @@ class Decoder {
         if (trouble.kind == Trouble::Kind::kStatus) {
             trouble.status = backend == Backend::kAidl
                                  ? static_cast<uint32_t>(-mData.ConsumeIntegralInRange(0, 9))
-                                 : small(5);
+                                 : mData.PickValueInArray({1U, 1U, 0U, 2U, 3U, 4U, 77U});
         } else {
             // With 0 the transaction succeeds, and yet nothing has been answered.
             trouble.failure.exceptionCode = mData.PickValueInArray({-129, -129, -129, 0, -1, -32});
@@ -200,9 +200,9 @@ class Decoder {
         return announced[mData.ConsumeIntegralInRange<size_t>(0, announced.size() - 1)].id;
     }
 
-    uint32_t small(uint32_t most = 3) {
+    uint32_t small() {
         const auto value = mData.ConsumeIntegralInRange<uint8_t>(0, 63);
-        return value < 60 ? value % (most + 1) : mData.ConsumeIntegral<uint32_t>();
+        return value < 60 ? value % 4 : mData.ConsumeIntegral<uint32_t>();
     }
 
     int64_t number() {
