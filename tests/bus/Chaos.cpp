@@ -38,7 +38,7 @@ using support::kServing;
 using support::launchDaemon;
 using support::Process;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef POWERSTATS_SANITIZED
 constexpr bool kJudgeMemory = false;  // a sanitizer's own grows
 #else
 constexpr bool kJudgeMemory = true;
