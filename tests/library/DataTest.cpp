@@ -73,11 +73,12 @@ const DataCase kDataCases[] = {
     residencies("firstOfTwoEntitiesOrStatesWithOneId",
                 {{1, "first", {{1, "old"}, {1, "new"}}}, {1, "second", {{1, "other"}}}},
                 {{1, {{1, 2, 3}}}}, entity("first", {residency("old", 2, 3)})),
-    residencies(
-        "entityIdsOfAnyBits",
-        {{0x80000000, "min", {{0xffffffff, "minus one"}}}, {0xffffffff, "last", {{0, "0"}}}},
-        {{0xffffffff, {{0, 1, 2}}}, {0x80000000, {{0xffffffff, 3, 4}}}},
-        entity("last", {residency("0", 1, 2)}) + entity("min", {residency("minus one", 3, 4)})),
+    residencies("entityIdsOfAnyBits",
+                {{0x80000000, "min", {{0xffffffff, "minus one"}, {0x7fffffff, "max"}}},
+                 {0xffffffff, "last", {{0, "0"}}}},
+                {{0xffffffff, {{0, 1, 2}}}, {0x80000000, {{0x7fffffff, 5, 6}, {0xffffffff, 3, 4}}}},
+                entity("last", {residency("0", 1, 2)}) +
+                    entity("min", {residency("max", 5, 6), residency("minus one", 3, 4)})),
     residencies("entityWithoutStates", {{1, "none"}, {2, "some", {{1, "on"}}}},
                 {{1}, {2}, {2, {{1, 1, 1}}}},
                 entity("none", {}) + entity("some", {}) + entity("some", {residency("on", 1, 1)})),
