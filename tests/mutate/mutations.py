@@ -43,8 +43,8 @@ def dropped(_):
 
 CODE, MAP, PROTO = (".h", ".cpp"), (".map",), (".proto",)
 # Rule, the files it is for, what changes, and into what. Of the proto's many numbers that nothing
-# uses, the last stands for all. To the name of a variable a compiler appends something only when its
-# type is made of std::string.
+# uses, the last stands for all. A compiler appends to the name of a variable only where its type is
+# made of std::string.
 PATTERNS = (
     ("turn-comparison", CODE, r"[!=]=| >= | < ", turned),
     ("move-boundary", CODE, r" >=(?= )| <(?= )", turned),
@@ -102,7 +102,7 @@ def dropped_statements(code):
 
 
 def swapped_definitions(code, text):
-    """Neighbours of which the order of destruction changes. That of plain containers shows nowhere."""
+    """Neighbours whose order of destruction changes; that of plain containers shows nowhere."""
     definition = r"([:\w][^;{}]*\bg[A-Z]\w+\b[^;{}]*;\n)"
     for match in re.finditer(rf"(?m)^(?={definition}{definition})", code):
         first, second = (text[slice(*match.span(group))] for group in (1, 2))
