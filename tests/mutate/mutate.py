@@ -231,4 +231,9 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)
+    except RuntimeError as error:
+        sys.exit(f"scripts/mutate: {error}")
