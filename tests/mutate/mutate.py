@@ -209,7 +209,7 @@ def report(results, complete):
 def main():
     parser = argparse.ArgumentParser(prog="scripts/mutate")
     parser.add_argument("--list", action="store_true")
-    parser.add_argument("--only", type=re.compile, default="", metavar="REGEX")
+    parser.add_argument("--only", default="", metavar="REGEX")
     parser.add_argument("--sample", type=int, metavar="N")
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, metavar="N")
     parser.add_argument("--every-test", action="store_true")
@@ -235,5 +235,5 @@ if __name__ == "__main__":
         sys.exit(main())
     except KeyboardInterrupt:
         sys.exit(130)
-    except RuntimeError as error:
+    except (RuntimeError, re.error) as error:
         sys.exit(f"scripts/mutate: {error}")
