@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection to the AIDL service: made when a collector needs it, dropped when the service dies.
+// The connection to the AIDL service: made when a collector needs it, dropped when it dies.
 
 #pragma once
 
@@ -16,8 +16,8 @@
 
 namespace ferrolith {
 
-/// Told by the platform, on a thread of its own, that a linked service has died: forgets the service
-/// and all that was learnt from it. A collection that is running has the mutex: this waits for it.
+/// Told by the platform, on a thread of its own, that a linked service has died: forgets it and all
+/// that was learnt from it. A collection that is running has the mutex, so this waits for it.
 static void binderDiedCallbackAidl(void* /*cookie*/) {
     std::lock_guard<std::mutex> lock(gPowerStatsMutex);
     gPowerStatsHalAidl = nullptr;

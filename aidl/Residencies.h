@@ -57,7 +57,8 @@ static jbyteArray getResidenciesAidl(JNIEnv* env, jclass /*clazz*/) {
     proto::PowerDataResult result;
     const int64_t timestampMs = bootTimeMs();
     for (const auto& entity : entities) {
-        proto::PowerData* data = appendEntity(&result, entity.id, timestampMs);
+        proto::PowerData* data =
+            appendEntity(&result, entity.id, timestampMs, entity.stateResidencyData.size());
         for (const auto& state : entity.stateResidencyData) {
             appendResidency(data, entity.id, state.id, state.totalTimeInStateMs,
                             state.totalStateEntryCount);

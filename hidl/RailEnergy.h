@@ -44,7 +44,7 @@ static RailNamesV1_0 readRailNamesV1_0() {
     return railNamesV1_0;
 }
 
-/// Reads the energy of every rail once. Nothing is kept between calls: the rails are asked for anew.
+/// Reads the energy of every rail once. Nothing is kept between calls: rails are asked for anew.
 /// REQUIRES: gPowerStatsMutex is held
 /// @return a new local reference to a Java array with the result, or null when there is none.
 static jbyteArray getRailEnergyV1_0(JNIEnv* env, jclass /*clazz*/) {

@@ -38,7 +38,8 @@ static jbyteArray getResidenciesV1_0(JNIEnv* env, jclass /*clazz*/) {
         const int64_t timestampMs = bootTimeMs();
         for (const auto& entity : entities) {
             const auto entityId = static_cast<int>(entity.powerEntityId);
-            proto::PowerData* data = appendEntity(&result, entityId, timestampMs);
+            proto::PowerData* data =
+                appendEntity(&result, entityId, timestampMs, entity.stateResidencyData.size());
             for (const auto& state : entity.stateResidencyData) {
                 appendResidency(data, entityId, static_cast<int>(state.powerEntityStateId),
                                 static_cast<int64_t>(state.totalTimeInStateMs),

@@ -10,6 +10,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -71,11 +72,13 @@ static void appendRail(proto::PowerDataResult* result, const std::string& name, 
 
 /// Appends one power entity under its cached name, which is carried whole.
 /// REQUIRES: gPowerStatsMutex is held
-/// @return where its states go.
+/// @return where its states go, with room for that many.
 static proto::PowerData* appendEntity(proto::PowerDataResult* result, int entityId,
-                                      int64_t timestampMs) {
-    return appendElement(result, proto::KIND_POWER_ENTITY, strictAt(gEntityNames, entityId),
-                         timestampMs);
+                                      int64_t timestampMs, size_t states) {
+    proto::PowerData* data = appendElement(result, proto::KIND_POWER_ENTITY,
+                                           strictAt(gEntityNames, entityId), timestampMs);
+    data->mutable_residency()->Reserve(static_cast<int>(states));
+    return data;
 }
 
 /// Appends one state of a power entity under its cached name, which is carried whole.
@@ -88,8 +91,8 @@ static void appendResidency(proto::PowerData* data, int entityId, int stateId,
     residency->set_total_state_entry_count(totalStateEntryCount);
 }
 
-/// @return a new local reference to a Java array of the bytes. When the Java heap is full it is null
-///     and an exception is pending; the runtime's own functions know what to do with both.
+/// @return a new local reference to a Java array of the bytes. When the Java heap is full it is
+///     null and an exception is pending; the runtime's own functions know what to do with both.
 static jbyteArray toJavaArray(JNIEnv* env, const std::string& bytes) {
     const auto length = static_cast<jsize>(bytes.size());
     jbyteArray array = env->NewByteArray(length);
