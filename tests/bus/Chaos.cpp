@@ -38,7 +38,7 @@ using support::kServing;
 using support::launchDaemon;
 using support::Process;
 
-#ifdef POWERSTATS_SANITIZED
+#ifdef POWERSTATS_MEMORY_UNJUDGED
 constexpr bool kJudgeMemory = false;  // a sanitizer's own grows
 #else
 constexpr bool kJudgeMemory = true;

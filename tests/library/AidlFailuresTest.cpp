@@ -51,11 +51,6 @@ using Status = ndk::ScopedAStatus;
 const AidlFailure kAidlFailures[] = {
     {"deadObject",
      [](FakeAidl&, const char* method) { scriptTransport(method, host::deadObject()); }, false},
-    {"otherTransport",
-     [](FakeAidl&, const char* method) {
-         scriptTransport(method, {EX_TRANSACTION_FAILED, STATUS_FAILED_TRANSACTION, "scripted"});
-     },
-     false},
     {"withoutStatus",
      [](FakeAidl&, const char* method) {
          host::Failure failure;
@@ -63,11 +58,6 @@ const AidlFailure kAidlFailures[] = {
          scriptTransport(method, failure);
      },
      false},
-    {"exception",
-     [](FakeAidl& service, const char* method) {
-         service.failing[method] = [] { return Status::fromExceptionCode(EX_ILLEGAL_STATE); };
-     },
-     true},
     {"serviceSpecific",
      [](FakeAidl& service, const char* method) {
          service.failing[method] = [] { return Status::fromServiceSpecificError(0); };
@@ -128,15 +118,6 @@ TEST_P(AidlAnswers, NoNamesAtFirst) {
     aidl->machine = smallMachine();
     EXPECT_EQ(call(GetParam().call),
               array(smallResult(GetParam().call), names + " aidl:" + GetParam().data));
-}
-
-TEST_P(AidlAnswers, NamesAreNotLearntTwice) {
-    serve(Backend::kAidl, smallMachine());
-    call(GetParam().call);
-    aidl->machine.rails[0].name = "renamed";
-    aidl->machine.entities[0] = {7, "renamed", {{0, "renamed"}}};
-    EXPECT_EQ(call(GetParam().call),
-              array(smallResult(GetParam().call), std::string("aidl:") + GetParam().data));
 }
 
 TEST_P(AidlAnswers, LinkThatFailsIsIgnored) {

@@ -137,25 +137,6 @@ class BothBackends : public testing::TestWithParam<Backend>, public Scenario {
 INSTANTIATE_TEST_SUITE_P(Test, BothBackends, testing::ValuesIn(kBackends),
                          testing::PrintToStringParamName());
 
-TEST_P(BothBackends, TenThousandEntitiesOfTenStates) {
-    Machine machine;
-    std::string expected;
-    for (uint32_t id = 0; id < 10000; ++id) {
-        Entity& entity = machine.entities.emplace_back(Entity{id, "entity" + std::to_string(id)});
-        EntityTotals& totals = machine.totals.emplace_back(EntityTotals{id});
-        std::vector<std::string> residencies;
-        for (uint32_t state = 0; state < 10; ++state) {
-            entity.states.push_back({state, "state" + std::to_string(state)});
-            totals.states.push_back({state, id * 1000ull + state, state});
-            residencies.push_back(residency(entity.states.back().name, id * 1000 + state, state));
-        }
-        expected += support::entity(entity.name, residencies);
-    }
-    serve(GetParam(), machine);
-    EXPECT_TRUE(call(Call::kResidencies).bytes == expected);
-    EXPECT_TRUE(call(Call::kResidencies).bytes == expected);
-}
-
 TEST_P(BothBackends, EnergyThroughAFloatInto32Bits) {
     expectMillijoules(
         {{0, 0},

@@ -62,12 +62,8 @@ const host::Failure kException{-5, 0, "state"};
 const AttemptCase kAttempts[] = {
     refused("entitiesNotSupported", "getPowerEntityInfo", Status::NOT_SUPPORTED),
     refused("entitiesInvalid", "getPowerEntityInfo", Status::INVALID_INPUT),
-    refused("entitiesFilesystem", "getPowerEntityInfo", Status::FILESYSTEM_ERROR),
-    refused("entitiesResources", "getPowerEntityInfo", Status::INSUFFICIENT_RESOURCES),
     refused("statesNotSupported", "getPowerEntityStateInfo", Status::NOT_SUPPORTED),
     refused("statesInvalid", "getPowerEntityStateInfo", Status::INVALID_INPUT),
-    refused("statesFilesystem", "getPowerEntityStateInfo", Status::FILESYSTEM_ERROR),
-    refused("statesResources", "getPowerEntityStateInfo", Status::INSUFFICIENT_RESOURCES),
     {"noEntities",
      [](FakeHidl& service) { service.machine.entities.clear(); },
      {kNotLoaded},

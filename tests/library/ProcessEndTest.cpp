@@ -74,19 +74,6 @@ void newStateAfterRestart(Scenario& scenario) {
     machine.totals[0].states.push_back({1, 2, 3});
     scenario.serve(Backend::kHidl, machine);
 }
-void restartUnlinked(Scenario& scenario) {
-    scenario.kill(Backend::kHidl);
-    scenario.serve(Backend::kHidl, smallMachine());
-    host::failLinks(host::kHidlPowerStats, {-129, -32, "no link"});
-    scenario.call(Call::kRails);
-    scenario.kill(Backend::kHidl);
-}
-
-std::string unexaminedDeath(const std::string& before) {
-    return before +
-           "F/HidlStatus: Failed HIDL return status not checked. Error is: Status(-129): "
-           "'DEAD_OBJECT'\n";
-}
 
 const EndCase kEndCases[] = {
     {"unknownChannel", Backend::kAidl, Call::kRails, unknownRail, kUnknownId},
@@ -105,9 +92,6 @@ const EndCase kEndCases[] = {
      kUnexamined},
     {"residenciesUnreached", Backend::kHidl, Call::kResidencies,
      unreached("getPowerEntityStateResidencyData"), std::string(kNoEntities) + kUnexamined},
-    {"deathUnnoticedByRails", Backend::kHidl, Call::kRails, restartUnlinked, unexaminedDeath("")},
-    {"deathUnnoticedByResidencies", Backend::kHidl, Call::kResidencies, restartUnlinked,
-     unexaminedDeath(kNoEntities)},
 };
 
 class ProcessEnds : public testing::TestWithParam<EndCase> {};
