@@ -56,7 +56,7 @@ class BusWatcher {
             peer->die();
             return true;
         }
-        auto watched = std::make_unique<Watched>(Watched{peer, nullptr});
+        auto watched = std::make_unique<Watched>(Watched{peer, key->owner, nullptr});
         const std::string match =
             "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
             "member='NameOwnerChanged',arg0='" +
@@ -81,7 +81,7 @@ class BusWatcher {
         // Whoever is found dead is forgotten, here too if its notice comes at once.
         std::vector<std::shared_ptr<Peer>> dead;
         for (const auto& entry : mWatched) {
-            if (isOwned(entry.first->owner)) continue;
+            if (isOwned(entry.second->owner)) continue;
             if (auto peer = entry.second->peer.lock()) dead.push_back(std::move(peer));
         }
         for (const auto& peer : dead) peer->die();
@@ -90,6 +90,7 @@ class BusWatcher {
   private:
     struct Watched {
         std::weak_ptr<Peer> peer;
+        std::string owner;  // kept here, since the peer may be going while it is still in the list
         UniqueSlot slot;
     };
 
