@@ -67,7 +67,7 @@ class LoadedLibrary {
     /// @return null on failure.
     static std::unique_ptr<LoadedLibrary> load(const std::string& file, std::string* error);
 
-    /// Unloads the library (`dlclose`).
+    /// Unloads the library (`dlclose`). No HIDL service that it is connected to may be dying then.
     ~LoadedLibrary();
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;

@@ -28,6 +28,15 @@ class DeathNotices {
         return *notices;
     }
 
+    void expect() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mExpected) return;
+        mExpected = true;
+        // A recipient must not be called while the destructors of the library that made it run at
+        // exit. A link comes after what it belongs to was made, so this handler runs before them.
+        std::atexit([] { get().stop(); });
+    }
+
     void add(std::shared_ptr<Peer> peer) {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mStopped) return;
@@ -49,9 +58,6 @@ class DeathNotices {
         std::thread thread([this] { run(); });
         mThread = thread.get_id();
         thread.detach();
-        // A recipient must not be called while the destructors of the program that made it run.
-        // This handler is registered after those, so it runs before them.
-        std::atexit([] { get().stop(); });
     }
 
     [[noreturn]] void run() {
@@ -82,12 +88,17 @@ class DeathNotices {
     std::condition_variable mChanged;
     std::deque<std::shared_ptr<Peer>> mPeers;
     std::thread::id mThread;
+    bool mExpected = false;
     bool mStarted = false;
     bool mReporting = false;
     bool mStopped = false;
 };
 
 }  // namespace
+
+void expectNotices() {
+    DeathNotices::get().expect();
+}
 
 void deliverNotices(std::shared_ptr<Peer> peer) {
     DeathNotices::get().add(std::move(peer));

@@ -38,6 +38,7 @@ std::optional<Failure> Peer::beginLink() {
 }
 
 Peer::LinkResult Peer::link(std::shared_ptr<DeathLink> link) {
+    expectNotices();
     std::lock_guard<std::mutex> watchLock(mWatchMutex);
     bool late;
     {

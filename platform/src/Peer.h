@@ -109,6 +109,9 @@ class Peer : public std::enable_shared_from_this<Peer> {
     std::vector<std::shared_ptr<DeathLink>> mLinks;  // guarded by mMutex
 };
 
+/// Called for every link. From the first one on, exit ends the delivery before destructors run.
+void expectNotices();
+
 /// Has the delivering thread report the death of a peer. The thread starts with the first one.
 void deliverNotices(std::shared_ptr<Peer> peer);
 

@@ -65,22 +65,25 @@ class BusTest : public testing::TestWithParam<Backend> {
         return startPeer({"serve", halOf(GetParam()), machine, lastMethod});
     }
 
-    PrivateBus mBus;
+    // The bus and the service outlive the library, or the notice of their death could run in it
+    // while it is unloaded.
+    std::unique_ptr<PrivateBus> mBus = std::make_unique<PrivateBus>();
+    std::unique_ptr<Process> mService;
 };
 INSTANTIATE_TEST_SUITE_P(Test, BusTest, testing::ValuesIn(kBackends),
                          testing::PrintToStringParamName());
 
 TEST_P(BusTest, NextCallAfterADeathFindsTheNewService) {
     BusScenario scenario;
-    auto service = serve("first");
+    mService = serve("first");
     for (const Call call : kCalls) EXPECT_EQ(scenario.call(call).bytes, smallResult(call));
     for (const Call call : kCalls) {
         EXPECT_EQ(scenario.call(call), array(smallResult(call), steadyTraffic(GetParam(), call)));
     }
     for (const Call first : kCalls) {
-        service->kill();
+        mService->kill();
         awaitDeath(GetParam());
-        service = serve("other");
+        mService = serve("other");
         const bool hidl = GetParam() == Backend::kHidl;
         EXPECT_EQ(scenario.call(first),
                   array(otherResult(first, hidl), reconnectTraffic(GetParam(), first)));
@@ -92,9 +95,9 @@ TEST_P(BusTest, NextCallAfterADeathFindsTheNewService) {
 
 TEST_P(BusTest, DeathOfTheBusIsTheDeathOfItsServices) {
     BusScenario scenario;
-    auto service = serve("first");
+    mService = serve("first");
     for (const Call call : kCalls) EXPECT_EQ(scenario.call(call).bytes, smallResult(call));
-    mBus.kill();
+    mBus->kill();
     ASSERT_TRUE(host::waitForDeathNotices());
     const std::string missing = GetParam() == Backend::kAidl
                                     ? "E: Unable to get power stats AIDL service!"
@@ -104,8 +107,8 @@ TEST_P(BusTest, DeathOfTheBusIsTheDeathOfItsServices) {
         EXPECT_FALSE(outcome.bytes);
         EXPECT_EQ(outcome.events.front(), missing);
     }
-    const PrivateBus next;
-    service = serve("other");
+    mBus = std::make_unique<PrivateBus>();
+    mService = serve("other");
     for (const Call call : kCalls) {
         EXPECT_EQ(scenario.call(call).bytes, otherResult(call, GetParam() == Backend::kHidl));
     }

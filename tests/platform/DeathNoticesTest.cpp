@@ -8,12 +8,15 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeServices.h"
 
 namespace support {
@@ -246,6 +249,46 @@ TEST_F(HidlNotices, LinksGoWithTheirProxyAndNoOther) {
     kill();
     EXPECT_TRUE(other->cookies.empty());
     EXPECT_EQ(mRecipient->cookies.size(), 1u);
+}
+
+/// Runs when a process exits, as the destructors of a library do.
+struct AtExit {
+    std::function<void()> run;
+    ~AtExit() { run(); }
+};
+
+// The name has it run first, when no thread has been started yet.
+TEST(ExitDeathTest, NoRecipientIsToldWhileDestructorsRun) {
+    for (const bool diesBeforeExit : {true, false}) {
+        SCOPED_TRACE(diesBeforeExit);
+        const Ended ended = runInChild([&] {
+            host::setBusLookups(false);
+            const sp<FakeHidl> service = new FakeHidl;
+            EXPECT_EQ(service->registerAsService(), android::OK);
+            static AtExit destructors;
+            destructors.run = [] {
+                std::fputs("destroyed\n", stderr);
+                host::killService(host::kHidlPowerStats);
+                host::waitForDeathNotices();
+            };
+            std::promise<void> running;
+            const sp<HidlRecipient> recipient = new HidlRecipient;
+            recipient->onDied = [&](const wp<IBase>&) {
+                running.set_value();
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                std::fputs("told\n", stderr);
+            };
+            const sp<IPowerStats> client = IPowerStats::getService();
+            EXPECT_TRUE(client->linkToDeath(recipient, 0));
+            if (diesBeforeExit) {
+                host::killService(host::kHidlPowerStats);
+                running.get_future().wait();
+            }
+            std::exit(3);
+        });
+        EXPECT_EQ(ended.exitCode, 3);
+        EXPECT_EQ(ended.errors, diesBeforeExit ? "told\ndestroyed\n" : "destroyed\n");
+    }
 }
 
 }  // namespace
