@@ -120,7 +120,7 @@ bool writeOutput(const std::string& text) {
 
 int dump(const Arguments& arguments) {
     std::string error;
-    // Unloaded at exit, when the notice that a service on the bus has died cannot run in it any more.
+    // Unloaded at exit, when no notice that a service on the bus has died can run in it any more.
     static const auto library = LoadedLibrary::load(arguments.library, &error);
     if (library == nullptr) {
         say(error + " (build the library, or name another file with --library)");

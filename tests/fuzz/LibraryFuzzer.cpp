@@ -228,13 +228,13 @@ bool sendAll(int socket, const std::string& bytes) {
 }
 
 bool receive(int socket, std::string* bytes) {
-    bytes->resize(kMostBytes);
+    static std::vector<char> buffer(kMostBytes);
     ssize_t size;
     do {  // the fuzzer's own alarm may interrupt it
-        size = recv(socket, bytes->data(), bytes->size(), 0);
+        size = recv(socket, buffer.data(), buffer.size(), 0);
     } while (size < 0 && errno == EINTR);
     if (size <= 0) return false;
-    bytes->resize(static_cast<size_t>(size));
+    bytes->assign(buffer.data(), static_cast<size_t>(size));
     return true;
 }
 
