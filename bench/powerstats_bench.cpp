@@ -258,7 +258,10 @@ benchmark::internal::Benchmark* add(const std::string& group, const Workload& wo
 }
 
 void addAll(const std::vector<Build>& builds, bool bus) {
-    constexpr int kPreparedIterations = 200;
+    // What has to be prepared cannot fill the time of an ordinary repetition, so a machine that is
+    // slow for a moment makes a whole one slow. Many short ones leave their median alone.
+    constexpr int kPreparedIterations = 50;
+    constexpr int kPreparedRepetitions = 61;
     struct Size {
         Call call;
         int elements;
@@ -272,7 +275,9 @@ void addAll(const std::vector<Build>& builds, bool bus) {
         {Call::kResidencies, 1000, 10, false}, {Call::kResidencies, 10000, 10, false},
     };
     const auto alone = [](benchmark::internal::Benchmark* benchmark) {
-        return benchmark->UseManualTime()->Iterations(kPreparedIterations);
+        return benchmark->UseManualTime()
+            ->Iterations(kPreparedIterations)
+            ->Repetitions(kPreparedRepetitions);
     };
     for (const Backend backend : {Backend::kAidl, Backend::kHidl}) {
         for (const Size& size : kSizes) {
