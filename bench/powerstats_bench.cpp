@@ -2,9 +2,10 @@
 //
 // powerstats_bench: what the library costs, beside a bare client's cost on the same data.
 //
-// Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH/SUBJECT". The subject is the
-// library, another build of it ("against"), or a bare client, which bench/BareClient.h describes.
-// Ratios of subjects within one run are what counts: times differ between machines and moments.
+// Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH/SUBJECT", and those of
+// several threads end with how many. The subject is the library, another build of it ("against"),
+// or a bare client, which bench/BareClient.h describes. Ratios of subjects within one run are what
+// counts: times differ between machines and moments.
 
 #include <android/log.h>
 #include <benchmark/benchmark.h>
@@ -13,12 +14,14 @@
 #include <malloc.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
-#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -66,9 +69,8 @@ JavaBytes collect(const LoadedLibrary& library, Call call, HostJniEnv* env) {
 }
 
 /// Ends the program unless the library, the floor and the limit return the same bytes.
-void checkOnce(const Build& build, const Workload& workload) {
-    static std::set<std::string> checked;
-    if (!checked.insert(build.file + workload.text()).second) return;
+void check(const Build& build, const Workload& workload) {
+    const RegisteredService service(workload);
     HostJniEnv env;
     const auto library = load(build);
     const JavaBytes expected = collect(*library, workload.call, &env);
@@ -115,7 +117,6 @@ void measureWithin(State& state, const std::function<void()>& prepare,
 
 void steadyLibrary(State& state, const Workload& workload, const Build& build) {
     const RegisteredService service(workload);
-    checkOnce(build, workload);
     HostJniEnv env;
     const auto library = load(build);
     measure(state, workload, [&] { collect(*library, workload.call, &env); });
@@ -131,7 +132,6 @@ void steadyBare(State& state, const Workload& workload, Step step) {
 
 void firstLibrary(State& state, const Workload& workload, const Build& build) {
     const RegisteredService service(workload);
-    checkOnce(build, workload);
     HostJniEnv env;
     std::unique_ptr<LoadedLibrary> library;
     measureWithin(
@@ -217,20 +217,35 @@ void selectingLibrary(State& state, const Workload& workload, const Build& build
         state, [&] { *chosen = nullptr; }, run, [] {});
 }
 
-void threadsLibrary(State& state, const Workload& workload, const Build& build) {
-    struct Shared {
-        Shared(const Workload& workload, const Build& build)
-            : service(workload), library(load(build)) {}
-        const RegisteredService service;
-        const std::unique_ptr<LoadedLibrary> library;
-    };
-    static std::unique_ptr<Shared> shared;
-    // The loop begins and ends when all threads have come there.
-    if (state.thread_index() == 0) shared = std::make_unique<Shared>(workload, build);
-    HostJniEnv env;
-    for (auto _ : state) collect(*shared->library, workload.call, &env);
-    state.SetItemsProcessed(state.iterations());
-    if (state.thread_index() == 0) shared.reset();
+/// Threads that share a number of calls, from their common start until the last one has made its
+/// last. Times of each thread's own would add up to too little: the mutex may let a thread make all
+/// of its calls, and end, before the next one makes any.
+void threadsLibrary(State& state, const Workload& workload, const Build& build, int threads) {
+    constexpr int kCalls = 64;
+    const RegisteredService service(workload);
+    const auto library = load(build);
+    for (auto _ : state) {
+        std::atomic<int> ready{0};
+        std::promise<void> start;
+        const std::shared_future<void> started(start.get_future());
+        std::vector<std::thread> callers;
+        for (int i = 0; i < threads; ++i) {
+            callers.emplace_back([&] {
+                HostJniEnv env;
+                collect(*library, workload.call, &env);  // so that the thread has a heap
+                ++ready;
+                started.wait();
+                for (int j = 0; j < kCalls / threads; ++j) collect(*library, workload.call, &env);
+            });
+        }
+        while (ready != threads) std::this_thread::yield();
+        const auto begin = std::chrono::steady_clock::now();
+        start.set_value();
+        for (auto& caller : callers) caller.join();
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+    }
+    state.SetItemsProcessed(state.iterations() * kCalls);
 }
 
 void busLibrary(State& state, const Workload& workload, const Build& build) {
@@ -257,6 +272,7 @@ benchmark::internal::Benchmark* add(const std::string& group, const Workload& wo
     });
 }
 
+/// Registers all benchmarks, each workload once its bytes have been checked.
 void addAll(const std::vector<Build>& builds, bool bus) {
     // What has to be prepared cannot fill the time of an ordinary repetition, so a machine that is
     // slow for a moment makes a whole one slow. Many short ones leave their median alone.
@@ -284,6 +300,7 @@ void addAll(const std::vector<Build>& builds, bool bus) {
             for (const int nameLength : {12, 40}) {
                 const Workload workload{backend, size.call, size.elements, size.states, nameLength};
                 for (const Build& build : builds) {
+                    check(build, workload);
                     add("steady", workload, build.subject, steadyLibrary, build);
                 }
                 add("steady", workload, "floor", steadyBare, Step::kFloor);
@@ -291,9 +308,12 @@ void addAll(const std::vector<Build>& builds, bool bus) {
                 if (nameLength != 12) continue;
                 if (size.elements == 1000 && size.call == Call::kResidencies) {
                     for (const Build& build : builds) {
-                        add("threads", workload, build.subject, threadsLibrary, build)
-                            ->ThreadRange(1, 8)
-                            ->UseRealTime();
+                        for (const int threads : {1, 2, 4, 8}) {
+                            add("threads", workload, build.subject + "/" + std::to_string(threads),
+                                threadsLibrary, build, threads)
+                                ->UseManualTime()
+                                ->Iterations(1);
+                        }
                     }
                 }
                 if (!size.ordinary) continue;

@@ -23,8 +23,9 @@ def read(run):
             continue
         if row.get("error_occurred"):
             raise SystemExit(f"report.py: {row['name']}: {row['error_message']}")
-        group, backend, call, size, names, subject = row["run_name"].split("/")[:6]
-        runs[group, f"{backend}/{call}/{size}/{names}", row["threads"], subject].append(row)
+        group, backend, call, size, names, subject, threads, *_ = f"{row['run_name']}/".split("/")
+        threads = int(threads) if group == "threads" else 1
+        runs[group, f"{backend}/{call}/{size}/{names}", threads, subject].append(row)
     results = defaultdict(dict)
     # The run is in random order.
     for (group, workload, threads, subject), rows in sorted(runs.items(), key=in_order):
@@ -156,6 +157,8 @@ def targets(results, library):
              subjects["library"]["items_per_second"]
              for key, subjects in results.items() if key[0] == "threads" and key[2] == 8})
     at_most("stripped size, bytes", 128 * 1024, {"the library's file": library["stripped_bytes"]})
+    at_most("static initialisers, the globals' and the messages'", 2,
+            {"the library's file": library["initialisers"]})
     return found
 
 

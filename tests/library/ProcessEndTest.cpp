@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <climits>
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FailingAllocation.h"
@@ -123,6 +125,12 @@ INSTANTIATE_TEST_SUITE_P(All, RuntimeFailure,
                                     testing::PrintToString(std::get<1>(info.param));
                          });
 
+/// A call without what a scenario does around it, which allocates too.
+powerstats::JavaBytes callBare(Scenario& scenario, Call call) {
+    return call == Call::kRails ? scenario.library->railEnergy(&scenario.env)
+                                : scenario.library->residencies(&scenario.env);
+}
+
 TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
     int failures = 0;
     for (const bool first : {true, false}) {
@@ -133,11 +141,11 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
                 scenario.serve(mBackend, smallMachine());
                 scenario.load();
                 if (!first) scenario.call(mCall);
-                const auto method = mCall == Call::kRails ? &powerstats::LoadedLibrary::railEnergy
-                                                          : &powerstats::LoadedLibrary::residencies;
                 gFailingAllocation = allocation;
-                (scenario.library.get()->*method)(&scenario.env);
-                gFailingAllocation = 0;
+                const powerstats::JavaBytes bytes = callBare(scenario, mCall);
+                ASSERT_GT(gFailingAllocation.exchange(0), 0) << "a failure was survived";
+                ASSERT_TRUE(bytes);
+                ASSERT_EQ(std::string(bytes->begin(), bytes->end()), smallResult(mCall));
                 // A mutex left held would stop this one until the child is ended.
                 ASSERT_EQ(scenario.call(mCall).bytes, smallResult(mCall));
             });
@@ -148,6 +156,30 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
     }
     EXPECT_GT(failures, 20) << "hardly any allocation was seen";
     std::printf("%d allocations failed, %d processes ended\n", failures, failures);
+}
+
+class ResidencyAllocations : public testing::TestWithParam<Backend> {};
+INSTANTIATE_TEST_SUITE_P(All, ResidencyAllocations, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(ResidencyAllocations, AreAsManyForEachStateHoweverManyThereAre) {
+    const auto countWith = [](uint32_t states) {
+        Machine machine = smallMachine();
+        for (uint32_t id = 1; id < states; ++id) {
+            machine.entities[0].states.push_back({id, "S"});
+            machine.totals[0].states.push_back({id, 1, 1});
+        }
+        Scenario scenario;
+        scenario.serve(GetParam(), machine);
+        EXPECT_TRUE(scenario.call(Call::kResidencies).bytes);
+        gFailingAllocation = INT_MAX;
+        callBare(scenario, Call::kResidencies);
+        return INT_MAX - gFailingAllocation.exchange(0);
+    };
+    const int few = countWith(1000);
+    const int each = (countWith(2000) - few) / 1000;
+    // More than a count of 16 bits holds.
+    EXPECT_EQ(countWith(40000), few + 39000 * each);
 }
 
 TEST_P(RuntimeFailure, ThrownByTheServiceDoesNotReachTheCaller) {
