@@ -221,7 +221,7 @@ void selectingLibrary(State& state, const Workload& workload, const Build& build
 /// last. Times of each thread's own would add up to too little: the mutex may let a thread make all
 /// of its calls, and end, before the next one makes any.
 void threadsLibrary(State& state, const Workload& workload, const Build& build, int threads) {
-    constexpr int kCalls = 64;
+    constexpr int kCalls = 16;
     const RegisteredService service(workload);
     const auto library = load(build);
     for (auto _ : state) {
@@ -272,70 +272,68 @@ benchmark::internal::Benchmark* add(const std::string& group, const Workload& wo
     });
 }
 
-/// Registers all benchmarks, each workload once its bytes have been checked.
-void addAll(const std::vector<Build>& builds, bool bus) {
-    // What has to be prepared cannot fill the time of an ordinary repetition, so a machine that is
-    // slow for a moment makes a whole one slow. Many short ones leave their median alone.
-    constexpr int kPreparedIterations = 50;
-    constexpr int kPreparedRepetitions = 61;
-    struct Size {
+std::vector<Workload> allWorkloads() {
+    const struct {
         Call call;
         int elements;
         int states;
-        bool ordinary;  ///< of a device of today
+    } sizes[] = {
+        {Call::kRails, 20, 0},          {Call::kRails, 60, 0},
+        {Call::kRails, 1000, 0},        {Call::kRails, 100000, 0},
+        {Call::kResidencies, 20, 5},    {Call::kResidencies, 50, 8},
+        {Call::kResidencies, 1000, 10}, {Call::kResidencies, 10000, 10},
     };
-    constexpr Size kSizes[] = {
-        {Call::kRails, 20, 0, true},           {Call::kRails, 60, 0, true},
-        {Call::kRails, 1000, 0, false},        {Call::kRails, 100000, 0, false},
-        {Call::kResidencies, 20, 5, true},     {Call::kResidencies, 50, 8, true},
-        {Call::kResidencies, 1000, 10, false}, {Call::kResidencies, 10000, 10, false},
-    };
-    const auto alone = [](benchmark::internal::Benchmark* benchmark) {
-        return benchmark->UseManualTime()
-            ->Iterations(kPreparedIterations)
-            ->Repetitions(kPreparedRepetitions);
-    };
+    std::vector<Workload> all;
     for (const Backend backend : {Backend::kAidl, Backend::kHidl}) {
-        for (const Size& size : kSizes) {
+        for (const auto& size : sizes) {
             for (const int nameLength : {12, 40}) {
-                const Workload workload{backend, size.call, size.elements, size.states, nameLength};
-                for (const Build& build : builds) {
-                    check(build, workload);
-                    add("steady", workload, build.subject, steadyLibrary, build);
-                }
-                add("steady", workload, "floor", steadyBare, Step::kFloor);
-                add("steady", workload, "limit", steadyBare, Step::kLimit);
-                if (nameLength != 12) continue;
-                if (size.elements == 1000 && size.call == Call::kResidencies) {
-                    for (const Build& build : builds) {
-                        for (const int threads : {1, 2, 4, 8}) {
-                            add("threads", workload, build.subject + "/" + std::to_string(threads),
-                                threadsLibrary, build, threads)
-                                ->UseManualTime()
-                                ->Iterations(1);
-                        }
-                    }
-                }
-                if (!size.ordinary) continue;
-                add("steps", workload, "transaction", steadyBare, Step::kTransaction);
-                add("steps", workload, "tree", steadyBare, Step::kTree);
-                add("steps", workload, "sizes", steadyBare, Step::kSizes);
-                add("steps", workload, "bytes", steadyBare, Step::kBytes);
-                for (const Build& build : builds) {
-                    alone(add("first", workload, build.subject, firstLibrary, build));
-                    alone(add("loading", workload, build.subject, loadingLibrary, build));
-                    alone(add("reconnect", workload, build.subject, reconnectLibrary, build));
-                    alone(add("selecting", workload, build.subject, selectingLibrary, build));
-                    if (bus) {
-                        add("bus", workload, build.subject, busLibrary, build)->UseRealTime();
-                    }
-                }
-                alone(add("first", workload, "floor", firstBare, builds.front()));
-                alone(add("reconnect", workload, "floor", reconnectBare));
-                if (bus) add("bus", workload, "floor", busBare)->UseRealTime();
+                all.push_back({backend, size.call, size.elements, size.states, nameLength});
             }
         }
     }
+    return all;
+}
+
+/// Registers the benchmarks of a workload.
+void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus) {
+    // A machine that is slow for a moment makes a whole repetition slow. Many short ones leave
+    // their median alone.
+    constexpr int kShortRepetitions = 61;
+    const auto alone = [](benchmark::internal::Benchmark* benchmark, int iterations = 50) {
+        return benchmark->UseManualTime()->Iterations(iterations)->Repetitions(kShortRepetitions);
+    };
+    const bool ordinary = workload.elements < 1000;  // as many as a device of today has
+    const auto steady = [&](const std::string& subject, auto function, const auto& argument) {
+        auto* const benchmark = add("steady", workload, subject, function, argument);
+        if (ordinary) benchmark->MinTime(0.005)->Repetitions(kShortRepetitions);
+    };
+    for (const Build& build : builds) steady(build.subject, steadyLibrary, build);
+    steady("floor", steadyBare, Step::kFloor);
+    steady("limit", steadyBare, Step::kLimit);
+    if (workload.nameLength != 12) return;
+    if (workload.elements == 1000 && workload.call == Call::kResidencies) {
+        for (const Build& build : builds) {
+            for (const int threads : {1, 2, 4, 8}) {
+                const std::string subject = build.subject + "/" + std::to_string(threads);
+                alone(add("threads", workload, subject, threadsLibrary, build, threads), 1);
+            }
+        }
+    }
+    if (!ordinary) return;
+    add("steps", workload, "transaction", steadyBare, Step::kTransaction);
+    add("steps", workload, "tree", steadyBare, Step::kTree);
+    add("steps", workload, "sizes", steadyBare, Step::kSizes);
+    add("steps", workload, "bytes", steadyBare, Step::kBytes);
+    for (const Build& build : builds) {
+        alone(add("first", workload, build.subject, firstLibrary, build));
+        alone(add("loading", workload, build.subject, loadingLibrary, build));
+        alone(add("reconnect", workload, build.subject, reconnectLibrary, build));
+        alone(add("selecting", workload, build.subject, selectingLibrary, build));
+        if (bus) add("bus", workload, build.subject, busLibrary, build)->UseRealTime();
+    }
+    alone(add("first", workload, "floor", firstBare, builds.front()));
+    alone(add("reconnect", workload, "floor", reconnectBare));
+    if (bus) add("bus", workload, "floor", busBare)->UseRealTime();
 }
 
 int run(int argc, char** argv) {
@@ -381,7 +379,13 @@ int run(int argc, char** argv) {
     host::setBusLookups(false);
     std::vector<Build> builds = {{"library", file}};
     if (!against.empty()) builds.push_back({"against", against});
-    addAll(builds, bus);
+    // All is checked before anything is kept: what would lie between the freed chunks of large
+    // results would leave the heap in pieces.
+    const std::vector<Workload> workloads = allWorkloads();
+    for (const Build& build : builds) {
+        for (const Workload& workload : workloads) check(build, workload);
+    }
+    for (const Workload& workload : workloads) addAll(builds, workload, bus);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
