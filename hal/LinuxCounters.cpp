@@ -49,17 +49,40 @@ void append(std::vector<Thing>* list, std::vector<Thing> more) {
 }
 
 template <typename Thing>
-Answer<const Thing*> select(const std::vector<Thing>& things, const std::vector<int32_t>& ids) {
+std::unordered_map<int32_t, size_t> indicesById(const std::vector<Thing>& things) {
+    std::unordered_map<int32_t, size_t> indices;
+    for (const Thing& thing : things) indices.emplace(thing.id, indices.size());
+    return indices;
+}
+
+/// @param kind [in] what a thing is called in a refusal.
+template <typename Thing>
+Answer<const Thing*> select(const std::vector<Thing>& things,
+                            const std::unordered_map<int32_t, size_t>& indices,
+                            const std::vector<int32_t>& ids, const std::string& kind) {
     Answer<const Thing*> selected;
     if (ids.empty()) {
         for (const Thing& thing : things) selected.records.push_back(&thing);
         return selected;
     }
+    // The length first: a request of any size costs no more than the set.
+    if (ids.size() > things.size()) {
+        return {"the request has " + std::to_string(ids.size()) + " ids, for " +
+                    std::to_string(things.size()) + " known (" + kind +
+                    "); ask for each once, or for all by an empty list",
+                {}};
+    }
+    std::vector<bool> chosen(things.size(), false);
     for (const int32_t id : ids) {
-        const auto found = std::find_if(things.begin(), things.end(),
-                                        [id](const Thing& thing) { return thing.id == id; });
-        if (found == things.end()) return {id, {}};
-        selected.records.push_back(&*found);
+        const auto found = indices.find(id);
+        if (found == indices.end()) return {"no " + kind + " has the id " + std::to_string(id), {}};
+        if (chosen[found->second]) {
+            return {"the request repeats the id " + std::to_string(id) + " (" + kind +
+                        "); ask for each once",
+                    {}};
+        }
+        chosen[found->second] = true;
+        selected.records.push_back(&things[found->second]);
     }
     return selected;
 }
@@ -77,6 +100,8 @@ LinuxCounters::LinuxCounters(const Options& options) : mReadClock(options.readCl
     append(&mEntities, findIdleCpus(sysfs));
     append(&mEntities, findSuspendingDevices(sysfs));
 
+    mRailIndices = indicesById(mRails);
+    mEntityIndices = indicesById(mEntities);
     startSampling();
 }
 
@@ -98,12 +123,12 @@ void LinuxCounters::startSampling() {
 }
 
 Answer<const EntitySource*> LinuxCounters::selectEntities(const std::vector<int32_t>& ids) const {
-    return select(mEntities, ids);
+    return select(mEntities, mEntityIndices, ids, "power entity");
 }
 
 Answer<RailEnergy> LinuxCounters::readRails(const std::vector<int32_t>& ids) const {
-    const Answer<const Rail*> selected = select(mRails, ids);
-    Answer<RailEnergy> answer{selected.unknownId, {}};
+    const Answer<const Rail*> selected = select(mRails, mRailIndices, ids, "rail");
+    Answer<RailEnergy> answer{selected.refusal, {}};
     for (const Rail* rail : selected.records) {
         if (const auto energy = rail->source.read()) answer.records.push_back({rail->id, *energy});
     }
@@ -111,8 +136,8 @@ Answer<RailEnergy> LinuxCounters::readRails(const std::vector<int32_t>& ids) con
 }
 
 Answer<EntityResidency> LinuxCounters::readEntities(const std::vector<int32_t>& ids) const {
-    const Answer<const EntitySource*> selected = select(mEntities, ids);
-    Answer<EntityResidency> answer{selected.unknownId, {}};
+    const Answer<const EntitySource*> selected = selectEntities(ids);
+    Answer<EntityResidency> answer{selected.refusal, {}};
     for (const EntitySource* entity : selected.records) {
         EntityResidency record{entity->id, {}};
         for (const StateSource& state : entity->states) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "hal/CounterSources.h"
@@ -40,8 +41,10 @@ struct EntityResidency {
 /// The answer to a request for certain ids.
 template <typename Record>
 struct Answer {
-    /// An id of the request that there is not; then there are no records.
-    std::optional<int32_t> unknownId;
+    /// Why the request is refused, in words; then nothing was read and there are no records. A
+    /// request is refused that has more ids than there are things, an unknown id, or an id twice.
+    /// So the work that a client can cause is bounded by the set.
+    std::optional<std::string> refusal;
     /// In the order of the request, or of the set when the request was empty, which means all. A
     /// thing that cannot be read now is left out.
     std::vector<Record> records;
@@ -91,6 +94,9 @@ class LinuxCounters {
     const ReadClock mReadClock;
     std::vector<Rail> mRails;
     std::vector<EntitySource> mEntities;
+    /// Ids to indices into the list above.
+    std::unordered_map<int32_t, size_t> mRailIndices;
+    std::unordered_map<int32_t, size_t> mEntityIndices;
     /// Last, so that it has stopped before what it reads goes. Null when no counter wraps.
     std::unique_ptr<PeriodicThread> mSampler;
 };

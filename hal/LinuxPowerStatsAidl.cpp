@@ -17,8 +17,7 @@ using ndk::ScopedAStatus;
 
 namespace {
 
-ScopedAStatus unknownId(const char* thing, int32_t id) {
-    const std::string message = std::string("no ") + thing + " has the id " + std::to_string(id);
+ScopedAStatus refused(const std::string& message) {
     return ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_ARGUMENT, message.c_str());
 }
 
@@ -47,7 +46,7 @@ ScopedAStatus LinuxPowerStatsAidl::getStateResidency(
     const std::vector<int32_t>& entityIds, std::vector<StateResidencyResult>* residencies) {
     residencies->clear();
     const Answer<EntityResidency> answer = mCounters->readEntities(entityIds);
-    if (answer.unknownId) return unknownId("power entity", *answer.unknownId);
+    if (answer.refusal) return refused(*answer.refusal);
     for (const EntityResidency& entity : answer.records) {
         StateResidencyResult result;
         result.id = entity.id;
@@ -70,7 +69,7 @@ ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumerInfo(std::vector<EnergyConsu
 ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumed(const std::vector<int32_t>& consumerIds,
                                                      std::vector<EnergyConsumerResult>* energies) {
     energies->clear();
-    if (!consumerIds.empty()) return unknownId("energy consumer", consumerIds.front());
+    if (!consumerIds.empty()) return refused("there are no energy consumers");
     return ScopedAStatus::ok();
 }
 
@@ -90,7 +89,7 @@ ScopedAStatus LinuxPowerStatsAidl::readEnergyMeter(const std::vector<int32_t>& c
     measurements->clear();
     const int64_t timestampMs = mCounters->timestampMs();
     const Answer<RailEnergy> answer = mCounters->readRails(channelIds);
-    if (answer.unknownId) return unknownId("channel", *answer.unknownId);
+    if (answer.refusal) return refused(*answer.refusal);
     for (const RailEnergy& rail : answer.records) {
         measurements->emplace_back();
         measurements->back().id = rail.id;

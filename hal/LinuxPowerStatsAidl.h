@@ -14,9 +14,9 @@ namespace powerstats {
 
 /// A Linux machine's counters as the AIDL power stats service.
 ///
-/// A list of ids that is not empty is honoured, in its order; an id that there is not fails the
-/// request with EX_ILLEGAL_ARGUMENT and a message that names it. What cannot be read now is left
-/// out.
+/// An empty list of ids asks for everything. Another list is answered in its order; one with an
+/// unknown id, a repeated id or more ids than there are fails with EX_ILLEGAL_ARGUMENT and a
+/// message that says which. Counters that cannot be read now are left out.
 class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowerStats {
   public:
     explicit LinuxPowerStatsAidl(std::shared_ptr<const LinuxCounters> counters);

@@ -84,7 +84,7 @@ Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIn
         energies.push_back(
             {static_cast<uint32_t>(id), timestampMs, static_cast<uint64_t>(energyUWs)});
     }
-    callback(energies, answer.unknownId ? Status::INVALID_INPUT : Status::SUCCESS);
+    callback(energies, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
     return Void();
 }
 
@@ -108,7 +108,7 @@ Return<void> LinuxPowerStatsHidl::getPowerEntityStateInfo(const hidl_vec<uint32_
     const Answer<const EntitySource*> answer = mCounters->selectEntities(toIds(entityIds));
     std::vector<PowerEntityStateSpace> spaces;
     for (const EntitySource* entity : answer.records) spaces.push_back(toHidl(*entity));
-    callback(spaces, answer.unknownId ? Status::INVALID_INPUT : Status::SUCCESS);
+    callback(spaces, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
     return Void();
 }
 
@@ -117,7 +117,7 @@ Return<void> LinuxPowerStatsHidl::getPowerEntityStateResidencyData(
     const Answer<EntityResidency> answer = mCounters->readEntities(toIds(entityIds));
     std::vector<PowerEntityStateResidencyResult> results;
     for (const EntityResidency& entity : answer.records) results.push_back(toHidl(entity));
-    callback(results, answer.unknownId ? Status::INVALID_INPUT : Status::SUCCESS);
+    callback(results, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
     return Void();
 }
 

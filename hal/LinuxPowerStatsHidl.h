@@ -13,9 +13,10 @@ namespace powerstats {
 
 /// A Linux machine's counters as the HIDL 1.0 power stats service.
 ///
-/// A list of ids that is not empty is honoured, in its order; an id that there is not is answered
-/// with INVALID_INPUT and no records. What cannot be read now is left out. A machine without rails
-/// answers NOT_SUPPORTED to both questions about rails.
+/// An empty list of ids asks for everything. Another list is answered in its order; one with an
+/// unknown id, a repeated id or more ids than there are is answered with INVALID_INPUT and no
+/// records. Counters that cannot be read now are left out. A machine without rails answers
+/// NOT_SUPPORTED to both questions about rails.
 class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPowerStats {
   public:
     explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters);
