@@ -59,21 +59,30 @@ PowerEntityStateResidencyResult toHidl(const EntityResidency& entity) {
 
 }  // namespace
 
-LinuxPowerStatsHidl::LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters)
-    : mCounters(std::move(counters)) {}
+LinuxPowerStatsHidl::LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
+                                         HidlRails rails)
+    : mCounters(std::move(counters)), mRails(rails) {}
+
+bool LinuxPowerStatsHidl::hasRails() const {
+    return mRails == HidlRails::kServed && !mCounters->rails().empty();
+}
 
 Return<void> LinuxPowerStatsHidl::getRailInfo(getRailInfo_cb callback) {
+    if (!hasRails()) {
+        callback({}, Status::NOT_SUPPORTED);
+        return Void();
+    }
     std::vector<RailInfo> rails;
     for (const Rail& rail : mCounters->rails()) {
         rails.push_back({static_cast<uint32_t>(rail.id), rail.name, rail.source.subsystem, 0});
     }
-    callback(rails, rails.empty() ? Status::NOT_SUPPORTED : Status::SUCCESS);
+    callback(rails, Status::SUCCESS);
     return Void();
 }
 
 Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIndices,
                                                 getEnergyData_cb callback) {
-    if (mCounters->rails().empty()) {
+    if (!hasRails()) {
         callback({}, Status::NOT_SUPPORTED);
         return Void();
     }

@@ -11,15 +11,21 @@
 
 namespace powerstats {
 
+/// Whether the HIDL service has rails. The system bus cannot guard a single HIDL method: a refusal
+/// by the bus is a failed transaction, and that ends the client's process. Energy is for privileged
+/// clients only, so there it is served over AIDL alone.
+enum class HidlRails { kServed, kNotServed };
+
 /// A Linux machine's counters as the HIDL 1.0 power stats service.
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are is answered with INVALID_INPUT and no
-/// records. Counters that cannot be read now are left out. A machine without rails answers
-/// NOT_SUPPORTED to both questions about rails.
+/// records. Counters that cannot be read now are left out. Without rails, or when they
+/// are not served, both calls for rails answer NOT_SUPPORTED.
 class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPowerStats {
   public:
-    explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters);
+    explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
+                                 HidlRails rails = HidlRails::kServed);
 
     /// `samplingRate` is 0: the kernel's counters have no rate of their own.
     android::hardware::Return<void> getRailInfo(getRailInfo_cb callback) override;
@@ -40,7 +46,10 @@ class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPower
         getPowerEntityStateResidencyData_cb callback) override;
 
   private:
+    bool hasRails() const;
+
     const std::shared_ptr<const LinuxCounters> mCounters;
+    const HidlRails mRails;
 };
 
 }  // namespace powerstats

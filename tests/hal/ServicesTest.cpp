@@ -287,17 +287,22 @@ TEST_F(ServiceDifferencesTest, WithoutRailsOneHasAnEmptyListAndTheOtherIsNotSupp
     EXPECT_THAT(AidlClient(counters).rails(), testing::IsEmpty());
     EXPECT_THAT(AidlClient(counters).energies({}), testing::IsEmpty());
 
-    const android::sp<LinuxPowerStatsHidl> service = new LinuxPowerStatsHidl(counters);
+    mTree.writeZone("zone:39751", "package-0", 1);
+    const android::sp<LinuxPowerStatsHidl> services[] = {
+        new LinuxPowerStatsHidl(counters),
+        new LinuxPowerStatsHidl(makeCounters(), HidlRails::kNotServed)};
     int answers = 0;
     const auto expectNotSupported = [&](const auto& records, hidl_stats::Status status) {
         EXPECT_EQ(records.size(), 0u);
         EXPECT_EQ(status, hidl_stats::Status::NOT_SUPPORTED);
         ++answers;
     };
-    EXPECT_TRUE(service->getRailInfo(expectNotSupported).isOk());
-    EXPECT_TRUE(service->getEnergyData({}, expectNotSupported).isOk());
-    EXPECT_TRUE(service->getEnergyData({77}, expectNotSupported).isOk());
-    EXPECT_EQ(answers, 3);
+    for (const auto& service : services) {
+        EXPECT_TRUE(service->getRailInfo(expectNotSupported).isOk());
+        EXPECT_TRUE(service->getEnergyData({}, expectNotSupported).isOk());
+        EXPECT_TRUE(service->getEnergyData({77}, expectNotSupported).isOk());
+    }
+    EXPECT_EQ(answers, 6);
 }
 
 TEST_F(ServiceDifferencesTest, EachAnswersWhatOnlyItsInterfaceHas) {
