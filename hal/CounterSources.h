@@ -25,7 +25,7 @@ namespace powerstats {
 struct RailSource {
     /// Of the counter's file, below the root; the same for the same rail in every run.
     std::string path;
-    /// From the plainest to the most qualified; at least one.
+    /// From the plainest to the most qualified; at least one. Bytes as the kernel has them.
     std::vector<std::string> names;
     std::string subsystem;
     /// Energy in microwatt-seconds (which are microjoules). Safe to call from any thread.
@@ -45,6 +45,7 @@ struct Residency {
 struct StateSource {
     /// Unique within the entity.
     int32_t id = 0;
+    /// Bytes as the kernel has them; LinuxCounters makes the names safe and distinct.
     std::string name;
     /// Safe to call from any thread.
     std::function<std::optional<Residency>()> read;
@@ -54,6 +55,7 @@ enum class EntityType { kSystem, kCpu, kDevice };
 
 struct EntitySource {
     int32_t id = 0;
+    /// As of a state.
     std::string name;
     EntityType type = EntityType::kDevice;
     /// At least one.

@@ -43,6 +43,15 @@ std::vector<Rail> nameRails(std::vector<RailSource> sources) {
     return rails;
 }
 
+/// Makes the names of the things safe and distinct.
+template <typename Thing>
+void rename(std::vector<Thing>* things) {
+    std::vector<std::vector<std::string>> choices;
+    for (const Thing& thing : *things) choices.push_back({thing.name});
+    std::vector<std::string> names = distinctNames(choices);
+    for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);
+}
+
 template <typename Thing>
 void append(std::vector<Thing>* list, std::vector<Thing> more) {
     std::move(more.begin(), more.end(), std::back_inserter(*list));
@@ -99,6 +108,9 @@ LinuxCounters::LinuxCounters(const Options& options) : mReadClock(options.readCl
     mEntities.push_back(makeSystemEntity(sysfs, mReadClock));
     append(&mEntities, findIdleCpus(sysfs));
     append(&mEntities, findSuspendingDevices(sysfs));
+
+    rename(&mEntities);
+    for (EntitySource& entity : mEntities) rename(&entity.states);
 
     mRailIndices = indicesById(mRails);
     mEntityIndices = indicesById(mEntities);

@@ -18,7 +18,6 @@ namespace powerstats {
 struct Rail {
     /// From the path of the rail's counter: the same for the same rail in every run.
     int32_t id = 0;
-    /// Unique among the rails.
     std::string name;
     RailSource source;
 };
@@ -56,6 +55,9 @@ struct Answer {
 /// The set of rails, entities and states is fixed when this object is made. Clients keep names by
 /// their ids and some end on an id that they do not know, so nothing is ever added; what goes away,
 /// or cannot be read, is missing from an answer until it is back.
+///
+/// Names are safe (safeName()) and distinct: those of rails among the rails, those of entities
+/// among the entities, those of states in their entity.
 ///
 /// Ids are never negative and come from the thing itself: a CPU has its number, the system 0x10000,
 /// a device 0x40000000 and more by its path, a rail a number by its path.

@@ -2,7 +2,8 @@
 
 #include "hal/NamesAndIds.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <cstdio>
 #include <map>
 
 namespace powerstats {
@@ -17,7 +18,62 @@ uint32_t fnv1a(const std::string& text) {
     return hash;
 }
 
+/// Formats a number into an escape; `format` has one hexadecimal conversion.
+std::string escape(const char* format, uint32_t value) {
+    char text[16];
+    snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
+/// Noncharacters are valid UTF-8, but validators of texts refuse them.
+bool isNoncharacter(uint32_t codePoint) {
+    return (codePoint & 0xfffe) == 0xfffe || (codePoint >= 0xfdd0 && codePoint <= 0xfdef);
+}
+
 }  // namespace
+
+Utf8Character decodeUtf8(const std::string& bytes, size_t position) {
+    const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char lead = byteAt(position);
+    if (lead < 0x80) return {lead, 1};
+
+    const size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc0 || lead >= 0xf8 || size > bytes.size() - position) return {};
+    uint32_t codePoint = lead & (0x7fu >> size);
+    for (size_t i = position + 1; i < position + size; ++i) {
+        if ((byteAt(i) & 0xc0) != 0x80) return {};
+        codePoint = codePoint << 6 | (byteAt(i) & 0x3f);
+    }
+    constexpr uint32_t kLeastOfSize[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool isSurrogate = codePoint >= 0xd800 && codePoint <= 0xdfff;
+    if (codePoint < kLeastOfSize[size] || codePoint > 0x10ffff || isSurrogate) return {};
+    return {codePoint, size};
+}
+
+bool isControlCharacter(uint32_t codePoint) {
+    return codePoint < 0x20 || (codePoint >= 0x7f && codePoint < 0xa0);
+}
+
+std::string safeName(const std::string& bytes, size_t maxSize) {
+    std::string name;
+    for (size_t position = 0; position < bytes.size();) {
+        const Utf8Character character = decodeUtf8(bytes, position);
+        std::string text = bytes.substr(position, std::max<size_t>(character.size, 1));
+        position += text.size();
+        if (character.size == 0 || isControlCharacter(character.codePoint)) {
+            std::string escaped;
+            for (const char byte : text) {
+                escaped += escape("\\x%02X", static_cast<unsigned char>(byte));
+            }
+            text = escaped;
+        } else if (isNoncharacter(character.codePoint)) {
+            text = escape("\\u{%X}", character.codePoint);
+        }
+        if (name.size() + text.size() > maxSize) break;
+        name += text;
+    }
+    return name;
+}
 
 PathIds::PathIds(int32_t base, int bits) : mBase(static_cast<uint32_t>(base)), mBits(bits) {}
 
@@ -31,7 +87,8 @@ int32_t PathIds::add(const std::string& path) {
 
 std::vector<std::string> distinctNames(const std::vector<std::vector<std::string>>& choices) {
     std::vector<size_t> chosen(choices.size(), 0);
-    const auto name = [&](size_t thing) { return choices[thing][chosen[thing]]; };
+    const auto bytes = [&](size_t thing) { return choices[thing][chosen[thing]]; };
+    const auto name = [&](size_t thing) { return safeName(bytes(thing)); };
 
     for (bool moved = true; moved;) {
         moved = false;
@@ -56,7 +113,8 @@ std::vector<std::string> distinctNames(const std::vector<std::vector<std::string
         if (used.count(candidate) != 0) {
             size_t number = 2;
             do {
-                candidate = name(i) + " #" + std::to_string(number++);
+                const std::string suffix = " #" + std::to_string(number++);
+                candidate = safeName(bytes(i), kMaxNameSize - suffix.size()) + suffix;
             } while (taken.count(candidate) != 0);
             taken.insert(candidate);
         }

@@ -12,6 +12,7 @@
 #include <deque>
 #include <map>
 
+#include "hal/NamesAndIds.h"
 #include "tests/hal/TemporaryTree.h"
 
 namespace powerstats {
@@ -158,6 +159,63 @@ TEST(RailNames, AreQualifiedAsFarAsNeeded) {
     }
 }
 
+TEST(SafeName, EscapesAndCuts) {
+    const std::string long254(254, 'x');
+    const struct {
+        std::string bytes;
+        std::string name;
+    } cases[] = {
+        {"package-0 \\ \u00b5J \U0001f50b \ufdcf\ufdf0\U0001fffd",
+         "package-0 \\ \u00b5J \U0001f50b \ufdcf\ufdf0\U0001fffd"},
+        {"\xb5J", R"(\xB5J)"},
+        {std::string("a\0b\x1b\x7f\xc2\x9f\xc2\xa0", 9), R"(a\x00b\x1B\x7F\xC2\x9F)"
+                                                         "\u00a0"},
+        // Overlong, a surrogate, beyond Unicode, and cut short.
+        {"\xc1\xbf", R"(\xC1\xBF)"},
+        {"\xed\xa0\x80", R"(\xED\xA0\x80)"},
+        {"\xf4\x90\x80\x80", R"(\xF4\x90\x80\x80)"},
+        {"x\xe2\x82", R"(x\xE2\x82)"},
+        {"\ufdd0\ufdef\uffff\U0010fffe", R"(\u{FDD0}\u{FDEF}\u{FFFF}\u{10FFFE})"},
+        {long254 + "\u00b5", long254 + "\u00b5"},
+        {long254 + "\u20ac", long254},
+        {long254 + "\x1b"
+                   "a",
+         long254},
+    };
+    for (const auto& test : cases) EXPECT_EQ(safeName(test.bytes), test.name);
+}
+
+TEST_F(LinuxCountersTest, NamesAreSafeAndStillDistinctOnceCut) {
+    const std::string label(300, 'x');
+    const std::string folder = std::string(200, 'd') + "/" + std::string(100, 'd');
+    for (int i = 0; i < 3; ++i) {
+        const std::string number = std::to_string(i);
+        mTree.write("class/hwmon/hwmon0/energy" + number + "_label", label);
+        mTree.write("class/hwmon/hwmon0/energy" + number + "_input", 1);
+        mTree.writeIdleState(0, i, "C\xff", 1, 1);
+    }
+    mTree.writeDevice(folder + "1", 1, 1);
+    mTree.writeDevice(folder + "2", 1, 1);
+    mTree.writeDevice("cpu0", 1, 1);
+    const auto counters = make();
+
+    const std::string chip = "hwmon0/hwmon0/";
+    const std::string cut = folder.substr(0, 256);
+    EXPECT_THAT(namesOf(energies(*counters)),
+                UnorderedElementsAre(chip + label.substr(0, 256 - chip.size()),
+                                     chip + label.substr(0, 253 - chip.size()) + " #2",
+                                     chip + label.substr(0, 253 - chip.size()) + " #3"));
+    Names names;
+    for (const auto& [name, id] : ids(*counters)) {
+        if (name.compare(0, 4, "rail") != 0) names.push_back(name);
+    }
+    EXPECT_THAT(names,
+                UnorderedElementsAre("system", "cpu0", "cpu0 #2", cut, cut.substr(0, 253) + " #2"));
+    Names states;
+    for (const StateSource& state : counters->entities()[1].states) states.push_back(state.name);
+    EXPECT_THAT(states, ElementsAre(R"(C\xFF)", R"(C\xFF #2)", R"(C\xFF #3)"));
+}
+
 TEST_F(LinuxCountersTest, IdsComeFromTheThingAndNotFromItsPlace) {
     mTree.writeZone("rapl:0", "package-0", 1);
     mTree.writeZone("rapl:5", "package-5", 1);
@@ -276,7 +334,8 @@ TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) 
         {"power/suspend_stats/success", "many", number},
     };
     for (int cpu = 0; cpu < 2; ++cpu) {
-        for (int state = 0; state < 2; ++state) mTree.writeIdleState(cpu, state, "C", 1000, 1);
+        for (int state = 0; state < 2; ++state)
+            mTree.writeIdleState(cpu, state, state == 0 ? "POLL" : "C1", 1000, 1);
     }
     mTree.writeZone("rapl:3", "package-3", 7);
     Names warnings;
@@ -296,7 +355,7 @@ TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) 
     for (int i = 0; i < 3; ++i) {
         EXPECT_THAT(energies(*counters), ElementsAre(Pair("package-3", 7)));
         EXPECT_THAT(residencies(*counters),
-                    UnorderedElementsAre(Pair("cpu1/C", testing::_),
+                    UnorderedElementsAre(Pair("cpu1/POLL", testing::_), Pair("cpu1/C1", testing::_),
                                          Pair("system/running", Pair(testing::Gt(0), 1)),
                                          Pair("system/suspended", Pair(testing::Ge(0), 0))));
     }
