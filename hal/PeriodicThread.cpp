@@ -4,13 +4,38 @@
 
 #include <pthread.h>
 
+#include <csignal>
 #include <utility>
 
 namespace powerstats {
 
+namespace {
+
+/// Starts a thread that blocks every signal from its first instruction on.
+std::thread startWithSignalsBlocked(const std::function<void()>& run) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    // A thread inherits the signal mask of its creator.
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread;
+    try {
+        thread = std::thread(run);
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
+}  // namespace
+
 PeriodicThread::PeriodicThread(const char* name, std::chrono::milliseconds interval,
                                std::function<void()> function)
-    : mInterval(interval), mFunction(std::move(function)), mThread([this] { run(); }) {
+    : mInterval(interval),
+      mFunction(std::move(function)),
+      mThread(startWithSignalsBlocked([this] { run(); })) {
     pthread_setname_np(mThread.native_handle(), name);
 }
 
@@ -27,7 +52,10 @@ void PeriodicThread::run() {
     std::unique_lock<std::mutex> lock(mMutex);
     while (!mStopRequested.wait_for(lock, mInterval, [this] { return mStopping; })) {
         lock.unlock();
-        mFunction();
+        try {
+            mFunction();
+        } catch (...) {  // NOLINT(bugprone-empty-catch): a missed call is made up for by the next
+        }
         lock.lock();
     }
 }

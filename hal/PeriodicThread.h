@@ -10,8 +10,10 @@
 
 namespace powerstats {
 
-/// Calls a function again and again on a thread of its own, for as long as this object lives. The
-/// first call comes one interval after construction; destruction waits for a call in progress only.
+/// Calls a function repeatedly on a thread of its own, for as long as this object lives. The first
+/// call comes one interval after construction; destruction waits for a call in progress only. When
+/// a call throws, the exception is dropped and the next call comes one interval later. The thread
+/// blocks all signals, so that a program's handlers run on its own threads.
 class PeriodicThread {
   public:
     /// @param name [in] of the thread, at most 15 characters.

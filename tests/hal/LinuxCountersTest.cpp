@@ -8,9 +8,12 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <deque>
 #include <map>
+#include <new>
 
 #include "hal/NamesAndIds.h"
 #include "tests/hal/TemporaryTree.h"
@@ -467,6 +470,23 @@ TEST_F(LinuxCountersTest, TheSamplerRunsOnlyWhereACounterWrapsAndStopsAtOnce) {
     // The kernel may list a thread for a moment after it was joined.
     while (samplerThreads() != 0) usleep(1000);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+TEST(PeriodicThread, OutlivesACallThatThrowsAndBlocksSignals) {
+    std::atomic<int> calls{0};
+    std::atomic<int> unblocked{0};
+    const PeriodicThread thread("thrower", std::chrono::milliseconds(1), [&] {
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        unblocked += 1 - sigismember(&mask, SIGTERM);
+        ++calls;
+        throw std::bad_alloc();
+    });
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGTERM), 0) << "of the thread that made it";
+    while (calls < 3) usleep(1000);
+    EXPECT_EQ(unblocked, 0);
 }
 
 }  // namespace
