@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,9 +27,8 @@ void require(bool succeeded, const char* step) {
 }  // namespace
 
 BusService::BusService(const Workload& workload) : mWorkload(workload) {
-    int lifeline[2];
     int ready[2];
-    require(pipe2(lifeline, O_CLOEXEC) == 0 && pipe2(ready, O_CLOEXEC) == 0, "no more pipes");
+    require(pipe2(ready, O_CLOEXEC) == 0, "no more pipes");
     std::vector<std::string> arguments = {"powerstats_bench",
                                           "serve",
                                           std::to_string(static_cast<int>(workload.backend)),
@@ -42,26 +42,23 @@ BusService::BusService(const Workload& workload) : mWorkload(workload) {
     pointers.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, lifeline[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ready[1], STDOUT_FILENO);
     require(
         posix_spawn(&mProcess, "/proc/self/exe", &actions, nullptr, pointers.data(), environ) == 0,
         "the service could not be started");
     posix_spawn_file_actions_destroy(&actions);
-    close(lifeline[0]);
     close(ready[1]);
-    mLifeline = lifeline[1];
     char newline;
     require(read(ready[0], &newline, 1) == 1, "the service could not be offered");
     close(ready[0]);
     require(sd_bus_open_user(&mBus) >= 0, "no bus");
-    host::setBusLookups(true);
+    host::setBusLookups({host::Bus::kSession, host::Bus::kSystem});
 }
 
 BusService::~BusService() {
-    host::setBusLookups(false);
+    host::setBusLookups({});
     sd_bus_flush_close_unref(mBus);
-    close(mLifeline);
+    kill(mProcess, SIGTERM);
     waitpid(mProcess, nullptr, 0);
     (void)host::waitForDeathNotices();
 }

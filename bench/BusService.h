@@ -26,7 +26,6 @@ class BusService {
   private:
     const Workload mWorkload;
     pid_t mProcess = -1;
-    int mLifeline = -1;  ///< the service ends when this is closed
     sd_bus* mBus = nullptr;
 };
 

@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 #include <host/BusServer.h>
 #include <host/ServiceControl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -222,13 +224,14 @@ void RegisteredService::restart() {
 }
 
 int serveOnBus(const Workload& workload) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a benchmark that is interrupted leaves nothing behind
     std::string error;
     const auto server = host::BusServer::connect(host::Bus::kSession, &error);
     const bool served =
         server != nullptr &&
         (workload.backend == Backend::kAidl ? server->add(aidlServices(workload)(), &error)
                                             : server->add(hidlServices(workload)(), &error)) &&
-        write(STDOUT_FILENO, "\n", 1) == 1 && server->run(STDIN_FILENO, &error);
+        write(STDOUT_FILENO, "\n", 1) == 1 && server->run(&error);
     if (!served) fmt::print(stderr, "powerstats_bench: {}\n", error);
     return served ? 0 : 1;
 }

@@ -377,7 +377,7 @@ int run(int argc, char** argv) {
     mallopt(M_MMAP_THRESHOLD, 1 << 30);
     // What is logged is formatted, as always, but not written.
     __android_log_set_logger([](const __android_log_message*) {});
-    host::setBusLookups(false);
+    host::setBusLookups({});
     std::vector<Build> builds = {{"library", file}};
     if (!against.empty()) builds.push_back({"against", against});
     // All is checked before anything is kept: what would lie between the freed chunks of large

@@ -2,7 +2,10 @@
 
 #include "tools/CommandLine.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
@@ -10,8 +13,29 @@
 
 namespace powerstats {
 
+namespace {
+
+/// Opens /dev/null in place of standard streams that are closed, or the next file or connection
+/// would get their numbers, and lines would be written into it. Using such a stream still fails.
+void occupyStandardStreams() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) >= 0) continue;
+        const int opened = open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        if (opened >= 0 && opened != stream) close(opened);
+    }
+}
+
+/// Has a write that cannot succeed fail, as other writes do, instead of ending the program.
+void ignoreSignals() {
+    for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
+}
+
+}  // namespace
+
 void printError(const std::string& program, const std::string& text) {
-    fmt::print(stderr, "{}: {}\n", program, text);
+    // A line that cannot be written is lost. Nothing else may come of it.
+    const std::string line = program + ": " + text + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 CLI::Option* addSysfsOption(CLI::App* app, std::string* folder) {
@@ -38,13 +62,13 @@ std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
 }
 
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
+    occupyStandardStreams();
+    ignoreSignals();
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {
-        std::fputs(name, stderr);
-        std::fputs(": ", stderr);
-        std::fputs(error.what(), stderr);
-        std::fputs("\n", stderr);
+        // Without an allocation, since memory may have run out.
+        for (const char* part : {name, ": ", error.what(), "\n"}) std::fputs(part, stderr);
         return 1;
     }
 }

@@ -13,7 +13,8 @@ namespace powerstats {
 /// How a program ends that could not do what its arguments ask for.
 constexpr int kUsage = 2;
 
-/// Prints one line on standard error behind a program's name.
+/// Prints one line on standard error, after the program's name. A line that cannot be written is
+/// lost.
 void printError(const std::string& program, const std::string& text);
 
 /// Adds `--sysfs DIR`, which must be a folder.
@@ -23,8 +24,8 @@ CLI::Option* addSysfsOption(CLI::App* app, std::string* folder);
 /// @return how the program is to end now, or nothing when it is to go on.
 std::optional<int> parseArguments(CLI::App* app, int argc, char** argv);
 
-/// Runs a program; what the standard library throws, as when memory runs out, ends it with one line
-/// and exit code 1.
+/// Runs a program. An exception, as when memory runs out, ends it with one line and exit code 1.
+/// Closed standard streams, broken pipes and file size limits do not end it.
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv);
 
 }  // namespace powerstats

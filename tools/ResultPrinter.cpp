@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
-#include "tools/PrintableText.h"
+#include "hal/NamesAndIds.h"
 
 namespace powerstats {
 
@@ -21,15 +21,22 @@ constexpr size_t kNumberWidth = 16;
 constexpr size_t kIndent = 2;
 
 /// The lines of one row: a name, broken where it is too long, and right-aligned columns after it.
+/// A name may come from anybody's service, so it is made safe for a terminal. Every character is
+/// taken to be one column wide.
 std::string row(size_t indent, const std::string& name, const std::vector<std::string>& columns) {
     const size_t nameWidth = kLineWidth - indent - columns.size() * (kNumberWidth + 1);
-    const std::vector<PrintableLine> lines = printableLines(name, nameWidth);
-    std::string text;
-    for (const PrintableLine& line : lines) {
-        text += std::string(indent, ' ') + line.text;
-        if (&line != &lines.back()) text += '\n';
+    const std::string safe = safeName(name, SIZE_MAX);
+    std::string text(indent, ' ');
+    size_t width = 0;
+    for (size_t i = 0, size; i < safe.size(); i += size, ++width) {
+        size = decodeUtf8(safe, i).size;
+        if (width == nameWidth) {
+            text += '\n' + std::string(indent, ' ');
+            width = 0;
+        }
+        text += safe.substr(i, size);
     }
-    if (!columns.empty()) text += std::string(nameWidth - lines.back().width, ' ');
+    if (!columns.empty()) text += std::string(nameWidth - width, ' ');
     for (const std::string& column : columns) text += fmt::format(" {:>{}}", column, kNumberWidth);
     return text + '\n';
 }

@@ -24,7 +24,7 @@ struct Section {
 
 /// For people: aligned columns within 80 characters, each section with the time of its call. A name
 /// that is too long for its column goes on in further lines. Bytes of a name that are control
-/// characters or not UTF-8 are shown as "\x1b", a backslash as "\\".
+/// characters or not UTF-8 are shown as "\x1B".
 std::string formatTable(const std::vector<Section>& sections);
 
 /// For programs: one JSON object with a list per section, `rails` of `name`, `timestamp_ms` and

@@ -8,13 +8,15 @@
 #include <host/ServiceControl.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "hal/LinuxCounters.h"
@@ -30,9 +32,13 @@ namespace {
 
 constexpr int kCollected = 0;
 constexpr int kNothingCollected = 1;
+/// The value of `--bus` when none is given.
+constexpr char kAnyBus[] = "any";
 
 struct Arguments {
-    std::string hal = "aidl";
+    std::string hal;  // empty: AIDL, or on a bus HIDL where AIDL is not served
+    std::optional<std::string> bus;
+    double waitSeconds = 2;
     std::string sysfs = "/sys";
     std::string format = "table";
     std::string library = LoadedLibrary::defaultFile();
@@ -61,26 +67,48 @@ bool registerHidl(const std::shared_ptr<const LinuxCounters>& counters) {
     return service->registerAsService() == android::OK;
 }
 
-/// What the library can find: the service of this process over either interface, or what the bus
-/// has.
-constexpr struct {
-    const char* name;
-    bool (*registerService)(const std::shared_ptr<const LinuxCounters>& counters);
-} kHals[] = {{"aidl", registerAidl}, {"hidl", registerHidl}, {"bus", nullptr}};
-
+/// Serves this machine's counters to the library from within this process.
 bool registerService(const Arguments& arguments) {
-    const auto* const hal =
-        std::find_if(std::begin(kHals), std::end(kHals),
-                     [&](const auto& entry) { return arguments.hal == entry.name; });
-    if (hal->registerService == nullptr) return true;
-    // The service is in this process; whatever a bus offers is none of its business.
-    host::setBusLookups(false);
+    // A service on a bus must not answer in its place.
+    host::setBusLookups({});
     LinuxCounters::Options options;
     options.root = arguments.sysfs;
     options.warn = say;
-    if (hal->registerService(std::make_shared<const LinuxCounters>(options))) return true;
-    say(fmt::format("{}: the service could not be registered", arguments.hal));
+    const auto counters = std::make_shared<const LinuxCounters>(options);
+    if (arguments.hal == "hidl" ? registerHidl(counters) : registerAidl(counters)) return true;
+    say("the service could not be registered (this is a fault of this program)");
     return false;
+}
+
+bool isServed() {
+    return ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)).get() != nullptr ||
+           android::hardware::power::stats::V1_0::IPowerStats::getService() != nullptr;
+}
+
+/// Has the library look on the buses, once a service is there: its first call chooses the interface
+/// for good.
+void awaitServiceOnBus(const Arguments& arguments) {
+    std::vector<host::Bus> buses;
+    if (*arguments.bus != "system") buses.push_back(host::Bus::kSession);
+    if (*arguments.bus != "session") buses.push_back(host::Bus::kSystem);
+    std::vector<std::string> names;
+    if (arguments.hal != "hidl") names.emplace_back(host::kAidlPowerStats);
+    if (arguments.hal != "aidl") names.emplace_back(host::kHidlPowerStats);
+    host::setBusLookups(std::move(buses), std::move(names));
+
+    using std::chrono::steady_clock;
+    const auto until = steady_clock::now() + std::chrono::duration<double>(arguments.waitSeconds);
+    while (!isServed()) {
+        if (steady_clock::now() >= until) {
+            say(fmt::format("no power stats service{} on the {} (start powerstatsd, or wait longer "
+                            "with --wait SECONDS)",
+                            arguments.hal.empty() ? "" : " with the interface " + arguments.hal,
+                            *arguments.bus == kAnyBus ? "session or system bus"
+                                                      : *arguments.bus + " bus"));
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 void callLibrary(const LoadedLibrary& library, std::vector<Call>* calls) {
@@ -127,7 +155,11 @@ int dump(const Arguments& arguments) {
         return kUsage;
     }
 
-    if (!registerService(arguments)) return kNothingCollected;
+    if (arguments.bus) {
+        awaitServiceOnBus(arguments);
+    } else if (!registerService(arguments)) {
+        return kNothingCollected;
+    }
 
     const bool all = arguments.rails == arguments.residencies;
     std::vector<Call> calls;
@@ -152,8 +184,8 @@ int dump(const Arguments& arguments) {
 
 /// @return what is wrong with arguments that can be read; empty when nothing is.
 std::string findMistake(const Arguments& arguments, bool sysfsGiven) {
-    if (arguments.hal == "bus" && sysfsGiven) {
-        return "--sysfs: not with --hal bus (the service on the bus reads its own counters)";
+    if (arguments.bus && sysfsGiven) {
+        return "--sysfs: not with --bus (the service on the bus reads its own counters)";
     }
     if (arguments.format == "binary" && arguments.rails == arguments.residencies) {
         return "--format binary: the bytes of one call only (give --rails or --residencies)";
@@ -166,13 +198,19 @@ int run(int argc, char** argv) {
     CLI::App app("Shows what the power stats library returns on this machine.", "powerstats");
     app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
     CLI::App* command = app.add_subcommand("dump", "Read the counters once and print them.");
-    std::vector<std::string> hals;
-    for (const auto& hal : kHals) hals.emplace_back(hal.name);
     command
-        ->add_option(
-            "--hal", arguments.hal,
-            "What the library finds: this machine over an interface, or a service on a bus")
-        ->check(CLI::IsMember(hals))
+        ->add_option("--hal", arguments.hal, "Interface; the AIDL service first, when none is given")
+        ->check(CLI::IsMember({"aidl", "hidl", "bus"}));
+    // Without a value too; then CLI11 hands over an empty text.
+    command
+        ->add_option("--bus", arguments.bus, "Ask a service on a bus; on either, session first, "
+                                             "when none is named")
+        ->expected(0, 1)
+        ->check(CLI::IsMember({"", kAnyBus, "session", "system"}));
+    command
+        ->add_option("--wait", arguments.waitSeconds,
+                     "Seconds to wait for a service to appear on the bus")
+        ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
     command->add_flag("--rails", arguments.rails, "Energy of the rails only");
     command->add_flag("--residencies", arguments.residencies, "States of the power entities only");
@@ -188,6 +226,12 @@ int run(int argc, char** argv) {
         say("A subcommand is required (see powerstats --help)");
         return kUsage;
     }
+    // "--hal bus" is what "--bus" was called before.
+    if (arguments.hal == "bus") {
+        arguments.hal.clear();
+        if (!arguments.bus) arguments.bus = kAnyBus;
+    }
+    if (arguments.bus == "") arguments.bus = kAnyBus;
     const std::string mistake = findMistake(arguments, sysfs->count() != 0);
     if (!mistake.empty()) {
         say(mistake);

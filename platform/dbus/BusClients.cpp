@@ -15,7 +15,6 @@
 #include "Binder.h"
 #include "BusConnection.h"
 #include "BusNames.h"
-#include "BusWatcher.h"
 #include "Hidl.h"
 #include "Records.h"
 #include "Register.h"
@@ -29,16 +28,9 @@ using ::android::hardware::Return;
 using ::android::hardware::Void;
 using ::ndk::ScopedAStatus;
 
-/// A service's object on the bus, and the connection that it was found through.
-struct BusService {
-    std::shared_ptr<BusConnection> connection;
-    BusObject object;
-    std::shared_ptr<BusPeer> peer;
-};
-
 class AidlBusClient : public stats_aidl::BnPowerStats {
   public:
-    explicit AidlBusClient(BusService service) : mService(std::move(service)) {}
+    explicit AidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
 
     ScopedAStatus getPowerEntityInfo(std::vector<stats_aidl::PowerEntity>* _aidl_return) override {
         return call("getPowerEntityInfo", _aidl_return);
@@ -67,25 +59,25 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
   protected:
     ::ndk::SpAIBinder createBinder() override {
         return ::ndk::SpAIBinder(newBinder(aidlPowerStatsClass(),
-                                           static_cast<::ndk::ICInterface*>(this), mService.peer));
+                                           static_cast<::ndk::ICInterface*>(this), mPeer));
     }
 
   private:
     template <typename Records, typename... Ids>
     ScopedAStatus call(const char* method, Records* records, const Ids&... ids) {
         static const std::string signature = signatureOf<Records>();
-        auto failure = mService.connection->call(
-            mService.object, method, signature, [&](Writer& write) { return write(ids...); },
+        auto failure = mPeer->connection->call(
+            mPeer->owner, kAidlBusName, method, signature, [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(*records); });
         return failure ? toAidlStatus(*failure) : ScopedAStatus::ok();
     }
 
-    const BusService mService;
+    const std::shared_ptr<BusPeer> mPeer;
 };
 
 class HidlBusClient : public stats_V1_0::IPowerStats {
   public:
-    explicit HidlBusClient(BusService service) : mService(std::move(service)) {}
+    explicit HidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
 
     Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
         return call<stats_V1_0::RailInfo>("getRailInfo", _hidl_cb);
@@ -118,71 +110,74 @@ class HidlBusClient : public stats_V1_0::IPowerStats {
         static const std::string signature = signatureOf<hidl_vec<Record>>() + "u";
         hidl_vec<Record> records;
         stats_V1_0::Status status = stats_V1_0::Status::SUCCESS;
-        auto failure = mService.connection->call(
-            mService.object, method, signature, [&](Writer& write) { return write(ids...); },
+        auto failure = mPeer->connection->call(
+            mPeer->owner, kHidlBusName, method, signature, [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(records, status); });
         if (failure) return toTransportStatus(*failure);
         callback(records, status);
         return Void();
     }
 
-    const BusService mService;
+    const std::shared_ptr<BusPeer> mPeer;
 };
 
-/// @return one without a connection when nobody owns the name.
-BusService findOwner(const char* busName) {
-    auto connection = BusConnection::current();
-    if (connection == nullptr) return {};
-    const std::string owner = connection->ownerOf(busName);
-    if (owner.empty()) return {};
-    return {connection,
-            {owner, kObjectPath, busName},
-            std::make_shared<BusPeer>(connection->busId(), owner)};
+/// Finds the process that owns a name on a bus.
+/// @return null when nobody does, or there is no such bus.
+std::shared_ptr<BusPeer> findOwner(Bus bus, const char* busName) {
+    // Notices of deaths need a thread; without one a service would die unnoticed.
+    if (!prepareNotices()) return nullptr;
+    // A connection may turn out to be lost only when it is used.
+    for (int attempts = 2; attempts > 0; --attempts) {
+        auto connection = BusConnection::to(bus);
+        if (connection == nullptr) return nullptr;
+        std::string owner = connection->ownerOf(busName);
+        if (!owner.empty()) return std::make_shared<BusPeer>(connection, std::move(owner));
+        if (connection->isOpen()) return nullptr;
+    }
+    return nullptr;
 }
 
 std::shared_ptr<void> ownReference(AIBinder* binder) {
     return {binder, [](void* held) { AIBinder_decStrong(static_cast<AIBinder*>(held)); }};
 }
 
-RegisteredService findAidl() {
-    BusService service = findOwner(kAidlBusName);
-    if (service.connection == nullptr) return {};
+RegisteredService findAidl(Bus bus) {
+    auto peer = findOwner(bus, kAidlBusName);
+    if (peer == nullptr) return {};
 
-    // While anybody holds the binder of a service, look-ups give the same one.
+    // While a client holds the binder of a living service, look-ups give the same one.
     static std::mutex mutex;
     static auto* const last = new ::ndk::ScopedAIBinder_Weak;
     static auto* const lastPeer = new std::weak_ptr<BusPeer>;
     std::lock_guard<std::mutex> lock(mutex);
-    if (auto peer = lastPeer->lock(); peer != nullptr && peer->owner == service.peer->owner &&
-                                      sd_id128_equal(peer->busId, service.peer->busId) != 0) {
+    if (auto known = lastPeer->lock(); known != nullptr && known->isAlive() &&
+                                       known->owner == peer->owner &&
+                                       known->connection == peer->connection) {
         if (AIBinder* binder = AIBinder_Weak_promote(last->get())) {
-            return {ownReference(binder), peer};
+            return {ownReference(binder), known};
         }
     }
-    auto peer = service.peer;
-    ::ndk::SpAIBinder binder =
-        ::ndk::SharedRefBase::make<AidlBusClient>(std::move(service))->asBinder();
+    const auto service = ::ndk::SharedRefBase::make<AidlBusClient>(peer);
+    ::ndk::SpAIBinder binder = service->asBinder();
     last->set(AIBinder_Weak_new(binder.get()));
     *lastPeer = peer;
     AIBinder_incStrong(binder.get());
     return {ownReference(binder.get()), peer};
 }
 
-RegisteredService findHidl() {
-    BusService service = findOwner(kHidlBusName);
-    if (service.connection == nullptr) return {};
-    auto peer = service.peer;
-    auto held =
-        std::make_shared<sp<stats_V1_0::IPowerStats>>(new HidlBusClient(std::move(service)));
+RegisteredService findHidl(Bus bus) {
+    auto peer = findOwner(bus, kHidlBusName);
+    if (peer == nullptr) return {};
+    auto held = std::make_shared<sp<stats_V1_0::IPowerStats>>(new HidlBusClient(peer));
     return {std::shared_ptr<void>(held, held->get()), peer};
 }
 
 }  // namespace
 }  // namespace dbus
 
-RegisteredService findOnBus(const std::string& name) {
-    if (name == kAidlPowerStats) return dbus::findAidl();
-    if (name == kHidlPowerStats) return dbus::findHidl();
+RegisteredService findOnBus(Bus bus, const std::string& name) {
+    if (name == kAidlPowerStats) return dbus::findAidl(bus);
+    if (name == kHidlPowerStats) return dbus::findHidl(bus);
     return {};
 }
 

@@ -2,16 +2,20 @@
 
 #include "BusConnection.h"
 
-#include <host/BusControl.h>
-#include <utils/Errors.h>
+#include <host/ServiceControl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <iterator>
-#include <system_error>
+#include <chrono>
+#include <new>
 #include <utility>
+
+#include "BusNames.h"
+#include "Register.h"
 
 namespace host {
 namespace {
@@ -24,14 +28,17 @@ void setBusTimeLimit(double seconds) {
     gTimeLimitUs = static_cast<uint64_t>(seconds * 1e6);
 }
 
+void noticeDeathsOnBus() {
+    dbus::BusConnection::noticeDeaths();
+}
+
 namespace dbus {
 namespace {
 
-/// Holds an error that a call may fill in.
-struct BusError {
-    sd_bus_error error = {};
-    ~BusError() { sd_bus_error_free(&error); }
-};
+using std::chrono::steady_clock;
+
+constexpr char kBusName[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
 Failure failure(int32_t transactionError, std::string message) {
     Failure failure;
@@ -40,29 +47,9 @@ Failure failure(int32_t transactionError, std::string message) {
     return failure;
 }
 
-Failure misfit(const char* method, const std::string& why) {
-    return failure(android::FAILED_TRANSACTION,
-                   std::string("the reply to ") + method + " cannot be used: " + why);
-}
-
-}  // namespace
-
-UniqueBus connectToBus() {
-    sd_bus* bus = nullptr;
-    const int result = std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr
-                           ? sd_bus_open_user(&bus)
-                           : sd_bus_open_system(&bus);
-    return UniqueBus(result < 0 ? nullptr : bus);
-}
-
-bool isStillOpen(sd_bus* bus) {
-    // A connection that the other side closed says so only when it is read from.
-    while (sd_bus_process(bus, nullptr) > 0) {
-    }
-    return sd_bus_is_open(bus) > 0;
-}
-
-Failure failureOf(const sd_bus_error& error, int result) {
+/// Tells by the error's name how a call failed. A peer that is killed in mid-call and a time limit
+/// of our own have the same name, and only the time tells them apart.
+Failure failureOf(const sd_bus_error& error, bool late) {
     static constexpr struct {
         const char* name;
         int32_t transactionError;
@@ -70,83 +57,350 @@ Failure failureOf(const sd_bus_error& error, int result) {
         {SD_BUS_ERROR_SERVICE_UNKNOWN, android::DEAD_OBJECT},
         {SD_BUS_ERROR_NAME_HAS_NO_OWNER, android::DEAD_OBJECT},
         {SD_BUS_ERROR_NO_REPLY, android::DEAD_OBJECT},
-        {SD_BUS_ERROR_DISCONNECTED, android::DEAD_OBJECT},
-        {SD_BUS_ERROR_NO_SERVER, android::DEAD_OBJECT},
         {SD_BUS_ERROR_TIMEOUT, android::TIMED_OUT},
         {SD_BUS_ERROR_ACCESS_DENIED, android::PERMISSION_DENIED},
         {SD_BUS_ERROR_UNKNOWN_METHOD, android::UNKNOWN_TRANSACTION},
     };
-    const std::string text =
-        error.message != nullptr ? error.message : std::generic_category().message(-result);
+    const std::string text = error.message != nullptr ? error.message : error.name;
     for (const auto& entry : kErrors) {
-        if (sd_bus_error_has_name(&error, entry.name) != 0) {
-            return failure(entry.transactionError, text);
-        }
+        if (sd_bus_error_has_name(&error, entry.name) == 0) continue;
+        const bool timedOut = late && entry.transactionError == android::DEAD_OBJECT;
+        return failure(timedOut ? android::TIMED_OUT : entry.transactionError, text);
     }
-    const bool busGone = result == -ECONNRESET || result == -ENOTCONN || result == -EPIPE;
-    return failure(busGone ? android::DEAD_OBJECT : android::FAILED_TRANSACTION, text);
+    return failure(android::FAILED_TRANSACTION, text);
 }
 
-std::shared_ptr<BusConnection> BusConnection::current() {
-    static std::mutex mutex;
-    // Never destroyed, as nothing is that the platform's threads may still use at exit.
-    static auto* const connection = new std::shared_ptr<BusConnection>;
-    std::lock_guard<std::mutex> lock(mutex);
-    if (*connection == nullptr || !(*connection)->isOpen()) {
-        connection->reset();
-        UniqueBus bus = connectToBus();
-        sd_id128_t busId;
-        if (bus != nullptr && sd_bus_get_bus_id(bus.get(), &busId) >= 0) {
-            *connection = std::make_shared<BusConnection>(std::move(bus), busId);
-        }
+bool isFromBus(sd_bus_message* message) {
+    const char* sender = sd_bus_message_get_sender(message);
+    return sender != nullptr && std::string(sender) == kBusName;
+}
+
+/// The connections of now, by Bus. Never destroyed, as nothing is that a thread may use at exit.
+struct Connections {
+    std::mutex mutex;
+    std::shared_ptr<BusConnection> of[2];
+
+    static Connections& get() {
+        static auto* const connections = new Connections;
+        return *connections;
     }
-    return *connection;
+};
+
+}  // namespace
+
+int openBus(Bus bus, UniqueBus* opened) {
+    sd_bus* made = nullptr;
+    const int result = bus == Bus::kSession ? sd_bus_open_user(&made) : sd_bus_open_system(&made);
+    opened->reset(made);
+    return result;
+}
+
+/// A call in progress. It belongs to the thread that waits for it.
+struct BusConnection::Call {
+    BusConnection* connection;
+    const std::string& owner;
+    const char* interface;
+    const char* method;
+    const std::string& replySignature;
+    const Write& write;
+    const Read& read;
+    steady_clock::time_point deadline = {};
+    std::promise<std::optional<Failure>> done = {};
+
+    /// Reads the reply, if it is one that can be used.
+    std::optional<Failure> take(sd_bus_message* reply) const try {
+        if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
+            return failureOf(*error, steady_clock::now() >= deadline);
+        }
+        const char* signature = sd_bus_message_get_signature(reply, 1);
+        if (signature == nullptr || signature != replySignature) {
+            return misfit("its signature is \"" + std::string(signature ? signature : "") +
+                          "\", not \"" + replySignature + "\"");
+        }
+        Reader reader(reply);
+        if (read(reader) < 0) return misfit(reader.error);
+        return std::nullopt;
+    } catch (const std::bad_alloc&) {
+        return failure(android::NO_MEMORY, "no memory is left for the reply");
+    }
+
+    Failure misfit(const std::string& why) const {
+        return failure(android::FAILED_TRANSACTION,
+                       std::string("the reply to ") + method + " cannot be used: " + why);
+    }
+};
+
+struct BusConnection::Watched {
+    BusConnection* connection;
+    std::weak_ptr<BusPeer> peer;
+    std::string owner;              // kept here, since the peer may be going
+    std::promise<bool>* watching;   // of the thread that waits; null once it knows
+    UniqueSlot match = nullptr;     // for NameOwnerChanged
+    UniqueSlot question = nullptr;  // the last GetNameOwner
+
+    void die() const {
+        if (auto held = peer.lock()) held->die();
+    }
+    void tell(bool isWatched) {
+        // Moved away first: the waiting thread may destroy it at once.
+        if (watching == nullptr) return;
+        std::promise<bool> told = std::move(*std::exchange(watching, nullptr));
+        told.set_value(isWatched);
+    }
+};
+
+std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
+    Connections& connections = Connections::get();
+    std::lock_guard<std::mutex> lock(connections.mutex);
+    auto& current = connections.of[static_cast<int>(bus)];
+    if (current != nullptr && current->isOpen()) return current;
+    current.reset();
+    UniqueBus opened;
+    if (openBus(bus, &opened) < 0) return nullptr;
+    auto connection = std::make_shared<BusConnection>(std::move(opened));
+    if (connection->start()) current = std::move(connection);
+    return current;
+}
+
+void BusConnection::noticeDeaths() {
+    for (const Bus bus : {Bus::kSession, Bus::kSystem}) {
+        std::shared_ptr<BusConnection> connection;
+        {
+            std::lock_guard<std::mutex> lock(Connections::get().mutex);
+            connection = Connections::get().of[static_cast<int>(bus)];
+        }
+        if (connection == nullptr) continue;
+        // The first answer comes after every signal that the bus has sent, the second one after
+        // the answers to the questions that those signals led to.
+        connection->ownerOf(kBusName);
+        connection->ownerOf(kBusName);
+    }
+}
+
+bool BusConnection::start() {
+    mWakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return mWakeUp >= 0 && sd_bus_add_filter(mBus.get(), nullptr, ignoreStrangers, nullptr) >= 0 &&
+           startThread([self = shared_from_this()] { self->run(); });
+}
+
+BusConnection::BusConnection(UniqueBus bus) : mBus(std::move(bus)) {}
+
+BusConnection::~BusConnection() {
+    if (mWakeUp >= 0) close(mWakeUp);
 }
 
 bool BusConnection::isOpen() {
     std::lock_guard<std::mutex> lock(mMutex);
-    return isStillOpen(mBus.get());
+    return mWakeUp >= 0;
 }
 
 std::string BusConnection::ownerOf(const std::string& name) {
-    static const BusObject kBus = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                   "org.freedesktop.DBus"};
     std::string owner;
-    auto failed = call(
-        kBus, "GetNameOwner", "s", [&](Writer& writer) { return writer(name); },
+    const auto failed = call(
+        kBusName, kBusName, "GetNameOwner", "s", [&](Writer& writer) { return writer(name); },
         [&](Reader& reader) { return reader(owner); });
     return failed ? "" : owner;
 }
 
-std::optional<Failure> BusConnection::call(const BusObject& object, const char* method,
-                                           const std::string& replySignature, const Write& write,
-                                           const Read& read) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    sd_bus_message* made = nullptr;
-    int result =
-        sd_bus_message_new_method_call(mBus.get(), &made, object.owner.c_str(), object.path.c_str(),
-                                       object.interface.c_str(), method);
-    const UniqueMessage request(made);
-    // A service that is not running is not there: it is not for a look-up to start it.
-    if (result >= 0) result = sd_bus_message_set_auto_start(request.get(), 0);
-    Writer writer(request.get());
-    if (result >= 0) result = write(writer);
-    BusError error;
-    if (result < 0) return failureOf(error.error, result);
+std::optional<Failure> BusConnection::call(const std::string& owner, const char* interface,
+                                           const char* method, const std::string& replySignature,
+                                           const Write& write, const Read& read) {
+    Call call{this, owner, interface, method, replySignature, write, read};
+    auto done = call.done.get_future();
+    if (!post([&call] { call.connection->begin(&call); })) return deadObject();
+    return done.get();
+}
 
-    sd_bus_message* received = nullptr;
-    result = sd_bus_call(mBus.get(), request.get(), gTimeLimitUs, &error.error, &received);
-    const UniqueMessage reply(received);
-    if (result < 0) return failureOf(error.error, result);
-    const char* signature = sd_bus_message_get_signature(reply.get(), 1);
-    if (signature == nullptr || signature != replySignature) {
-        return misfit(method, "its signature is \"" +
-                                  std::string(signature != nullptr ? signature : "") +
-                                  "\", not \"" + replySignature + "\"");
+bool BusConnection::watch(const std::shared_ptr<BusPeer>& peer) {
+    std::promise<bool> watching;
+    auto result = watching.get_future();
+    if (post([&] { beginWatching(peer, &watching); })) return result.get();
+    peer->die();
+    return true;
+}
+
+void BusConnection::unwatch(const BusPeer* peer) {
+    post([this, peer] { mWatched.erase(peer); });
+}
+
+/// Runs a job on the connection's thread.
+/// @return false when the connection is lost; then the job does not run.
+bool BusConnection::post(std::function<void()> job) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mWakeUp < 0) return false;
+    mJobs.push_back(std::move(job));
+    eventfd_write(mWakeUp, 1);
+    return true;
+}
+
+void BusConnection::run() {
+    while (true) {
+        if (!runJobs()) return;
+        int result = 0;
+        while ((result = sd_bus_process(mBus.get(), nullptr)) > 0) {
+        }
+        if (result < 0 || sd_bus_is_open(mBus.get()) <= 0) {
+            lose();
+        } else {
+            wait();
+        }
     }
-    Reader reader(reply.get());
-    if (read(reader) < 0) return misfit(method, reader.error);
-    return std::nullopt;
+}
+
+/// @return false when the connection is lost and no job can come any more.
+bool BusConnection::runJobs() {
+    std::vector<std::function<void()>> jobs;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        jobs.swap(mJobs);
+    }
+    for (const auto& job : jobs) job();
+    return mBus != nullptr;
+}
+
+void BusConnection::wait() {
+    // A job that came meanwhile, and a message that is queued already, end the wait at once.
+    uint64_t untilUs = UINT64_MAX;
+    sd_bus_get_timeout(mBus.get(), &untilUs);
+    timespec timeout{};
+    if (untilUs != UINT64_MAX) {
+        const auto now = steady_clock::now().time_since_epoch();
+        const int64_t nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+        const int64_t leftUs = std::max<int64_t>(static_cast<int64_t>(untilUs) - nowUs, 0);
+        timeout.tv_sec = leftUs / 1'000'000;
+        timeout.tv_nsec = leftUs % 1'000'000 * 1000;
+    }
+    pollfd fds[2] = {{mWakeUp, POLLIN, 0},
+                     {sd_bus_get_fd(mBus.get()),
+                      static_cast<int16_t>(sd_bus_get_events(mBus.get())), 0}};
+    ppoll(fds, 2, untilUs != UINT64_MAX ? &timeout : nullptr, nullptr);
+    eventfd_t count = 0;
+    eventfd_read(mWakeUp, &count);
+}
+
+/// With the connection all services found through it are gone.
+void BusConnection::lose() {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        close(std::exchange(mWakeUp, -1));
+    }
+    runJobs();  // the last ones
+    const auto watched = std::exchange(mWatched, {});
+    for (const auto& entry : watched) {
+        entry.second->die();
+        entry.second->tell(true);
+    }
+    for (Call* call : std::exchange(mCalls, {})) finish(call, deadObject());
+    mBus.reset();
+}
+
+void BusConnection::begin(Call* call) {
+    const uint64_t limitUs = gTimeLimitUs;
+    call->deadline = steady_clock::now() + std::chrono::microseconds(limitUs);
+    mCalls.insert(call);
+    sd_bus_message* made = nullptr;
+    int result = sd_bus_message_new_method_call(mBus.get(), &made, call->owner.c_str(),
+                                                call->owner == kBusName ? kBusPath : kObjectPath,
+                                                call->interface, call->method);
+    const UniqueMessage request(made);
+    Writer writer(request.get());
+    if (result >= 0) result = call->write(writer);
+    if (result >= 0) {
+        result = sd_bus_call_async(mBus.get(), nullptr, request.get(), replied, call, limitUs);
+    }
+    if (result == -EINVAL) {
+        finish(call, failure(android::FAILED_TRANSACTION, "the request holds a text with a NUL"));
+    } else if (result < 0) {
+        // Out of buffers counts as lost too, because such a connection does not recover.
+        sd_bus_close(mBus.get());
+    }
+}
+
+void BusConnection::finish(Call* call, std::optional<Failure> failure) {
+    mCalls.erase(call);
+    // Moved away first: the waiting thread may destroy it at once.
+    std::promise<std::optional<Failure>> done = std::move(call->done);
+    done.set_value(std::move(failure));
+}
+
+void BusConnection::beginWatching(const std::shared_ptr<BusPeer>& peer,
+                                  std::promise<bool>* watching) {
+    auto& watched = mWatched[peer.get()];
+    watched = std::make_unique<Watched>(Watched{this, peer, peer->owner, watching});
+    const std::string match =
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+        "member='NameOwnerChanged',arg0='" +
+        peer->owner + "'";
+    sd_bus_slot* slot = nullptr;
+    const int result = sd_bus_add_match_async(mBus.get(), &slot, match.c_str(), ownerChanged,
+                                              matchInstalled, watched.get());
+    watched->match.reset(slot);
+    if (result < 0) sd_bus_close(mBus.get());
+}
+
+/// Asks the bus whether a peer is still there.
+void BusConnection::ask(Watched* watched) {
+    sd_bus_slot* slot = nullptr;
+    const int result =
+        sd_bus_call_method_async(mBus.get(), &slot, kBusName, kBusPath, kBusName, "GetNameOwner",
+                                 ownerTold, watched, "s", watched->owner.c_str());
+    watched->question.reset(slot);
+    if (result < 0) sd_bus_close(mBus.get());
+}
+
+/// Drops signals and calls of anybody but the bus, without an answer.
+int BusConnection::ignoreStrangers(sd_bus_message* message, void* /*userData*/,
+                                   sd_bus_error* /*error*/) {
+    return isFromBus(message) ? 0 : 1;
+}
+
+int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
+    auto* call = static_cast<Call*>(userData);
+    BusConnection* const connection = call->connection;
+    // With the connection lost, lose() ends the call, after it has marked the peers dead.
+    if (sd_bus_is_open(connection->mBus.get()) > 0) connection->finish(call, call->take(reply));
+    return 1;
+}
+
+int BusConnection::matchInstalled(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
+    auto* watched = static_cast<Watched*>(userData);
+    BusConnection* const connection = watched->connection;
+    // A death before the match was in place has no signal, so the bus is asked once it is.
+    if (sd_bus_message_is_method_error(reply, nullptr) <= 0) {
+        connection->ask(watched);
+    } else if (auto peer = watched->peer.lock()) {
+        watched->tell(false);
+        connection->mWatched.erase(peer.get());
+    }
+    return 1;
+}
+
+int BusConnection::ownerChanged(sd_bus_message* /*signal*/, void* userData,
+                                sd_bus_error* /*error*/) {
+    auto* watched = static_cast<Watched*>(userData);
+    watched->connection->ask(watched);
+    return 1;
+}
+
+int BusConnection::ownerTold(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
+    auto* watched = static_cast<Watched*>(userData);
+    if (sd_bus_message_is_method_error(reply, nullptr) > 0) watched->die();
+    watched->tell(true);
+    return 1;
+}
+
+BusPeer::~BusPeer() {
+    if (mWatched) connection->unwatch(this);
+}
+
+bool BusPeer::startWatching() {
+    if (mWatched || !isAlive()) return true;
+    mWatched = connection->watch(std::static_pointer_cast<BusPeer>(shared_from_this()));
+    return mWatched;
+}
+
+void BusPeer::stopWatching() {
+    if (std::exchange(mWatched, false)) connection->unwatch(this);
 }
 
 }  // namespace dbus

@@ -1,24 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection through which services in other processes are found and called.
+// The connection through which services of other processes are found, called and watched.
 
 #pragma once
 
+#include <host/BusServer.h>
 #include <host/ServiceControl.h>
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
+#include "Peer.h"
 #include "Records.h"
 
 namespace host::dbus {
 
 struct CloseBus {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    // Without flushing: a bus that does not read must not hold up the caller.
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
 using UniqueBus = std::unique_ptr<sd_bus, CloseBus>;
 
@@ -27,38 +35,59 @@ struct ReleaseMessage {
 };
 using UniqueMessage = std::unique_ptr<sd_bus_message, ReleaseMessage>;
 
-/// Connects to the session bus where DBUS_SESSION_BUS_ADDRESS is set, otherwise to the system bus.
-/// @return null when there is none.
-UniqueBus connectToBus();
+struct ReleaseSlot {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using UniqueSlot = std::unique_ptr<sd_bus_slot, ReleaseSlot>;
 
-/// Handles what has arrived.
-/// @return whether the bus is still there.
-bool isStillOpen(sd_bus* bus);
+/// Begins to connect to a bus. Does not wait for it.
+/// @return a negative errno when there is no such bus, or no descriptor is left.
+int openBus(Bus bus, UniqueBus* opened);
 
-/// How a call that came back with this error failed. Told by the error's name where there is one:
-/// a peer that was killed and a time limit that ran out may share an errno.
-Failure failureOf(const sd_bus_error& error, int result);
+class BusConnection;
 
-/// One object of a service, at the connection that had its name when it was found. A restarted
-/// service has another one.
-struct BusObject {
-    std::string owner;
-    std::string path;
-    std::string interface;
+/// The process behind one connection to a bus.
+class BusPeer : public Peer {
+  public:
+    /// @param owner [in] the unique name of the service's connection. A restarted service has
+    ///     another one.
+    BusPeer(std::shared_ptr<BusConnection> connection, std::string owner)
+        : connection(std::move(connection)), owner(std::move(owner)) {}
+    ~BusPeer() override;
+
+    const std::shared_ptr<BusConnection> connection;
+    const std::string owner;
+
+  protected:
+    /// Returns true once the death cannot be missed; a peer that is already dead is marked dead.
+    bool startWatching() override;
+    void stopWatching() override;
+
+  private:
+    bool mWatched = false;  // guarded by the caller's lock
 };
 
-/// A connection shared by all calls of the process, one at a time. It is for calls only: nobody
-/// waits on it for a signal.
-class BusConnection {
+/// One connection of this process to a bus, for calls and for word of deaths alike, and the thread
+/// that alone uses it. The thread reads all the time, so that nothing piles up between calls, and
+/// it calls no recipient, so it may be waited for.
+///
+/// A bus carries messages from anybody. Only the bus itself is believed, and replies to calls made
+/// here; everything else is dropped unread.
+///
+/// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead.
+/// Safe to use from any thread.
+class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:
-    /// The connection of now; a new one when the bus of the last one has gone.
-    /// @return null when there is no bus.
-    static std::shared_ptr<BusConnection> current();
+    /// Returns the open connection to a bus, a new one if there is none.
+    /// @return null when there is no such bus, or no descriptor or thread is left. A later call
+    ///     tries again.
+    static std::shared_ptr<BusConnection> to(Bus bus);
 
-    BusConnection(UniqueBus bus, const sd_id128_t& busId) : mBus(std::move(bus)), mBusId(busId) {}
+    /// Makes sure that every death has been noticed that a bus knew of before this call.
+    static void noticeDeaths();
 
-    /// Which bus this is: a bus that was started again is another one.
-    const sd_id128_t& busId() const { return mBusId; }
+    explicit BusConnection(UniqueBus bus);
+    ~BusConnection();
 
     bool isOpen();
 
@@ -68,17 +97,49 @@ class BusConnection {
     using Write = std::function<int(Writer& writer)>;
     using Read = std::function<int(Reader& reader)>;
 
-    /// Calls a method and reads its reply, all of it or none.
+    /// Calls a method of the object "/default" and reads its reply, all of it or none. Both
+    /// functions run on the connection's thread.
+    /// @param interface [in] of the method; its name on the bus.
     /// @param replySignature [in] what the reply must look like before any of it is read.
     /// @return how the call failed, or nothing when it succeeded.
-    std::optional<Failure> call(const BusObject& object, const char* method,
+    std::optional<Failure> call(const std::string& owner, const char* interface, const char* method,
                                 const std::string& replySignature, const Write& write,
                                 const Read& read);
 
+    /// Marks a peer dead when its unique name has no owner any more, from now until `unwatch`.
+    /// @return false when the bus refused to tell: it allows a connection only so many matches.
+    bool watch(const std::shared_ptr<BusPeer>& peer);
+    void unwatch(const BusPeer* peer);
+
   private:
+    struct Call;
+    struct Watched;
+
+    bool start();
+    bool post(std::function<void()> job);
+    void run();
+    void wait();
+    bool runJobs();
+    void lose();
+
+    // For the connection's thread only.
+    void begin(Call* call);
+    void finish(Call* call, std::optional<Failure> failure);
+    void beginWatching(const std::shared_ptr<BusPeer>& peer, std::promise<bool>* watching);
+    void ask(Watched* watched);
+    static int ignoreStrangers(sd_bus_message* message, void* userData, sd_bus_error* error);
+    static int replied(sd_bus_message* reply, void* userData, sd_bus_error* error);
+    static int matchInstalled(sd_bus_message* reply, void* userData, sd_bus_error* error);
+    static int ownerChanged(sd_bus_message* signal, void* userData, sd_bus_error* error);
+    static int ownerTold(sd_bus_message* reply, void* userData, sd_bus_error* error);
+
     std::mutex mMutex;
-    const UniqueBus mBus;  // guarded by mMutex, with every message that belongs to it
-    const sd_id128_t mBusId;
+    std::vector<std::function<void()>> mJobs;  // guarded by mMutex
+    int mWakeUp = -1;                          // guarded by mMutex; -1 once the connection is lost
+
+    UniqueBus mBus;  // null once the connection is lost
+    std::unordered_set<Call*> mCalls;
+    std::unordered_map<const BusPeer*, std::unique_ptr<Watched>> mWatched;
 };
 
 }  // namespace host::dbus

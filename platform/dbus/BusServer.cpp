@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <host/BusServer.h>
-#include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <exception>
+#include <new>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -20,16 +25,10 @@ namespace {
 using ::android::hardware::Return;
 using ::ndk::ScopedAStatus;
 
-thread_local sd_bus_message* tServed = nullptr;
-
-/// Marks a call as the one that this thread serves.
-class Serving {
-  public:
-    explicit Serving(sd_bus_message* call) { tServed = call; }
-    ~Serving() { tServed = nullptr; }
-    Serving(const Serving&) = delete;
-    Serving& operator=(const Serving&) = delete;
-};
+/// A list of more ids is refused before it is copied. No machine has so many rails or entities.
+constexpr size_t kMostIds = 65'536;
+/// With more answers than this waiting for the bus to take them, no further call is read.
+constexpr uint64_t kMostQueuedAnswers = 1000;
 
 /// Sends an answer that consists of these members.
 template <typename... Members>
@@ -47,48 +46,64 @@ int reply(sd_bus_message* call, const Members&... member) {
     return sd_bus_send(nullptr, answer.get(), nullptr);
 }
 
-int replyError(sd_bus_message* call, bool invalid, const std::string& text) {
-    return sd_bus_reply_method_errorf(
-        call, invalid ? SD_BUS_ERROR_INVALID_ARGS : SD_BUS_ERROR_FAILED, "%s", text.c_str());
+int replyError(sd_bus_message* call, const char* name, const std::string& text) {
+    return sd_bus_reply_method_errorf(call, name, "%s", text.c_str());
+}
+
+/// Answers one call. An exception becomes an error reply, because none may cross sd-bus's frames.
+template <typename Answer>
+int serve(sd_bus_message* call, const Answer& answer) try {
+    // Nobody receives the answer, so a flood of such calls costs no reading of counters.
+    if (sd_bus_message_get_expect_reply(call) <= 0) return 1;
+    return answer();
+} catch (const std::bad_alloc&) {
+    return sd_bus_reply_method_errnof(call, ENOMEM, "no memory is left for the answer");
+} catch (const std::exception& error) {
+    return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "%s", error.what());
 }
 
 /// Serves one method of an AIDL service; `Ids` is its list of ids, or nothing.
 template <auto kMethod, typename Records, typename... Ids>
 int serveAidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
-    const Serving serving(call);
-    std::tuple<Ids...> ids;
-    Reader reader(call);
-    const int read = std::apply([&](auto&... list) { return reader(list...); }, ids);
-    if (read < 0) return replyError(call, true, reader.error);
-    Records records;
-    auto* service = static_cast<stats_aidl::IPowerStats*>(userData);
-    const ScopedAStatus status = std::apply(
-        [&](const auto&... list) { return (service->*kMethod)(list..., &records); }, ids);
-    if (status.isOk()) return reply(call, records);
-    const bool invalid =
-        status.get() != nullptr && status.getExceptionCode() == EX_ILLEGAL_ARGUMENT;
-    return replyError(call, invalid,
-                      status.get() != nullptr ? status.getDescription() : "no status");
+    return serve(call, [&] {
+        std::tuple<Ids...> ids;
+        Reader reader(call, kMostIds);
+        if (std::apply([&](auto&... list) { return reader(list...); }, ids) < 0) {
+            return replyError(call, SD_BUS_ERROR_INVALID_ARGS, reader.error);
+        }
+        Records records;
+        auto* service = static_cast<stats_aidl::IPowerStats*>(userData);
+        const ScopedAStatus status = std::apply(
+            [&](const auto&... list) { return (service->*kMethod)(list..., &records); }, ids);
+        if (status.isOk()) return reply(call, records);
+        if (status.get() == nullptr) return replyError(call, SD_BUS_ERROR_FAILED, "no status");
+        const bool invalid = status.getExceptionCode() == EX_ILLEGAL_ARGUMENT;
+        return replyError(call, invalid ? SD_BUS_ERROR_INVALID_ARGS : SD_BUS_ERROR_FAILED,
+                          status.getDescription());
+    });
 }
 
 /// Serves one method of a HIDL service; `Ids` is its list of ids, or nothing.
 template <auto kMethod, typename Record, typename... Ids>
 int serveHidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
-    const Serving serving(call);
-    std::tuple<Ids...> ids;
-    Reader reader(call);
-    const int read = std::apply([&](auto&... list) { return reader(list...); }, ids);
-    if (read < 0) return replyError(call, true, reader.error);
-    auto* service = static_cast<stats_V1_0::IPowerStats*>(userData);
-    int sent = -ENOMSG;
-    const auto answer = [&](const hidl_vec<Record>& records, stats_V1_0::Status status) {
-        if (sent == -ENOMSG) sent = reply(call, records, status);
-    };
-    const Return<void> result =
-        std::apply([&](const auto&... list) { return (service->*kMethod)(list..., answer); }, ids);
-    if (result.isOk() && sent != -ENOMSG) return sent;
-    return replyError(call, false,
-                      result.isOk() ? "the service gave no answer" : result.description());
+    return serve(call, [&] {
+        std::tuple<Ids...> ids;
+        Reader reader(call, kMostIds);
+        if (std::apply([&](auto&... list) { return reader(list...); }, ids) < 0) {
+            // A D-Bus error would be a failed transaction, which ends a client that reads data.
+            return reply(call, hidl_vec<Record>(), stats_V1_0::Status::INVALID_INPUT);
+        }
+        auto* service = static_cast<stats_V1_0::IPowerStats*>(userData);
+        int sent = -ENOMSG;
+        const auto answer = [&](const hidl_vec<Record>& records, stats_V1_0::Status status) {
+            if (sent == -ENOMSG) sent = reply(call, records, status);
+        };
+        const Return<void> result = std::apply(
+            [&](const auto&... list) { return (service->*kMethod)(list..., answer); }, ids);
+        if (result.isOk() && sent != -ENOMSG) return sent;
+        return replyError(call, SD_BUS_ERROR_FAILED,
+                          result.isOk() ? "the service gave no answer" : result.description());
+    });
 }
 
 using AidlIds = std::vector<int32_t>;
@@ -97,7 +112,7 @@ using HidlIds = hidl_vec<uint32_t>;
 template <auto kMethod, typename Record, typename... Ids>
 constexpr auto kAidl = serveAidl<kMethod, std::vector<Record>, Ids...>;
 
-// Everybody may call: who may read what is for the bus's policy and the services themselves to say.
+// Everybody may call: the bus's policy and the services themselves say who may read which data.
 const sd_bus_vtable kAidlMethods[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("getEnergyMeterInfo", "", "a(iss)",
@@ -145,29 +160,26 @@ std::string errnoText(int result) {
     return std::generic_category().message(-result);
 }
 
+struct ReleaseEvent {
+    void operator()(sd_event* event) const { sd_event_unref(event); }
+    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
+
 }  // namespace
 }  // namespace dbus
 
-std::optional<uid_t> callingUser() {
-    if (dbus::tServed == nullptr) return std::nullopt;
-    sd_bus_creds* made = nullptr;
-    if (sd_bus_query_sender_creds(dbus::tServed, SD_BUS_CREDS_EUID, &made) < 0) return std::nullopt;
-    const std::unique_ptr<sd_bus_creds, sd_bus_creds* (*)(sd_bus_creds*)> creds(made,
-                                                                                sd_bus_creds_unref);
-    uid_t user;
-    if (sd_bus_creds_get_euid(creds.get(), &user) < 0) return std::nullopt;
-    return user;
-}
-
 struct BusServer::Impl {
+    std::unique_ptr<sd_event, dbus::ReleaseEvent> event;
     dbus::UniqueBus bus;
+    /// Set while answers are only sent.
+    std::unique_ptr<sd_event_source, dbus::ReleaseEvent> sending;
     std::shared_ptr<dbus::stats_aidl::IPowerStats> aidl;
     ::android::sp<dbus::stats_V1_0::IPowerStats> hidl;
 
     bool add(const char* name, const sd_bus_vtable* methods, void* service, std::string* error) {
         int result =
             sd_bus_add_object_vtable(bus.get(), nullptr, dbus::kObjectPath, name, methods, service);
-        // The object first: whoever sees the name may call at once.
+        // The object first: a client that sees the name may call at once.
         if (result >= 0) result = sd_bus_request_name(bus.get(), name, 0);
         if (result >= 0) return true;
         const bool taken = result == -EEXIST || result == -EALREADY;
@@ -179,6 +191,55 @@ struct BusServer::Impl {
                            : dbus::errnoText(result));
         return false;
     }
+
+    /// Has a signal end the loop, before anything that is queued.
+    int stopOn(int signal) {
+        sd_event_source* source = nullptr;
+        const int result = sd_event_add_signal(event.get(), &source,
+                                               signal | SD_EVENT_SIGNAL_PROCMASK, nullptr, nullptr);
+        if (result < 0) return result;
+        sd_event_source_set_floating(source, 1);
+        const int ordered = sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT);
+        sd_event_source_unref(source);
+        return ordered;
+    }
+
+    int attach() {
+        sending.reset();
+        return sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL);
+    }
+
+    /// Detaches the bus, which would read and send, and only sends.
+    int detach() {
+        int result = sd_bus_detach_event(bus.get());
+        sd_event_source* source = nullptr;
+        if (result >= 0) {
+            // A bus that can send does that first, and does not read in the same step.
+            const auto send = [](sd_event_source*, int, uint32_t, void* bus) {
+                return std::min(sd_bus_process(static_cast<sd_bus*>(bus), nullptr), 0);
+            };
+            result = sd_event_add_io(event.get(), &source, sd_bus_get_fd(bus.get()), EPOLLOUT, send,
+                                     bus.get());
+        }
+        sending.reset(source);
+        return result;
+    }
+
+    int limitQueue() {
+        if (sd_bus_is_open(bus.get()) <= 0) return -ECONNRESET;
+        uint64_t queued = 0;
+        sd_bus_get_n_queued_write(bus.get(), &queued);
+        const bool tooMany = queued > dbus::kMostQueuedAnswers;
+        if (tooMany == (sending != nullptr)) return 0;
+        return tooMany ? detach() : attach();
+    }
+
+    /// Called after every step of the loop.
+    static int afterStep(sd_event_source* /*source*/, void* userData) {
+        auto* server = static_cast<Impl*>(userData);
+        const int result = server->limitQueue();
+        return result < 0 ? sd_event_exit(server->event.get(), result) : 0;
+    }
 };
 
 BusServer::BusServer(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
@@ -186,12 +247,15 @@ BusServer::BusServer(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
 BusServer::~BusServer() = default;
 
 std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
-    sd_bus* opened = nullptr;
-    int result = bus == Bus::kSession ? sd_bus_open_user(&opened) : sd_bus_open_system(&opened);
     auto impl = std::make_unique<Impl>();
-    impl->bus.reset(opened);
+    sd_event* event = nullptr;
+    int result = sd_event_new(&event);
+    impl->event.reset(event);
+    if (result >= 0) result = dbus::openBus(bus, &impl->bus);
     const char* unique = nullptr;
-    if (result >= 0) result = sd_bus_get_unique_name(opened, &unique);
+    if (result >= 0) result = sd_bus_get_unique_name(impl->bus.get(), &unique);
+    if (result >= 0) result = impl->stopOn(SIGTERM);
+    if (result >= 0) result = impl->stopOn(SIGINT);
     if (result < 0) {
         const bool session = bus == Bus::kSession;
         *error = std::string("the ") + (session ? "session" : "system") +
@@ -214,24 +278,13 @@ bool BusServer::add(const ::android::sp<dbus::stats_V1_0::IPowerStats>& service,
     return mImpl->add(dbus::kHidlBusName, dbus::kHidlMethods, mImpl->hidl.get(), error);
 }
 
-bool BusServer::run(int stopFd, std::string* error) {
-    sd_bus* const bus = mImpl->bus.get();
-    while (true) {
-        int result;
-        while ((result = sd_bus_process(bus, nullptr)) > 0) {
-        }
-        if (result < 0 || sd_bus_is_open(bus) <= 0) {
-            *error = "the bus went away";
-            return false;
-        }
-        pollfd fds[2] = {{stopFd, POLLIN, 0},
-                         {sd_bus_get_fd(bus), static_cast<int16_t>(sd_bus_get_events(bus)), 0}};
-        if (poll(fds, 2, -1) < 0 && errno != EINTR) {
-            *error = dbus::errnoText(-errno);
-            return false;
-        }
-        if (fds[0].revents != 0) return true;
-    }
+bool BusServer::run(std::string* error) {
+    int result = sd_event_add_post(mImpl->event.get(), nullptr, Impl::afterStep, mImpl.get());
+    if (result >= 0) result = mImpl->attach();
+    if (result >= 0) result = sd_event_loop(mImpl->event.get());
+    if (result >= 0) return true;
+    *error = sd_bus_is_open(mImpl->bus.get()) > 0 ? dbus::errnoText(result) : "the bus went away";
+    return false;
 }
 
 }  // namespace host

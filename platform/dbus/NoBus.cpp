@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// In place of the rest of this folder where it is not built: there is no bus.
+// Replaces the rest of this folder in a build without D-Bus: no bus is found.
 
-#include <host/BusControl.h>
+#include <host/ServiceControl.h>
 
 #include "Register.h"
 
@@ -10,9 +10,9 @@ namespace host {
 
 void setBusTimeLimit(double /*seconds*/) {}
 
-void noticeDeathsOnBus(double /*seconds*/) {}
+void noticeDeathsOnBus() {}
 
-RegisteredService findOnBus(const std::string& /*name*/) {
+RegisteredService findOnBus(Bus /*bus*/, const std::string& /*name*/) {
     return {};
 }
 

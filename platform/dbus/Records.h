@@ -187,7 +187,8 @@ class Reader {
     static constexpr size_t kMostBytes = 1 << 20;       ///< of one text
     static constexpr size_t kMostElements = 1'000'000;  ///< of all lists of a message
 
-    explicit Reader(sd_bus_message* message) : mMessage(message) {}
+    explicit Reader(sd_bus_message* message, size_t mostElements = kMostElements)
+        : mMessage(message), mMostElements(mostElements) {}
 
     template <typename... Members>
     int operator()(Members&... member) {
@@ -218,7 +219,12 @@ class Reader {
             return 0;
         } else {
             std::vector<typename T::value_type> list;
-            const int result = readList(&list);
+            int result;
+            if constexpr (kIsNumber<typename T::value_type>) {
+                result = readNumbers(&list);
+            } else {
+                result = readList(&list);
+            }
             *member = std::move(list);
             return result;
         }
@@ -229,26 +235,39 @@ class Reader {
         // The kind of container need not be named: the whole signature has been checked.
         int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
         while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
-            if (++mElements > kMostElements) {
-                error = "it has more than " + std::to_string(kMostElements) + " elements";
-                return -EMSGSIZE;
-            }
-            Element& element = list->emplace_back();
-            if constexpr (kIsNumber<Element>) {
-                result = read(&element);
-            } else {
-                result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
-                if (result >= 0) result = members(*this, element);
-                if (result >= 0) result = sd_bus_message_exit_container(mMessage);
-            }
+            result = count(1);
+            if (result >= 0) result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
+            if (result >= 0) result = members(*this, list->emplace_back());
+            if (result >= 0) result = sd_bus_message_exit_container(mMessage);
         }
         return result < 0 ? result : sd_bus_message_exit_container(mMessage);
+    }
+
+    template <typename Number>
+    int readNumbers(std::vector<Number>* list) {
+        const void* numbers = nullptr;
+        size_t size = 0;
+        int result =
+            taken(sd_bus_message_read_array(mMessage, numberType<Number>(), &numbers, &size));
+        if (result >= 0) result = count(size / sizeof(Number));
+        if (result < 0) return result;
+        const auto* first = static_cast<const Number*>(numbers);
+        if (size != 0) list->assign(first, first + size / sizeof(Number));
+        return result;
+    }
+
+    int count(size_t elements) {
+        mElements += elements;
+        if (mElements <= mMostElements) return 1;
+        error = "it has more than " + std::to_string(mMostElements) + " elements";
+        return -EMSGSIZE;
     }
 
     /// sd-bus answers 0 where there is nothing left to take.
     static int taken(int result) { return result == 0 ? -EBADMSG : result; }
 
     sd_bus_message* const mMessage;
+    const size_t mMostElements;
     size_t mElements = 0;
 };
 

@@ -4,13 +4,17 @@
 // waiting for a lock that the client holds.
 
 #include <host/ServiceControl.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -37,10 +41,17 @@ class DeathNotices {
         std::atexit([] { get().stop(); });
     }
 
+    /// Starts the delivering thread, or leaves that to a later call when no thread is left.
+    bool prepare() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mStarted) mStarted = startThread([this] { run(); });
+        return mStarted;
+    }
+
     void add(std::shared_ptr<Peer> peer) {
+        prepare();
         std::lock_guard<std::mutex> lock(mMutex);
         if (mStopped) return;
-        if (!mStarted) start();
         mPeers.push_back(std::move(peer));
         mChanged.notify_all();
     }
@@ -52,16 +63,9 @@ class DeathNotices {
     }
 
   private:
-    // REQUIRES: mMutex is held
-    void start() {
-        mStarted = true;
-        std::thread thread([this] { run(); });
-        mThread = thread.get_id();
-        thread.detach();
-    }
-
     [[noreturn]] void run() {
         std::unique_lock<std::mutex> lock(mMutex);
+        mThread = std::this_thread::get_id();
         while (true) {
             mChanged.wait(lock, [this] { return !mPeers.empty() && !mStopped; });
             std::shared_ptr<Peer> peer = std::move(mPeers.front());
@@ -96,6 +100,25 @@ class DeathNotices {
 
 }  // namespace
 
+bool startThread(std::function<void()> function) {
+    // A signal is for the program's own threads, which expect it.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool started = true;
+    try {
+        std::thread(std::move(function)).detach();
+    } catch (const std::system_error&) {
+        started = false;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
+bool prepareNotices() {
+    return DeathNotices::get().prepare();
+}
+
 void expectNotices() {
     DeathNotices::get().expect();
 }
@@ -105,7 +128,7 @@ void deliverNotices(std::shared_ptr<Peer> peer) {
 }
 
 bool waitForDeathNotices(double seconds) {
-    noticeDeathsOnBus(seconds);
+    noticeDeathsOnBus();
     return DeathNotices::get().waitUntilDone(seconds);
 }
 

@@ -88,8 +88,7 @@ class Peer : public std::enable_shared_from_this<Peer> {
     void setStats(ServiceStats* stats) { mStats = stats; }
 
   protected:
-    /// Where the death of a process must be watched for, it is from before the first link until the
-    /// last one has gone. What is asked for already is no error.
+    /// Watching starts before the first link and stops after the last. Starting twice is harmless.
     virtual bool startWatching() { return true; }
     virtual void stopWatching() {}
 
@@ -111,6 +110,14 @@ class Peer : public std::enable_shared_from_this<Peer> {
 
 /// Called for every link. From the first one on, exit ends the delivery before destructors run.
 void expectNotices();
+
+/// Starts the thread that delivers notices, if it does not run yet.
+/// @return false when no thread is left; a later call tries again.
+bool prepareNotices();
+
+/// Starts a thread that blocks all signals and goes on for as long as the process.
+/// @return false when no thread is left.
+bool startThread(std::function<void()> function);
 
 /// Has the delivering thread report the death of a peer. The thread starts with the first one.
 void deliverNotices(std::shared_ptr<Peer> peer);

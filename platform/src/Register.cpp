@@ -17,7 +17,8 @@ struct Register {
     std::mutex mutex;
     std::unordered_map<std::string, RegisteredService> services;
     std::unordered_map<std::string, std::unique_ptr<ServiceStats>> stats;
-    std::atomic<bool> busLookups{true};
+    std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                      // of look-ups
+    std::vector<std::string> namesOnBus{kAidlPowerStats, kHidlPowerStats};  // of look-ups
 
     // Never destroyed: services and threads may use it until the process has ended.
     static Register& get() {
@@ -118,19 +119,28 @@ void registerService(const std::string& name, RegisteredService service) {
 RegisteredService findService(const std::string& name) {
     ServiceStats::of(name).lookups++;
     Register& all = Register::get();
+    std::vector<Bus> buses;
     {
         std::lock_guard<std::mutex> lock(all.mutex);
         auto entry = all.services.find(name);
         if (entry != all.services.end()) return entry->second;
+        const auto& names = all.namesOnBus;
+        if (std::find(names.begin(), names.end(), name) != names.end()) buses = all.buses;
     }
-    if (!all.busLookups) return {};
-    RegisteredService service = findOnBus(name);
-    if (service.peer != nullptr) service.peer->setStats(&ServiceStats::of(name));
-    return service;
+    for (const Bus bus : buses) {
+        RegisteredService service = findOnBus(bus, name);
+        if (service.peer == nullptr) continue;
+        service.peer->setStats(&ServiceStats::of(name));
+        return service;
+    }
+    return {};
 }
 
-void setBusLookups(bool enabled) {
-    Register::get().busLookups = enabled;
+void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
+    Register& all = Register::get();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    all.buses = std::move(buses);
+    all.namesOnBus = std::move(names);
 }
 
 bool unregisterService(const std::string& name) {

@@ -58,10 +58,10 @@ void registerService(const std::string& name, RegisteredService service);
 RegisteredService findService(const std::string& name);
 
 /// Finds a service of another process under that name.
-/// @return one whose object is null when there is none, or no bus.
-RegisteredService findOnBus(const std::string& name);
+/// @return one whose object is null when there is none, or no such bus.
+RegisteredService findOnBus(Bus bus, const std::string& name);
 
-/// Has the deaths noticed that the bus knows of.
-void noticeDeathsOnBus(double seconds);
+/// Makes sure that every death has been noticed that a bus knows of.
+void noticeDeathsOnBus();
 
 }  // namespace host

@@ -3,7 +3,9 @@
 // A service in a process of its own, as a test wants it:
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
 //   bus_peer answer aidl|hidl error|signature|text|elements|never   one that answers calls badly
-// MACHINE: see busMachine(). It writes "ready" when it can be called.
+//   bus_peer attack forge|junk|repeat|flood|lazy   an ill-disposed user of the bus: see kAttacks
+// MACHINE: see busMachine(). It writes "ready" when it can be called, or when it has attacked once;
+// an attack goes on until it is killed.
 
 #include <host/BusServer.h>
 #include <signal.h>
@@ -11,12 +13,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/dbus/BusNames.h"
 #include "tests/bus/BusMachine.h"
+#include "tests/support/BootClock.h"
 #include "tests/support/FakeServices.h"
 
 namespace support {
@@ -42,8 +47,7 @@ int serve(const std::string& hal, const std::string& machine, const std::string&
     }
     if (added) {
         std::fputs("ready\n", stderr);
-        int never[2];
-        if (pipe(never) == 0) server->run(never[0], &error);
+        server->run(&error);
     }
     std::fprintf(stderr, "bus_peer: %s\n", error.c_str());
     return 1;
@@ -85,14 +89,97 @@ int answer(const std::string& hal, char* how) {
     return 1;
 }
 
+sd_bus* openAnyBus() {
+    sd_bus* bus = nullptr;
+    if (sd_bus_open_user(&bus) < 0 && sd_bus_open_system(&bus) < 0) std::abort();
+    return bus;
+}
+
+/// Sends every other connection on the bus a signal that looks as if it had lost its service.
+void signalAll(sd_bus* bus, const char* interface, const char* member) {
+    char** names = nullptr;
+    const char* self = nullptr;
+    if (sd_bus_list_names(bus, &names, nullptr) < 0 || sd_bus_get_unique_name(bus, &self) < 0) return;
+    for (char** name = names; *name != nullptr; ++name) {
+        for (char** owner = names; **name == ':' && *owner != nullptr; ++owner) {
+            sd_bus_message* signal = nullptr;
+            sd_bus_message_new_signal(bus, &signal, "/org/freedesktop/DBus", interface, member);
+            sd_bus_message_set_destination(signal, *name);
+            sd_bus_message_append(signal, "sss", *owner, *owner, "");
+            if (std::strcmp(*name, self) != 0) sd_bus_send(bus, signal, nullptr);
+            sd_bus_message_unref(signal);
+        }
+        sd_bus_flush(bus);
+    }
+    for (char** name = names; *name != nullptr; ++name) free(*name);
+    free(names);
+}
+
+/// Sends calls that pass an id several times. The answers are left unread.
+void callWithIds(sd_bus* bus, bool hidl, int calls, size_t repeats, bool expectReply) {
+    const std::vector<uint32_t> ids(repeats, 0);
+    const char* const name = hidl ? host::dbus::kHidlBusName : host::dbus::kAidlBusName;
+    for (int i = 0; i < calls; ++i) {
+        sd_bus_message* call = nullptr;
+        sd_bus_message_new_method_call(bus, &call, name, "/default", name,
+                                       hidl ? "getEnergyData" : "getStateResidency");
+        sd_bus_message_append_array(call, hidl ? 'u' : 'i', ids.data(), repeats * sizeof(ids[0]));
+        sd_bus_message_set_expect_reply(call, expectReply);
+        sd_bus_send(bus, call, nullptr);
+        sd_bus_message_unref(call);
+        sd_bus_flush(bus);
+    }
+}
+
+/// Each is repeated without end.
+const struct {
+    const char* name;
+    void (*attack)(sd_bus* bus);
+} kAttacks[] = {
+    {"forge", [](sd_bus* bus) { signalAll(bus, "org.freedesktop.DBus", "NameOwnerChanged"); }},
+    {"junk",
+     [](sd_bus* bus) {
+         for (int i = 0; i < 1000; ++i) signalAll(bus, "com.example.Junk", "Junk");
+     }},
+    {"repeat",
+     [](sd_bus* bus) {
+         callWithIds(bus, false, 1, 500'000, true);
+         callWithIds(bus, true, 1, 1'000'000, true);
+     }},
+    {"flood", [](sd_bus* bus) { callWithIds(bus, true, 10'000, 0, false); }},
+    {"lazy",
+     [](sd_bus* /*bus*/) {
+         // Nothing is ever read from these.
+         static sd_bus* const buses[] = {openAnyBus(), openAnyBus(), openAnyBus(), openAnyBus()};
+         for (sd_bus* bus : buses) callWithIds(bus, false, 30, 50'000, true);
+     }},
+};
+
+[[noreturn]] void attack(const std::string& name) {
+    sd_bus* const bus = openAnyBus();
+    for (bool first = true;; first = false) {
+        for (const auto& [known, attack] : kAttacks) {
+            if (name == known) attack(bus);
+        }
+        if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
+                               nullptr, nullptr, "") < 0) {
+            std::abort();  // the bus has seen it all now
+        }
+        if (first) std::fputs("ready\n", stderr);
+    }
+}
+
 }  // namespace
 }  // namespace support
 
 int main(int argc, char** argv) {
+    // The event loop of a served bus reads every clock, and this program's boot clock fails until set.
+    support::bootClock().now = timespec{1, 0};
     if (argc >= 4 && std::strcmp(argv[1], "serve") == 0) {
         return support::serve(argv[2], argv[3], argc > 4 ? argv[4] : "");
     }
     if (argc == 4 && std::strcmp(argv[1], "answer") == 0) return support::answer(argv[2], argv[3]);
+    if (argc == 3 && std::strcmp(argv[1], "attack") == 0) support::attack(argv[2]);
     std::fputs("bus_peer: see the head of BusPeer.cpp for its arguments\n", stderr);
     return 2;
 }

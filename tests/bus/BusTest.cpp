@@ -6,7 +6,7 @@
 #include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/binder_manager.h>
 #include <gtest/gtest.h>
-#include <host/BusControl.h>
+#include <host/ServiceControl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -25,14 +25,6 @@ std::string halOf(Backend backend) {
     return backend == Backend::kAidl ? "aidl" : "hidl";
 }
 
-std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments) {
-    std::vector<std::string> command{BUS_PEER_PROGRAM};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    auto peer = std::make_unique<Process>(command);
-    EXPECT_TRUE(peer->waitFor("ready")) << peer->text();
-    return peer;
-}
-
 bool isOnBus(Backend backend) {
     if (backend == Backend::kHidl) return stats_V1_0::IPowerStats::getService() != nullptr;
     return ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)).get() != nullptr;
@@ -44,12 +36,6 @@ void awaitDeath(Backend backend) {
     while (isOnBus(backend)) usleep(1000);
     EXPECT_TRUE(host::waitForDeathNotices());
 }
-
-/// A scenario whose services are on the bus.
-class BusScenario : public Scenario {
-  public:
-    BusScenario() { host::setBusLookups(true); }
-};
 
 /// What the two calls give for the machine "other"; a client over HIDL that knew the machine
 /// "first" keeps its names of entities and states.

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace support {
@@ -84,35 +85,78 @@ void Process::kill() {
     mEnded = waitpid(mPid, &mStatus, 0) == mPid;
 }
 
-PrivateBus::PrivateBus(const std::string& configFile, const std::vector<std::string>& environment) {
+namespace {
+
+constexpr char kNoBus[] = "unix:path=/nonexistent/bus";
+
+// As strict as a system bus: it refuses what no policy allows.
+constexpr char kSystemBus[] = R"(<busconfig>
+<listen>unix:tmpdir=/tmp</listen>
+<auth>EXTERNAL</auth>
+<policy context="default">
+  <allow user="*"/>
+  <deny own="*"/>
+  <deny send_type="method_call"/>
+  <allow send_type="signal"/>
+  <allow send_requested_reply="true" send_type="method_return"/>
+  <allow send_requested_reply="true" send_type="error"/>
+  <allow receive_type="method_call"/>
+  <allow receive_type="method_return"/>
+  <allow receive_type="error"/>
+  <allow receive_type="signal"/>
+  <allow send_destination="org.freedesktop.DBus"/>
+</policy>
+<include>)" POLICY_FILE R"(</include>
+</busconfig>)";
+
+}  // namespace
+
+PrivateBus::PrivateBus(host::Bus bus)
+    : mVariable(bus == host::Bus::kSession ? "DBUS_SESSION_BUS_ADDRESS"
+                                           : "DBUS_SYSTEM_BUS_ADDRESS") {
+    // No test reaches the machine's own buses.
+    setenv("DBUS_SESSION_BUS_ADDRESS", kNoBus, 0);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", kNoBus, 0);
     std::string folder = (std::filesystem::temp_directory_path() / "bus-XXXXXX").string();
     mFolder = mkdtemp(folder.data());
     std::filesystem::permissions(mFolder, std::filesystem::perms(0755));  // for other users' tests
     mAddress = "unix:path=" + mFolder + "/socket";
-    std::vector<std::string> command{"env"};
-    command.insert(command.end(), environment.begin(), environment.end());
-    command.insert(command.end(),
-                   {"dbus-daemon", "--nofork", "--print-address=2", "--address=" + mAddress,
-                    configFile.empty() ? "--session" : "--config-file=" + configFile});
-    mDaemon = std::make_unique<Process>(command);
+    const std::string config = mFolder + "/bus.conf";
+    std::ofstream(config) << kSystemBus;
+    mDaemon = std::make_unique<Process>(std::vector<std::string>{
+        "dbus-daemon", "--nofork", "--print-address=2", "--address=" + mAddress,
+        bus == host::Bus::kSession ? "--session" : "--config-file=" + config});
     EXPECT_TRUE(mDaemon->waitFor("unix:path=")) << mDaemon->text();
-    setenv("DBUS_SESSION_BUS_ADDRESS", mAddress.c_str(), 1);
+    setenv(mVariable, mAddress.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
     mDaemon.reset();
+    // Unless there is another one already.
+    if (getenv(mVariable) == mAddress) setenv(mVariable, kNoBus, 1);
     std::filesystem::remove_all(mFolder);
 }
 
-std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs) {
+std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs,
+                                      host::Bus bus) {
     return std::make_unique<Process>(std::vector<std::string>{
-        POWERSTATSD_PROGRAM, "--bus", "session", "--hal", hal, "--sysfs", sysfs});
+        POWERSTATSD_PROGRAM, "--bus", bus == host::Bus::kSession ? "session" : "system", "--hal",
+        hal, "--sysfs", sysfs});
 }
 
-std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs) {
-    auto daemon = launchDaemon(hal, sysfs);
+std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs,
+                                     host::Bus bus) {
+    auto daemon = launchDaemon(hal, sysfs, bus);
     EXPECT_TRUE(daemon->waitFor(kServing)) << daemon->text();
     return daemon;
+}
+
+std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{BUS_PEER_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    auto peer = std::make_unique<Process>(command);
+    EXPECT_TRUE(peer->waitFor("ready")) << peer->text();
+    return peer;
 }
 
 }  // namespace support

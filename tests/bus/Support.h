@@ -5,11 +5,14 @@
 
 #pragma once
 
+#include <host/ServiceControl.h>
 #include <sys/types.h>
 
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/Scenario.h"
 
 namespace support {
 
@@ -47,20 +50,21 @@ class Process {
     std::string mText;
 };
 
-/// A bus of this test's own. While it exists DBUS_SESSION_BUS_ADDRESS names it.
+/// A bus of this test's own, in place of the session's or the system's bus. The latter has the rules
+/// and limits of a system bus, and the policy that is installed.
 class PrivateBus {
   public:
-    /// @param configFile [in] of the bus; that of a session bus by default.
-    /// @param environment [in] "NAME=value" for the bus's own process.
-    explicit PrivateBus(const std::string& configFile = "",
-                        const std::vector<std::string>& environment = {});
+    explicit PrivateBus(host::Bus bus = host::Bus::kSession);
     ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
 
     /// Ends the bus, as a crash would.
     void kill() { mDaemon->kill(); }
     const std::string& address() const { return mAddress; }
 
   private:
+    const char* const mVariable;
     std::string mFolder;
     std::string mAddress;
     std::unique_ptr<Process> mDaemon;
@@ -68,10 +72,21 @@ class PrivateBus {
 
 /// A power stats service of its own process, over one interface or "both", reading a tree of
 /// counters. It can be called once it has written kServing.
-std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs);
+std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs,
+                                      host::Bus bus = host::Bus::kSession);
 inline constexpr char kServing[] = "powerstatsd: serving";
 
 /// The same, and it can be called when this returns.
-std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs);
+std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs,
+                                     host::Bus bus = host::Bus::kSession);
+
+/// A scenario whose services are on a bus.
+class BusScenario : public Scenario {
+  public:
+    BusScenario() { host::setBusLookups({host::Bus::kSession, host::Bus::kSystem}); }
+};
+
+/// Starts bus_peer, and waits until it has written "ready".
+std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments);
 
 }  // namespace support

@@ -41,7 +41,7 @@ TEST(BinderHolder, WhoseContentIsReplacedDuringItsReleaseEndsTheProcess) {
 class Binder : public testing::Test {
   protected:
     Binder() {
-        host::setBusLookups(false);
+        host::setBusLookups({});
         mService->machine = {{{1, "rail"}}, {{1, 1000}}, {}, {}};
         AServiceManager_addService(mService->asBinder().get(), host::kAidlPowerStats);
     }

@@ -46,7 +46,7 @@ struct Notice {
 class AidlNotices : public testing::Test {
   protected:
     AidlNotices() {
-        host::setBusLookups(false);
+        host::setBusLookups({});
         AServiceManager_addService(mBinder.get(), host::kAidlPowerStats);
         AIBinder_DeathRecipient_setOnUnlinked(mRecipient.get(), Notice::unlinked_);
     }
@@ -164,7 +164,7 @@ struct HidlRecipient : android::hardware::hidl_death_recipient {
 class HidlNotices : public testing::Test {
   protected:
     HidlNotices() {
-        host::setBusLookups(false);
+        host::setBusLookups({});
         const sp<FakeHidl> service = new FakeHidl;
         EXPECT_EQ(service->registerAsService(), android::OK);
         mClient = IPowerStats::getService();
@@ -262,7 +262,7 @@ TEST(ExitDeathTest, NoRecipientIsToldWhileDestructorsRun) {
     for (const bool diesBeforeExit : {true, false}) {
         SCOPED_TRACE(diesBeforeExit);
         const Ended ended = runInChild([&] {
-            host::setBusLookups(false);
+            host::setBusLookups({});
             const sp<FakeHidl> service = new FakeHidl;
             EXPECT_EQ(service->registerAsService(), android::OK);
             static AtExit destructors;

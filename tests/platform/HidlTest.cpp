@@ -145,7 +145,7 @@ TEST(TransportResult, ExaminedOrOkIsHarmless) {
 class HidlProxy : public testing::Test {
   protected:
     HidlProxy() {
-        host::setBusLookups(false);
+        host::setBusLookups({});
         mService->machine = {{{1, "rail"}}, {}, {}, {}};
         EXPECT_EQ(mService->registerAsService(), android::OK);
     }

@@ -153,7 +153,7 @@ std::string smallResult(Call call) {
 }
 
 Scenario::Scenario() {
-    host::setBusLookups(false);
+    host::setBusLookups({});
     __android_log_set_logger(recordLog);
     env.onCall = record;
     bootClock().now = timespec{kNowMs / 1000, kNowMs % 1000 * 1000000 + 999999};

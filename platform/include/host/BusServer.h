@@ -6,24 +6,21 @@
 
 #include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
-#include <sys/types.h>
+#include <host/ServiceControl.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace host {
 
-enum class Bus { kSession, kSystem };
-
-/// The user who makes the call that this thread is serving, as the bus knows it; nothing outside of
-/// such a call, or when the bus does not tell.
-std::optional<uid_t> callingUser();
-
 /// A connection to a bus that offers services and serves their calls, one at a time, on the thread
-/// that calls `run`.
+/// that calls `run`. Anybody on the bus may call, so no call can end the process or stop it from
+/// answering others: a call whose answer nobody waits for is not made, a list of too many ids is
+/// refused before it is read, and no call is read while too many answers wait to be sent.
 class BusServer {
   public:
+    /// Connects to a bus. From then on this thread, and those that it starts, block SIGTERM and
+    /// SIGINT, which end `run`.
     /// @param error [out] on failure one line that says why.
     /// @return null on failure.
     static std::unique_ptr<BusServer> connect(Bus bus, std::string* error);
@@ -38,10 +35,10 @@ class BusServer {
     bool add(const ::android::sp<::android::hardware::power::stats::V1_0::IPowerStats>& service,
              std::string* error);
 
-    /// Serves until something can be read from `stopFd`.
+    /// Serves until SIGTERM or SIGINT comes.
     /// @param error [out] on failure one line that says why, as when the bus went away.
-    /// @return whether it was asked to stop.
-    bool run(int stopFd, std::string* error);
+    /// @return whether a signal ended it.
+    bool run(std::string* error);
 
   private:
     struct Impl;

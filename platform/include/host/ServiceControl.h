@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -79,8 +80,17 @@ enum class Event {
 /// no lock of the platform held; an empty one ends that.
 void setObserver(std::function<void(Event)> observer);
 
-/// Turns look-ups on the bus off or on. They are on in a fresh process; whoever serves in-process
-/// turns them off, so that it does not matter what a user's bus has.
-void setBusLookups(bool enabled);
+/// The buses of a Linux machine: of one user's session, and of the system.
+enum class Bus { kSession, kSystem };
+
+/// Says which buses a look-up asks when this process has no such service, in this order, and for
+/// which names. In a fresh process a look-up asks the session bus and then the system bus for both
+/// names. A process that serves itself passes no bus, so that its user's buses do not matter.
+void setBusLookups(std::vector<Bus> buses,
+                   std::vector<std::string> names = {kAidlPowerStats, kHidlPowerStats});
+
+/// Limits the time that a service on a bus may take to answer; 25 s in a fresh process. A call that
+/// takes longer is a failed transaction.
+void setBusTimeLimit(double seconds);
 
 }  // namespace host

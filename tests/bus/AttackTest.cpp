@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Ill-disposed users of the bus and ordinary misfortune: neither the daemon nor a client of the
+// library may come to harm.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "tests/bus/Support.h"
+#include "tests/hal/TemporaryTree.h"
+#include "tests/support/ChildProcess.h"
+
+namespace support {
+namespace {
+
+using std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+#ifdef POWERSTATS_MEMORY_UNJUDGED
+constexpr bool kJudgeMemory = false;
+#else
+constexpr bool kJudgeMemory = true;
+#endif
+
+/// @param key [in] "VmSize" or "VmHWM".
+long kibibytesOf(pid_t process, const std::string& key) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(key + ":", 0) == 0) return std::stol(line.substr(key.size() + 1));
+    }
+    return 0;
+}
+
+/// How long attacks last; a figure for documents takes a minute.
+Seconds attackTime() {
+    const char* text = std::getenv("POWERSTATS_ATTACK_SECONDS");
+    return Seconds(text != nullptr ? std::stod(text) : 2);
+}
+
+class Client : public testing::TestWithParam<Backend> {};
+INSTANTIATE_TEST_SUITE_P(Test, Client, testing::ValuesIn(kBackends),
+                         testing::PrintToStringParamName());
+
+TEST_P(Client, BelievesNobodyButTheBusAndOutlivesItsConnection) {
+    const PrivateBus bus;
+    const auto service = startPeer({"serve", GetParam() == Backend::kAidl ? "aidl" : "hidl", "first"});
+    const Ended ended = runInChild([&] {
+        BusScenario scenario;
+        const auto expectResults = [&](const char* when) {
+            for (const Call call : kCalls) {
+                EXPECT_EQ(scenario.call(call).bytes, smallResult(call)) << when;
+            }
+        };
+        expectResults("in peace");
+        // A signal that is believed shows at once, one that is queued shows in memory.
+        for (const char* attack : {"forge", "junk"}) {
+            const auto attacker = startPeer({"attack", attack});
+            const long before = kibibytesOf(getpid(), "VmHWM");
+            std::this_thread::sleep_for(attackTime());
+            EXPECT_TRUE(host::waitForDeathNotices());
+            expectResults(attack);
+            const long growth = kibibytesOf(getpid(), "VmHWM") - before;
+            EXPECT_LT(growth, kJudgeMemory ? 8 * 1024 : LONG_MAX) << attack;
+        }
+        for (int fd = 3; fd < 256; ++fd) shutdown(fd, SHUT_RDWR);  // sockets only
+        EXPECT_TRUE(host::waitForDeathNotices());
+        expectResults("after the loss of every connection");
+    });
+    EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
+}
+
+/// The first call happens in want of something; the next one must succeed.
+/// @param take, giveBack [in] called around the first call.
+template <typename Take, typename GiveBack>
+void expectOnlyTheNeedyCallToFail(const Take& take, const GiveBack& giveBack) {
+    const PrivateBus bus;
+    powerstats::TemporaryTree tree;
+    tree.writeZone("intel-rapl:0", "package-0", 4500000);
+    const auto daemon = startDaemon("both", tree.root());
+    const Ended ended = runInChild([&] {
+        BusScenario scenario;
+        scenario.load();
+        take();
+        scenario.call(Call::kRails);
+        giveBack();
+        EXPECT_EQ(scenario.call(Call::kRails).bytes, rail("package-0", 4500));
+    });
+    EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
+}
+
+TEST(Want, OfDescriptorsFailsOneCall) {
+    for (size_t spare = 0; spare < 5; ++spare) {
+        SCOPED_TRACE(spare);
+        std::vector<int> taken;
+        expectOnlyTheNeedyCallToFail(
+            [&] {
+                const rlimit few{64, 64};
+                setrlimit(RLIMIT_NOFILE, &few);
+                for (int fd; (fd = dup(0)) >= 0;) taken.push_back(fd);
+                for (size_t i = 0; i < spare; ++i) close(taken[i]);
+            },
+            [&] {
+                for (size_t i = spare; i < taken.size(); ++i) close(taken[i]);
+            });
+    }
+}
+
+TEST(Want, OfThreadsFailsOneCall) {
+    if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer has an address space of its own";
+    rlimit before{};
+    expectOnlyTheNeedyCallToFail(
+        [&] {
+            getrlimit(RLIMIT_AS, &before);
+            // Room for data, and none for the stack of a thread.
+            const auto size = static_cast<rlim_t>(kibibytesOf(getpid(), "VmSize") + 4096) * 1024;
+            const rlimit little{size, before.rlim_max};
+            setrlimit(RLIMIT_AS, &little);
+        },
+        [&] { setrlimit(RLIMIT_AS, &before); });
+}
+
+class DaemonAttacked : public testing::Test {
+  protected:
+    DaemonAttacked() {
+        // With a range so small that the daemon samples it all the time.
+        mTree.writeZone("intel-rapl:0", "package-0", 4500000, 10'000'000);
+    }
+
+    /// @return the time of a legitimate call, which must succeed.
+    static Seconds ask() {
+        Process client({POWERSTATS_PROGRAM, "dump", "--bus", "--hal", "aidl", "--wait", "20"}, true);
+        const auto start = steady_clock::now();
+        EXPECT_EQ(client.wait(), 0) << client.text();
+        return steady_clock::now() - start;
+    }
+
+    const PrivateBus mBus{host::Bus::kSystem};
+    powerstats::TemporaryTree mTree;
+};
+
+TEST_F(DaemonAttacked, AnswersOthersAndEndsWhenAsked) {
+    const auto daemon = startDaemon("both", mTree.root(), host::Bus::kSystem);
+    std::vector<std::unique_ptr<Process>> attackers;
+    for (const char* attack : {"repeat", "flood", "flood", "lazy"}) {
+        attackers.push_back(startPeer({"attack", attack}));
+    }
+    Seconds slowest{0};
+    for (const auto end = steady_clock::now() + attackTime(); steady_clock::now() < end;) {
+        slowest = std::max(slowest, ask());
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    const long most = kibibytesOf(daemon->pid(), "VmHWM");
+    std::printf("slowest answer %.3f s, at most %ld KiB of memory\n", slowest.count(), most);
+    // Both limits leave room for a busy machine; a daemon that is blocked exceeds them by far.
+    EXPECT_LT(slowest.count(), 20);
+    EXPECT_LT(most, kJudgeMemory ? 64 * 1024 : LONG_MAX);
+    const auto asked = steady_clock::now();
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0) << daemon->text();
+    const Seconds ended = steady_clock::now() - asked;
+    std::printf("ended after %.3f s\n", ended.count());
+    EXPECT_LT(ended.count(), 10);
+}
+
+TEST_F(DaemonAttacked, SurvivesWantOfMemory) {
+    if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer has an address space of its own";
+    const auto daemon = startDaemon("both", mTree.root(), host::Bus::kSystem);
+    const auto size = static_cast<rlim_t>(kibibytesOf(daemon->pid(), "VmSize") + 12 * 1024) * 1024;
+    const rlimit little{size, size};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &little, nullptr), 0);
+    startPeer({"attack", "repeat"});  // and it is ended once it has attacked
+    ask();
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0) << daemon->text();
+}
+
+TEST_F(DaemonAttacked, SurvivesTheLossOfItsStandardStreams) {
+    const std::string serve = "exec " POWERSTATSD_PROGRAM " --sysfs " + mTree.root();
+    const std::string file = mTree.path("errors").string();
+    for (const std::string& command :
+         {serve + " <&- >&- 2>&-", serve + " 2>/dev/full", serve + " 2> >(true)",
+          "ulimit -f 0; " + serve + " 2>" + file}) {
+        SCOPED_TRACE(command);
+        Process daemon({"bash", "-c", command});
+        ask();
+        daemon.signal(SIGHUP);
+        // It has something to say now, from the thread that samples too.
+        mTree.write("class/powercap/intel-rapl:0/energy_uj", "garbage");
+        ask();
+        daemon.signal(SIGTERM);
+        EXPECT_EQ(daemon.wait(), 0);
+        mTree.write("class/powercap/intel-rapl:0/energy_uj", 4500000);
+    }
+}
+
+}  // namespace
+}  // namespace support
