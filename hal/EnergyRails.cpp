@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -9,7 +10,7 @@ namespace powerstats {
 
 namespace {
 
-const std::string kFolder = "class/powercap/";
+const std::string kPowercap = "class/powercap/";
 
 /// "intel-rapl:0:1" is a part of "intel-rapl:0", which is a zone of the control type "intel-rapl".
 std::string parentOf(const std::string& zone) {
@@ -21,7 +22,7 @@ std::string controlTypeOf(const std::string& zone) {
 }
 
 std::string qualifiedZoneName(const Sysfs& sysfs, const std::string& zone) {
-    std::string name = sysfs.readName(kFolder + zone + "/name").value_or(zone);
+    std::string name = sysfs.readName(kPowercap + zone + "/name").value_or(zone);
     const std::string parent = parentOf(zone);
     if (parent == zone || parent == controlTypeOf(zone)) return name;
     return qualifiedZoneName(sysfs, parent) + "/" + name;
@@ -66,17 +67,51 @@ std::function<std::optional<int64_t>()> makeReader(const std::shared_ptr<const S
     return [counter] { return counter->read(); };
 }
 
+const std::string kHwmon = "class/hwmon/";
+const std::string kInput = "_input";
+
+RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string& chipFolder,
+                    const std::string& chip, const std::string& sensor) {
+    const std::string path = kHwmon + chipFolder + "/" + sensor;
+    const std::optional<std::string> label = sysfs->readName(path + "_label");
+    const std::string name = label.value_or(sensor);
+    const std::string byChip = chip + "/" + name;
+    const std::string byFolder = chip + "/" + chipFolder + "/" + name;
+    const std::string input = path + kInput;
+    return {input,
+            {label ? name : byChip, byChip, byFolder},
+            "hwmon",
+            [sysfs, input] { return sysfs->readNumber(input); },
+            std::nullopt};
+}
+
 }  // namespace
 
 std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs) {
     std::vector<RailSource> rails;
-    for (const std::string& zone : sysfs->entries(kFolder)) {
-        const std::string path = kFolder + zone + "/energy_uj";
-        std::optional<int64_t> range = sysfs->readNumber(kFolder + zone + "/max_energy_range_uj");
+    for (const std::string& zone : sysfs->entries(kPowercap)) {
+        const std::string path = kPowercap + zone + "/energy_uj";
+        std::optional<int64_t> range = sysfs->readNumber(kPowercap + zone + "/max_energy_range_uj");
         if (range == 0) range.reset();
         auto read = makeReader(sysfs, path, range);
         if (!read()) continue;
         rails.push_back({path, namesOf(*sysfs, zone), "powercap", std::move(read), range});
+    }
+    return rails;
+}
+
+std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs) {
+    std::vector<RailSource> rails;
+    for (const std::string& chipFolder : sysfs->entries(kHwmon)) {
+        const std::string chip =
+            sysfs->readName(kHwmon + chipFolder + "/name").value_or(chipFolder);
+        for (const std::string& file : sysfs->entries(kHwmon + chipFolder)) {
+            if (!numberInName(file, "energy", kInput, std::numeric_limits<int32_t>::max()))
+                continue;
+            const std::string sensor = file.substr(0, file.size() - kInput.size());
+            RailSource rail = makeRail(sysfs, chipFolder, chip, sensor);
+            if (rail.read()) rails.push_back(std::move(rail));
+        }
     }
     return rails;
 }
