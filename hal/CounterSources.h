@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,6 +22,87 @@
 
 namespace powerstats {
 
+/// Reads one of the kernel's clocks.
+using ReadClock = std::function<std::chrono::nanoseconds(clockid_t clock)>;
+
+/// clock_gettime(); zero when it fails.
+std::chrono::nanoseconds readKernelClock(clockid_t clock);
+
+/// A rail's energy at one moment. Neither `energyUWs` nor `durationMs` ever goes backwards.
+struct EnergyReading {
+    /// In microwatt-seconds, which are microjoules.
+    int64_t energyUWs = 0;
+    /// CLOCK_BOOTTIME of the reading, in milliseconds.
+    int64_t timestampMs = 0;
+    /// `timestampMs` minus the time that `energyUWs` does not cover.
+    int64_t durationMs = 0;
+    /// The end of the last time that is not covered, in milliseconds since boot; 0 when the energy
+    /// is since boot.
+    int64_t countedSinceMs = 0;
+
+    bool isSinceBoot() const { return durationMs == timestampMs; }
+};
+
+/// Adds up the energy that a counter of the kernel shows, over its wraps and resets.
+///
+/// The first reading is since boot if the counter can neither have wrapped since boot nor hold
+/// energy of a time before it, as after a kexec; otherwise the energy starts at 0 and the time
+/// before is not covered. A later reading after so long a time that the counter may have wrapped
+/// unseen adds the least energy that explains it, and that time is not covered. Any other lower
+/// value is a wrap if the zone can have drawn that much in the time, and otherwise a reset to 0:
+/// then the energy since the reading before is lost, which is one sampling interval at most, so the
+/// rail remains since boot.
+///
+/// Safe to use from any thread.
+class EnergyCounter {
+  public:
+    struct Options {
+        /// Reads the kernel's counter, in microwatt-seconds. Called under a lock.
+        std::function<std::optional<int64_t>()> readCounter;
+        /// For a counter that wraps to 0: after how many microwatt-seconds it does. A counter
+        /// without a range is taken to run since boot, and never wraps.
+        std::optional<int64_t> rangeUWs;
+        /// Whether the counter started with this machine. One of a copied or made-up tree did not;
+        /// its energy is always since boot.
+        bool hasBoot = true;
+        ReadClock readClock = readKernelClock;
+        /// Called at the first reset.
+        std::function<void()> warnOfReset;
+    };
+
+    explicit EnergyCounter(Options options);
+
+    /// @return std::nullopt when the kernel's counter cannot be read.
+    std::optional<EnergyReading> read();
+
+    /// As of the latest reading. A rail that is not since boot never becomes so again.
+    bool isSinceBoot() const;
+
+  private:
+    void start(int64_t counterUWs, std::chrono::nanoseconds bootTime);
+    bool advance(int64_t counterUWs, std::chrono::nanoseconds runningTime, int64_t timestampMs);
+    void skip(int64_t fromMs, int64_t toMs);
+    void add(int64_t energyUWs);
+
+    struct Moment {
+        int64_t counterUWs;
+        /// CLOCK_MONOTONIC, which stops in suspend as the counter's zone does.
+        std::chrono::nanoseconds runningTime;
+        int64_t timestampMs;
+    };
+
+    const Options mOptions;
+    mutable std::mutex mMutex;
+    std::optional<Moment> mLast;
+    int64_t mEnergyUWs = 0;
+    int64_t mUncoveredMs = 0;
+    int64_t mCountedSinceMs = 0;
+    bool mWasReset = false;
+};
+
+/// How often a counter that wraps has to be read.
+std::chrono::milliseconds samplingInterval(int64_t rangeUWs);
+
 /// One energy counter of the kernel.
 struct RailSource {
     /// Of the counter's file, below the root; the same for the same rail in every run.
@@ -28,11 +110,9 @@ struct RailSource {
     /// From the plainest to the most qualified; at least one. Bytes as the kernel has them.
     std::vector<std::string> names;
     std::string subsystem;
-    /// Energy in microwatt-seconds (which are microjoules). Safe to call from any thread.
-    std::function<std::optional<int64_t>()> read;
-    /// For a counter that wraps to zero: after how many microwatt-seconds it does. `read` has to be
-    /// called at least once in every wrap.
-    std::optional<int64_t> wrapsAfterUWs;
+    std::shared_ptr<EnergyCounter> counter;
+    /// For a counter that wraps: how often it has to be read.
+    std::optional<std::chrono::milliseconds> samplingInterval;
 };
 
 /// Time spent in a state, and how often it was entered.
@@ -62,19 +142,26 @@ struct EntitySource {
     std::vector<StateSource> states;
 };
 
+/// What rails need to know besides the files; see EnergyCounter.
+struct RailOptions {
+    bool hasBoot = true;
+    ReadClock readClock = readKernelClock;
+};
+
 /// Every zone of `class/powercap` with a readable `energy_uj`, sorted by path.
 ///
 /// A zone is named by the zones it is in and itself ("package-0/core"), qualified by its control
-/// type ("intel-rapl-mmio/package-0") and then by its folder. Its energy is the kernel's counter
-/// plus `max_energy_range_uj` for each wrap seen since this call; a reading below the one before is
-/// taken for a wrap.
-std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs);
+/// type ("intel-rapl-mmio/package-0") and then by its folder. Its counter wraps after
+/// `max_energy_range_uj`.
+std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs,
+                                          const RailOptions& options);
 
 /// Every readable `energy*_input` of the chips in `class/hwmon`, sorted by path.
 ///
 /// A counter is named by its label, or else by its chip and itself ("chip/energy1"), qualified by
-/// the chip's name and then by the chip's folder ("chip/hwmon3/label").
-std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs);
+/// the chip's name and then by the chip's folder ("chip/hwmon3/label"). Its counter does not wrap.
+std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs,
+                                       const RailOptions& options);
 
 /// The idle states of each CPU, by CPU number. Entity id: the CPU's number; state id: the state's.
 std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs);
@@ -82,12 +169,6 @@ std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs
 /// Every device below `devices` that has spent time in runtime suspend, sorted by path, with the
 /// states `active` (0) and `suspended` (1). The kernel does not count how often they are entered.
 std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs);
-
-/// Reads one of the kernel's clocks.
-using ReadClock = std::function<std::chrono::nanoseconds(clockid_t clock)>;
-
-/// clock_gettime(); zero when it fails.
-std::chrono::nanoseconds readKernelClock(clockid_t clock);
 
 /// The machine as a whole: `running` (0) and `suspended` (1) since boot, by the difference of two
 /// clocks. The time suspended never goes down from one reading to the next.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
+#include <algorithm>
 #include <limits>
-#include <mutex>
 #include <utility>
 
 #include "hal/CounterSources.h"
@@ -9,6 +9,30 @@
 namespace powerstats {
 
 namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+/// More than any zone draws on average over a sampling interval: the largest processor packages are
+/// rated at 500 W, and draw twice that for moments only. Memory and parts of a package draw less.
+/// The platform zone of a machine with several such packages may draw more; its wrap then passes
+/// for a reset, so that it shows too little energy and not too much.
+constexpr int64_t kGreatestZonePowerWatts = 1000;
+/// In the shortest possible wrap. So a lower value after one interval is a wrap only if the counter
+/// was in the last quarter of its range, which keeps most resets apart from wraps, and readings may
+/// come late.
+constexpr int64_t kReadingsPerWrap = 4;
+/// A range that calls for more than this is not one of real hardware.
+constexpr milliseconds kShortestInterval{10};
+/// How long the counters may have run before the kernel's clock started.
+constexpr std::chrono::seconds kFirmwareTime{10};
+
+/// The least time in which a zone draws this much; a microjoule is a watt for a microsecond.
+microseconds leastTimeFor(int64_t energyUWs) {
+    return microseconds(energyUWs / kGreatestZonePowerWatts);
+}
 
 const std::string kPowercap = "class/powercap/";
 
@@ -34,44 +58,29 @@ std::vector<std::string> namesOf(const Sysfs& sysfs, const std::string& zone) {
     return {name, byControlType, byControlType + " (" + zone + ")"};
 }
 
-/// A counter that starts again at zero once it has passed its range.
-class WrappingCounter {
-  public:
-    WrappingCounter(std::shared_ptr<const Sysfs> sysfs, std::string path, int64_t rangeUWs)
-        : mSysfs(std::move(sysfs)), mPath(std::move(path)), mRangeUWs(rangeUWs) {}
-
-    std::optional<int64_t> read() {
-        // Locked while reading: two readings that overtake each other would look like a wrap.
-        std::lock_guard<std::mutex> lock(mMutex);
-        const std::optional<int64_t> counter = mSysfs->readNumber(mPath);
-        if (!counter) return std::nullopt;
-        if (*counter < mLast) mWrapped += mRangeUWs;
-        mLast = *counter;
-        return mWrapped + *counter;
-    }
-
-  private:
-    const std::shared_ptr<const Sysfs> mSysfs;
-    const std::string mPath;
-    const int64_t mRangeUWs;
-    std::mutex mMutex;
-    int64_t mLast = 0;
-    int64_t mWrapped = 0;
-};
-
-std::function<std::optional<int64_t>()> makeReader(const std::shared_ptr<const Sysfs>& sysfs,
-                                                   const std::string& path,
-                                                   std::optional<int64_t> range) {
-    if (!range) return [sysfs, path] { return sysfs->readNumber(path); };
-    auto counter = std::make_shared<WrappingCounter>(sysfs, path, *range);
-    return [counter] { return counter->read(); };
+std::shared_ptr<EnergyCounter> makeCounter(const std::shared_ptr<const Sysfs>& sysfs,
+                                           const std::string& path, std::optional<int64_t> rangeUWs,
+                                           const RailOptions& options) {
+    EnergyCounter::Options of;
+    of.readCounter = [sysfs, path] { return sysfs->readNumber(path); };
+    of.rangeUWs = rangeUWs;
+    of.hasBoot = options.hasBoot;
+    of.readClock = options.readClock;
+    of.warnOfReset = [sysfs, path] {
+        sysfs->warn(
+            path, "the counter started again at 0",
+            "the energy since its last reading is lost; a suspend or a reload of the driver "
+            "does this");
+    };
+    return std::make_shared<EnergyCounter>(std::move(of));
 }
 
 const std::string kHwmon = "class/hwmon/";
 const std::string kInput = "_input";
 
 RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string& chipFolder,
-                    const std::string& chip, const std::string& sensor) {
+                    const std::string& chip, const std::string& sensor,
+                    const RailOptions& options) {
     const std::string path = kHwmon + chipFolder + "/" + sensor;
     const std::optional<std::string> label = sysfs->readName(path + "_label");
     const std::string name = label.value_or(sensor);
@@ -81,26 +90,110 @@ RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string
     return {input,
             {label ? name : byChip, byChip, byFolder},
             "hwmon",
-            [sysfs, input] { return sysfs->readNumber(input); },
+            makeCounter(sysfs, input, std::nullopt, options),
             std::nullopt};
 }
 
 }  // namespace
 
-std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs) {
+EnergyCounter::EnergyCounter(Options options) : mOptions(std::move(options)) {}
+
+std::optional<EnergyReading> EnergyCounter::read() {
+    // Locked while reading: two readings that overtake each other would look like a wrap.
+    std::unique_lock<std::mutex> lock(mMutex);
+    const std::optional<int64_t> counter = mOptions.readCounter();
+    if (!counter) return std::nullopt;
+    const nanoseconds runningTime = mOptions.readClock(CLOCK_MONOTONIC);
+    const nanoseconds bootTime = mOptions.readClock(CLOCK_BOOTTIME);
+    const int64_t timestampMs = duration_cast<milliseconds>(bootTime).count();
+
+    bool isFirstReset = false;
+    if (!mLast) {
+        start(*counter, bootTime);
+    } else if (advance(*counter, runningTime, timestampMs)) {
+        isFirstReset = !mWasReset;
+        mWasReset = true;
+    }
+    mLast = {*counter, runningTime, timestampMs};
+    const EnergyReading reading{mEnergyUWs, timestampMs, timestampMs - mUncoveredMs,
+                                mCountedSinceMs};
+    lock.unlock();
+    if (isFirstReset && mOptions.warnOfReset) mOptions.warnOfReset();
+    return reading;
+}
+
+bool EnergyCounter::isSinceBoot() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mUncoveredMs == 0;
+}
+
+/// Takes the first reading. REQUIRES: mMutex is held
+void EnergyCounter::start(int64_t counterUWs, nanoseconds bootTime) {
+    const auto& range = mOptions.rangeUWs;
+    const bool mayHaveWrapped = range && bootTime >= leastTimeFor(*range);
+    const bool isOlderThanBoot = range && leastTimeFor(counterUWs) > bootTime + kFirmwareTime;
+    if (mOptions.hasBoot && (mayHaveWrapped || isOlderThanBoot)) {
+        skip(0, duration_cast<milliseconds>(bootTime).count());
+    } else {
+        mEnergyUWs = counterUWs;
+    }
+}
+
+/// Takes a later reading. Returns whether the counter was reset. REQUIRES: mMutex is held
+bool EnergyCounter::advance(int64_t counterUWs, nanoseconds runningTime, int64_t timestampMs) {
+    const auto& range = mOptions.rangeUWs;
+    const nanoseconds time = runningTime - mLast->runningTime;
+    const bool mayHaveWrappedUnseen = range && time >= leastTimeFor(*range);
+    if (mayHaveWrappedUnseen && mOptions.hasBoot) skip(mLast->timestampMs, timestampMs);
+    if (counterUWs >= mLast->counterUWs) {
+        add(counterUWs - mLast->counterUWs);
+        return false;
+    }
+    if (range && !mayHaveWrappedUnseen) {
+        const int64_t untilWrap = std::max<int64_t>(0, *range - mLast->counterUWs);
+        if (leastTimeFor(untilWrap + counterUWs) <= time) {
+            add(untilWrap + counterUWs);
+            return false;
+        }
+    }
+    add(counterUWs);
+    return !mayHaveWrappedUnseen;
+}
+
+/// Notes a time that is not covered. REQUIRES: mMutex is held
+void EnergyCounter::skip(int64_t fromMs, int64_t toMs) {
+    mUncoveredMs += toMs - fromMs;
+    mCountedSinceMs = toMs;
+}
+
+/// Adds energy up to the greatest number. REQUIRES: mMutex is held
+void EnergyCounter::add(int64_t energyUWs) {
+    mEnergyUWs += std::min(energyUWs, std::numeric_limits<int64_t>::max() - mEnergyUWs);
+}
+
+milliseconds samplingInterval(int64_t rangeUWs) {
+    const auto interval = duration_cast<milliseconds>(leastTimeFor(rangeUWs) / kReadingsPerWrap);
+    return std::max(interval, kShortestInterval);
+}
+
+std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs,
+                                          const RailOptions& options) {
     std::vector<RailSource> rails;
     for (const std::string& zone : sysfs->entries(kPowercap)) {
         const std::string path = kPowercap + zone + "/energy_uj";
         std::optional<int64_t> range = sysfs->readNumber(kPowercap + zone + "/max_energy_range_uj");
         if (range == 0) range.reset();
-        auto read = makeReader(sysfs, path, range);
-        if (!read()) continue;
-        rails.push_back({path, namesOf(*sysfs, zone), "powercap", std::move(read), range});
+        auto counter = makeCounter(sysfs, path, range, options);
+        if (!counter->read()) continue;
+        RailSource rail{path, namesOf(*sysfs, zone), "powercap", std::move(counter), {}};
+        if (range) rail.samplingInterval = samplingInterval(*range);
+        rails.push_back(std::move(rail));
     }
     return rails;
 }
 
-std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs) {
+std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs,
+                                       const RailOptions& options) {
     std::vector<RailSource> rails;
     for (const std::string& chipFolder : sysfs->entries(kHwmon)) {
         const std::string chip =
@@ -109,8 +202,8 @@ std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs
             if (!numberInName(file, "energy", kInput, std::numeric_limits<int32_t>::max()))
                 continue;
             const std::string sensor = file.substr(0, file.size() - kInput.size());
-            RailSource rail = makeRail(sysfs, chipFolder, chip, sensor);
-            if (rail.read()) rails.push_back(std::move(rail));
+            RailSource rail = makeRail(sysfs, chipFolder, chip, sensor, options);
+            if (rail.counter->read()) rails.push_back(std::move(rail));
         }
     }
     return rails;

@@ -13,18 +13,9 @@ namespace powerstats {
 
 namespace {
 
-using std::chrono::duration_cast;
-using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 constexpr int kRailIdBits = 31;
-
-/// Well above what any zone draws, whole machines with several processors included.
-constexpr int64_t kGreatestZonePowerWatts = 5000;
-/// Two readings in the shortest possible wrap, so that one may come late.
-constexpr int64_t kReadingsPerWrap = 2;
-/// A range that calls for more than this is not one of real hardware.
-constexpr milliseconds kShortestInterval{10};
 
 std::vector<Rail> nameRails(std::vector<RailSource> sources) {
     std::sort(sources.begin(), sources.end(),
@@ -98,14 +89,15 @@ Answer<const Thing*> select(const std::vector<Thing>& things,
 
 }  // namespace
 
-LinuxCounters::LinuxCounters(const Options& options) : mReadClock(options.readClock) {
+LinuxCounters::LinuxCounters(const Options& options) {
     const auto sysfs = std::make_shared<const Sysfs>(options.root, options.warn);
 
-    std::vector<RailSource> sources = findHwmonRails(sysfs);
-    append(&sources, findPowercapRails(sysfs));
+    const RailOptions railOptions{options.hasBoot.value_or(sysfs->isKernels()), options.readClock};
+    std::vector<RailSource> sources = findHwmonRails(sysfs, railOptions);
+    append(&sources, findPowercapRails(sysfs, railOptions));
     mRails = nameRails(std::move(sources));
 
-    mEntities.push_back(makeSystemEntity(sysfs, mReadClock));
+    mEntities.push_back(makeSystemEntity(sysfs, options.readClock));
     append(&mEntities, findIdleCpus(sysfs));
     append(&mEntities, findSuspendingDevices(sysfs));
 
@@ -118,20 +110,17 @@ LinuxCounters::LinuxCounters(const Options& options) : mReadClock(options.readCl
 }
 
 void LinuxCounters::startSampling() {
-    std::vector<std::function<std::optional<int64_t>()>> wrapping;
-    std::optional<int64_t> smallestRange;
+    std::vector<std::shared_ptr<EnergyCounter>> counters;
+    milliseconds interval = milliseconds::max();
     for (const Rail& rail : mRails) {
-        if (!rail.source.wrapsAfterUWs) continue;
-        wrapping.push_back(rail.source.read);
-        smallestRange = std::min(smallestRange.value_or(INT64_MAX), *rail.source.wrapsAfterUWs);
+        if (!rail.source.samplingInterval) continue;
+        counters.push_back(rail.source.counter);
+        interval = std::min(interval, *rail.source.samplingInterval);
     }
-    if (wrapping.empty()) return;
-    const microseconds shortestWrap(*smallestRange / kGreatestZonePowerWatts);
-    const auto interval = duration_cast<milliseconds>(shortestWrap / kReadingsPerWrap);
-    mSampler = std::make_unique<PeriodicThread>("counter-sampler",
-                                                std::max(interval, kShortestInterval), [wrapping] {
-                                                    for (const auto& read : wrapping) read();
-                                                });
+    if (counters.empty()) return;
+    mSampler = std::make_unique<PeriodicThread>("counter-sampler", interval, [counters] {
+        for (const auto& counter : counters) counter->read();
+    });
 }
 
 Answer<const EntitySource*> LinuxCounters::selectEntities(const std::vector<int32_t>& ids) const {
@@ -142,7 +131,9 @@ Answer<RailEnergy> LinuxCounters::readRails(const std::vector<int32_t>& ids) con
     const Answer<const Rail*> selected = select(mRails, mRailIndices, ids, "rail");
     Answer<RailEnergy> answer{selected.refusal, {}};
     for (const Rail* rail : selected.records) {
-        if (const auto energy = rail->source.read()) answer.records.push_back({rail->id, *energy});
+        if (const auto reading = rail->source.counter->read()) {
+            answer.records.push_back({rail->id, *reading});
+        }
     }
     return answer;
 }
@@ -158,10 +149,6 @@ Answer<EntityResidency> LinuxCounters::readEntities(const std::vector<int32_t>& 
         if (!record.states.empty()) answer.records.push_back(std::move(record));
     }
     return answer;
-}
-
-int64_t LinuxCounters::timestampMs() const {
-    return duration_cast<milliseconds>(mReadClock(CLOCK_BOOTTIME)).count();
 }
 
 }  // namespace powerstats

@@ -24,7 +24,7 @@ struct Rail {
 
 struct RailEnergy {
     int32_t id = 0;
-    int64_t energyUWs = 0;
+    EnergyReading reading;
 };
 
 struct StateResidency {
@@ -62,6 +62,7 @@ struct Answer {
 /// Ids are never negative and come from the thing itself: a CPU has its number, the system 0x10000,
 /// a device 0x40000000 and more by its path, a rail a number by its path.
 ///
+/// Energy is since boot where that is certain (EnergyCounter); EnergyReading says so for each rail.
 /// While a counter that wraps is among the rails, a thread reads it often enough that no wrap is
 /// missed. Safe to use from any thread.
 class LinuxCounters {
@@ -71,6 +72,9 @@ class LinuxCounters {
         /// Receives a line for each file that is there and cannot be used, once.
         WarningCallback warn;
         ReadClock readClock = readKernelClock;
+        /// Whether the energy counters started with this machine; see EnergyCounter. By default
+        /// whether `root` is the kernel's own tree.
+        std::optional<bool> hasBoot;
     };
 
     explicit LinuxCounters(const Options& options);
@@ -87,13 +91,9 @@ class LinuxCounters {
     /// out of the answer.
     Answer<EntityResidency> readEntities(const std::vector<int32_t>& ids) const;
 
-    /// Now, in milliseconds since boot, including suspend.
-    int64_t timestampMs() const;
-
   private:
     void startSampling();
 
-    const ReadClock mReadClock;
     std::vector<Rail> mRails;
     std::vector<EntitySource> mEntities;
     /// Ids to indices into the list above.

@@ -87,15 +87,14 @@ ScopedAStatus LinuxPowerStatsAidl::getEnergyMeterInfo(std::vector<Channel>* chan
 ScopedAStatus LinuxPowerStatsAidl::readEnergyMeter(const std::vector<int32_t>& channelIds,
                                                    std::vector<EnergyMeasurement>* measurements) {
     measurements->clear();
-    const int64_t timestampMs = mCounters->timestampMs();
     const Answer<RailEnergy> answer = mCounters->readRails(channelIds);
     if (answer.refusal) return refused(*answer.refusal);
-    for (const RailEnergy& rail : answer.records) {
+    for (const auto& [id, reading] : answer.records) {
         measurements->emplace_back();
-        measurements->back().id = rail.id;
-        measurements->back().timestampMs = timestampMs;
-        measurements->back().durationMs = timestampMs;
-        measurements->back().energyUWs = rail.energyUWs;
+        measurements->back().id = id;
+        measurements->back().timestampMs = reading.timestampMs;
+        measurements->back().durationMs = reading.durationMs;
+        measurements->back().energyUWs = reading.energyUWs;
     }
     return ScopedAStatus::ok();
 }

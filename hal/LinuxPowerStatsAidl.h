@@ -41,7 +41,7 @@ class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowe
     ndk::ScopedAStatus getEnergyMeterInfo(
         std::vector<aidl::android::hardware::power::stats::Channel>* channels) override;
 
-    /// `durationMs` equals `timestampMs`: the counters run since boot.
+    /// `durationMs` equals `timestampMs` for a channel that is since boot; see EnergyReading.
     ndk::ScopedAStatus readEnergyMeter(
         const std::vector<int32_t>& channelIds,
         std::vector<aidl::android::hardware::power::stats::EnergyMeasurement>* measurements)

@@ -2,8 +2,8 @@
 
 #include "hal/LinuxPowerStatsHidl.h"
 
+#include <algorithm>
 #include <utility>
-#include <vector>
 
 namespace powerstats {
 
@@ -61,39 +61,65 @@ PowerEntityStateResidencyResult toHidl(const EntityResidency& entity) {
 
 LinuxPowerStatsHidl::LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
                                          HidlRails rails)
-    : mCounters(std::move(counters)), mRails(rails) {}
+    : mCounters(std::move(counters)) {
+    if (rails == HidlRails::kNotServed) return;
+    for (const Rail& rail : mCounters->rails()) {
+        if (rail.source.counter->isSinceBoot()) mAnnouncedRails.insert(rail.id);
+    }
+}
 
-bool LinuxPowerStatsHidl::hasRails() const {
-    return mRails == HidlRails::kServed && !mCounters->rails().empty();
+/// The rails in the order of the counters; none when none is since boot any more.
+std::vector<const Rail*> LinuxPowerStatsHidl::announcedRails() const {
+    std::vector<const Rail*> rails;
+    bool anySinceBoot = false;
+    for (const Rail& rail : mCounters->rails()) {
+        if (mAnnouncedRails.count(rail.id) == 0) continue;
+        rails.push_back(&rail);
+        anySinceBoot = anySinceBoot || rail.source.counter->isSinceBoot();
+    }
+    if (!anySinceBoot) rails.clear();
+    return rails;
 }
 
 Return<void> LinuxPowerStatsHidl::getRailInfo(getRailInfo_cb callback) {
-    if (!hasRails()) {
-        callback({}, Status::NOT_SUPPORTED);
-        return Void();
+    std::vector<RailInfo> infos;
+    for (const Rail* rail : announcedRails()) {
+        infos.push_back({static_cast<uint32_t>(rail->id), rail->name, rail->source.subsystem, 0});
     }
-    std::vector<RailInfo> rails;
-    for (const Rail& rail : mCounters->rails()) {
-        rails.push_back({static_cast<uint32_t>(rail.id), rail.name, rail.source.subsystem, 0});
-    }
-    callback(rails, Status::SUCCESS);
+    callback(infos, infos.empty() ? Status::NOT_SUPPORTED : Status::SUCCESS);
     return Void();
 }
 
 Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIndices,
                                                 getEnergyData_cb callback) {
-    if (!hasRails()) {
+    const std::vector<const Rail*> announced = announcedRails();
+    if (announced.empty()) {
         callback({}, Status::NOT_SUPPORTED);
         return Void();
     }
-    const auto timestampMs = static_cast<uint64_t>(mCounters->timestampMs());
-    const Answer<RailEnergy> answer = mCounters->readRails(toIds(railIndices));
-    std::vector<EnergyData> energies;
-    for (const auto& [id, energyUWs] : answer.records) {
-        energies.push_back(
-            {static_cast<uint32_t>(id), timestampMs, static_cast<uint64_t>(energyUWs)});
+    std::vector<int32_t> ids;
+    if (railIndices.size() == 0) {
+        for (const Rail* rail : announced) ids.push_back(rail->id);
+    } else {
+        ids = toIds(railIndices);
     }
-    callback(energies, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
+    const bool areAnnounced = std::all_of(
+        ids.begin(), ids.end(), [this](int32_t id) { return mAnnouncedRails.count(id) != 0; });
+    if (!areAnnounced) {
+        callback({}, Status::INVALID_INPUT);
+        return Void();
+    }
+    const Answer<RailEnergy> answer = mCounters->readRails(ids);
+    std::vector<EnergyData> energies;
+    for (const auto& [id, reading] : answer.records) {
+        if (!reading.isSinceBoot()) continue;
+        energies.push_back({static_cast<uint32_t>(id), static_cast<uint64_t>(reading.timestampMs),
+                            static_cast<uint64_t>(reading.energyUWs)});
+    }
+    const bool noneSinceBoot = energies.empty() && !answer.records.empty();
+    callback(energies, answer.refusal  ? Status::INVALID_INPUT
+                       : noneSinceBoot ? Status::NOT_SUPPORTED
+                                       : Status::SUCCESS);
     return Void();
 }
 

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <unordered_set>
+#include <vector>
 
 #include "hal/LinuxCounters.h"
 
@@ -20,8 +22,12 @@ enum class HidlRails { kServed, kNotServed };
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are is answered with INVALID_INPUT and no
-/// records. Counters that cannot be read now are left out. Without rails, or when they
-/// are not served, both calls for rails answer NOT_SUPPORTED.
+/// records. Counters that cannot be read now are left out.
+///
+/// A HIDL record has no duration, so all energy is since boot here. Only the rails that are since
+/// boot when this object is made are announced and known, and one that stops being so is left out
+/// of the answers. When none is left, or rails are not served, both calls for rails answer
+/// NOT_SUPPORTED.
 class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPowerStats {
   public:
     explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
@@ -46,10 +52,10 @@ class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPower
         getPowerEntityStateResidencyData_cb callback) override;
 
   private:
-    bool hasRails() const;
+    std::vector<const Rail*> announcedRails() const;
 
     const std::shared_ptr<const LinuxCounters> mCounters;
-    const HidlRails mRails;
+    std::unordered_set<int32_t> mAnnouncedRails;
 };
 
 }  // namespace powerstats

@@ -3,6 +3,8 @@
 #include "hal/Sysfs.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +45,11 @@ std::string withoutSlashAtEnd(const std::string& folder) {
     return folder.substr(0, folder.find_last_not_of('/') + 1);
 }
 
+bool isOnSysfs(const std::string& folder) {
+    struct statfs info {};
+    return statfs(folder.c_str(), &info) == 0 && info.f_type == SYSFS_MAGIC;
+}
+
 /// An open file, closed with its scope.
 struct OpenFile {
     explicit OpenFile(const std::string& file)
@@ -59,7 +66,7 @@ struct OpenFile {
 }  // namespace
 
 Sysfs::Sysfs(const std::string& root, WarningCallback warn)
-    : mRoot(withoutSlashAtEnd(root)), mWarn(std::move(warn)) {}
+    : mRoot(withoutSlashAtEnd(root)), mIsKernels(isOnSysfs(root)), mWarn(std::move(warn)) {}
 
 std::string Sysfs::fullPath(const std::string& path) const {
     return mRoot + "/" + path;
@@ -142,6 +149,11 @@ void Sysfs::warnOnce(const std::string& path, const std::string& reason,
         if (!mWarnedPaths.insert(path).second) return;
     }
     // Outside of the lock: the callback is not ours.
+    warn(path, reason, remedy);
+}
+
+void Sysfs::warn(const std::string& path, const std::string& reason,
+                 const std::string& remedy) const {
     if (mWarn) mWarn(fullPath(path) + ": " + reason + " (" + remedy + ")");
 }
 

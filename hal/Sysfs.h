@@ -27,6 +27,12 @@ class Sysfs {
   public:
     Sysfs(const std::string& root, WarningCallback warn);
 
+    /// Whether the root is on the kernel's sysfs, and not on a tree that looks like it.
+    bool isKernels() const { return mIsKernels; }
+
+    /// Gives a warning about a file, each time.
+    void warn(const std::string& path, const std::string& reason, const std::string& remedy) const;
+
     /// The path of a file as a user would type it.
     std::string fullPath(const std::string& path) const;
 
@@ -52,6 +58,7 @@ class Sysfs {
     void warnUnlessAbsent(const std::string& path, int error) const;
 
     const std::string mRoot;
+    const bool mIsKernels;
     const WarningCallback mWarn;
     mutable std::mutex mMutex;
     mutable std::set<std::string> mWarnedPaths;

@@ -52,8 +52,9 @@ class AidlClient : public Client {
         if (!status.isOk()) return refused(status, measurements.size());
         Lines lines;
         for (const auto& rail : measurements) {
-            EXPECT_EQ(rail.durationMs, rail.timestampMs) << "accumulated since boot";
             lines.push_back(fmt::format("{} {} at {}", rail.id, rail.energyUWs, rail.timestampMs));
+            if (rail.durationMs == rail.timestampMs) continue;
+            lines.back() += fmt::format(" of {} ms", rail.durationMs);
         }
         return lines;
     }
@@ -105,7 +106,7 @@ class HidlClient : public Client {
         Lines lines;
         const auto callback = [&](const hidl_vec<hidl_stats::RailInfo>& rails,
                                   hidl_stats::Status status) {
-            EXPECT_EQ(status, hidl_stats::Status::SUCCESS);
+            noteStatus(status, &lines);
             for (const auto& rail : rails) {
                 EXPECT_EQ(rail.samplingRate, 0u);
                 lines.push_back(fmt::format("{} {} of {}", rail.index, rail.railName.c_str(),
@@ -183,8 +184,9 @@ class HidlClient : public Client {
 
     static void noteStatus(hidl_stats::Status status, Lines* lines) {
         if (status == hidl_stats::Status::SUCCESS) return;
-        EXPECT_EQ(status, hidl_stats::Status::INVALID_INPUT);
-        lines->push_back("refused");
+        lines->push_back(status == hidl_stats::Status::INVALID_INPUT   ? "refused"
+                         : status == hidl_stats::Status::NOT_SUPPORTED ? "NOT_SUPPORTED"
+                                                                       : "another status");
     }
 
     const android::sp<LinuxPowerStatsHidl> mService;
@@ -303,6 +305,47 @@ TEST_F(ServiceDifferencesTest, WithoutRailsOneHasAnEmptyListAndTheOtherIsNotSupp
         EXPECT_TRUE(service->getEnergyData({77}, expectNotSupported).isOk());
     }
     EXPECT_EQ(answers, 6);
+}
+
+TEST_F(ServiceDifferencesTest, OnlyTheOneWithDurationsHasRailsThatAreNotSinceBoot) {
+    using std::chrono::seconds;
+    seconds now(20);
+    LinuxCounters::Options options;
+    options.root = mTree.root();
+    options.hasBoot = true;
+    options.readClock = [&](clockid_t) { return now; };
+    constexpr long long kRangeUj = 262144000000;
+    const std::string meter = "class/hwmon/hwmon0/energy1_input";
+    mTree.write(meter, 42);
+    mTree.writeZone("zone:39751", "package-0", 1000, kRangeUj);
+    const auto counters = std::make_shared<const LinuxCounters>(options);
+    HidlClient early(counters);
+    const std::string meterId = std::to_string(counters->rails().front().id);
+    EXPECT_THAT(early.energies({}),
+                ElementsAre(meterId + " 42 at 20000", "962335114 1000 at 20000"));
+
+    now = seconds(320);  // more than a wrap may take
+    mTree.writeZone("zone:39751", "package-0", 2000, kRangeUj);
+    EXPECT_THAT(early.energies({}), ElementsAre(meterId + " 42 at 320000"));
+    EXPECT_THAT(early.energies({962335114}), ElementsAre("NOT_SUPPORTED"));
+    EXPECT_THAT(early.rails(), testing::SizeIs(2)) << "a list that clients keep";
+    EXPECT_THAT(AidlClient(counters).energies({}),
+                ElementsAre(meterId + " 42 at 320000", "962335114 2000 at 320000 of 20000 ms"));
+
+    HidlClient late(counters);
+    EXPECT_THAT(late.rails(), ElementsAre(meterId + " hwmon0/energy1 of hwmon"));
+    EXPECT_THAT(late.energies({}), ElementsAre(meterId + " 42 at 320000"));
+    EXPECT_THAT(late.energies({962335114}), ElementsAre("refused")) << "it was not announced";
+
+    mTree.remove(meter);
+    now = seconds(20);
+    const auto zoneOnly = std::make_shared<const LinuxCounters>(options);
+    HidlClient ends(zoneOnly);
+    EXPECT_THAT(ends.rails(), testing::SizeIs(1));
+    now = seconds(320);
+    EXPECT_THAT(ends.energies({}), ElementsAre("NOT_SUPPORTED"));
+    EXPECT_THAT(ends.rails(), ElementsAre("NOT_SUPPORTED"));
+    EXPECT_THAT(HidlClient(zoneOnly).energies({}), ElementsAre("NOT_SUPPORTED"));
 }
 
 TEST_F(ServiceDifferencesTest, EachAnswersWhatOnlyItsInterfaceHas) {

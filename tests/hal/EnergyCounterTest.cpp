@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <limits>
+#include <sstream>
+#include <string>
+
+#include "hal/CounterSources.h"
+
+namespace powerstats {
+namespace {
+
+using std::chrono::seconds;
+
+/// In microwatt-seconds.
+constexpr int64_t kJoule = 1000000;
+/// The joules that 32 bits of 61 microjoules hold; at 1,000 W a wrap takes 262.144 s.
+constexpr int64_t kRange = 262144;
+
+/// A counter whose readings and clocks a test sets.
+struct Machine {
+    explicit Machine(int64_t rangeJoules, bool hasBoot = true)
+        : counter({[this] { return joules * kJoule; },
+                   rangeJoules == 0 ? std::nullopt : std::optional<int64_t>(rangeJoules * kJoule),
+                   hasBoot,
+                   [this](clockid_t clock) { return clock == CLOCK_BOOTTIME ? boot : running; },
+                   [this] { ++warnings; }}) {}
+
+    int64_t joules = 0;
+    seconds boot{0};
+    seconds running{0};
+    int warnings = 0;
+    EnergyCounter counter;
+};
+
+TEST(EnergyCounter, TellsWrapsResetsAndUncoveredTimeApart) {
+    constexpr bool kNoBoot = false;
+    const struct {
+        const char* description;
+        int64_t range;  // joules
+        // Seconds of CLOCK_BOOTTIME and CLOCK_MONOTONIC, and the counter's joules; then the joules
+        // and seconds that are reported.
+        const char* readings;
+        int countedSinceSeconds = 0;
+        int warnings = 0;
+        bool hasBoot = true;
+    } cases[] = {
+        {"soon after boot, as much as a zone can have drawn", kRange,
+         "20 20 30000 = 30000 20, 90 90 30500 = 30500 90"},
+        {"more than a zone can have drawn: a kernel started by another", kRange,
+         "20 20 30001 = 0 0, 30 30 30002 = 1 10", 20},
+        {"a start after the shortest wrap", 262000, "262 262 100 = 0 0, 300 300 150 = 50 38", 262},
+        {"a start before it", 262000, "261 261 100 = 100 261"},
+        {"a wrap with as much as a zone can have drawn", kRange,
+         "20 20 0 = 0 20, 200 200 222144 = 222144 200, 265 265 25000 = 287144 265"},
+        {"a joule more, and a second time: resets, with one warning", kRange,
+         "20 20 0 = 0 20, 200 200 222144 = 222144 200, 265 265 25001 = 247145 265, "
+         "266 266 1 = 247146 266",
+         0, 1},
+        {"a reset in a suspend, in which a zone draws nothing", kRange,
+         "20 20 0 = 0 20, 80 80 200000 = 200000 80, 30000 130 150000 = 350000 30000", 0, 1},
+        {"so late that a wrap may have been missed: the rise", 262000,
+         "20 20 100 = 100 20, 282 282 300 = 300 20, 290 290 310 = 310 28", 282},
+        {"the same with a lower value, after a suspend, and again", 262000,
+         "20 20 100 = 100 20, 1020 282 50 = 150 20, 1030 292 60 = 160 30, 1400 662 10 = 170 30",
+         1400},
+        {"a value above the range", 10000, "5 5 15000 = 15000 5, 14 14 9000 = 24000 14"},
+        {"a range near the greatest number", 9223372036854,
+         "9 9 9223372036844 = 0 0, 10 10 9223372036854 = 10 1, "
+         "11 11 9223372036853 = 9223372036854 2",
+         9, 1},
+        {"no range: since boot, and a lower value is a reset", 0,
+         "90000 90000 700 = 700 90000, 190000 190000 900 = 900 190000, "
+         "190001 190001 400 = 1300 190001",
+         0, 1},
+        {"a tree without boot", kRange, "90000 90000 700 = 700 90000, 99000 99000 900 = 900 99000",
+         0, 0, kNoBoot},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.description);
+        Machine machine(test.range, test.hasBoot);
+        EnergyReading reading;
+        std::istringstream readings(test.readings);
+        for (std::string one; std::getline(readings, one, ',');) {
+            SCOPED_TRACE(one);
+            int64_t boot = 0, running = 0, energy = 0, duration = 0;
+            char equals = 0;
+            std::istringstream(one) >> boot >> running >> machine.joules >> equals >> energy >>
+                duration;
+            machine.boot = seconds(boot);
+            machine.running = seconds(running);
+            reading = machine.counter.read().value();
+            EXPECT_EQ(reading.energyUWs / kJoule, energy);
+            EXPECT_EQ(reading.timestampMs, boot * 1000);
+            EXPECT_EQ(reading.durationMs, duration * 1000);
+            EXPECT_EQ(machine.counter.isSinceBoot(), reading.isSinceBoot());
+        }
+        EXPECT_EQ(reading.countedSinceMs, test.countedSinceSeconds * 1000);
+        EXPECT_EQ(machine.warnings, test.warnings);
+    }
+}
+
+TEST(EnergyCounter, CountsALaptopsThreeDaysWithWrapsAndASuspend) {
+    constexpr int64_t kWatts = 10;
+    constexpr seconds kSuspendAfter(110000), kSuspended(8 * 3600);
+    const auto interval =
+        std::chrono::duration_cast<seconds>(samplingInterval(kRange * kJoule));  // the sampler's
+    EXPECT_EQ(interval, seconds(65));
+    Machine machine(kRange);
+    machine.boot = machine.running = seconds(20);
+    int64_t used = machine.joules = 20 * kWatts;
+    machine.counter.read();
+    int wraps = 0;
+    EnergyReading reading;
+    while (machine.boot < std::chrono::hours(72)) {
+        const bool hasSuspended = machine.running > kSuspendAfter;
+        machine.running += interval;
+        machine.boot += interval;
+        machine.joules += interval.count() * kWatts;
+        if (machine.running > kSuspendAfter && !hasSuspended) {
+            machine.boot += kSuspended;
+            machine.joules = 0;  // what was used since the last reading is lost
+        } else {
+            used += interval.count() * kWatts;
+        }
+        if (machine.joules >= kRange) {
+            machine.joules -= kRange;
+            ++wraps;
+        }
+        reading = machine.counter.read().value();
+    }
+    EXPECT_EQ(wraps, 8);
+    EXPECT_TRUE(reading.isSinceBoot());
+    EXPECT_EQ(reading.energyUWs, used * kJoule);
+    EXPECT_EQ(machine.warnings, 1);
+}
+
+}  // namespace
+}  // namespace powerstats
