@@ -166,8 +166,10 @@ std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs
 /// The idle states of each CPU, by CPU number. Entity id: the CPU's number; state id: the state's.
 std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs);
 
-/// Every device below `devices` that has spent time in runtime suspend, sorted by path, with the
-/// states `active` (0) and `suspended` (1). The kernel does not count how often they are entered.
+/// Every device below `devices` that can be suspended while the machine runs, sorted by path, with
+/// the states `active` (0) and `suspended` (1). The kernel does not count how often they are
+/// entered. A device without `power/runtime_status` counts as one if it was suspended before this
+/// call.
 std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs);
 
 /// The machine as a whole: `running` (0) and `suspended` (1) since boot, by the difference of two

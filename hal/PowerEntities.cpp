@@ -55,16 +55,20 @@ constexpr struct {
                      {"suspended", "/power/runtime_suspended_time"}};
 constexpr auto& kSuspended = kDeviceStates[1];
 
-/// Adds the paths below `devices` of the devices in `folder` that have ever been suspended. Links
-/// between devices are not followed: they lead in circles.
+bool canSuspend(const Sysfs& sysfs, const std::string& device) {
+    const auto status = sysfs.readName(kDevices + device + "/power/runtime_status");
+    if (status) return *status != "unsupported";
+    return sysfs.readNumber(kDevices + device + kSuspended.file).value_or(0) > 0;
+}
+
+/// Adds the paths below `devices` of the devices in `folder` that can suspend. Links between
+/// devices are not followed: they lead in circles.
 void collectDevices(const Sysfs& sysfs, const std::string& folder,
                     std::vector<std::string>* devices) {
     for (const std::string& entry : sysfs.ownFolders(kDevices + folder)) {
         if (entry == "power") continue;
         const std::string device = folder + entry;
-        if (sysfs.readNumber(kDevices + device + kSuspended.file).value_or(0) > 0) {
-            devices->push_back(device);
-        }
+        if (canSuspend(sysfs, device)) devices->push_back(device);
         collectDevices(sysfs, device + "/", devices);
     }
 }

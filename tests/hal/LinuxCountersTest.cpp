@@ -292,6 +292,24 @@ TEST_F(LinuxCountersTest, TheSetIsFixedWhenItIsMade) {
     EXPECT_THAT(mWarnings, IsEmpty()) << "what comes and goes is no fault";
 }
 
+TEST_F(LinuxCountersTest, DevicesThatCanSuspendAreShownBeforeTheyDo) {
+    const char* const statuses[] = {"active", "suspended", "error", "unsupported"};
+    for (const std::string status : statuses) {
+        mTree.writeDevice(status, 5, 0);
+        mTree.write("devices/" + status + "/power/runtime_status", status);
+    }
+    mTree.writeDevice("unsupported", 5, 6);
+    mTree.writeDevice("unknown and never suspended", 5, 0);
+    mTree.writeDevice("unknown", 5, 6);
+    const auto counters = make();
+    EXPECT_THAT(ids(*counters),
+                UnorderedElementsAre(Pair("active", testing::_), Pair("suspended", testing::_),
+                                     Pair("error", testing::_), Pair("unknown", testing::_),
+                                     Pair("system", testing::_)));
+    mTree.writeDevice("active", 5, 70);
+    EXPECT_THAT(residencies(*counters)["active/suspended"], Pair(70, 0));
+}
+
 TEST_F(LinuxCountersTest, UnitsAreMillisecondsAndMicrowattSeconds) {
     mTree.write("class/hwmon/hwmon0/energy1_input", 9223372036854775807);
     mTree.writeIdleState(0, 3, "C6", 1234567, 89);
