@@ -105,8 +105,9 @@ std::chrono::milliseconds samplingInterval(int64_t rangeUWs);
 
 /// One energy counter of the kernel.
 struct RailSource {
-    /// Of the counter's file, below the root; the same for the same rail in every run.
-    std::string path;
+    /// Made of the path of the counter or of its device: the same for the same rail in every run,
+    /// also after another boot. The rail's id comes from it.
+    std::string identity;
     /// From the plainest to the most qualified; at least one. Bytes as the kernel has them.
     std::vector<std::string> names;
     std::string subsystem;
@@ -148,7 +149,7 @@ struct RailOptions {
     ReadClock readClock = readKernelClock;
 };
 
-/// Every zone of `class/powercap` with a readable `energy_uj`, sorted by path.
+/// Every zone of `class/powercap` with a readable `energy_uj`.
 ///
 /// A zone is named by the zones it is in and itself ("package-0/core"), qualified by its control
 /// type ("intel-rapl-mmio/package-0") and then by its folder. Its counter wraps after
@@ -156,7 +157,10 @@ struct RailOptions {
 std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs,
                                           const RailOptions& options);
 
-/// Every readable `energy*_input` of the chips in `class/hwmon`, sorted by path.
+/// Every readable `energy*_input` of the chips in `class/hwmon`.
+///
+/// The numbers of chips change between boots, so a counter's identity has the path of the chip's
+/// device, or else the chip's name.
 ///
 /// A counter is named by its label, or else by its chip and itself ("chip/energy1"), qualified by
 /// the chip's name and then by the chip's folder ("chip/hwmon3/label"). Its counter does not wrap.

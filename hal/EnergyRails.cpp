@@ -78,8 +78,10 @@ std::shared_ptr<EnergyCounter> makeCounter(const std::shared_ptr<const Sysfs>& s
 const std::string kHwmon = "class/hwmon/";
 const std::string kInput = "_input";
 
+/// @param chip [in] the chip's name.
+/// @param device [in] what stays the same of the chip in every boot.
 RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string& chipFolder,
-                    const std::string& chip, const std::string& sensor,
+                    const std::string& chip, const std::string& device, const std::string& sensor,
                     const RailOptions& options) {
     const std::string path = kHwmon + chipFolder + "/" + sensor;
     const std::optional<std::string> label = sysfs->readName(path + "_label");
@@ -87,7 +89,7 @@ RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string
     const std::string byChip = chip + "/" + name;
     const std::string byFolder = chip + "/" + chipFolder + "/" + name;
     const std::string input = path + kInput;
-    return {input,
+    return {kHwmon + device + "/" + sensor,
             {label ? name : byChip, byChip, byFolder},
             "hwmon",
             makeCounter(sysfs, input, std::nullopt, options),
@@ -198,11 +200,13 @@ std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs
     for (const std::string& chipFolder : sysfs->entries(kHwmon)) {
         const std::string chip =
             sysfs->readName(kHwmon + chipFolder + "/name").value_or(chipFolder);
+        const std::string device =
+            sysfs->resolveLink(kHwmon + chipFolder + "/device").value_or(chip);
         for (const std::string& file : sysfs->entries(kHwmon + chipFolder)) {
             if (!numberInName(file, "energy", kInput, std::numeric_limits<int32_t>::max()))
                 continue;
             const std::string sensor = file.substr(0, file.size() - kInput.size());
-            RailSource rail = makeRail(sysfs, chipFolder, chip, sensor, options);
+            RailSource rail = makeRail(sysfs, chipFolder, chip, device, sensor, options);
             if (rail.counter->read()) rails.push_back(std::move(rail));
         }
     }

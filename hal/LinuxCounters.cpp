@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "hal/NamesAndIds.h"
@@ -18,8 +19,10 @@ using std::chrono::milliseconds;
 constexpr int kRailIdBits = 31;
 
 std::vector<Rail> nameRails(std::vector<RailSource> sources) {
-    std::sort(sources.begin(), sources.end(),
-              [](const RailSource& a, const RailSource& b) { return a.path < b.path; });
+    // Names tell rails apart that have one identity, such as those of two chips of one device.
+    std::sort(sources.begin(), sources.end(), [](const RailSource& a, const RailSource& b) {
+        return std::tie(a.identity, a.names) < std::tie(b.identity, b.names);
+    });
     std::vector<std::vector<std::string>> choices;
     choices.reserve(sources.size());
     for (const RailSource& source : sources) choices.push_back(source.names);
@@ -28,7 +31,7 @@ std::vector<Rail> nameRails(std::vector<RailSource> sources) {
     PathIds ids(0, kRailIdBits);
     std::vector<Rail> rails;
     for (size_t i = 0; i < sources.size(); ++i) {
-        const int32_t id = ids.add(sources[i].path);
+        const int32_t id = ids.add(sources[i].identity);
         rails.push_back({id, std::move(names[i]), std::move(sources[i])});
     }
     return rails;

@@ -16,7 +16,7 @@
 namespace powerstats {
 
 struct Rail {
-    /// From the path of the rail's counter: the same for the same rail in every run.
+    /// From the rail's identity: the same for the same rail in every run.
     int32_t id = 0;
     std::string name;
     RailSource source;
@@ -60,7 +60,7 @@ struct Answer {
 /// among the entities, those of states in their entity.
 ///
 /// Ids are never negative and come from the thing itself: a CPU has its number, the system 0x10000,
-/// a device 0x40000000 and more by its path, a rail a number by its path.
+/// a device 0x40000000 and more by its path, a rail a number by its identity.
 ///
 /// Energy is since boot where that is certain (EnergyCounter); EnergyReading says so for each rail.
 /// While a counter that wraps is among the rails, a thread reads it often enough that no wrap is

@@ -113,6 +113,15 @@ std::optional<std::string> Sysfs::readText(const std::string& path) const {
     return withoutSpaceAround(std::string(buffer, size));
 }
 
+std::optional<std::string> Sysfs::resolveLink(const std::string& path) const {
+    std::error_code error;
+    const fs::path target = fs::canonical(fullPath(path), error);
+    if (error) return std::nullopt;
+    const std::string root = fs::canonical(mRoot + "/", error).string() + "/";
+    const std::string found = target.string();
+    return found.compare(0, root.size(), root) == 0 ? found.substr(root.size()) : found;
+}
+
 std::vector<std::string> Sysfs::entries(const std::string& folder) const {
     return list(folder, false);
 }

@@ -44,6 +44,10 @@ class Sysfs {
     /// @return std::nullopt when the file is absent, cannot be read or is blank.
     std::optional<std::string> readName(const std::string& path) const;
 
+    /// The path below the root of the thing that a symbolic link leads to, or its full path when it
+    /// is elsewhere. std::nullopt when the link is absent or leads nowhere.
+    std::optional<std::string> resolveLink(const std::string& path) const;
+
     /// The names of all entries of a folder, sorted. Empty when there is no such folder.
     std::vector<std::string> entries(const std::string& folder) const;
 
