@@ -109,6 +109,10 @@ LinuxCounters::LinuxCounters(const Options& options) {
 
     mRailIndices = indicesById(mRails);
     mEntityIndices = indicesById(mEntities);
+    for (const EntitySource& entity : mEntities) {
+        mLatest.emplace_back(entity.states.size());
+        readEntity(entity);
+    }
     startSampling();
 }
 
@@ -145,13 +149,27 @@ Answer<EntityResidency> LinuxCounters::readEntities(const std::vector<int32_t>& 
     const Answer<const EntitySource*> selected = selectEntities(ids);
     Answer<EntityResidency> answer{selected.refusal, {}};
     for (const EntitySource* entity : selected.records) {
-        EntityResidency record{entity->id, {}};
-        for (const StateSource& state : entity->states) {
-            if (const auto time = state.read()) record.states.push_back({state.id, *time});
-        }
-        if (!record.states.empty()) answer.records.push_back(std::move(record));
+        if (auto record = readEntity(*entity)) answer.records.push_back(std::move(*record));
     }
     return answer;
+}
+
+/// std::nullopt when none of its states can be read.
+std::optional<EntityResidency> LinuxCounters::readEntity(const EntitySource& entity) const {
+    EntityResidency record{entity.id, {}};
+    bool isReadable = false;
+    // Locked while reading, so that no older value replaces a newer one.
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto latest = mLatest[static_cast<size_t>(&entity - mEntities.data())].begin();
+    for (const StateSource& state : entity.states) {
+        if (const auto residency = state.read()) {
+            *latest = *residency;
+            isReadable = true;
+        }
+        record.states.push_back({state.id, *latest++});
+    }
+    if (!isReadable) return std::nullopt;
+    return record;
 }
 
 }  // namespace powerstats

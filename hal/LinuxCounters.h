@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -45,7 +46,7 @@ struct Answer {
     /// So the work that a client can cause is bounded by the set.
     std::optional<std::string> refusal;
     /// In the order of the request, or of the set when the request was empty, which means all. A
-    /// thing that cannot be read now is left out.
+    /// rail that cannot be read now is left out, and so is an entity none of whose states can.
     std::vector<Record> records;
 };
 
@@ -53,8 +54,8 @@ struct Answer {
 /// in each of their states. Nothing is estimated: what a machine does not measure is not shown.
 ///
 /// The set of rails, entities and states is fixed when this object is made. Clients keep names by
-/// their ids and some end on an id that they do not know, so nothing is ever added; what goes away,
-/// or cannot be read, is missing from an answer until it is back.
+/// their ids and some end on an id that they do not know, so nothing is ever added. A rail or
+/// entity that goes away, or cannot be read, is missing from an answer until it is back.
 ///
 /// Names are safe (safeName()) and distinct: those of rails among the rails, those of entities
 /// among the entities, those of states in their entity.
@@ -87,18 +88,22 @@ class LinuxCounters {
 
     Answer<RailEnergy> readRails(const std::vector<int32_t>& ids) const;
 
-    /// A state that cannot be read is left out of its entity, and an entity without any state left
-    /// out of the answer.
+    /// Every entity in the answer has all of its states. A state that cannot be read now has its
+    /// latest value: it is one of a part that is off, such as a CPU, and no time is spent in it.
     Answer<EntityResidency> readEntities(const std::vector<int32_t>& ids) const;
 
   private:
     void startSampling();
+    std::optional<EntityResidency> readEntity(const EntitySource& entity) const;
 
     std::vector<Rail> mRails;
     std::vector<EntitySource> mEntities;
     /// Ids to indices into the list above.
     std::unordered_map<int32_t, size_t> mRailIndices;
     std::unordered_map<int32_t, size_t> mEntityIndices;
+    mutable std::mutex mMutex;
+    /// The latest value of each state, by the indices of its entity and its own.
+    mutable std::vector<std::vector<Residency>> mLatest;
     /// Last, so that it has stopped before what it reads goes. Null when no counter wraps.
     std::unique_ptr<PeriodicThread> mSampler;
 };

@@ -16,7 +16,7 @@ namespace powerstats {
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are fails with EX_ILLEGAL_ARGUMENT and a
-/// message that says which. Counters that cannot be read now are left out.
+/// message that says which. Rails and entities that cannot be read now are left out.
 class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowerStats {
   public:
     explicit LinuxPowerStatsAidl(std::shared_ptr<const LinuxCounters> counters);

@@ -28,6 +28,13 @@ std::vector<int32_t> toIds(const hidl_vec<uint32_t>& ids) {
     return std::vector<int32_t>(ids.begin(), ids.end());
 }
 
+/// There are records with SUCCESS, and none with another status.
+template <typename Record>
+Status statusOf(const Answer<Record>& answer) {
+    if (answer.refusal) return Status::INVALID_INPUT;
+    return answer.records.empty() ? Status::FILESYSTEM_ERROR : Status::SUCCESS;
+}
+
 PowerEntityType toHidl(EntityType type) {
     switch (type) {
         case EntityType::kSystem:
@@ -117,9 +124,7 @@ Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIn
                             static_cast<uint64_t>(reading.energyUWs)});
     }
     const bool noneSinceBoot = energies.empty() && !answer.records.empty();
-    callback(energies, answer.refusal  ? Status::INVALID_INPUT
-                       : noneSinceBoot ? Status::NOT_SUPPORTED
-                                       : Status::SUCCESS);
+    callback(energies, noneSinceBoot ? Status::NOT_SUPPORTED : statusOf(answer));
     return Void();
 }
 
@@ -143,7 +148,7 @@ Return<void> LinuxPowerStatsHidl::getPowerEntityStateInfo(const hidl_vec<uint32_
     const Answer<const EntitySource*> answer = mCounters->selectEntities(toIds(entityIds));
     std::vector<PowerEntityStateSpace> spaces;
     for (const EntitySource* entity : answer.records) spaces.push_back(toHidl(*entity));
-    callback(spaces, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
+    callback(spaces, statusOf(answer));
     return Void();
 }
 
@@ -152,7 +157,7 @@ Return<void> LinuxPowerStatsHidl::getPowerEntityStateResidencyData(
     const Answer<EntityResidency> answer = mCounters->readEntities(toIds(entityIds));
     std::vector<PowerEntityStateResidencyResult> results;
     for (const EntityResidency& entity : answer.records) results.push_back(toHidl(entity));
-    callback(results, answer.refusal ? Status::INVALID_INPUT : Status::SUCCESS);
+    callback(results, statusOf(answer));
     return Void();
 }
 

@@ -22,7 +22,8 @@ enum class HidlRails { kServed, kNotServed };
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are is answered with INVALID_INPUT and no
-/// records. Counters that cannot be read now are left out.
+/// records. Rails and entities that cannot be read now are left out; when that leaves none, the
+/// answer is FILESYSTEM_ERROR.
 ///
 /// A HIDL record has no duration, so all energy is since boot here. Only the rails that are since
 /// boot when this object is made are announced and known, and one that stops being so is left out

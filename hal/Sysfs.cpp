@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// More than any attribute of sysfs holds, which is one page.
+/// An attribute of sysfs holds at most one page.
 constexpr size_t kMaxFileSize = 4096;
 
 /// What the kernel answers when a device has gone, on opening the file or in the middle of reading.
@@ -75,10 +75,12 @@ std::string Sysfs::fullPath(const std::string& path) const {
 std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
     const std::optional<std::string> text = readText(path);
     if (!text) return std::nullopt;
+    const std::string digits = withoutSpaceAround(*text);
     int64_t number = 0;
-    const char* end = text->data() + text->size();
-    const auto [rest, error] = std::from_chars(text->data(), end, number);
-    if (error != std::errc() || rest != end || number < 0) {
+    const char* end = digits.data() + digits.size();
+    const auto [rest, error] = std::from_chars(digits.data(), end, number);
+    const bool isWhole = text->size() <= kMaxFileSize;
+    if (!isWhole || error != std::errc() || rest != end || number < 0) {
         warnOnce(path, "not a whole number from 0 to 2^63 - 1",
                  "left out until it is one; check the driver that provides it");
         return std::nullopt;
@@ -87,18 +89,21 @@ std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
 }
 
 std::optional<std::string> Sysfs::readName(const std::string& path) const {
-    std::optional<std::string> text = readText(path);
-    if (text && text->empty()) return std::nullopt;
-    return text;
+    const std::optional<std::string> text = readText(path);
+    if (!text) return std::nullopt;
+    std::string name = withoutSpaceAround(*text);
+    if (name.empty()) return std::nullopt;
+    return name;
 }
 
+/// The contents of a file. Of a file larger than kMaxFileSize, one byte more than that.
 std::optional<std::string> Sysfs::readText(const std::string& path) const {
     const OpenFile file(fullPath(path));
     if (file.descriptor < 0) {
         warnUnlessAbsent(path, errno);
         return std::nullopt;
     }
-    char buffer[kMaxFileSize];
+    char buffer[kMaxFileSize + 1];
     size_t size = 0;
     while (size < sizeof(buffer)) {
         const ssize_t got = read(file.descriptor, buffer + size, sizeof(buffer) - size);
@@ -110,7 +115,7 @@ std::optional<std::string> Sysfs::readText(const std::string& path) const {
         }
         size += static_cast<size_t>(got);
     }
-    return withoutSpaceAround(std::string(buffer, size));
+    return std::string(buffer, size);
 }
 
 std::optional<std::string> Sysfs::resolveLink(const std::string& path) const {

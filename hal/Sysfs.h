@@ -36,8 +36,9 @@ class Sysfs {
     /// The path of a file as a user would type it.
     std::string fullPath(const std::string& path) const;
 
-    /// Reads a file that holds one whole number from 0 to 2^63 - 1.
-    /// @return std::nullopt when the file is absent, cannot be read or holds something else.
+    /// Reads a file that holds one whole number from 0 to 2^63 - 1, with white space around it.
+    /// @return std::nullopt when the file is absent, cannot be read, holds something else or is
+    ///     larger than 4,096 bytes.
     std::optional<int64_t> readNumber(const std::string& path) const;
 
     /// Reads a file that holds a name: its text without white space around it.

@@ -309,9 +309,11 @@ TEST_F(LinuxCountersTest, TheSetIsFixedWhenItIsMade) {
     mTree.remove("devices/pci0");
     EXPECT_EQ(ids(*counters), fixedIds);
     EXPECT_THAT(energies(*counters), ElementsAre(Pair("package-0", 10)));
-    EXPECT_THAT(residencies(*counters), UnorderedElementsAre(Pair("cpu0/POLL", Pair(1, 1)),
-                                                             Pair("system/running", testing::_),
-                                                             Pair("system/suspended", testing::_)));
+    mTree.writeIdleState(0, 0, "POLL", 5000, 1);
+    EXPECT_THAT(residencies(*counters),
+                UnorderedElementsAre(Pair("cpu0/POLL", Pair(5, 1)), Pair("cpu0/C1", Pair(2, 2)),
+                                     Pair("system/running", testing::_),
+                                     Pair("system/suspended", testing::_)));
 
     mTree.remove("class/powercap/rapl:0");
     mTree.remove("devices/system/cpu/cpu0");
@@ -371,6 +373,7 @@ TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) 
     const std::string number =
         "not a whole number from 0 to 2^63 - 1 "
         "(left out until it is one; check the driver that provides it)";
+    const std::string blanks = std::string(4094, ' ') + "123456";
     const std::string folder = "Is a directory (expected a file: check that this is a sysfs tree)";
     const struct {
         const char* file;
@@ -381,6 +384,7 @@ TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) 
         {"class/powercap/rapl:1/energy_uj", "-1", number},
         {"class/powercap/rapl:2/energy_uj", nullptr, folder},
         {"class/hwmon/hwmon0/energy1_input", "12 apples", number},
+        {"class/hwmon/hwmon0/energy2_input", blanks.c_str(), number},
         {"devices/system/cpu/cpu0/cpuidle/state0/time", "0x10", number},
         {"devices/system/cpu/cpu0/cpuidle/state1/usage", "9223372036854775808", number},
         {"devices/pci0/power/runtime_suspended_time", nullptr, folder},
@@ -490,10 +494,10 @@ size_t samplerThreads() {
 }
 
 TEST_F(LinuxCountersTest, TheSamplerSeesWrapsThatNoClientSees) {
-    // The shortest possible wrap takes 40 ms; each reading comes 10 ms after the one before.
+    // The shortest possible wrap takes 40 ms; each look at the clock comes 1 ms after another.
     std::atomic<int> readings{0};
     mReadClock = [&](clockid_t clock) {
-        return std::chrono::milliseconds(clock == CLOCK_MONOTONIC ? 10 * ++readings : 1);
+        return std::chrono::milliseconds(clock == CLOCK_MONOTONIC ? ++readings : 1);
     };
     mTree.writeZone("rapl:0", "package-0", 39900000, 40000000);
     const auto counters = make();

@@ -184,9 +184,10 @@ class HidlClient : public Client {
 
     static void noteStatus(hidl_stats::Status status, Lines* lines) {
         if (status == hidl_stats::Status::SUCCESS) return;
-        lines->push_back(status == hidl_stats::Status::INVALID_INPUT   ? "refused"
-                         : status == hidl_stats::Status::NOT_SUPPORTED ? "NOT_SUPPORTED"
-                                                                       : "another status");
+        lines->push_back(status == hidl_stats::Status::INVALID_INPUT      ? "refused"
+                         : status == hidl_stats::Status::NOT_SUPPORTED    ? "NOT_SUPPORTED"
+                         : status == hidl_stats::Status::FILESYSTEM_ERROR ? "FILESYSTEM_ERROR"
+                                                                          : "?");
     }
 
     const android::sp<LinuxPowerStatsHidl> mService;
@@ -305,6 +306,18 @@ TEST_F(ServiceDifferencesTest, WithoutRailsOneHasAnEmptyListAndTheOtherIsNotSupp
         EXPECT_TRUE(service->getEnergyData({77}, expectNotSupported).isOk());
     }
     EXPECT_EQ(answers, 6);
+}
+
+TEST_F(ServiceDifferencesTest, WithoutAnythingReadableOneHasNoRecordsAndTheOtherAnError) {
+    mTree.writeZone("zone:39751", "package-0", 1);
+    mTree.writeIdleState(0, 0, "POLL", 1000, 1);
+    const auto counters = makeCounters();
+    mTree.remove("class/powercap");
+    mTree.remove("devices");
+    EXPECT_THAT(AidlClient(counters).energies({}), testing::IsEmpty());
+    EXPECT_THAT(AidlClient(counters).residencies({0}), testing::IsEmpty());
+    EXPECT_THAT(HidlClient(counters).energies({}), ElementsAre("FILESYSTEM_ERROR"));
+    EXPECT_THAT(HidlClient(counters).residencies({0}), ElementsAre("FILESYSTEM_ERROR"));
 }
 
 TEST_F(ServiceDifferencesTest, OnlyTheOneWithDurationsHasRailsThatAreNotSinceBoot) {
