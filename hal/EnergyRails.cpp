@@ -62,7 +62,7 @@ std::shared_ptr<EnergyCounter> makeCounter(const std::shared_ptr<const Sysfs>& s
                                            const std::string& path, std::optional<int64_t> rangeUWs,
                                            const RailOptions& options) {
     EnergyCounter::Options of;
-    of.readCounter = [sysfs, path] { return sysfs->readNumber(path); };
+    of.readCounter = [file = std::make_shared<NumberFile>(sysfs, path)] { return file->read(); };
     of.rangeUWs = rangeUWs;
     of.hasBoot = options.hasBoot;
     of.readClock = options.readClock;

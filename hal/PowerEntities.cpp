@@ -28,17 +28,20 @@ std::map<int32_t, std::string> numberedEntries(const Sysfs& sysfs, const std::st
     return numbered;
 }
 
-std::optional<Residency> readIdleState(const Sysfs& sysfs, const std::string& folder) {
-    const std::optional<int64_t> timeUs = sysfs.readNumber(folder + "/time");
-    const std::optional<int64_t> usage = sysfs.readNumber(folder + "/usage");
-    if (!timeUs || !usage) return std::nullopt;
-    return Residency{*timeUs / kMicrosecondsPerMillisecond, *usage};
+std::optional<Residency> readIdleState(NumberFile* time, NumberFile* usage) {
+    const std::optional<int64_t> timeUs = time->read();
+    const std::optional<int64_t> entries = usage->read();
+    if (!timeUs || !entries) return std::nullopt;
+    return Residency{*timeUs / kMicrosecondsPerMillisecond, *entries};
 }
 
 /// std::nullopt when the state cannot be read.
 std::optional<StateSource> makeState(const std::shared_ptr<const Sysfs>& sysfs, int32_t id,
                                      const std::string& folder, const std::string& defaultName) {
-    auto read = [sysfs, folder] { return readIdleState(*sysfs, folder); };
+    auto read = [time = std::make_shared<NumberFile>(sysfs, folder + "/time"),
+                 usage = std::make_shared<NumberFile>(sysfs, folder + "/usage")] {
+        return readIdleState(time.get(), usage.get());
+    };
     if (!read()) return std::nullopt;
     return StateSource{id, sysfs->readName(folder + "/name").value_or(defaultName), read};
 }
@@ -141,8 +144,9 @@ std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysf
         EntitySource entity{ids.add(device), device, EntityType::kDevice, {}};
         int32_t stateId = 0;
         for (const auto& [state, file] : kDeviceStates) {
-            auto read = [sysfs, path = kDevices + device + file]() -> std::optional<Residency> {
-                const std::optional<int64_t> timeMs = sysfs->readNumber(path);
+            auto time = std::make_shared<NumberFile>(sysfs, kDevices + device + file);
+            auto read = [time]() -> std::optional<Residency> {
+                const std::optional<int64_t> timeMs = time->read();
                 if (!timeMs) return std::nullopt;
                 return Residency{*timeMs, 0};
             };
@@ -161,7 +165,9 @@ nanoseconds readKernelClock(clockid_t clock) {
 }
 
 EntitySource makeSystemEntity(const std::shared_ptr<const Sysfs>& sysfs, ReadClock readClock) {
-    const auto suspends = [sysfs] { return sysfs->readNumber(kSuccessfulSuspends).value_or(0); };
+    const auto suspends = [file = std::make_shared<NumberFile>(sysfs, kSuccessfulSuspends)] {
+        return file->read().value_or(0);
+    };
     const auto suspendedTime = std::make_shared<SuspendedTime>(readClock);
     // Booting is an entry into `running`, and so is each return from suspend.
     const auto readRunning = [suspends, readClock] {

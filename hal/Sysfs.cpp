@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/resource.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -30,6 +32,7 @@ bool meansAbsent(int error) {
 
 const char* remedyFor(int error) {
     if (error == EACCES || error == EPERM) return "run as root, or grant read access";
+    if (error == EMFILE || error == ENFILE) return "raise the limit of open files";
     if (error == EISDIR) return "expected a file: check that this is a sysfs tree";
     return "left out until it can be read; the kernel log may say more";
 }
@@ -50,10 +53,24 @@ bool isOnSysfs(const std::string& folder) {
     return statfs(folder.c_str(), &info) == 0 && info.f_type == SYSFS_MAGIC;
 }
 
+/// Descriptors that are left to the rest of the process.
+constexpr rlim_t kFreeDescriptors = 64;
+
+/// The kernel gives out the lowest free number, so a descriptor below this one leaves enough.
+int keepBelow() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= kFreeDescriptors) return 0;
+    const rlim_t below = limit.rlim_cur - kFreeDescriptors;
+    return static_cast<int>(std::min<rlim_t>(below, std::numeric_limits<int>::max()));
+}
+
+int openToRead(const std::string& file) {
+    return open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
 /// An open file, closed with its scope.
 struct OpenFile {
-    explicit OpenFile(const std::string& file)
-        : descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    explicit OpenFile(const std::string& file) : descriptor(openToRead(file)) {}
     ~OpenFile() {
         if (descriptor >= 0) close(descriptor);
     }
@@ -65,8 +82,19 @@ struct OpenFile {
 
 }  // namespace
 
-Sysfs::Sysfs(const std::string& root, WarningCallback warn)
-    : mRoot(withoutSlashAtEnd(root)), mIsKernels(isOnSysfs(root)), mWarn(std::move(warn)) {}
+void raiseOpenFileLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+Sysfs::Sysfs(const std::string& root, WarningCallback warn, Pread pread)
+    : mRoot(withoutSlashAtEnd(root)),
+      mIsKernels(isOnSysfs(root)),
+      mWarn(std::move(warn)),
+      mPread(std::move(pread)),
+      mKeepBelow(keepBelow()) {}
 
 std::string Sysfs::fullPath(const std::string& path) const {
     return mRoot + "/" + path;
@@ -75,11 +103,15 @@ std::string Sysfs::fullPath(const std::string& path) const {
 std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
     const std::optional<std::string> text = readText(path);
     if (!text) return std::nullopt;
-    const std::string digits = withoutSpaceAround(*text);
+    return parseNumber(path, *text);
+}
+
+std::optional<int64_t> Sysfs::parseNumber(const std::string& path, const std::string& text) const {
+    const std::string digits = withoutSpaceAround(text);
     int64_t number = 0;
     const char* end = digits.data() + digits.size();
     const auto [rest, error] = std::from_chars(digits.data(), end, number);
-    const bool isWhole = text->size() <= kMaxFileSize;
+    const bool isWhole = text.size() <= kMaxFileSize;
     if (!isWhole || error != std::errc() || rest != end || number < 0) {
         warnOnce(path, "not a whole number from 0 to 2^63 - 1",
                  "left out until it is one; check the driver that provides it");
@@ -169,6 +201,58 @@ void Sysfs::warnOnce(const std::string& path, const std::string& reason,
 void Sysfs::warn(const std::string& path, const std::string& reason,
                  const std::string& remedy) const {
     if (mWarn) mWarn(fullPath(path) + ": " + reason + " (" + remedy + ")");
+}
+
+NumberFile::NumberFile(std::shared_ptr<const Sysfs> sysfs, std::string path)
+    : mSysfs(std::move(sysfs)), mPath(std::move(path)) {}
+
+NumberFile::~NumberFile() {
+    close();
+}
+
+std::optional<int64_t> NumberFile::read() {
+    if (!mSysfs->isKernels()) return mSysfs->readNumber(mPath);
+    std::unique_lock<std::mutex> lock(mMutex);
+    char buffer[kMaxFileSize + 1];
+    ssize_t size = readInto(buffer, sizeof(buffer));
+    if (mDescriptor < 0 || (size < 0 && meansAbsent(errno))) {
+        // Another device may have taken the path of one that went away.
+        open();
+        size = readInto(buffer, sizeof(buffer));
+    }
+    const int error = size < 0 ? errno : 0;
+    if (error == EMFILE || error == ENFILE) mSysfs->mKeepBelow = 0;
+    if (mDescriptor >= mSysfs->mKeepBelow) close();
+    lock.unlock();
+    if (size < 0) {
+        mSysfs->warnUnlessAbsent(mPath, error);
+        return std::nullopt;
+    }
+    return mSysfs->parseNumber(mPath, std::string(buffer, static_cast<size_t>(size)));
+}
+
+/// Reads the file from its start; an attribute of sysfs comes whole in one reading. Returns a
+/// negative number, with the reason in errno, when it cannot be read or is not open.
+/// REQUIRES: mMutex is held
+ssize_t NumberFile::readInto(char* buffer, size_t size) {
+    if (mDescriptor < 0) return -1;
+    ssize_t got = -1;
+    do {
+        got = mSysfs->mPread(mDescriptor, buffer, size, 0);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+/// Opens the file, again if it is open. Sets errno when that fails. REQUIRES: mMutex is held
+void NumberFile::open() {
+    close();
+    mDescriptor = openToRead(mSysfs->fullPath(mPath));
+}
+
+/// REQUIRES: mMutex is held, except in the destructor
+void NumberFile::close() {
+    if (mDescriptor >= 0) ::close(mDescriptor);
+    mDescriptor = -1;
 }
 
 std::optional<int32_t> numberInName(const std::string& name, const std::string& prefix,

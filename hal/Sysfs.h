@@ -2,8 +2,14 @@
 
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -16,6 +22,13 @@ namespace powerstats {
 /// May be called on any thread that reads a counter.
 using WarningCallback = std::function<void(const std::string& text)>;
 
+/// pread(), which tests replace.
+using Pread = std::function<ssize_t(int descriptor, void* buffer, size_t size, off_t offset)>;
+
+/// Raises this process's soft limit of open files to its hard limit, for a program to call before
+/// it makes a Sysfs. Does nothing when that fails.
+void raiseOpenFileLimit();
+
 /// The kernel's files below one root folder, which is `/sys` or a tree that looks like it.
 ///
 /// Paths are relative to the root ("class/powercap/intel-rapl:0/energy_uj"). A file or folder that
@@ -25,7 +38,7 @@ using WarningCallback = std::function<void(const std::string& text)>;
 /// Safe to use from any thread.
 class Sysfs {
   public:
-    Sysfs(const std::string& root, WarningCallback warn);
+    Sysfs(const std::string& root, WarningCallback warn, Pread pread = ::pread);
 
     /// Whether the root is on the kernel's sysfs, and not on a tree that looks like it.
     bool isKernels() const { return mIsKernels; }
@@ -56,8 +69,11 @@ class Sysfs {
     std::vector<std::string> ownFolders(const std::string& folder) const;
 
   private:
+    friend class NumberFile;
+
     std::vector<std::string> list(const std::string& folder, bool ownFoldersOnly) const;
     std::optional<std::string> readText(const std::string& path) const;
+    std::optional<int64_t> parseNumber(const std::string& path, const std::string& text) const;
     void warnOnce(const std::string& path, const std::string& reason,
                   const std::string& remedy) const;
     void warnUnlessAbsent(const std::string& path, int error) const;
@@ -65,8 +81,42 @@ class Sysfs {
     const std::string mRoot;
     const bool mIsKernels;
     const WarningCallback mWarn;
+    const Pread mPread;
+    /// Descriptors from this number on are not kept. 0 once descriptors have run short.
+    mutable std::atomic<int> mKeepBelow;
     mutable std::mutex mMutex;
     mutable std::set<std::string> mWarnedPaths;
+};
+
+/// A file with a number, as for Sysfs::readNumber(), that is read again and again.
+///
+/// On the kernel's sysfs a descriptor is opened on first use and kept, because reading it again
+/// costs an eighth of opening, reading and closing the file. It is opened again when the kernel
+/// says that the device went away. The last 64 descriptors that the process may open are never
+/// kept, and none is kept any more once an open failed for want of one. Elsewhere each reading
+/// opens the file: files of a made-up tree are replaced.
+///
+/// Safe to use from any thread.
+class NumberFile {
+  public:
+    NumberFile(std::shared_ptr<const Sysfs> sysfs, std::string path);
+    ~NumberFile();
+    NumberFile(const NumberFile&) = delete;
+    NumberFile& operator=(const NumberFile&) = delete;
+
+    /// @return as Sysfs::readNumber().
+    std::optional<int64_t> read();
+
+  private:
+    ssize_t readInto(char* buffer, size_t size);
+    void open();
+    void close();
+
+    const std::shared_ptr<const Sysfs> mSysfs;
+    const std::string mPath;
+    std::mutex mMutex;
+    /// Negative when none is kept.
+    int mDescriptor = -1;
 };
 
 /// The number in a name that is `prefix`, decimal digits, `suffix`: 12 for "energy12_input" between

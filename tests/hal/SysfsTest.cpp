@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "hal/Sysfs.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <deque>
+
+namespace powerstats {
+namespace {
+
+/// Files of the kernel's own tree: descriptors are kept nowhere else.
+class NumberFileTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!mSysfs->isKernels()) GTEST_SKIP() << "/sys is not the kernel's";
+    }
+
+    NumberFile lo(const char* file) {
+        return NumberFile(mSysfs, std::string("class/net/lo/") + file);
+    }
+
+    /// The lowest free descriptor: it tells whether those below it are open.
+    static int nextDescriptor() {
+        const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        close(next);
+        return next;
+    }
+
+    /// Takes effect on a Sysfs that is made later.
+    void limitDescriptors(int count) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = static_cast<rlim_t>(count);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+
+    void makeSysfs() {
+        mSysfs = std::make_shared<const Sysfs>(
+            "/sys", [this](const std::string& text) { mWarnings.push_back(text); },
+            [this](int descriptor, void* buffer, size_t size, off_t offset) {
+                ++mReads;
+                if (mErrors.empty()) return pread(descriptor, buffer, size, offset);
+                errno = mErrors.front();
+                mErrors.pop_front();
+                return ssize_t{-1};
+            });
+    }
+
+    std::vector<std::string> mWarnings;
+    /// Of the next readings.
+    std::deque<int> mErrors;
+    int mReads = 0;
+    std::shared_ptr<const Sysfs> mSysfs = std::make_shared<const Sysfs>("/sys", nullptr);
+};
+
+TEST_F(NumberFileTest, KeepsItsDescriptorUntilTheDeviceGoesAway) {
+    makeSysfs();
+    const int first = nextDescriptor();
+    {
+        NumberFile mtu = lo("mtu");
+        EXPECT_EQ(nextDescriptor(), first) << "opened on first use";
+        const struct {
+            std::deque<int> errors;
+            std::optional<int64_t> number;
+            int reads;
+        } cases[] = {
+            {{}, 65536, 1},
+            {{}, 65536, 1},
+            {{EINTR}, 65536, 2},
+            {{ENODEV}, 65536, 2},  // the device is back
+            {{ENODEV, ENODEV}, std::nullopt, 2},
+            {{EIO}, std::nullopt, 1},
+            {{}, 65536, 1},
+        };
+        for (const auto& test : cases) {
+            mErrors = test.errors;
+            mReads = 0;
+            EXPECT_EQ(mtu.read(), test.number);
+            EXPECT_EQ(mReads, test.reads);
+            EXPECT_EQ(nextDescriptor(), first + 1);
+        }
+    }
+    EXPECT_EQ(nextDescriptor(), first);
+    EXPECT_THAT(mWarnings, testing::ElementsAre(testing::HasSubstr("Input/output error")));
+}
+
+TEST_F(NumberFileTest, GivesDescriptorsUpWhenTheyRunShort) {
+    const int first = nextDescriptor();
+    limitDescriptors(first + 2 + 64);
+    makeSysfs();
+    NumberFile mtu = lo("mtu"), type = lo("type"), index = lo("ifindex");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(mtu.read(), 65536);
+        EXPECT_EQ(type.read(), 772);
+        EXPECT_EQ(index.read(), 1);
+        EXPECT_EQ(nextDescriptor(), first + 2) << "64 are left";
+    }
+    limitDescriptors(first + 2);
+    EXPECT_EQ(index.read(), std::nullopt);
+    EXPECT_THAT(mWarnings, testing::ElementsAre(testing::HasSubstr("raise the limit of open")));
+    EXPECT_EQ(mtu.read(), 65536);
+    EXPECT_EQ(nextDescriptor(), first);
+    EXPECT_EQ(index.read(), 1);
+    raiseOpenFileLimit();
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+}
+
+}  // namespace
+}  // namespace powerstats
