@@ -4,19 +4,23 @@
 //
 // Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH/SUBJECT", and those of
 // several threads end with how many. The subject is the library, another build of it ("against"),
-// or a bare client, which bench/BareClient.h describes. Ratios of subjects within one run are what
-// counts: times differ between machines and moments.
+// or a bare client, which bench/BareClient.h describes. In the group "counters" ("sysfs/numbers",
+// SIZE files) it is the service for Linux, or bare preads. Only ratios of subjects within one run
+// count: times differ between machines and moments.
 
 #include <android/log.h>
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -30,6 +34,7 @@
 #include "bench/BusService.h"
 #include "bench/FixedService.h"
 #include "bench/Workload.h"
+#include "hal/Sysfs.h"
 #include "proto/power_data_result.pb.h"
 #include "tools/CommandLine.h"
 #include "tools/HostJavaRuntime.h"
@@ -261,6 +266,69 @@ void busBare(State& state, const Workload& workload) {
     measure(state, workload, [&] { service.call(); });
 }
 
+/// `count` paths below /sys of the times that devices were active and suspended; repeated when the
+/// machine has fewer, and none when it has none.
+std::vector<std::string> counterFiles(size_t count) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> files;
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry("/sys/devices", error), end;
+         !error && entry != end && files.size() < count; entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name == "runtime_active_time" || name == "runtime_suspended_time") {
+            files.push_back(fs::relative(entry->path(), "/sys").string());
+        }
+    }
+    for (size_t i = 0; !files.empty() && files.size() < count; ++i) files.push_back(files[i]);
+    return files;
+}
+
+void countersService(State& state, const std::vector<std::string>& paths) {
+    const auto sysfs = std::make_shared<const powerstats::Sysfs>("/sys", nullptr);
+    std::vector<std::unique_ptr<powerstats::NumberFile>> files;
+    for (const std::string& path : paths) {
+        files.push_back(std::make_unique<powerstats::NumberFile>(sysfs, path));
+    }
+    const auto readAll = [&] {
+        for (const auto& file : files) {
+            if (!file->read()) fail("a counter of /sys cannot be read");
+        }
+    };
+    readAll();  // opens them
+    for (auto _ : state) readAll();
+}
+
+void countersFloor(State& state, const std::vector<std::string>& paths) {
+    std::vector<int> files;
+    for (const std::string& path : paths) {
+        files.push_back(open(("/sys/" + path).c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    char buffer[64];
+    for (auto _ : state) {
+        for (const int file : files) {
+            if (pread(file, buffer, sizeof(buffer), 0) <= 0) fail("pread of /sys failed");
+        }
+    }
+    for (const int file : files) close(file);
+}
+
+void addCounters() {
+    for (const size_t count : {40, 1280}) {
+        const std::vector<std::string> paths = counterFiles(count);
+        if (paths.empty()) continue;
+        const auto add = [&](const std::string& subject, auto function) {
+            const std::string name =
+                "counters/sysfs/numbers/" + std::to_string(count) + "/0/" + subject;
+            benchmark::RegisterBenchmark(name.c_str(), [=](State& state) {
+                function(state, paths);
+                state.counters["size"] = static_cast<double>(count);
+            });
+        };
+        add("service", countersService);
+        add("floor", countersFloor);
+    }
+}
+
 template <typename Function, typename... Arguments>
 benchmark::internal::Benchmark* add(const std::string& group, const Workload& workload,
                                     const std::string& subject, Function function,
@@ -387,6 +455,8 @@ int run(int argc, char** argv) {
         for (const Workload& workload : workloads) check(build, workload);
     }
     for (const Workload& workload : workloads) addAll(builds, workload, bus);
+    powerstats::raiseOpenFileLimit();  // for more than a thousand counters
+    addCounters();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

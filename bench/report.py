@@ -30,7 +30,7 @@ def read(run):
     # The run is in random order.
     for (group, workload, threads, subject), rows in sorted(runs.items(), key=in_order):
         # A collection within one process is the work of one thread, whatever else the machine does.
-        clock = "cpu_time" if group in ("steady", "steps") else "real_time"
+        clock = "cpu_time" if group in ("steady", "steps", "counters") else "real_time"
         times = [row[clock] for row in rows]
         entry = {"ns": statistics.median(times), "runs": times}
         for counter in ("allocations", "allocated_bytes", "size", "items_per_second"):
@@ -97,6 +97,14 @@ def print_tables(results, library):
           "calls, replies unread)", ["", "library us", "/floor", "/against"], rows)
 
     rows = []
+    for workload, subjects in group_of(results, "counters").items():
+        service, floor = subjects["service"], subjects["floor"]
+        rows.append([workload, shown(service["ns"] / service["size"], 0),
+                     shown(floor["ns"] / floor["size"], 0), shown(service["ns"] / floor["ns"])])
+    table("Reading the kernel's counters (the floor are bare preads of open files)",
+          ["", "ns a counter", "floor's", "/floor"], rows)
+
+    rows = []
     for (group, workload, threads), subjects in results.items():
         if group == "threads":
             alone = results[group, workload, 1]["library"]["items_per_second"]
@@ -156,6 +164,9 @@ def targets(results, library):
             {key[1]: results["threads", key[1], 1]["library"]["items_per_second"] /
              subjects["library"]["items_per_second"]
              for key, subjects in results.items() if key[0] == "threads" and key[2] == 8})
+    at_most("counters of /sys beside bare preads", 1.5,
+            {workload: subjects["service"]["ns"] / subjects["floor"]["ns"]
+             for workload, subjects in group_of(results, "counters").items()})
     at_most("stripped size, bytes", 128 * 1024, {"the library's file": library["stripped_bytes"]})
     at_most("static initialisers, the globals' and the messages'", 2,
             {"the library's file": library["initialisers"]})
