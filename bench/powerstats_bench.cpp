@@ -286,6 +286,7 @@ std::vector<std::string> counterFiles(size_t count) {
 void countersService(State& state, const std::vector<std::string>& paths) {
     const auto sysfs = std::make_shared<const powerstats::Sysfs>("/sys", nullptr);
     std::vector<std::unique_ptr<powerstats::NumberFile>> files;
+    files.reserve(paths.size());
     for (const std::string& path : paths) {
         files.push_back(std::make_unique<powerstats::NumberFile>(sysfs, path));
     }
@@ -300,6 +301,7 @@ void countersService(State& state, const std::vector<std::string>& paths) {
 
 void countersFloor(State& state, const std::vector<std::string>& paths) {
     std::vector<int> files;
+    files.reserve(paths.size());
     for (const std::string& path : paths) {
         files.push_back(open(("/sys/" + path).c_str(), O_RDONLY | O_CLOEXEC));
     }
