@@ -82,7 +82,7 @@ struct HostJniEnv::Impl {
                    ")";
         };
         announce(text);
-        if (array == nullptr && env.owner->heapIsFull) return;
+        if (array == nullptr) endProcess(text(), "the array is null");
         std::lock_guard<std::mutex> lock(mutex);
         auto found = arrays.find(array);
         if (found == arrays.end()) endProcess(text(), "not an array of this environment");

@@ -47,8 +47,7 @@ class HostJniEnv {
     std::function<void(const std::string& call)> onCall;
 
     /// Makes `NewByteArray` return null, as a Java runtime does when its heap is full (it would
-    /// also leave an OutOfMemoryError pending). `SetByteArrayRegion` of null is then accepted and
-    /// ignored.
+    /// also leave an OutOfMemoryError pending). `SetByteArrayRegion` of null ends the process.
     bool heapIsFull = false;
 
   private:

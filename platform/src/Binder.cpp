@@ -118,7 +118,9 @@ int32_t AIBinder_debugGetRefCount(AIBinder* binder) {
 }
 
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
-    return binder != nullptr && binder->clazz->descriptor == clazz->descriptor;
+    // A dead process cannot be asked for the descriptor.
+    return binder != nullptr && binder->peer->isAlive() &&
+           binder->clazz->descriptor == clazz->descriptor;
 }
 
 const AIBinder_Class* AIBinder_getClass(AIBinder* binder) {

@@ -6,16 +6,32 @@
 #include <hidl/Status.h>
 
 #include <cstdlib>
+#include <system_error>
 
 #include "Peer.h"
 
 namespace android {
 
+namespace {
+
+struct CodeName {
+    int32_t code;
+    const char* name;
+};
+
+/// Returns the code's name in a table, or null.
+template <size_t kSize>
+const char* nameOf(int32_t code, const CodeName (&names)[kSize]) {
+    for (const CodeName& entry : names) {
+        if (entry.code == code) return entry.name;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 std::string statusToString(status_t status) {
-    static constexpr struct {
-        status_t status;
-        const char* name;
-    } kNames[] = {
+    static constexpr CodeName kNames[] = {
         {OK, "OK"},
         {UNKNOWN_ERROR, "UNKNOWN_ERROR"},
         {NO_MEMORY, "NO_MEMORY"},
@@ -36,10 +52,8 @@ std::string statusToString(status_t status) {
         {FDS_NOT_ALLOWED, "FDS_NOT_ALLOWED"},
         {UNEXPECTED_NULL, "UNEXPECTED_NULL"},
     };
-    for (const auto& entry : kNames) {
-        if (entry.status == status) return entry.name;
-    }
-    return std::to_string(status);
+    if (const char* name = nameOf(status, kNames)) return name;
+    return std::to_string(status) + " (" + std::generic_category().message(-status) + ")";
 }
 
 namespace hardware {
@@ -63,12 +77,21 @@ Status Status::fromStatusT(status_t status, const char* message) {
 }
 
 std::string Status::description() const {
+    static constexpr CodeName kNames[] = {
+        {EX_SECURITY, "EX_SECURITY"},
+        {EX_BAD_PARCELABLE, "EX_BAD_PARCELABLE"},
+        {EX_ILLEGAL_ARGUMENT, "EX_ILLEGAL_ARGUMENT"},
+        {EX_NULL_POINTER, "EX_NULL_POINTER"},
+        {EX_ILLEGAL_STATE, "EX_ILLEGAL_STATE"},
+        {EX_NETWORK_MAIN_THREAD, "EX_NETWORK_MAIN_THREAD"},
+        {EX_UNSUPPORTED_OPERATION, "EX_UNSUPPORTED_OPERATION"},
+        {EX_HAS_REPLY_HEADER, "EX_HAS_REPLY_HEADER"},
+        {EX_TRANSACTION_FAILED, "EX_TRANSACTION_FAILED"},
+    };
     if (isOk()) return "No error";
-    std::string text = "Status(" + std::to_string(mException) + "): '";
-    if (mException == EX_TRANSACTION_FAILED) {
-        text += statusToString(mTransactionError);
-        if (!mMessage.empty()) text += ": ";
-    }
+    const char* name = nameOf(mException, kNames);
+    std::string text = "Status(" + (name != nullptr ? name : std::to_string(mException)) + "): '";
+    if (mException == EX_TRANSACTION_FAILED) text += statusToString(mTransactionError) + ": ";
     return text + mMessage + "'";
 }
 

@@ -7,26 +7,20 @@ namespace android {
 RefBase::RefBase() : mRefs(new weakref_type(this)) {}
 
 RefBase::~RefBase() {
-    // Where the last strong reference ended the object, decStrong still holds the counts. An object
-    // that was never held ends by other means, on the stack or by delete, and they are its own.
-    if (mRefs->mStrong == weakref_type::kNeverHeld && mRefs->mWeak == 0) delete mRefs;
+    mRefs->mStrong = 0;  // so that a weak reference to an object that was never held gives null
+    mRefs->decWeak(this);
 }
 
-void RefBase::incStrong(const void* id) const {
-    mRefs->incWeak(id);
+void RefBase::incStrong(const void* /*id*/) const {
     if (mRefs->mStrong.fetch_add(1) != weakref_type::kNeverHeld) return;
     mRefs->mStrong -= weakref_type::kNeverHeld;
     const_cast<RefBase*>(this)->onFirstRef();
 }
 
 void RefBase::decStrong(const void* id) const {
-    weakref_type* const refs = mRefs;
-    if (refs->mStrong.fetch_sub(1) == 1) {
-        const_cast<RefBase*>(this)->onLastStrongRef(id);
-        delete this;
-    }
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): an object that was held leaves its counts
-    refs->decWeak(id);
+    if (mRefs->mStrong.fetch_sub(1) != 1) return;
+    const_cast<RefBase*>(this)->onLastStrongRef(id);
+    delete this;
 }
 
 int32_t RefBase::getStrongCount() const {
@@ -54,10 +48,7 @@ bool RefBase::weakref_type::attemptIncStrong(const void* id) {
             mBase->incStrong(id);
             return true;
         }
-        if (mStrong.compare_exchange_weak(count, count + 1)) {
-            incWeak(id);
-            return true;
-        }
+        if (mStrong.compare_exchange_weak(count, count + 1)) return true;
     }
     return false;
 }

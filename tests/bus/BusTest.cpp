@@ -177,8 +177,9 @@ TEST(HidlBus, ServiceThatIsKilledInANameQueryIsLookedUpAgain) {
             EXPECT_EQ(scenario.call(Call::kRails).bytes, smallResult(Call::kRails));
         });
         EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
-        EXPECT_NE(ended.errors.find("E: Failed to init state info: requested HAL service not "
-                                    "available. Description: Status(-129): 'DEAD_OBJECT"),
+        EXPECT_NE(ended.errors.find(
+                      "E: Failed to init state info: requested HAL service not "
+                      "available. Description: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT"),
                   std::string::npos)
             << ended.errors;
         EXPECT_NE(ended.errors.find("E: Power stats HAL not loaded!\n"), std::string::npos);
@@ -187,7 +188,8 @@ TEST(HidlBus, ServiceThatIsKilledInANameQueryIsLookedUpAgain) {
 
 /// The platform's message about a call that did not reach a dead service, as the library leaves it.
 constexpr char kUnexamined[] =
-    "F/HidlStatus: Failed HIDL return status not checked. Error is: Status(-129): 'DEAD_OBJECT";
+    "F/HidlStatus: Failed HIDL return status not checked. Error is: Status(EX_TRANSACTION_FAILED): "
+    "'DEAD_OBJECT";
 
 TEST(HidlBus, ServiceThatIsKilledInADataCallEndsTheProcess) {
     const struct {
@@ -290,7 +292,7 @@ TEST(HidlBus, BadAnswersToNameQueriesAreDescribed) {
     EXPECT_EQ(scenario.call(Call::kResidencies).events,
               (Lines{chosenLine(Backend::kHidl),
                      "E: Failed to init state info: requested HAL service not available. "
-                     "Description: Status(-129): 'FAILED_TRANSACTION: not today'",
+                     "Description: Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: not today'",
                      "E: Power stats HAL not loaded!"}));
 }
 

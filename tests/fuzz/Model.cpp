@@ -200,7 +200,12 @@ class Model {
 
     Bytes handOff(const std::string& bytes) {
         Bytes array = newArray(bytes);
-        events.push_back("SetByteArrayRegion(0, " + std::to_string(bytes.size()) + ")");
+        const std::string write = "SetByteArrayRegion(0, " + std::to_string(bytes.size()) + ")";
+        events.push_back(write);
+        if (!array.has_value()) {
+            events.push_back("JNI: " + write + ": the array is null");
+            throw ProcessEnds();
+        }
         return array;
     }
 

@@ -109,7 +109,7 @@ struct DyingCall {
 
 const char kUnavailable[] =
     "E: Failed to init state info: requested HAL service not available. Description: "
-    "Status(-129): 'DEAD_OBJECT'";
+    "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '";
 
 TEST_P(Death, InACallThatFailsForIt) {
     const DyingCall kDyingCalls[] = {

@@ -72,14 +72,18 @@ const AttemptCase kAttempts[] = {
      [](FakeHidl& service) { service.stateSpaces.emplace(); },
      {kNotLoaded},
      kAfterStates},
-    unreached("entitiesDead", "getPowerEntityInfo", kDead, "Status(-129): 'DEAD_OBJECT: gone'"),
+    unreached("entitiesDead", "getPowerEntityInfo", kDead,
+              "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"),
     unreached("entitiesTransport", "getPowerEntityInfo", kTransport,
-              "Status(-129): 'UNKNOWN_TRANSACTION: odd'"),
-    unreached("entitiesException", "getPowerEntityInfo", kException, "Status(-5): 'state'"),
-    unreached("statesDead", "getPowerEntityStateInfo", kDead, "Status(-129): 'DEAD_OBJECT: gone'"),
+              "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'"),
+    unreached("entitiesException", "getPowerEntityInfo", kException,
+              "Status(EX_ILLEGAL_STATE): 'state'"),
+    unreached("statesDead", "getPowerEntityStateInfo", kDead,
+              "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"),
     unreached("statesTransport", "getPowerEntityStateInfo", kTransport,
-              "Status(-129): 'UNKNOWN_TRANSACTION: odd'"),
-    unreached("statesException", "getPowerEntityStateInfo", kException, "Status(-5): 'state'"),
+              "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'"),
+    unreached("statesException", "getPowerEntityStateInfo", kException,
+              "Status(EX_ILLEGAL_STATE): 'state'"),
 };
 
 class HidlAttempt : public testing::TestWithParam<std::tuple<AttemptCase, Call>>,
@@ -124,10 +128,10 @@ class HidlConnection : public testing::Test, public Scenario {
 TEST_F(HidlConnection, LinkThatFailsIsLoggedAndIgnored) {
     restart(smallMachine());
     host::failLinks(host::kHidlPowerStats, {-129, -32, "no link"});
-    EXPECT_EQ(call(Call::kResidencies),
-              array(smallResult(Call::kResidencies), mReconnect,
-                    {"E: Transaction error in linking to PowerStatsHAL death: Status(-129): "
-                     "'DEAD_OBJECT: no link'"}));
+    EXPECT_EQ(call(Call::kResidencies), array(smallResult(Call::kResidencies), mReconnect,
+                                              {"E: Transaction error in linking to PowerStatsHAL "
+                                               "death: Status(EX_TRANSACTION_FAILED): "
+                                               "'DEAD_OBJECT: no link'"}));
     EXPECT_EQ(call(Call::kResidencies), array(smallResult(Call::kResidencies),
                                               steadyTraffic(Backend::kHidl, Call::kResidencies)));
 }
@@ -157,7 +161,8 @@ TEST_F(HidlConnection, OldNamesMakeUpForNamesThatAreRefusedOrMissing) {
 TEST_F(HidlConnection, OldNamesDoNotMakeUpForAQueryThatFailed) {
     restart(smallMachine());
     failQuery("getPowerEntityInfo", kTransport);
-    const Lines log{kUnavailable + "Status(-129): 'UNKNOWN_TRANSACTION: odd'", kNotLoaded};
+    const Lines log{kUnavailable + "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'",
+                    kNotLoaded};
     EXPECT_EQ(call(Call::kResidencies), nothing(log, kAfterEntities));
     failQuery("getPowerEntityStateInfo", kTransport);
     EXPECT_EQ(call(Call::kResidencies), nothing(log, kAfterStates));

@@ -24,7 +24,7 @@ const char kUnknownId[] =
     "\"unordered_map::at: key not found\"\n";
 const char kUnexamined[] =
     "F/HidlStatus: Failed HIDL return status not checked. "
-    "Error is: Status(-129): 'DEAD_OBJECT: gone'\n";
+    "Error is: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'\n";
 const char kNoEntities[] =
     "E: getResidenciesV1_0 failed: No residences were obtained from PowerStats HAL.\n"
     "NewByteArray(0)\n";
@@ -53,6 +53,15 @@ void unknownEntity(Scenario& scenario) {
 }
 void unknownState(Scenario& scenario) {
     machineOf(scenario).totals[0].states.push_back({1, 2, 3});
+}
+void fullJavaHeap(Scenario& scenario) {
+    scenario.env.heapIsFull = true;
+}
+std::string writtenToNull(Call call) {
+    const std::string size = std::to_string(smallResult(call).size());
+    const std::string write = "SetByteArrayRegion(0, " + size + ")";
+    return "clock\nNewByteArray(" + size + ")\n" + write + "\nJNI: " + write +
+           ": the array is null\n";
 }
 /// An entity that is listed again with more states: its state maps are not merged.
 template <Backend kBackend>
@@ -94,6 +103,10 @@ const EndCase kEndCases[] = {
      kUnexamined},
     {"residenciesUnreached", Backend::kHidl, Call::kResidencies,
      unreached("getPowerEntityStateResidencyData"), std::string(kNoEntities) + kUnexamined},
+    {"railsInAFullJavaHeap", Backend::kAidl, Call::kRails, fullJavaHeap,
+     writtenToNull(Call::kRails)},
+    {"residenciesInAFullJavaHeap", Backend::kHidl, Call::kResidencies, fullJavaHeap,
+     writtenToNull(Call::kResidencies)},
 };
 
 class ProcessEnds : public testing::TestWithParam<EndCase> {};

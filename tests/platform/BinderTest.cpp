@@ -80,6 +80,12 @@ TEST_F(Binder, OfAnotherInterfaceGivesNoProxy) {
     EXPECT_STREQ(stats::IPowerStats::descriptor, "android.hardware.power.stats.IPowerStats");
 }
 
+TEST_F(Binder, OfADeadProcessGivesNoProxy) {
+    const SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
+    EXPECT_TRUE(host::killService(host::kAidlPowerStats));
+    EXPECT_EQ(stats::IPowerStats::fromBinder(binder), nullptr);
+}
+
 TEST_F(Binder, AnswerIsWrittenOnlyWhenTheCallSucceeded) {
     const auto client = connect();
     stats::Channel before;

@@ -58,16 +58,23 @@ TEST(RefBase, EndsWithTheLastStrongReference) {
 TEST(RefBase, WeakReferenceFromBeforeTheFirstStrongOne) {
     int ended = 0;
     auto* const object = new Counted(&ended);
+    { const wp<Counted> first = object; }
     const wp<Counted> weak = object;
     EXPECT_EQ(object->getStrongCount(), 0);
     {
         const sp<Counted> strong = weak.promote();
         EXPECT_EQ(strong.get(), object);
+        EXPECT_EQ(object->getStrongCount(), 1);
     }
     EXPECT_EQ(ended, 1);
     EXPECT_EQ(weak.promote(), nullptr);
-    { const Counted onTheStack(&ended); }
+    wp<Counted> outlived;
+    {
+        Counted onTheStack(&ended);
+        outlived = &onTheStack;
+    }
     EXPECT_EQ(ended, 2);
+    EXPECT_EQ(outlived.promote(), nullptr);
 }
 
 TEST(HidlContainers, HoldWhatTheyWereGiven) {
@@ -105,7 +112,8 @@ TEST(TransportResult, FailedAndUnexaminedEndsTheProcess) {
         const Ended ended = runInChild(run);
         EXPECT_EQ(ended.signal, SIGABRT);
         EXPECT_THAT(ended.errors, testing::HasSubstr(message));
-        EXPECT_THAT(ended.errors, testing::HasSubstr("Status(-129): 'DEAD_OBJECT: gone'"));
+        EXPECT_THAT(ended.errors,
+                    testing::HasSubstr("Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"));
     };
     const char kNotChecked[] = "Failed HIDL return status not checked.";
     expectEnd(kNotChecked, [] { failed(); });
@@ -137,9 +145,27 @@ TEST(TransportResult, ExaminedOrOkIsHarmless) {
     const Return<bool> failedBool = TransportStatus::fromExceptionCode(-5, "state");
     EXPECT_TRUE(failedBool.withDefault(true));
     EXPECT_FALSE(failedBool.isDeadObject());
-    EXPECT_EQ(failedBool.description(), "Status(-5): 'state'");
     EXPECT_TRUE(Return<bool>(true));
-    EXPECT_EQ(android::hardware::Void().description(), "No error");
+}
+
+TEST(TransportResult, Descriptions) {
+    const auto transaction = [](android::status_t status, const char* message) {
+        return TransportStatus::fromStatusT(status, message).description();
+    };
+    const auto exception = [](int32_t code, const char* message) {
+        return TransportStatus::fromExceptionCode(code, message).description();
+    };
+    const std::string failed = "Status(EX_TRANSACTION_FAILED): ";
+    const std::pair<std::string, std::string> rows[] = {
+        {TransportStatus::ok().description(), "No error"},
+        {transaction(android::DEAD_OBJECT, "gone"), failed + "'DEAD_OBJECT: gone'"},
+        {transaction(android::DEAD_OBJECT, ""), failed + "'DEAD_OBJECT: '"},
+        {transaction(-77, "odd"), failed + "'-77 (File descriptor in bad state): odd'"},
+        {exception(-3, "id 9"), "Status(EX_ILLEGAL_ARGUMENT): 'id 9'"},
+        {exception(-3, ""), "Status(EX_ILLEGAL_ARGUMENT): ''"},
+        {exception(-99, "odd"), "Status(-99): 'odd'"},
+    };
+    for (const auto& [description, expected] : rows) EXPECT_EQ(description, expected);
 }
 
 class HidlProxy : public testing::Test {
@@ -173,14 +199,15 @@ TEST_F(HidlProxy, AnswersAreSynchronousAndFailuresHaveNone) {
     mService->statuses["getRailInfo"] = FakeHidl::Status::INSUFFICIENT_RESOURCES;
     EXPECT_EQ(ask(client), "1 with 4. ");
     host::failTransactions(host::kHidlPowerStats, "getRailInfo", {-129, -74, "odd"}, 2);
-    EXPECT_EQ(ask(client), "Status(-129): 'UNKNOWN_TRANSACTION: odd'");
-    EXPECT_EQ(ask(client), "Status(-129): 'UNKNOWN_TRANSACTION: odd'");
+    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'");
+    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'");
     EXPECT_EQ(ask(client), "1 with 4. ");
     mService->onCall = [](const std::string&) { host::killService(host::kHidlPowerStats); };
-    EXPECT_EQ(ask(client), "Status(-129): 'DEAD_OBJECT'") << "it died before it answered";
-    EXPECT_EQ(ask(client), "Status(-129): 'DEAD_OBJECT'");
+    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '")
+        << "it died before it answered";
+    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
     EXPECT_FALSE(client->ping().isOk());
-    EXPECT_EQ(ask(other), "Status(-129): 'DEAD_OBJECT'");
+    EXPECT_EQ(ask(other), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
     EXPECT_EQ(IPowerStats::getService(), nullptr);
     EXPECT_EQ(host::transactions(host::kHidlPowerStats, "getRailInfo"), 8);
 }
@@ -197,7 +224,8 @@ TEST_F(HidlProxy, ServiceThatAnswersNotAtAllOrTwice) {
     const sp<Careless> service = new Careless;
     ASSERT_EQ(service->registerAsService("careless"), android::OK);
     const sp<IPowerStats> client = IPowerStats::getService("careless");
-    EXPECT_EQ(ask(client), "Status(-129): 'FAILED_TRANSACTION: the service gave no answer'");
+    EXPECT_EQ(ask(client),
+              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the service gave no answer'");
     service->answers = 2;
     EXPECT_EQ(ask(client), "0 with 0. ");
 }
@@ -206,7 +234,7 @@ TEST_F(HidlProxy, StreamIsUnknown) {
     const auto result = IPowerStats::getService()->streamEnergyData(
         1, 1, [](const auto&, uint32_t, uint32_t, FakeHidl::Status) { FAIL(); });
     EXPECT_FALSE(result.isOk());
-    EXPECT_EQ(result.description(), "Status(-129): 'UNKNOWN_TRANSACTION'");
+    EXPECT_EQ(result.description(), "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: '");
 }
 
 }  // namespace

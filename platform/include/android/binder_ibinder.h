@@ -45,7 +45,8 @@ void AIBinder_incStrong(AIBinder* binder);
 void AIBinder_decStrong(AIBinder* binder);
 /// The count of strong references, -1 for null.
 int32_t AIBinder_debugGetRefCount(AIBinder* binder);
-/// @return whether the object's class has the same interface descriptor as `clazz`.
+/// @return whether the object's class has the same interface descriptor as `clazz`; false too for
+///     null, and for an object whose process is dead, since it cannot be asked for its descriptor.
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz);
 const AIBinder_Class* AIBinder_getClass(AIBinder* binder);
 void* AIBinder_getUserData(AIBinder* binder);

@@ -41,7 +41,9 @@ class Status final {
     /// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
     /// android::OK.
     status_t transactionError() const { return mTransactionError; }
-    /// A readable text of the status.
+    /// A readable text of the status: "No error", "Status(EX_ILLEGAL_ARGUMENT): 'MESSAGE'", or
+    /// "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: MESSAGE'". The colon and the space stand
+    /// before an empty message too.
     std::string description() const;
 
   private:

@@ -36,7 +36,8 @@ enum {
     UNEXPECTED_NULL = (UNKNOWN_ERROR + 8),
 };
 
-/// The code's name, "DEAD_OBJECT" for DEAD_OBJECT; its number for codes without one.
+/// The code's name, "DEAD_OBJECT" for DEAD_OBJECT. A code without a name gives its number and the
+/// text of the errno value that it negates, "-77 (File descriptor in bad state)".
 std::string statusToString(status_t status);
 
 }  // namespace android

@@ -21,7 +21,8 @@ class RefBase {
     void decStrong(const void* id) const;
     int32_t getStrongCount() const;
 
-    /// The counts, which live until the last strong and weak reference are gone.
+    /// The counts, which live until the object and the last weak reference are gone. So an object
+    /// that has lost its last weak reference can still get its first strong one.
     class weakref_type {
       public:
         void incWeak(const void* id);
@@ -38,7 +39,7 @@ class RefBase {
 
         RefBase* const mBase;
         std::atomic<int32_t> mStrong{kNeverHeld};
-        std::atomic<int32_t> mWeak{0};  // all strong references together count as one
+        std::atomic<int32_t> mWeak{1};  // the object's own, until it is destroyed
     };
 
     weakref_type* createWeak(const void* id) const;

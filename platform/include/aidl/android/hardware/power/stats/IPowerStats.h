@@ -24,7 +24,7 @@ class IPowerStats : public ::ndk::ICInterface {
     static const char* descriptor;
 
     /// A proxy for the service behind a binder; null when the binder is null or of another
-    /// interface.
+    /// interface, or when the service's process is dead.
     static std::shared_ptr<IPowerStats> fromBinder(const ::ndk::SpAIBinder& binder);
 
     /// All power entities of the device, with their states.
