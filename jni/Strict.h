@@ -7,15 +7,19 @@
 
 #pragma once
 
+#include <android/set_abort_message.h>
+
 #include <cstdio>
 #include <cstdlib>
 
 namespace ferrolith {
 
 /// Ends the process.
-/// @param message [in] one line for standard error, not for the log.
+/// @param message [in] one line for standard error and for the crash report, not for the log. An
+///     app's standard error goes nowhere.
 [[noreturn]] static void abortWithMessage(const char* message) {
     std::fprintf(stderr, "%s\n", message);
+    android_set_abort_message(message);
     std::abort();
 }
 

@@ -213,9 +213,10 @@ class Model {
     const Value& strictly(const std::map<uint32_t, Value>& all, uint32_t id) {
         const auto found = all.find(id);
         if (found != all.end()) return found->second;
-        events.emplace_back(
+        const std::string message =
             "out_of_range was thrown in -fno-exceptions mode with message "
-            "\"unordered_map::at: key not found\"");
+            "\"unordered_map::at: key not found\"";
+        events.insert(events.end(), {message, "abort message: " + message});
         throw ProcessEnds();
     }
 

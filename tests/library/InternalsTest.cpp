@@ -50,7 +50,9 @@ TEST(Internals, CallableThatSelectionDidNotBind) {
         collect({}, scenario.env.get(), nullptr);
     });
     EXPECT_EQ(ended.signal, SIGABRT);
-    EXPECT_EQ(ended.errors, "bad_function_call was thrown in -fno-exceptions mode\n");
+    EXPECT_EQ(ended.errors,
+              "bad_function_call was thrown in -fno-exceptions mode\n"
+              "abort message: bad_function_call was thrown in -fno-exceptions mode\n");
 }
 
 class AidlInternals : public testing::Test, public support::Scenario {

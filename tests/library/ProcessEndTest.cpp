@@ -21,6 +21,8 @@ namespace {
 const char kUnknownId[] =
     "clock\n"
     "out_of_range was thrown in -fno-exceptions mode with message "
+    "\"unordered_map::at: key not found\"\n"
+    "abort message: out_of_range was thrown in -fno-exceptions mode with message "
     "\"unordered_map::at: key not found\"\n";
 const char kUnexamined[] =
     "F/HidlStatus: Failed HIDL return status not checked. "

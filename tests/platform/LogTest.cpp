@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <android/log.h>
+#include <android/set_abort_message.h>
 #include <gtest/gtest.h>
+#include <host/ServiceControl.h>
 
 #include <cstdio>
 #include <string>
@@ -36,6 +38,13 @@ TEST(Log, LoggerTakesItsPlaceAndGivesItBack) {
     });
     EXPECT_EQ(ended.errors.substr(0, 1031), "5|Tag|" + std::string(1023, 'x') + "\nD");
     EXPECT_NE(ended.errors.find("): last\n"), std::string::npos);
+}
+
+TEST(AbortMessage, TheFirstOneStays) {
+    EXPECT_EQ(host::abortMessage(), nullptr);
+    android_set_abort_message("first");
+    android_set_abort_message("second");
+    EXPECT_STREQ(host::abortMessage(), "first");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <host/ServiceControl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -29,12 +30,19 @@ void writeCoverage() {
 #endif
 }
 
+/// Runs last in a child that aborts.
+void onAbort(int /*signal*/) {
+    writeCoverage();
+    const char* message = host::abortMessage();
+    if (message != nullptr) dprintf(STDERR_FILENO, "abort message: %s\n", message);
+}
+
 [[noreturn]] void beChild(const std::function<void()>& run, int errors) {
     dup2(errors, STDERR_FILENO);
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     alarm(kMostSeconds);
-    signal(SIGABRT, [](int) { writeCoverage(); });  // and then it ends after all
+    signal(SIGABRT, onAbort);
     try {
         run();
     } catch (...) {

@@ -14,9 +14,10 @@ namespace support {
 
 struct Ended {
     pid_t pid = 0;
-    int signal = 0;      ///< that ended it, or 0
-    int exitCode = 0;    ///< kReturned when `run` returned
-    std::string errors;  ///< what it wrote to standard error
+    int signal = 0;    ///< that ended it, or 0
+    int exitCode = 0;  ///< kReturned when `run` returned
+    /// What it wrote to standard error, and "abort message: " with the message for a crash report.
+    std::string errors;
 };
 
 inline constexpr int kReturned = 7;

@@ -80,6 +80,10 @@ enum class Event {
 /// no lock of the platform held; an empty one ends that.
 void setObserver(std::function<void(Event)> observer);
 
+/// The message that was handed to android_set_abort_message, or null. May be called in a signal
+/// handler.
+const char* abortMessage();
+
 /// The buses of a Linux machine: of one user's session, and of the system.
 enum class Bus { kSession, kSystem };
 
