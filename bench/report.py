@@ -5,13 +5,15 @@
 Usage: report.py RUN.json LIBRARY.json [--json FILE]
 
 RUN.json is Google Benchmark's output, LIBRARY.json what scripts/bench found out about the library's
-file. Every figure is the median over the repetitions of a benchmark.
+file. Every figure is the median over the repetitions of a benchmark. Exits with 1 when a target is
+missed.
 """
 
 import argparse
 import json
 import signal
 import statistics
+import sys
 from collections import defaultdict
 
 
@@ -203,8 +205,9 @@ def main():
                        .format(json.dumps(context), json.dumps(library),
                                ",\n".join(json.dumps(target) for target in found),
                                ",\n".join(json.dumps(row) for row in rows)))
+    return 0 if all(target["met"] for target in found) else 1
 
 
 if __name__ == "__main__":
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
-    main()
+    sys.exit(main())
