@@ -42,6 +42,7 @@ std::string row(size_t indent, const std::string& name, const std::vector<std::s
 }
 
 std::string afterBoot(int64_t timestampMs) {
+    if (timestampMs == 0) return "an unknown time";  // the clock could not be read
     const int64_t seconds = timestampMs / 1000;
     const int64_t days = seconds / 86400;
     return fmt::format("{}{:02}:{:02}:{:02}.{:03} after boot ({} ms)",

@@ -8,6 +8,7 @@ import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerData;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.Residency;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.Scalar;
+import java.io.IOException;
 import java.util.EnumSet;
 import java.util.List;
 
@@ -100,6 +101,16 @@ public final class PowerDataReaderTest {
         String[] lines = Format.TABLE.available(Section.RESIDENCIES, widest).split("\n");
         expect("width", 80, lines[2].length());
         expect("both ends of the names", true, lines[2].matches(" +(a+\\.\\.\\.b+ +){2}-.*"));
+
+        String pair = "\ud83d\udd0b";
+        for (String odd : List.of("", "a")) {
+            String[] rows =
+                    Format.TABLE
+                            .available(Section.RAILS, rail(odd + pair.repeat(100), 1, 2))
+                            .split("\n");
+            expect("width of pairs", 80, rows[2].codePointCount(0, rows[2].length()));
+            expect("no pair is split", false, rows[2].replace(pair, "").matches(".*\\p{Cs}.*"));
+        }
     }
 
     private static void testArguments() throws ReaderOptions.BadArgument {
@@ -134,7 +145,22 @@ public final class PowerDataReaderTest {
         }
     }
 
-    public static void main(String[] arguments) throws ReaderOptions.BadArgument {
+    private static void testWithoutLibrary() throws IOException, InterruptedException {
+        Process reader =
+                new ProcessBuilder(
+                                System.getProperty("java.home") + "/bin/java",
+                                "-Djava.library.path=/nonexistent",
+                                "-classpath",
+                                System.getProperty("java.class.path"),
+                                PowerDataReader.class.getName())
+                        .start();
+        String errors = new String(reader.getErrorStream().readAllBytes());
+        expect("remedy: " + errors, true, errors.contains("-Djava.library.path=FOLDER"));
+        expect("exit status without library", 2, reader.waitFor());
+    }
+
+    public static void main(String[] arguments) throws Exception {
+        testWithoutLibrary();
         testFormats();
         testTableWidth();
         testArguments();

@@ -86,7 +86,7 @@ enum Format {
         int room = TABLE_WIDTH - INDENT.length() - GAP.length() * (columns - 1);
         for (int column = columns - 1; column >= 0; --column) {
             for (List<String> line : lines) {
-                widths[column] = Math.max(widths[column], line.get(column).length());
+                widths[column] = Math.max(widths[column], length(line.get(column)));
             }
             // The numbers take what they need, and the names share the rest.
             if (column < section.nameColumns) {
@@ -102,16 +102,24 @@ enum Format {
     private static String alignedLine(Section section, List<String> line, int[] widths) {
         List<String> fields = new ArrayList<>();
         for (int column = 0; column < widths.length; ++column) {
-            String layout = "%" + (column < section.nameColumns ? "-" : "") + widths[column] + "s";
-            fields.add(String.format(layout, shortened(line.get(column), widths[column])));
+            String field = shortened(line.get(column), widths[column]);
+            String padding = " ".repeat(widths[column] - length(field));
+            fields.add(column < section.nameColumns ? field + padding : padding + field);
         }
         return (INDENT + String.join(GAP, fields)).stripTrailing();
     }
 
     /** The ends of names tell them apart more often than their middle does. */
     private static String shortened(String name, int width) {
-        if (name.length() <= width) return name;
+        if (length(name) <= width) return name;
         int tail = (width - 3) / 2;
-        return name.substring(0, width - 3 - tail) + "..." + name.substring(name.length() - tail);
+        return name.substring(0, name.offsetByCodePoints(0, width - 3 - tail))
+                + "..."
+                + name.substring(name.offsetByCodePoints(name.length(), -tail));
+    }
+
+    /** The number of characters, each of which may be a surrogate pair. */
+    private static int length(String text) {
+        return text.codePointCount(0, text.length());
     }
 }

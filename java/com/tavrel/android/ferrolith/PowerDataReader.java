@@ -41,7 +41,7 @@ public final class PowerDataReader {
         } catch (UnsatisfiedLinkError e) {
             fail(
                     e.getMessage() + " (run java with -Djava.library.path=FOLDER of the library)",
-                    EXIT_NOTHING_COLLECTED);
+                    EXIT_BAD_ARGUMENT);
         } catch (InvalidProtocolBufferException e) {
             fail(
                     "result of the library: "
@@ -65,7 +65,7 @@ public final class PowerDataReader {
 
     private void print(Section section) throws InvalidProtocolBufferException {
         byte[] bytes = section.collect();
-        collected |= bytes != null;
+        collected |= bytes != null && bytes.length > 0;
         out.println(
                 bytes == null
                         ? options.format.unavailable(section)

@@ -24,7 +24,11 @@ final class ReaderOptions {
                     "  --format F      table, or tsv for tab separated lines (table)",
                     "  --help          print this and exit",
                     "",
-                    "Exit status: 0 collected, 1 nothing could be collected, 2 bad argument.");
+                    "The times of the calls are milliseconds since boot.",
+                    "Exit status: 0 something was collected, 1 nothing was or the output could not",
+                    "be written, 2 bad argument or no library.",
+                    "Example: java -Djava.library.path=build/lib -jar"
+                            + " build/lib/powerstats-reader.jar --rails");
 
     /** A bad argument; the message names it and the remedy. */
     static final class BadArgument extends Exception {
