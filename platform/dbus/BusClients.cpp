@@ -172,13 +172,21 @@ RegisteredService findHidl(Bus bus) {
     return {std::shared_ptr<void>(held, held->get()), peer};
 }
 
+class Buses : public OtherProcesses {
+  public:
+    RegisteredService find(Bus bus, const std::string& name) override {
+        if (name == kAidlPowerStats) return findAidl(bus);
+        if (name == kHidlPowerStats) return findHidl(bus);
+        return {};
+    }
+    void noticeDeaths() override { BusConnection::noticeDeaths(); }
+};
+
+[[maybe_unused]] const bool gPluggedIn = [] {
+    plugIn(new Buses);  // never destroyed, as nothing is that a thread may use at exit
+    return true;
+}();
+
 }  // namespace
 }  // namespace dbus
-
-RegisteredService findOnBus(Bus bus, const std::string& name) {
-    if (name == kAidlPowerStats) return dbus::findAidl(bus);
-    if (name == kHidlPowerStats) return dbus::findHidl(bus);
-    return {};
-}
-
 }  // namespace host

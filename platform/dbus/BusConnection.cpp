@@ -2,6 +2,7 @@
 
 #include "BusConnection.h"
 
+#include <android/log.h>
 #include <host/ServiceControl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -12,10 +13,10 @@
 #include <cerrno>
 #include <chrono>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include "BusNames.h"
-#include "Register.h"
 
 namespace host {
 namespace {
@@ -26,10 +27,6 @@ std::atomic<uint64_t> gTimeLimitUs{25'000'000};
 
 void setBusTimeLimit(double seconds) {
     gTimeLimitUs = static_cast<uint64_t>(seconds * 1e6);
-}
-
-void noticeDeathsOnBus() {
-    dbus::BusConnection::noticeDeaths();
 }
 
 namespace dbus {
@@ -87,6 +84,10 @@ struct Connections {
 };
 
 }  // namespace
+
+const char* nameOf(Bus bus) {
+    return bus == Bus::kSession ? "session" : "system";
+}
 
 int openBus(Bus bus, UniqueBus* opened) {
     sd_bus* made = nullptr;
@@ -156,7 +157,11 @@ std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
     if (current != nullptr && current->isOpen()) return current;
     current.reset();
     UniqueBus opened;
-    if (openBus(bus, &opened) < 0) return nullptr;
+    if (const int result = openBus(bus, &opened); result < 0) {
+        __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "no %s bus: %s", nameOf(bus),
+                            std::generic_category().message(-result).c_str());
+        return nullptr;
+    }
     auto connection = std::make_shared<BusConnection>(std::move(opened));
     if (connection->start()) current = std::move(connection);
     return current;
@@ -199,6 +204,10 @@ std::string BusConnection::ownerOf(const std::string& name) {
     const auto failed = call(
         kBusName, kBusName, "GetNameOwner", "s", [&](Writer& writer) { return writer(name); },
         [&](Reader& reader) { return reader(owner); });
+    if (failed) {
+        __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "%s: %s", name.c_str(),
+                            failed->message.c_str());
+    }
     return failed ? "" : owner;
 }
 

@@ -40,6 +40,9 @@ struct ReleaseSlot {
 };
 using UniqueSlot = std::unique_ptr<sd_bus_slot, ReleaseSlot>;
 
+/// "session" or "system".
+const char* nameOf(Bus bus);
+
 /// Begins to connect to a bus. Does not wait for it.
 /// @return a negative errno when there is no such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);

@@ -257,10 +257,9 @@ std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     if (result >= 0) result = impl->stopOn(SIGTERM);
     if (result >= 0) result = impl->stopOn(SIGINT);
     if (result < 0) {
-        const bool session = bus == Bus::kSession;
-        *error = std::string("the ") + (session ? "session" : "system") +
+        *error = std::string("the ") + dbus::nameOf(bus) +
                  " bus cannot be reached: " + dbus::errnoText(result) +
-                 (session ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
+                 (bus == Bus::kSession ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
                           : " (is dbus-daemon running?)");
         return nullptr;
     }

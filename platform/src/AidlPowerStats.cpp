@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Binder.h"
+#include "Register.h"
 
 const AIBinder_Class* host::aidlPowerStatsClass() {
     // No raw transaction ever reaches a service: its proxies call it.
@@ -26,10 +27,8 @@ ScopedAStatus unknownTransaction() {
     return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
 }
 
-/// Makes one call of a service through its binder.
-/// @param call [in] `ScopedAStatus(IPowerStats* service, Reply* reply)`
 template <typename Reply, typename Call>
-ScopedAStatus transact(AIBinder* binder, host::Method method, Reply* reply, Call call) {
+ScopedAStatus transactUnlogged(AIBinder* binder, host::Method method, Reply* reply, Call call) {
     host::Peer& peer = *binder->peer;
     if (auto failure = peer.begin(method)) return host::toAidlStatus(*failure);
     Reply received;
@@ -37,6 +36,17 @@ ScopedAStatus transact(AIBinder* binder, host::Method method, Reply* reply, Call
         call(static_cast<IPowerStats*>(::ndk::ICInterface::fromUserData(binder)), &received);
     if (!peer.isAlive()) return host::toAidlStatus(host::deadObject());
     if (status.isOk()) *reply = std::move(received);
+    return status;
+}
+
+/// Makes one call of a service through its binder.
+/// @param call [in] `ScopedAStatus(IPowerStats* service, Reply* reply)`
+template <typename Reply, typename Call>
+ScopedAStatus transact(AIBinder* binder, host::Method method, Reply* reply, Call call) {
+    ScopedAStatus status = transactUnlogged(binder, method, reply, call);
+    if (!status.isOk()) {
+        host::logFailure(method, status.get() != nullptr ? status.getDescription() : "no status");
+    }
     return status;
 }
 

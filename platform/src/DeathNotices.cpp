@@ -128,7 +128,7 @@ void deliverNotices(std::shared_ptr<Peer> peer) {
 }
 
 bool waitForDeathNotices(double seconds) {
-    noticeDeathsOnBus();
+    if (OtherProcesses* others = otherProcesses()) others->noticeDeaths();
     return DeathNotices::get().waitUntilDone(seconds);
 }
 

@@ -113,7 +113,7 @@ class BpHwPowerStats : public IPowerStats {
     /// @param call [in] `Return<void>(answer)`, where `answer` is the callback for the service
     template <typename Callback, typename Call>
     Return<void> transact(host::Method method, const Callback& callback, Call call) {
-        if (auto failure = mPeer->begin(method)) return toTransportStatus(*failure);
+        if (auto failure = mPeer->begin(method)) return failed(method, toTransportStatus(*failure));
         struct {
             const host::Peer& peer;
             const Callback& callback;
@@ -125,9 +125,16 @@ class BpHwPowerStats : public IPowerStats {
             transaction.answered = true;
             transaction.callback(records, status);
         });
+        if (!result.isOkUnchecked()) host::logFailure(method, result.description());
         if (transaction.answered || !result.isOkUnchecked()) return result;
-        if (!mPeer->isAlive()) return toTransportStatus(host::deadObject());
-        return TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer");
+        if (!mPeer->isAlive()) return failed(method, toTransportStatus(host::deadObject()));
+        return failed(method, TransportStatus::fromStatusT(FAILED_TRANSACTION,
+                                                           "the service gave no answer"));
+    }
+
+    static TransportStatus failed(host::Method method, const TransportStatus& status) {
+        host::logFailure(method, status.description());
+        return status;
     }
 
     const sp<IPowerStats> mService;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -32,6 +33,7 @@ void writeBrief(const __android_log_message* message) {
 }
 
 std::atomic<__android_logger_function> gLogger{writeBrief};
+std::atomic<int32_t> gMinimumPriority{ANDROID_LOG_INFO};
 
 }  // namespace
 
@@ -41,7 +43,12 @@ void __android_log_set_logger(__android_logger_function logger) {
     gLogger = logger != nullptr ? logger : writeBrief;
 }
 
+int32_t __android_log_set_minimum_priority(int32_t priority) {
+    return gMinimumPriority.exchange(priority);
+}
+
 int __android_log_write(int prio, const char* tag, const char* text) {
+    if (prio < gMinimumPriority) return -EPERM;
     __android_log_message message = {};
     message.struct_size = sizeof(message);
     message.buffer_id = LOG_ID_DEFAULT;

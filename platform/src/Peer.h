@@ -17,6 +17,9 @@
 
 namespace host {
 
+/// Of the stand-ins' own lines in the log.
+inline constexpr const char* kLogTag = "android_host";
+
 class ServiceStats;
 
 /// The methods of both interfaces that the host can transact.

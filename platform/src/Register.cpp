@@ -2,6 +2,8 @@
 
 #include "Register.h"
 
+#include <android/log.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@ struct Register {
     std::mutex mutex;
     std::unordered_map<std::string, RegisteredService> services;
     std::unordered_map<std::string, std::unique_ptr<ServiceStats>> stats;
+    std::atomic<OtherProcesses*> others{nullptr};
     std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                      // of look-ups
     std::vector<std::string> namesOnBus{kAidlPowerStats, kHidlPowerStats};  // of look-ups
 
@@ -106,6 +109,12 @@ ServiceStats& ServiceStats::of(const std::string& name) {
     return *stats;
 }
 
+void logFailure(Method method, const std::string& reason) {
+    const MethodName& name = kMethodNames[static_cast<size_t>(method)];
+    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "%s of %s failed: %s", name.method.data(),
+                        name.service.data(), reason.c_str());
+}
+
 void registerService(const std::string& name, RegisteredService service) {
     service.peer->setStats(&ServiceStats::of(name));
     Register& all = Register::get();
@@ -127,13 +136,21 @@ RegisteredService findService(const std::string& name) {
         const auto& names = all.namesOnBus;
         if (std::find(names.begin(), names.end(), name) != names.end()) buses = all.buses;
     }
-    for (const Bus bus : buses) {
-        RegisteredService service = findOnBus(bus, name);
+    for (const Bus bus : otherProcesses() != nullptr ? buses : std::vector<Bus>()) {
+        RegisteredService service = otherProcesses()->find(bus, name);
         if (service.peer == nullptr) continue;
         service.peer->setStats(&ServiceStats::of(name));
         return service;
     }
     return {};
+}
+
+void plugIn(OtherProcesses* others) {
+    Register::get().others = others;
+}
+
+OtherProcesses* otherProcesses() {
+    return Register::get().others;
 }
 
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {

@@ -50,18 +50,31 @@ struct RegisteredService {
     std::shared_ptr<Peer> peer;
 };
 
+/// Logs, at DEBUG, why a transaction failed, since its caller may not look at the reason.
+void logFailure(Method method, const std::string& reason);
+
 /// Puts a service in the register, in place of one under the same name.
 void registerService(const std::string& name, RegisteredService service);
 
-/// Counts a look-up, and finds the service under that name: in this process, or else on the bus.
+/// Counts a look-up, and finds the service under that name: in this process, or else on a bus.
 /// @return one whose object is null when there is none.
 RegisteredService findService(const std::string& name);
 
-/// Finds a service of another process under that name.
-/// @return one whose object is null when there is none, or no such bus.
-RegisteredService findOnBus(Bus bus, const std::string& name);
+/// Finds services of other processes. The bus plugs itself in here; the register knows no bus.
+class OtherProcesses {
+  public:
+    virtual ~OtherProcesses() = default;
 
-/// Makes sure that every death has been noticed that a bus knows of.
-void noticeDeathsOnBus();
+    /// @return a service whose object is null when there is none, or no such bus.
+    virtual RegisteredService find(Bus bus, const std::string& name) = 0;
+    /// Makes sure that every death has been noticed that a bus knows of.
+    virtual void noticeDeaths() = 0;
+};
+
+/// @param others [in] lives as long as the process.
+void plugIn(OtherProcesses* others);
+
+/// The object that was plugged in; null in a build without a bus.
+OtherProcesses* otherProcesses();
 
 }  // namespace host

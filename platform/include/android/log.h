@@ -43,7 +43,7 @@ typedef enum log_id {
 /// @param prio [in] an android_LogPriority.
 /// @param tag [in] who logs; null is taken as the empty string.
 /// @param fmt [in] a printf format; the text is cut at 1023 bytes, as on a device.
-/// @return 1 when the message was passed on.
+/// @return 1 when the message was passed on, a negative errno when it was dropped.
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
 
@@ -66,6 +66,12 @@ typedef void (*__android_logger_function)(const struct __android_log_message* lo
 /// Sends every later message of the process to `logger`; null restores the default.
 /// The logger is called on the thread that logs, and may be called by many at once.
 void __android_log_set_logger(__android_logger_function logger);
+
+/// Drops messages below a priority. A device logs all; on the host a fresh process logs from
+/// ANDROID_LOG_INFO on.
+/// @param priority [in] an android_LogPriority.
+/// @return the one before.
+int32_t __android_log_set_minimum_priority(int32_t priority);
 
 #ifdef __cplusplus
 }
