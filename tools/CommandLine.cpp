@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 
 namespace powerstats {
 
@@ -53,7 +54,12 @@ std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
     try {
         app->parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app->exit(error);
+        if (error.get_exit_code() == 0) {
+            app->exit(error);
+            if (std::cout.flush()) return 0;
+            printError(app->get_name(), "standard output cannot be written");
+            return 1;
+        }
         printError(app->get_name(),
                    fmt::format("{} (see {} --help)", error.what(), app->get_name()));
         return kUsage;

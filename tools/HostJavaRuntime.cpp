@@ -124,8 +124,9 @@ size_t HostJniEnv::arrays() const {
 }
 
 std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {
-    // A name without a slash would be searched for in the system's library folders.
-    const std::string path = std::filesystem::absolute(file).string();
+    // A name without a slash would be searched for in other folders than the current one.
+    const std::string path =
+        file == kDefaultFile ? file : std::filesystem::absolute(file).string();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         *error = file + ": " + withoutPrefix(dlerror(), path + ": ");
@@ -160,13 +161,6 @@ JavaBytes LoadedLibrary::railEnergy(HostJniEnv* env) const {
 
 void* LoadedLibrary::symbol(const char* name) const {
     return dlsym(mHandle, name);
-}
-
-std::string LoadedLibrary::defaultFile() {
-    std::error_code error;
-    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (program.parent_path().parent_path() / "lib" / "libpowerstatshaldataprovider.so")
-        .string();
 }
 
 }  // namespace powerstats

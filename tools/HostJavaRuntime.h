@@ -60,6 +60,9 @@ class LoadedLibrary {
   public:
     using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
 
+    /// Is searched for where the program's own libraries are.
+    static constexpr const char* kDefaultFile = "libpowerstatshaldataprovider.so";
+
     /// Loads the library and finds its two native methods.
     /// @param file [in] path of the library.
     /// @param error [out] on failure one line that names the file and the reason.
@@ -78,10 +81,6 @@ class LoadedLibrary {
 
     /// The address of an exported symbol, by its mangled name; null when there is none.
     void* symbol(const char* name) const;
-
-    /// The library's file beside the running program: `../lib/libpowerstatshaldataprovider.so` from
-    /// the folder that holds the program's own file.
-    static std::string defaultFile();
 
   private:
     LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy);

@@ -74,7 +74,7 @@ std::string entityRows(const PowerDataResult& result) {
 std::string table(const Section& section) {
     const bool isRails = section.kind == Section::Kind::kRails;
     const char* title = isRails ? "Rails" : "Power entities";
-    if (!section.result) return fmt::format("{}: not available on this machine\n", title);
+    if (!section.result) return fmt::format("{}: not available\n", title);
     const PowerDataResult& result = *section.result;
     if (result.keyed_power_data().empty()) return fmt::format("{}: none reported\n", title);
     return fmt::format("{} at {}\n{}", title,

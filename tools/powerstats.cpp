@@ -3,11 +3,16 @@
 // powerstats: loads the library as a Java runtime would, lets it read this machine's counters
 // through a power stats service in the same process, and prints what the library returned.
 
+#include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/binder_manager.h>
+#include <android/hardware/power/stats/1.0/IPowerStats.h>
+#include <android/log.h>
 #include <fmt/format.h>
+#include <host/BusServer.h>
 #include <host/ServiceControl.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -41,10 +47,22 @@ struct Arguments {
     double waitSeconds = 2;
     std::string sysfs = "/sys";
     std::string format = "table";
-    std::string library = LoadedLibrary::defaultFile();
+    std::string library = LoadedLibrary::kDefaultFile;
     bool rails = false;
     bool residencies = false;
 };
+
+namespace stats_aidl = aidl::android::hardware::power::stats;
+namespace stats_V1_0 = android::hardware::power::stats::V1_0;
+
+constexpr char kRefused[] =
+    "the bus's policy refuses them (run as root, or join the group: sudo usermod -aG powerstats "
+    "NAME, and log in again)";
+
+/// What the program is called on its command line, for remedies that name it.
+std::string gProgram = "powerstats";
+/// Whether a file of this machine may not be read by this user.
+std::atomic<bool> gDenied{false};
 
 /// One of the library's methods that is to be called, and the bytes that it returned.
 struct Call {
@@ -54,6 +72,19 @@ struct Call {
 
 void say(const std::string& text) {
     printError("powerstats", text);
+}
+
+std::shared_ptr<stats_aidl::IPowerStats> findAidl() {
+    return stats_aidl::IPowerStats::fromBinder(
+        ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)));
+}
+
+android::sp<stats_V1_0::IPowerStats> findHidl() {
+    return stats_V1_0::IPowerStats::getService();
+}
+
+bool mentionsDenial(const std::string& text) {
+    return text.find(std::generic_category().message(EACCES)) != std::string::npos;
 }
 
 bool registerAidl(const std::shared_ptr<const LinuxCounters>& counters) {
@@ -73,41 +104,126 @@ bool registerService(const Arguments& arguments) {
     host::setBusLookups({});
     LinuxCounters::Options options;
     options.root = arguments.sysfs;
-    options.warn = say;
+    options.warn = [](const std::string& text) {
+        say(text);
+        gDenied = gDenied || mentionsDenial(text);
+    };
     const auto counters = std::make_shared<const LinuxCounters>(options);
     if (arguments.hal == "hidl" ? registerHidl(counters) : registerAidl(counters)) return true;
     say("the service could not be registered (this is a fault of this program)");
     return false;
 }
 
+std::vector<host::Bus> busesOf(const Arguments& arguments) {
+    if (*arguments.bus == "session") return {host::Bus::kSession};
+    if (*arguments.bus == "system") return {host::Bus::kSystem};
+    return {host::Bus::kSession, host::Bus::kSystem};
+}
+
 bool isServed() {
-    return ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)).get() != nullptr ||
-           android::hardware::power::stats::V1_0::IPowerStats::getService() != nullptr;
+    return findAidl() != nullptr || findHidl() != nullptr;
+}
+
+/// Says why no service was found: no bus can be reached, or no service is on one.
+void explainAbsence(const Arguments& arguments) {
+    std::string reasons;
+    for (const host::Bus bus : busesOf(arguments)) {
+        std::string error;
+        if (host::BusServer::connect(bus, &error) != nullptr) {
+            const std::string interface =
+                arguments.hal.empty() ? "" : " with the interface " + arguments.hal;
+            say(fmt::format("no power stats service{} on {} (start powerstatsd, or wait longer "
+                            "with --wait SECONDS)",
+                            interface,
+                            *arguments.bus == kAnyBus ? "the session or the system bus"
+                                                      : "the " + *arguments.bus + " bus"));
+            return;
+        }
+        reasons += (reasons.empty() ? "" : "; ") + error;
+    }
+    say(reasons);
 }
 
 /// Has the library look on the buses, once a service is there: its first call chooses the interface
 /// for good.
 void awaitServiceOnBus(const Arguments& arguments) {
-    std::vector<host::Bus> buses;
-    if (*arguments.bus != "system") buses.push_back(host::Bus::kSession);
-    if (*arguments.bus != "session") buses.push_back(host::Bus::kSystem);
     std::vector<std::string> names;
     if (arguments.hal != "hidl") names.emplace_back(host::kAidlPowerStats);
     if (arguments.hal != "aidl") names.emplace_back(host::kHidlPowerStats);
-    host::setBusLookups(std::move(buses), std::move(names));
+    host::setBusLookups(busesOf(arguments), std::move(names));
 
     using std::chrono::steady_clock;
     const auto until = steady_clock::now() + std::chrono::duration<double>(arguments.waitSeconds);
     while (!isServed()) {
         if (steady_clock::now() >= until) {
-            say(fmt::format("no power stats service{} on the {} (start powerstatsd, or wait longer "
-                            "with --wait SECONDS)",
-                            arguments.hal.empty() ? "" : " with the interface " + arguments.hal,
-                            *arguments.bus == kAnyBus ? "session or system bus"
-                                                      : *arguments.bus + " bus"));
+            explainAbsence(arguments);
             return;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+/// Why a call of a service fails; the empty text when it succeeds.
+std::string reasonOf(const ndk::ScopedAStatus& status) {
+    if (status.isOk()) return "";
+    if (status.getStatus() == android::PERMISSION_DENIED) return kRefused;
+    return status.getDescription();
+}
+template <typename T>
+std::string reasonOf(const android::hardware::Return<T>& result, stats_V1_0::Status status) {
+    if (result.isOk() && status == stats_V1_0::Status::NOT_SUPPORTED) return "not supported";
+    if (result.isOk() && status != stats_V1_0::Status::SUCCESS) {
+        return fmt::format("the service answered status {}", static_cast<int>(status));
+    }
+    const std::string text = result.isOk() ? "" : result.description();
+    return text.find("PERMISSION_DENIED") != std::string::npos ? kRefused : text;
+}
+
+/// Asks the service that the library asked why there are no rails, or no entities.
+/// @return an empty text when no service is there.
+std::string findReason(Section::Kind kind) {
+    const bool rails = kind == Section::Kind::kRails;
+    std::string reason;
+    size_t count = 0;
+    if (const auto aidl = findAidl()) {
+        if (rails) {
+            std::vector<stats_aidl::Channel> channels;
+            std::vector<stats_aidl::EnergyMeasurement> measurements;
+            reason = reasonOf(aidl->getEnergyMeterInfo(&channels));
+            if (reason.empty()) reason = reasonOf(aidl->readEnergyMeter({}, &measurements));
+            count = channels.size();
+        } else {
+            std::vector<stats_aidl::PowerEntity> entities;
+            std::vector<stats_aidl::StateResidencyResult> residencies;
+            reason = reasonOf(aidl->getPowerEntityInfo(&entities));
+            if (reason.empty()) reason = reasonOf(aidl->getStateResidency({}, &residencies));
+            count = entities.size();
+        }
+    } else if (const auto hidl = findHidl()) {
+        stats_V1_0::Status status{};
+        const auto note = [&](const auto& records, stats_V1_0::Status answered) {
+            count = records.size();
+            status = answered;
+        };
+        reason = rails ? reasonOf(hidl->getRailInfo(note), status)
+                       : reasonOf(hidl->getPowerEntityInfo(note), status);
+    } else {
+        return "";
+    }
+    if (!reason.empty()) return reason;
+    return count == 0 ? "the service has none" : "the service failed, and answers again now";
+}
+
+/// Says of each call that returned null why it did, with the remedy.
+void explainMissing(const std::vector<Call>& calls) {
+    for (const Call& call : calls) {
+        if (call.bytes) continue;
+        const bool rails = call.kind == Section::Kind::kRails;
+        const std::string reason =
+            gDenied ? fmt::format("this user may not read the kernel's counters (sudo {} dump --{})",
+                                  gProgram, rails ? "rails" : "residencies")
+                    : findReason(call.kind);
+        if (!reason.empty()) say(fmt::format("{}: {}", rails ? "rails" : "power entities", reason));
     }
 }
 
@@ -175,6 +291,7 @@ int dump(const Arguments& arguments) {
         return kNothingCollected;
     }
     if (!writeOutput(text)) return kNothingCollected;
+    explainMissing(calls);
 
     for (const Call& call : calls) {
         if (call.bytes && !call.bytes->empty()) return kCollected;
@@ -187,6 +304,7 @@ std::string findMistake(const Arguments& arguments, bool sysfsGiven) {
     if (arguments.bus && sysfsGiven) {
         return "--sysfs: not with --bus (the service on the bus reads its own counters)";
     }
+    if (arguments.library.empty()) return "--library: the name is empty (give the library's file)";
     if (arguments.format == "binary" && arguments.rails == arguments.residencies) {
         return "--format binary: the bytes of one call only (give --rails or --residencies)";
     }
@@ -195,9 +313,18 @@ std::string findMistake(const Arguments& arguments, bool sysfsGiven) {
 
 int run(int argc, char** argv) {
     Arguments arguments;
-    CLI::App app("Shows what the power stats library returns on this machine.", "powerstats");
+    bool verbose = false;
+    gProgram = argv[0];
+    CLI::App app("Shows the energy of rails and the times that power entities spent in their states.",
+                 "powerstats");
     app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
-    CLI::App* command = app.add_subcommand("dump", "Read the counters once and print them.");
+    CLI::App* command = app.add_subcommand("dump", "Call the library once and print its result.");
+    command->footer(
+        "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
+        "measured since boot is left out.\n"
+        "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
+        "2 bad argument, or a library that cannot be loaded.\n"
+        "Example: powerstats dump --sysfs share/sample-machine --rails");
     command
         ->add_option("--hal", arguments.hal, "Interface; the AIDL service first, when none is given")
         ->check(CLI::IsMember({"aidl", "hidl", "bus"}));
@@ -220,6 +347,9 @@ int run(int argc, char** argv) {
         ->capture_default_str();
     command->add_option("--library", arguments.library, "The library's file")
         ->capture_default_str();
+    command->add_flag("--verbose", verbose, "Log why calls and look-ups of the service fail");
+    app.footer("Exit status: that of the subcommand; 2 for a bad argument.\n"
+               "Example: powerstats dump --format json --sysfs share/sample-machine");
     if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
     // Not left to CLI11, which would say so too where a subcommand is misspelt.
     if (app.get_subcommands().empty()) {
@@ -232,6 +362,7 @@ int run(int argc, char** argv) {
         if (!arguments.bus) arguments.bus = kAnyBus;
     }
     if (arguments.bus == "") arguments.bus = kAnyBus;
+    if (verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     const std::string mistake = findMistake(arguments, sysfs->count() != 0);
     if (!mistake.empty()) {
         say(mistake);

@@ -69,7 +69,8 @@ int serve(const Arguments& arguments) {
 
 int run(int argc, char** argv) {
     Arguments arguments;
-    CLI::App app("Offers this machine's power counters as a service on D-Bus.", "powerstatsd");
+    CLI::App app("Serves this machine's power counters on D-Bus. Energy is in microwatt-seconds and\n"
+                 "counts since boot; a rail counts since boot only if the daemon started at boot.", "powerstatsd");
     app.set_version_flag("--version", "powerstatsd " POWERSTATS_VERSION);
     app.add_option("--hal", arguments.hal,
                    "Interfaces to serve; HIDL has no rails on the system bus")
@@ -79,6 +80,9 @@ int run(int argc, char** argv) {
         ->check(CLI::IsMember({"session", "system"}))
         ->capture_default_str();
     addSysfsOption(&app, &arguments.sysfs);
+    app.footer("Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
+               "bus or name that cannot be had.\n"
+               "Example: powerstatsd --bus session --sysfs share/sample-machine");
     if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
     return serve(arguments);
 }

@@ -195,7 +195,7 @@ TEST(Powerstats, SaysWhatAMachineDoesNotHave) {
     for (const char* hal : {"aidl", "hidl"}) {
         const Outcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
         EXPECT_EQ(rails.exitCode, 1);
-        EXPECT_EQ(rails.output, "Rails: not available on this machine\n");
+        EXPECT_EQ(rails.output, "Rails: not available\n");
         EXPECT_THAT(rails.errors, HasSubstr("TavrelPowerStatsHalDataProviderNative"));
 
         const Outcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
