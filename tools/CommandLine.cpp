@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <iostream>
 
+#include "hal/Sysfs.h"
+
 namespace powerstats {
 
 namespace {
@@ -70,6 +72,7 @@ std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
     occupyStandardStreams();
     ignoreSignals();
+    raiseOpenFileLimit();
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {

@@ -25,7 +25,8 @@ CLI::Option* addSysfsOption(CLI::App* app, std::string* folder);
 std::optional<int> parseArguments(CLI::App* app, int argc, char** argv);
 
 /// Runs a program. An exception, as when memory runs out, ends it with one line and exit code 1.
-/// Closed standard streams, broken pipes and file size limits do not end it.
+/// Closed standard streams, broken pipes and file size limits do not end it. It may open as many
+/// files as the hard limit allows, because a reader of counters keeps them open.
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv);
 
 }  // namespace powerstats

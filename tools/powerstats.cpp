@@ -12,6 +12,7 @@
 #include <host/ServiceControl.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -28,6 +29,7 @@
 #include "hal/LinuxCounters.h"
 #include "hal/LinuxPowerStatsAidl.h"
 #include "hal/LinuxPowerStatsHidl.h"
+#include "hal/NamesAndIds.h"
 #include "tools/CommandLine.h"
 #include "tools/HostJavaRuntime.h"
 #include "tools/ResultPrinter.h"
@@ -87,8 +89,7 @@ bool mentionsDenial(const std::string& text) {
     return text.find(std::generic_category().message(EACCES)) != std::string::npos;
 }
 
-bool registerAidl(const std::shared_ptr<const LinuxCounters>& counters) {
-    const auto service = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
+bool registerAidl(const std::shared_ptr<LinuxPowerStatsAidl>& service) {
     return AServiceManager_addService(service->asBinder().get(), host::kAidlPowerStats) ==
            STATUS_OK;
 }
@@ -99,7 +100,8 @@ bool registerHidl(const std::shared_ptr<const LinuxCounters>& counters) {
 }
 
 /// Serves this machine's counters to the library from within this process.
-bool registerService(const Arguments& arguments) {
+/// @return the service over AIDL, whichever interface the library finds; null when that failed.
+std::shared_ptr<LinuxPowerStatsAidl> registerService(const Arguments& arguments) {
     // A service on a bus must not answer in its place.
     host::setBusLookups({});
     LinuxCounters::Options options;
@@ -109,9 +111,10 @@ bool registerService(const Arguments& arguments) {
         gDenied = gDenied || mentionsDenial(text);
     };
     const auto counters = std::make_shared<const LinuxCounters>(options);
-    if (arguments.hal == "hidl" ? registerHidl(counters) : registerAidl(counters)) return true;
+    auto aidl = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
+    if (arguments.hal == "hidl" ? registerHidl(counters) : registerAidl(aidl)) return aidl;
     say("the service could not be registered (this is a fault of this program)");
-    return false;
+    return nullptr;
 }
 
 std::vector<host::Bus> busesOf(const Arguments& arguments) {
@@ -227,6 +230,31 @@ void explainMissing(const std::vector<Call>& calls) {
     }
 }
 
+/// Says which rails the library leaves out because they are not measured since boot.
+/// @param service [in] null when there is none.
+void explainLeftOut(const std::shared_ptr<stats_aidl::IPowerStats>& service) {
+    std::vector<stats_aidl::Channel> channels;
+    std::vector<stats_aidl::EnergyMeasurement> measurements;
+    if (service == nullptr || !service->getEnergyMeterInfo(&channels).isOk() ||
+        !service->readEnergyMeter({}, &measurements).isOk()) {
+        return;
+    }
+    std::string names;
+    int64_t sinceMs = 0;
+    for (const auto& measurement : measurements) {
+        if (measurement.durationMs == measurement.timestampMs) continue;
+        sinceMs = std::max(sinceMs, measurement.timestampMs - measurement.durationMs);
+        for (const auto& channel : channels) {
+            if (channel.id != measurement.id) continue;
+            names += (names.empty() ? "" : ", ") + safeName(channel.name);
+        }
+    }
+    if (names.empty()) return;
+    say(fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
+                    "powerstatsd at boot; after a restart of it, at the next boot)",
+                    sinceMs / 1000, names));
+}
+
 void callLibrary(const LoadedLibrary& library, std::vector<Call>* calls) {
     HostJniEnv env;
     for (Call& call : *calls) {
@@ -271,9 +299,11 @@ int dump(const Arguments& arguments) {
         return kUsage;
     }
 
+    std::shared_ptr<stats_aidl::IPowerStats> service;
     if (arguments.bus) {
         awaitServiceOnBus(arguments);
-    } else if (!registerService(arguments)) {
+        service = findAidl();
+    } else if ((service = registerService(arguments)) == nullptr) {
         return kNothingCollected;
     }
 
@@ -292,6 +322,7 @@ int dump(const Arguments& arguments) {
     }
     if (!writeOutput(text)) return kNothingCollected;
     explainMissing(calls);
+    if (calls.front().kind == Section::Kind::kRails) explainLeftOut(service);
 
     for (const Call& call : calls) {
         if (call.bytes && !call.bytes->empty()) return kCollected;
@@ -321,7 +352,8 @@ int run(int argc, char** argv) {
     CLI::App* command = app.add_subcommand("dump", "Call the library once and print its result.");
     command->footer(
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
-        "measured since boot is left out.\n"
+        "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
+        "loses \"since boot\" until the next boot.\n"
         "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a library that cannot be loaded.\n"
         "Example: powerstats dump --sysfs share/sample-machine --rails");
