@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where the kernel keeps what a power stats service tells. Each function here looks for one kind of
-// counter once, keeps the paths of those that can be read now, and hands them back with a function
-// that reads the counter anew. What appears later is not found; what goes away reads as
-// std::nullopt.
+// The counters of the kernel that a power stats service shows. Each function here looks for one
+// kind of counter once and returns those that can be read now, each with a function that reads it.
+// A counter that appears later is not found; one that goes away reads as std::nullopt.
 
 #pragma once
 
