@@ -125,8 +125,7 @@ size_t HostJniEnv::arrays() const {
 
 std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {
     // A name without a slash would be searched for in other folders than the current one.
-    const std::string path =
-        file == kDefaultFile ? file : std::filesystem::absolute(file).string();
+    const std::string path = file == kDefaultFile ? file : std::filesystem::absolute(file).string();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         *error = file + ": " + withoutPrefix(dlerror(), path + ": ");

@@ -135,7 +135,8 @@ void explainAbsence(const Arguments& arguments) {
         if (host::BusServer::connect(bus, &error) != nullptr) {
             const std::string interface =
                 arguments.hal.empty() ? "" : " with the interface " + arguments.hal;
-            say(fmt::format("no power stats service{} on {} (start powerstatsd, or wait longer "
+            say(
+                fmt::format("no power stats service{} on {} (start powerstatsd, or wait longer "
                             "with --wait SECONDS)",
                             interface,
                             *arguments.bus == kAnyBus ? "the session or the system bus"
@@ -223,9 +224,10 @@ void explainMissing(const std::vector<Call>& calls) {
         if (call.bytes) continue;
         const bool rails = call.kind == Section::Kind::kRails;
         const std::string reason =
-            gDenied ? fmt::format("this user may not read the kernel's counters (sudo {} dump --{})",
-                                  gProgram, rails ? "rails" : "residencies")
-                    : findReason(call.kind);
+            gDenied
+                ? fmt::format("this user may not read the kernel's counters (sudo {} dump --{})",
+                              gProgram, rails ? "rails" : "residencies")
+                : findReason(call.kind);
         if (!reason.empty()) say(fmt::format("{}: {}", rails ? "rails" : "power entities", reason));
     }
 }
@@ -250,7 +252,8 @@ void explainLeftOut(const std::shared_ptr<stats_aidl::IPowerStats>& service) {
         }
     }
     if (names.empty()) return;
-    say(fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
+    say(
+        fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
                     "powerstatsd at boot; after a restart of it, at the next boot)",
                     sinceMs / 1000, names));
 }
@@ -346,8 +349,9 @@ int run(int argc, char** argv) {
     Arguments arguments;
     bool verbose = false;
     gProgram = argv[0];
-    CLI::App app("Shows the energy of rails and the times that power entities spent in their states.",
-                 "powerstats");
+    CLI::App app(
+        "Shows the energy of rails and the times that power entities spent in their states.",
+        "powerstats");
     app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
     CLI::App* command = app.add_subcommand("dump", "Call the library once and print its result.");
     command->footer(
@@ -358,12 +362,14 @@ int run(int argc, char** argv) {
         "2 bad argument, or a library that cannot be loaded.\n"
         "Example: powerstats dump --sysfs share/sample-machine --rails");
     command
-        ->add_option("--hal", arguments.hal, "Interface; the AIDL service first, when none is given")
+        ->add_option("--hal", arguments.hal,
+                     "Interface; the AIDL service first, when none is given")
         ->check(CLI::IsMember({"aidl", "hidl", "bus"}));
     // Without a value too; then CLI11 hands over an empty text.
     command
-        ->add_option("--bus", arguments.bus, "Ask a service on a bus; on either, session first, "
-                                             "when none is named")
+        ->add_option("--bus", arguments.bus,
+                     "Ask a service on a bus; on either, session first, "
+                     "when none is named")
         ->expected(0, 1)
         ->check(CLI::IsMember({"", kAnyBus, "session", "system"}));
     command
@@ -380,8 +386,9 @@ int run(int argc, char** argv) {
     command->add_option("--library", arguments.library, "The library's file")
         ->capture_default_str();
     command->add_flag("--verbose", verbose, "Log why calls and look-ups of the service fail");
-    app.footer("Exit status: that of the subcommand; 2 for a bad argument.\n"
-               "Example: powerstats dump --format json --sysfs share/sample-machine");
+    app.footer(
+        "Exit status: that of the subcommand; 2 for a bad argument.\n"
+        "Example: powerstats dump --format json --sysfs share/sample-machine");
     if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
     // Not left to CLI11, which would say so too where a subcommand is misspelt.
     if (app.get_subcommands().empty()) {

@@ -32,7 +32,8 @@ void say(const std::string& text) {
 int serve(const Arguments& arguments) {
     std::signal(SIGHUP, SIG_IGN);  // the end of a terminal is not the end of a daemon
     const bool session = arguments.bus == "session";
-    // A single HIDL method cannot be guarded on the system bus, so energy is served over AIDL there.
+    // A single HIDL method cannot be guarded on the system bus, so energy is served over AIDL
+    // there.
     const std::string hal = !arguments.hal.empty() ? arguments.hal : session ? "both" : "aidl";
     const HidlRails hidlRails = session ? HidlRails::kServed : HidlRails::kNotServed;
 
@@ -69,8 +70,10 @@ int serve(const Arguments& arguments) {
 
 int run(int argc, char** argv) {
     Arguments arguments;
-    CLI::App app("Serves this machine's power counters on D-Bus. Energy is in microwatt-seconds and\n"
-                 "counts since boot; a rail counts since boot only if the daemon started at boot.", "powerstatsd");
+    CLI::App app(
+        "Serves this machine's power counters on D-Bus. Energy is in microwatt-seconds and\n"
+        "counts since boot; a rail counts since boot only if the daemon started at boot.",
+        "powerstatsd");
     app.set_version_flag("--version", "powerstatsd " POWERSTATS_VERSION);
     app.add_option("--hal", arguments.hal,
                    "Interfaces to serve; HIDL has no rails on the system bus")
@@ -80,9 +83,10 @@ int run(int argc, char** argv) {
         ->check(CLI::IsMember({"session", "system"}))
         ->capture_default_str();
     addSysfsOption(&app, &arguments.sysfs);
-    app.footer("Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
-               "bus or name that cannot be had.\n"
-               "Example: powerstatsd --bus session --sysfs share/sample-machine");
+    app.footer(
+        "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
+        "bus or name that cannot be had.\n"
+        "Example: powerstatsd --bus session --sysfs share/sample-machine");
     if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
     return serve(arguments);
 }

@@ -58,8 +58,8 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
 
   protected:
     ::ndk::SpAIBinder createBinder() override {
-        return ::ndk::SpAIBinder(newBinder(aidlPowerStatsClass(),
-                                           static_cast<::ndk::ICInterface*>(this), mPeer));
+        return ::ndk::SpAIBinder(
+            newBinder(aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this), mPeer));
     }
 
   private:
@@ -67,7 +67,8 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
     ScopedAStatus call(const char* method, Records* records, const Ids&... ids) {
         static const std::string signature = signatureOf<Records>();
         auto failure = mPeer->connection->call(
-            mPeer->owner, kAidlBusName, method, signature, [&](Writer& write) { return write(ids...); },
+            mPeer->owner, kAidlBusName, method, signature,
+            [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(*records); });
         return failure ? toAidlStatus(*failure) : ScopedAStatus::ok();
     }
@@ -111,7 +112,8 @@ class HidlBusClient : public stats_V1_0::IPowerStats {
         hidl_vec<Record> records;
         stats_V1_0::Status status = stats_V1_0::Status::SUCCESS;
         auto failure = mPeer->connection->call(
-            mPeer->owner, kHidlBusName, method, signature, [&](Writer& write) { return write(ids...); },
+            mPeer->owner, kHidlBusName, method, signature,
+            [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(records, status); });
         if (failure) return toTransportStatus(*failure);
         callback(records, status);

@@ -279,9 +279,9 @@ void BusConnection::wait() {
         timeout.tv_sec = leftUs / 1'000'000;
         timeout.tv_nsec = leftUs % 1'000'000 * 1000;
     }
-    pollfd fds[2] = {{mWakeUp, POLLIN, 0},
-                     {sd_bus_get_fd(mBus.get()),
-                      static_cast<int16_t>(sd_bus_get_events(mBus.get())), 0}};
+    pollfd fds[2] = {
+        {mWakeUp, POLLIN, 0},
+        {sd_bus_get_fd(mBus.get()), static_cast<int16_t>(sd_bus_get_events(mBus.get())), 0}};
     ppoll(fds, 2, untilUs != UINT64_MAX ? &timeout : nullptr, nullptr);
     eventfd_t count = 0;
     eventfd_read(mWakeUp, &count);

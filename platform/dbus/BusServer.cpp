@@ -259,8 +259,9 @@ std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     if (result < 0) {
         *error = std::string("the ") + dbus::nameOf(bus) +
                  " bus cannot be reached: " + dbus::errnoText(result) +
-                 (bus == Bus::kSession ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
-                          : " (is dbus-daemon running?)");
+                 (bus == Bus::kSession
+                      ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
+                      : " (is dbus-daemon running?)");
         return nullptr;
     }
     return std::unique_ptr<BusServer>(new BusServer(std::move(impl)));

@@ -128,8 +128,8 @@ class BpHwPowerStats : public IPowerStats {
         if (!result.isOkUnchecked()) host::logFailure(method, result.description());
         if (transaction.answered || !result.isOkUnchecked()) return result;
         if (!mPeer->isAlive()) return failed(method, toTransportStatus(host::deadObject()));
-        return failed(method, TransportStatus::fromStatusT(FAILED_TRANSACTION,
-                                                           "the service gave no answer"));
+        return failed(
+            method, TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer"));
     }
 
     static TransportStatus failed(host::Method method, const TransportStatus& status) {

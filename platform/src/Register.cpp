@@ -20,7 +20,7 @@ struct Register {
     std::unordered_map<std::string, RegisteredService> services;
     std::unordered_map<std::string, std::unique_ptr<ServiceStats>> stats;
     std::atomic<OtherProcesses*> others{nullptr};
-    std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                      // of look-ups
+    std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                    // of look-ups
     std::vector<std::string> namesOnBus{kAidlPowerStats, kHidlPowerStats};  // of look-ups
 
     // Never destroyed: services and threads may use it until the process has ended.
