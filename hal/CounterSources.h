@@ -142,7 +142,7 @@ struct EntitySource {
     std::vector<StateSource> states;
 };
 
-/// What rails need to know besides the files; see EnergyCounter.
+/// Options of all rails; see EnergyCounter.
 struct RailOptions {
     bool hasBoot = true;
     ReadClock readClock = readKernelClock;

@@ -79,7 +79,7 @@ const std::string kHwmon = "class/hwmon/";
 const std::string kInput = "_input";
 
 /// @param chip [in] the chip's name.
-/// @param device [in] what stays the same of the chip in every boot.
+/// @param device [in] the part of the chip's identity that stays the same in every boot.
 RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string& chipFolder,
                     const std::string& chip, const std::string& device, const std::string& sensor,
                     const RailOptions& options) {

@@ -58,7 +58,7 @@ std::unordered_map<int32_t, size_t> indicesById(const std::vector<Thing>& things
     return indices;
 }
 
-/// @param kind [in] what a thing is called in a refusal.
+/// @param kind [in] the word for a thing in a refusal.
 template <typename Thing>
 Answer<const Thing*> select(const std::vector<Thing>& things,
                             const std::unordered_map<int32_t, size_t>& indices,

@@ -50,8 +50,9 @@ struct Answer {
     std::vector<Record> records;
 };
 
-/// What a Linux machine's kernel tells about power: energy rails, and entities with the time spent
-/// in each of their states. Nothing is estimated: what a machine does not measure is not shown.
+/// The power counters of a Linux machine's kernel: energy rails, and entities with the time spent
+/// in each of their states. Nothing is estimated: a quantity that a machine does not measure is not
+/// shown.
 ///
 /// The set of rails, entities and states is fixed when this object is made. Clients keep names by
 /// their ids and some end on an id that they do not know, so nothing is ever added. A rail or
@@ -104,7 +105,8 @@ class LinuxCounters {
     mutable std::mutex mMutex;
     /// The latest value of each state, by the indices of its entity and its own.
     mutable std::vector<std::vector<Residency>> mLatest;
-    /// Last, so that it has stopped before what it reads goes. Null when no counter wraps.
+    /// The last member, so that the thread ends before the counters that it reads. Null when no
+    /// counter wraps.
     std::unique_ptr<PeriodicThread> mSampler;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "hal/LinuxPowerStatsAidl.h"
+#include "hal/LinuxPowerStats.h"
 
 #include <string>
 #include <utility>

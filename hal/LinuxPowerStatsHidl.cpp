@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "hal/LinuxPowerStatsHidl.h"
+#include "hal/LinuxPowerStats.h"
 
 #include <algorithm>
 #include <utility>

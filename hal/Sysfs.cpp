@@ -25,7 +25,8 @@ namespace {
 /// An attribute of sysfs holds at most one page.
 constexpr size_t kMaxFileSize = 4096;
 
-/// What the kernel answers when a device has gone, on opening the file or in the middle of reading.
+/// Whether the kernel says so that a device has gone, on opening its file or in the middle of
+/// reading.
 bool meansAbsent(int error) {
     return error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
 }

@@ -27,8 +27,7 @@
 #include <vector>
 
 #include "hal/LinuxCounters.h"
-#include "hal/LinuxPowerStatsAidl.h"
-#include "hal/LinuxPowerStatsHidl.h"
+#include "hal/LinuxPowerStats.h"
 #include "hal/NamesAndIds.h"
 #include "tools/CommandLine.h"
 #include "tools/HostJavaRuntime.h"

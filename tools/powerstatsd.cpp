@@ -11,8 +11,7 @@
 #include <string>
 
 #include "hal/LinuxCounters.h"
-#include "hal/LinuxPowerStatsAidl.h"
-#include "hal/LinuxPowerStatsHidl.h"
+#include "hal/LinuxPowerStats.h"
 #include "tools/CommandLine.h"
 
 namespace powerstats {

@@ -7,8 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hal/LinuxPowerStatsAidl.h"
-#include "hal/LinuxPowerStatsHidl.h"
+#include "hal/LinuxPowerStats.h"
 #include "tests/hal/TemporaryTree.h"
 
 namespace powerstats {
