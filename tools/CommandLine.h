@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the command lines of the tools have in common.
+// The part of a command line that all tools share.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace powerstats {
 
-/// How a program ends that could not do what its arguments ask for.
+/// Exit status of a program that cannot do as its arguments ask.
 constexpr int kUsage = 2;
 
 /// Prints one line on standard error, after the program's name. A line that cannot be written is
@@ -20,7 +20,7 @@ void printError(const std::string& program, const std::string& text);
 /// Adds `--sysfs DIR`, which must be a folder.
 CLI::Option* addSysfsOption(CLI::App* app, std::string* folder);
 
-/// Parses the arguments; what is wrong with them is printed in one line.
+/// Parses the arguments. Prints one line about a mistake in them.
 /// @return how the program is to end now, or nothing when it is to go on.
 std::optional<int> parseArguments(CLI::App* app, int argc, char** argv);
 

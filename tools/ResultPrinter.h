@@ -13,7 +13,7 @@ namespace powerstats {
 using PowerDataResult =
     com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
 
-/// What one of the library's two methods returned.
+/// The result of one of the library's two methods.
 struct Section {
     enum class Kind { kRails, kEntities };
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // powerstats: loads the library as a Java runtime would, lets it read this machine's counters
-// through a power stats service in the same process, and prints what the library returned.
+// through a power stats service in the same process or on a bus, and prints the library's result.
 
 #include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/binder_manager.h>
@@ -60,7 +60,7 @@ constexpr char kRefused[] =
     "the bus's policy refuses them (run as root, or join the group: sudo usermod -aG powerstats "
     "NAME, and log in again)";
 
-/// What the program is called on its command line, for remedies that name it.
+/// The program's name on its command line, for remedies.
 std::string gProgram = "powerstats";
 /// Whether a file of this machine may not be read by this user.
 std::atomic<bool> gDenied{false};
@@ -332,7 +332,8 @@ int dump(const Arguments& arguments) {
     return kNothingCollected;
 }
 
-/// @return what is wrong with arguments that can be read; empty when nothing is.
+/// Finds a mistake in arguments that were parsed.
+/// @return one line; empty when there is no mistake.
 std::string findMistake(const Arguments& arguments, bool sysfsGiven) {
     if (arguments.bus && sysfsGiven) {
         return "--sysfs: not with --bus (the service on the bus reads its own counters)";
@@ -394,7 +395,7 @@ int run(int argc, char** argv) {
         say("A subcommand is required (see powerstats --help)");
         return kUsage;
     }
-    // "--hal bus" is what "--bus" was called before.
+    // "--hal bus" is the older name of "--bus".
     if (arguments.hal == "bus") {
         arguments.hal.clear();
         if (!arguments.bus) arguments.bus = kAnyBus;
