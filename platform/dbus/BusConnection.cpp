@@ -243,14 +243,12 @@ bool BusConnection::post(std::function<void()> job) {
 }
 
 void BusConnection::run() {
-    while (true) {
-        if (!runJobs()) return;
-        int result = 0;
-        while ((result = sd_bus_process(mBus.get(), nullptr)) > 0) {
-        }
+    // Jobs come before each message, so that a flood of messages does not hold them up.
+    while (runJobs()) {
+        const int result = sd_bus_process(mBus.get(), nullptr);
         if (result < 0 || sd_bus_is_open(mBus.get()) <= 0) {
             lose();
-        } else {
+        } else if (result == 0) {
             wait();
         }
     }
