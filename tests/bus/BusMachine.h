@@ -13,16 +13,18 @@ namespace support {
 ///     "newState": one more state of the entity of "first".
 inline Machine busMachine(const std::string& variant) {
     if (variant == "other") {
-        return {{{1, "VDD_GPU"}},
-                {{1, 9000000}},
+        return {{{1, "VDD_GPU", ""}},
+                {{1, 5000, 5000, 9000000}},
                 {{7, "SOC2", {{0, "S9"}}}, {8, "MODEM", {{3, "ON"}}}},
-                {{7, {{0, 6000, 13}}}, {8, {{3, 10, 1}}}}};
+                {{7, {{0, 6000, 13, 0}}}, {8, {{3, 10, 1, 0}}}}};
     }
-    Machine machine = {
-        {{1, "VDD_CPU"}}, {{1, 4500000}}, {{7, "SOC", {{0, "S0"}}}}, {{7, {{0, 5000, 12}}}}};
+    Machine machine = {{{1, "VDD_CPU", ""}},
+                       {{1, 5000, 5000, 4500000}},
+                       {{7, "SOC", {{0, "S0"}}}},
+                       {{7, {{0, 5000, 12, 0}}}}};
     if (variant == "newState") {
         machine.entities[0].states.push_back({1, "S1"});
-        machine.totals[0].states.push_back({1, 1, 1});
+        machine.totals[0].stateResidencyData.push_back({1, 1, 1, 0});
     }
     return machine;
 }

@@ -41,7 +41,7 @@ int serve(const std::string& hal, const std::string& machine, const std::string&
         added = server->add(service, &error);
     } else if (server != nullptr) {
         android::sp<FakeHidl> service = new FakeHidl;
-        service->machine = busMachine(machine);
+        service->tell(busMachine(machine));
         service->onCall = hook;
         added = server->add(android::sp<stats_V1_0::IPowerStats>(service), &error);
     }

@@ -21,7 +21,7 @@ namespace {
 using namespace std::string_literals;
 
 struct DataCase {
-    const char* name;
+    std::string name;
     Call call;
     Machine machine;
     std::string expected;
@@ -32,75 +32,82 @@ struct DataCase {
 };
 
 /// A HIDL service without entities is not used, by rails neither.
-const Entity kUnused{99, "unused"};
+const stats::PowerEntity kUnused{99, "unused", {}};
 
-DataCase rails(const char* name, const std::vector<Rail>& rails,
-               const std::vector<Energy>& energies, const std::string& expected) {
-    return {name, Call::kRails, {rails, energies, {kUnused}}, expected};
+/// Rails by id and name, and energies in microwatt-seconds by id.
+DataCase rails(const std::string& name, const std::vector<std::pair<int32_t, std::string>>& rails,
+               const std::vector<std::pair<int32_t, int64_t>>& energies,
+               const std::string& expected) {
+    Machine machine{{}, {}, {kUnused}};
+    for (const auto& [id, railName] : rails) machine.rails.push_back({id, railName, ""});
+    for (const auto& [id, energy] : energies) machine.energies.push_back({id, 5000, 5000, energy});
+    return {name, Call::kRails, machine, expected};
 }
-DataCase residencies(const char* name, const std::vector<Entity>& entities,
-                     const std::vector<EntityTotals>& totals, const std::string& expected) {
+DataCase residencies(const std::string& name, const std::vector<stats::PowerEntity>& entities,
+                     const std::vector<stats::StateResidencyResult>& totals,
+                     const std::string& expected) {
     return {name, Call::kResidencies, {{}, {}, entities, totals}, expected};
 }
 
-/// A rail, or an entity and its state, that bear one name.
-DataCase railNamed(const char* caseName, const std::string& name) {
-    return rails(caseName, {{1, name}}, {{1, 1000}}, rail(name, 1));
+std::vector<DataCase> allDataCases() {
+    std::vector<DataCase> all = {
+        rails("railsInTheServicesOrderNotMerged", {{1, "b"}, {2, "a"}, {3, "unused"}},
+              {{2, 2000}, {1, 5000}, {2, 3000}}, rail("a", 2) + rail("b", 5) + rail("a", 3)),
+        rails("firstOfTwoRailsWithOneId", {{1, "first"}, {1, "second"}}, {{1, 1000}},
+              rail("first", 1)),
+        rails("railIdsOfAnyBits",
+              {{INT32_MIN, "min"}, {-1, "minus one"}, {0, "zero"}, {INT32_MAX, "max"}},
+              {{INT32_MAX, 1000}, {0, 0}, {-1, 2000}, {INT32_MIN, 3000}},
+              rail("max", 1) + rail("zero", 0) + rail("minus one", 2) + rail("min", 3)),
+        rails("railNamesEndAtTheirFirstNul", {{1, "VDD\0hidden"s}, {2, "\0"s}},
+              {{1, 1000}, {2, 1000}}, rail("VDD", 1) + rail("", 1)),
+        rails("noEnergies", {{1, "rail"}}, {}, ""),
+        residencies("entitiesAndStatesInTheServicesOrderNotMerged",
+                    {{1, "b", {{1, "y"}, {2, "x"}}}, {2, "a", {{1, "z"}}}},
+                    {{2, {{1, 10, 11, 0}}},
+                     {1, {{2, 20, 21, 0}, {1, 30, 31, 0}, {2, 40, 41, 0}}},
+                     {2, {{1, 5, 6, 0}}}},
+                    entity("a", {residency("z", 10, 11)}) +
+                        entity("b", {residency("x", 20, 21), residency("y", 30, 31),
+                                     residency("x", 40, 41)}) +
+                        entity("a", {residency("z", 5, 6)})),
+        residencies("firstOfTwoEntitiesOrStatesWithOneId",
+                    {{1, "first", {{1, "old"}, {1, "new"}}}, {1, "second", {{1, "other"}}}},
+                    {{1, {{1, 2, 3, 0}}}}, entity("first", {residency("old", 2, 3)})),
+        residencies(
+            "entityIdsOfAnyBits",
+            {{INT32_MIN, "min", {{-1, "minus one"}, {INT32_MAX, "max"}}}, {-1, "last", {{0, "0"}}}},
+            {{-1, {{0, 1, 2, 0}}}, {INT32_MIN, {{INT32_MAX, 5, 6, 0}, {-1, 3, 4, 0}}}},
+            entity("last", {residency("0", 1, 2)}) +
+                entity("min", {residency("max", 5, 6), residency("minus one", 3, 4)})),
+        residencies(
+            "entityWithoutStates", {{1, "none", {}}, {2, "some", {{1, "on"}}}},
+            {{1, {}}, {2, {}}, {2, {{1, 1, 1, 0}}}},
+            entity("none", {}) + entity("some", {}) + entity("some", {residency("on", 1, 1)})),
+        residencies("onlyAnEntityWithoutStates", {{1, "none", {}}}, {{1, {}}}, entity("none", {})),
+        residencies("totalsBitForBit", {{1, "SOC", {{1, "on"}}}},
+                    {{1, {{1, 0, 0, 9}, {1, INT64_MIN, -1, 9}, {1, INT64_MAX, INT64_MAX, 9}}},
+                     {1, {{1, 1234, 5, 0}, {1, 1234, 5, -1}}}},
+                    entity("SOC", {residency("on", 0, 0), residency("on", INT64_MIN, -1),
+                                   residency("on", INT64_MAX, INT64_MAX)}) +
+                        entity("SOC", {residency("on", 1234, 5), residency("on", 1234, 5)})),
+        residencies("entityNameWithNuls", {{1, "a\0b\0"s, {{1, "a\0b\0"s}}}}, {{1, {{1, 2, 3, 0}}}},
+                    entity("a\0b\0"s, {residency("a\0b\0"s, 2, 3)})),
+    };
+    const std::pair<const char*, std::string> names[] = {
+        {"Empty", ""},
+        {"NotUtf8", "\xff\xfe\x80\xc3\x28"},
+        {"127", std::string(127, 'n')},
+        {"128", std::string(128, 'n')},
+        {"100000", std::string(100000, '\xe9')},
+    };
+    for (const auto& [kind, name] : names) {
+        all.push_back(rails("railName"s + kind, {{1, name}}, {{1, 1000}}, rail(name, 1)));
+        all.push_back(residencies("entityName"s + kind, {{1, name, {{1, name}}}},
+                                  {{1, {{1, 2, 3, 0}}}}, entity(name, {residency(name, 2, 3)})));
+    }
+    return all;
 }
-DataCase entityNamed(const char* caseName, const std::string& name) {
-    return residencies(caseName, {{1, name, {{1, name}}}}, {{1, {{1, 2, 3}}}},
-                       entity(name, {residency(name, 2, 3)}));
-}
-
-const DataCase kDataCases[] = {
-    rails("railsInTheServicesOrderNotMerged", {{1, "b"}, {2, "a"}, {3, "unused"}},
-          {{2, 2000}, {1, 5000}, {2, 3000}}, rail("a", 2) + rail("b", 5) + rail("a", 3)),
-    rails("firstOfTwoRailsWithOneId", {{1, "first"}, {1, "second"}}, {{1, 1000}}, rail("first", 1)),
-    rails("railIdsOfAnyBits",
-          {{0x80000000, "min"}, {0xffffffff, "minus one"}, {0, "zero"}, {0x7fffffff, "max"}},
-          {{0x7fffffff, 1000}, {0, 0}, {0xffffffff, 2000}, {0x80000000, 3000}},
-          rail("max", 1) + rail("zero", 0) + rail("minus one", 2) + rail("min", 3)),
-    rails("railNamesEndAtTheirFirstNul", {{1, "VDD\0hidden"s}, {2, "\0"s}}, {{1, 1000}, {2, 1000}},
-          rail("VDD", 1) + rail("", 1)),
-    rails("noEnergies", {{1, "rail"}}, {}, ""),
-    residencies(
-        "entitiesAndStatesInTheServicesOrderNotMerged",
-        {{1, "b", {{1, "y"}, {2, "x"}}}, {2, "a", {{1, "z"}}}},
-        {{2, {{1, 10, 11}}}, {1, {{2, 20, 21}, {1, 30, 31}, {2, 40, 41}}}, {2, {{1, 5, 6}}}},
-        entity("a", {residency("z", 10, 11)}) +
-            entity("b", {residency("x", 20, 21), residency("y", 30, 31), residency("x", 40, 41)}) +
-            entity("a", {residency("z", 5, 6)})),
-    residencies("firstOfTwoEntitiesOrStatesWithOneId",
-                {{1, "first", {{1, "old"}, {1, "new"}}}, {1, "second", {{1, "other"}}}},
-                {{1, {{1, 2, 3}}}}, entity("first", {residency("old", 2, 3)})),
-    residencies("entityIdsOfAnyBits",
-                {{0x80000000, "min", {{0xffffffff, "minus one"}, {0x7fffffff, "max"}}},
-                 {0xffffffff, "last", {{0, "0"}}}},
-                {{0xffffffff, {{0, 1, 2}}}, {0x80000000, {{0x7fffffff, 5, 6}, {0xffffffff, 3, 4}}}},
-                entity("last", {residency("0", 1, 2)}) +
-                    entity("min", {residency("max", 5, 6), residency("minus one", 3, 4)})),
-    residencies("entityWithoutStates", {{1, "none"}, {2, "some", {{1, "on"}}}},
-                {{1}, {2}, {2, {{1, 1, 1}}}},
-                entity("none", {}) + entity("some", {}) + entity("some", {residency("on", 1, 1)})),
-    residencies("onlyAnEntityWithoutStates", {{1, "none"}}, {{1}}, entity("none", {})),
-    residencies("totalsBitForBit", {{1, "SOC", {{1, "on"}}}},
-                {{1, {{1, 0, 0}, {1, 1ull << 63, ~0ull}, {1, INT64_MAX, INT64_MAX}}},
-                 {1, {{1, 1234, 5, 0}, {1, 1234, 5, ~0ull}}}},
-                entity("SOC", {residency("on", 0, 0), residency("on", INT64_MIN, -1),
-                               residency("on", INT64_MAX, INT64_MAX)}) +
-                    entity("SOC", {residency("on", 1234, 5), residency("on", 1234, 5)})),
-    railNamed("railNameEmpty", ""),
-    railNamed("railNameNotUtf8", "\xff\xfe\x80\xc3\x28"),
-    railNamed("railName127", std::string(127, 'n')),
-    railNamed("railName128", std::string(128, 'n')),
-    railNamed("railName100000", std::string(100000, '\xe9')),
-    entityNamed("entityNameEmpty", ""),
-    entityNamed("entityNameNotUtf8", "\xff\xfe\x80\xc3\x28"),
-    entityNamed("entityNameWithNuls", "a\0b\0"s),
-    entityNamed("entityName127", std::string(127, 'n')),
-    entityNamed("entityName128", std::string(128, 'n')),
-    entityNamed("entityName100000", std::string(100000, '\xe9')),
-};
 
 class Data : public testing::TestWithParam<std::tuple<Backend, DataCase>>, public Scenario {};
 
@@ -113,19 +120,19 @@ TEST_P(Data, ReachesJava) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Both, Data, testing::Combine(testing::ValuesIn(kBackends), testing::ValuesIn(kDataCases)),
+    Both, Data, testing::Combine(testing::ValuesIn(kBackends), testing::ValuesIn(allDataCases())),
     [](const auto& info) {
         return testing::PrintToString(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
     });
 
 class BothBackends : public testing::TestWithParam<Backend>, public Scenario {
   protected:
-    /// The energies go through one rail, and are expected to come out so.
-    void expectMillijoules(const std::vector<std::pair<uint64_t, int64_t>>& energies) {
-        Machine machine{{{1, "rail"}}, {}, {kUnused}};
+    /// Expects these millijoules for these microwatt-seconds, as energies of one rail.
+    void expectMillijoules(const std::vector<std::pair<int64_t, int64_t>>& energies) {
+        Machine machine{{{1, "rail", ""}}, {}, {kUnused}};
         std::string expected;
         for (const auto& [microwattSeconds, millijoules] : energies) {
-            machine.energies.push_back({1, microwattSeconds});
+            machine.energies.push_back({1, 5000, 5000, microwattSeconds});
             expected += rail("rail", millijoules);
         }
         serve(GetParam(), machine);
@@ -166,25 +173,25 @@ TEST_P(BothBackends, EnergyThroughAFloatInto32Bits) {
 
 TEST_P(BothBackends, EnergyAbove63BitsIsOneBackendsNegative) {
     const bool isSigned = GetParam() == Backend::kAidl;
-    expectMillijoules({{1ull << 63, isSigned ? INT32_MIN : INT32_MAX},
-                       {~0ull, isSigned ? 0 : INT32_MAX},
-                       {static_cast<uint64_t>(-999), isSigned ? 0 : INT32_MAX},
-                       {static_cast<uint64_t>(-1000), isSigned ? -1 : INT32_MAX},
-                       {static_cast<uint64_t>(-1999), isSigned ? -1 : INT32_MAX},
-                       {static_cast<uint64_t>(-2147483582463), isSigned ? -2147483520 : INT32_MAX},
-                       {static_cast<uint64_t>(-2147483582464), isSigned ? INT32_MIN : INT32_MAX},
-                       {static_cast<uint64_t>(-2147483904000), isSigned ? INT32_MIN : INT32_MAX},
-                       {static_cast<uint64_t>(-3000000000000), isSigned ? INT32_MIN : INT32_MAX}});
+    expectMillijoules({{INT64_MIN, isSigned ? INT32_MIN : INT32_MAX},
+                       {-1, isSigned ? 0 : INT32_MAX},
+                       {-999, isSigned ? 0 : INT32_MAX},
+                       {-1000, isSigned ? -1 : INT32_MAX},
+                       {-1999, isSigned ? -1 : INT32_MAX},
+                       {-2147483582463, isSigned ? -2147483520 : INT32_MAX},
+                       {-2147483582464, isSigned ? INT32_MIN : INT32_MAX},
+                       {-2147483904000, isSigned ? INT32_MIN : INT32_MAX},
+                       {-3000000000000, isSigned ? INT32_MIN : INT32_MAX}});
 }
 
-TEST_P(BothBackends, OnlyAidlLeavesOutWhatWasNotMeasuredSinceBoot) {
-    const Machine machine{{{1, "a"}, {2, "b"}},
-                          {{1, 1000, 5001, 5000},
-                           {2, 2000, 5001, 5001},
-                           {1, 3000, 5000, 5001},
-                           {1, 4000, 0, 0},
-                           {1, 5000, -1, -1},
-                           {1, 6000, (1ll << 32) + 7, 7}},
+TEST_P(BothBackends, OnlyAidlLeavesOutEnergyThatWasNotMeasuredSinceBoot) {
+    const Machine machine{{{1, "a", ""}, {2, "b", ""}},
+                          {{1, 5001, 5000, 1000},
+                           {2, 5001, 5001, 2000},
+                           {1, 5000, 5001, 3000},
+                           {1, 0, 0, 4000},
+                           {1, -1, -1, 5000},
+                           {1, (1ll << 32) + 7, 7, 6000}},
                           {kUnused}};
     serve(GetParam(), machine);
     std::string expected;
@@ -201,7 +208,7 @@ TEST_P(BothBackends, OnlyAidlLeavesOutWhatWasNotMeasuredSinceBoot) {
 class AidlData : public testing::Test, public Scenario {};
 
 TEST_F(AidlData, FilteredRailNeedsNoName) {
-    serve(Backend::kAidl, {{{1, "a"}}, {{2, 1000, 1, 2}, {3, 1000, 2, 1}}});
+    serve(Backend::kAidl, {{{1, "a", ""}}, {{2, 1, 2, 1000}, {3, 2, 1, 1000}}});
     EXPECT_EQ(call(Call::kRails),
               array("", firstTraffic(Backend::kAidl, Call::kRails), {chosenLine(Backend::kAidl)}));
 }
@@ -219,59 +226,49 @@ TEST_P(BothBackends, OneTimestampReadAfterTheServiceAnswered) {
         {timespec{static_cast<time_t>(kLateSeconds), 1999999}, kLateSeconds * 1000 + 1},
         {std::nullopt, 0},
     };
-    Machine machine{{{1, "rail"}},
-                    {{1, 1000}, {1, 2000}},
-                    {{7, "SOC", {{0, "S0"}}}},
-                    {{7, {{0, 1, 2}}}, {7, {{0, 3, 4}}}}};
-    serve(GetParam(), machine);
+    serve(GetParam(), {{{1, "rail", ""}},
+                       {{1, 5000, 5000, 1000}, {1, 5000, 5000, 2000}},
+                       {{7, "SOC", {{0, "S0"}}}},
+                       {{7, {{0, 1, 2, 0}}}, {7, {{0, 3, 4, 0}}}}});
     for (const auto& test : kCases) {
         // The right time shows only from the last transaction of a call on.
-        const Hook advance = [&](const std::string& method) {
+        onCall(GetParam()) = [&](const std::string& method) {
             bootClock().now = timespec{42, 0};
             if (method == "readEnergyMeter" || method == "getStateResidency" ||
                 method == "getEnergyData" || method == "getPowerEntityStateResidencyData") {
                 bootClock().now = test.now;
             }
         };
-        (GetParam() == Backend::kAidl ? aidl->onCall : hidl->onCall) = advance;
         const int64_t at = test.timestampMs;
         SCOPED_TRACE(at);
         const Outcome rails = call(Call::kRails);
-        EXPECT_EQ(rails.bytes, railElement("rail", at, 1) + railElement("rail", at, 2));
+        EXPECT_EQ(rails.bytes, rail("rail", 1, at) + rail("rail", 2, at));
         EXPECT_EQ(std::count(rails.events.begin(), rails.events.end(), "clock"), 1);
         const Outcome residencies = call(Call::kResidencies);
-        EXPECT_EQ(residencies.bytes, entityElement("SOC", at, {residency("S0", 1, 2)}) +
-                                         entityElement("SOC", at, {residency("S0", 3, 4)}));
+        EXPECT_EQ(residencies.bytes, entity("SOC", {residency("S0", 1, 2)}, at) +
+                                         entity("SOC", {residency("S0", 3, 4)}, at));
         EXPECT_EQ(std::count(residencies.events.begin(), residencies.events.end(), "clock"), 1);
     }
 }
 
-// Any other result is written to the array, and a null one ends the process.
-TEST_P(BothBackends, NullOfAFullJavaHeapIsHandedOnWithoutEntities) {
+TEST_P(BothBackends, NoEntitiesGiveAnEmptyArrayAndALogLine) {
     Machine machine = smallMachine();
     machine.totals.clear();
     serve(GetParam(), machine);
-    env.heapIsFull = true;
-    const Outcome empty = call(Call::kResidencies);
-    EXPECT_EQ(empty.bytes, std::nullopt);
-    EXPECT_EQ(empty.events.back(), "NewByteArray(0)");
-}
-
-TEST_P(BothBackends, NoEntitiesGiveAnEmptyArrayAndALine) {
-    Machine machine = smallMachine();
-    machine.totals.clear();
-    serve(GetParam(), machine);
-    const std::string line =
+    const Lines log = {
+        chosenLine(GetParam()), "clock",
         GetParam() == Backend::kAidl
             ? "E: getResidenciesAidl failed: No residences were obtained from PowerStats AIDL."
-            : "E: getResidenciesV1_0 failed: No residences were obtained from PowerStats HAL.";
+            : "E: getResidenciesV1_0 failed: No residences were obtained from PowerStats HAL.",
+        "NewByteArray(0)"};
     EXPECT_EQ(call(Call::kResidencies),
-              (Outcome{"",
-                       {chosenLine(GetParam()), "clock", line, "NewByteArray(0)"},
-                       firstTraffic(GetParam(), Call::kResidencies)}));
-    EXPECT_EQ(call(Call::kResidencies), (Outcome{"",
-                                                 {"clock", line, "NewByteArray(0)"},
-                                                 steadyTraffic(GetParam(), Call::kResidencies)}));
+              (Outcome{"", log, firstTraffic(GetParam(), Call::kResidencies)}));
+    const Lines later(log.begin() + 1, log.end());
+    const std::string traffic = steadyTraffic(GetParam(), Call::kResidencies);
+    EXPECT_EQ(call(Call::kResidencies), (Outcome{"", later, traffic}));
+    // Any other result is written to the array, and a null array ends the process.
+    env.heapIsFull = true;
+    EXPECT_EQ(call(Call::kResidencies), (Outcome{std::nullopt, later, traffic}));
 }
 
 }  // namespace

@@ -11,13 +11,9 @@
 namespace support {
 namespace {
 
-class DeathScenario : public Scenario {
+class Death : public testing::TestWithParam<Backend>, public Scenario {
   protected:
-    explicit DeathScenario(Backend backend) : mBackend(backend) {}
-
-    Hook& onCall() { return mBackend == Backend::kAidl ? aidl->onCall : hidl->onCall; }
-
-    /// Kills the service in its next call of a method, and sees that its notice waits.
+    /// Kills the service in its next call of a method, and expects that its notice waits.
     Hook dieIn(const char* fatalMethod) {
         return [this, fatalMethod](const std::string& method) {
             if (method != fatalMethod) return;
@@ -43,20 +39,14 @@ class DeathScenario : public Scenario {
         return entity("other entity", {residency("other state", 5000, 12)});
     }
 
-    const Backend mBackend;
-};
-
-class Death : public testing::TestWithParam<Backend>, public DeathScenario {
-  protected:
-    Death() : DeathScenario(GetParam()) {}
+    const Backend mBackend = GetParam();
 };
 INSTANTIATE_TEST_SUITE_P(Test, Death, testing::ValuesIn(kBackends),
                          testing::PrintToStringParamName());
 
-TEST_P(Death, ConnectionIsDroppedAtOnceAndMadeAnewByTheNextCall) {
+TEST_P(Death, DropsTheConnectionAtOnceAndTheNextCallReconnects) {
     serve(mBackend, smallMachine());
-    call(Call::kRails);
-    call(Call::kResidencies);
+    for (const Call which : kCalls) call(which);
     for (const Call which : {Call::kRails, Call::kResidencies, Call::kRails}) {
         std::vector<host::Event> events;
         host::setObserver([&](host::Event event) { events.push_back(event); });
@@ -69,28 +59,15 @@ TEST_P(Death, ConnectionIsDroppedAtOnceAndMadeAnewByTheNextCall) {
         expectRecovery(which);
     }
     EXPECT_EQ(host::unlinks(nameOf(mBackend)), mBackend == Backend::kAidl ? 0 : 3);
-}
-
-TEST_P(Death, AllThatWasLearntGoesTogether) {
-    serve(mBackend, smallMachine());
-    call(Call::kRails);
-    call(Call::kResidencies);
-    kill(mBackend);
-    expectRecovery(Call::kResidencies);
-    // Connected by the other call, whose names have gone as well.
-    const std::string names =
-        mBackend == Backend::kAidl ? "aidl:getEnergyMeterInfo " : std::string();
-    EXPECT_EQ(call(Call::kRails),
-              array(otherResult(Call::kRails), names + steadyTraffic(mBackend, Call::kRails)));
+    // The names of the other call are gone as well.
+    const std::string names = mBackend == Backend::kAidl ? "aidl:getPowerEntityInfo " : "";
+    EXPECT_EQ(call(Call::kResidencies), array(otherResult(Call::kResidencies),
+                                              names + steadyTraffic(mBackend, Call::kResidencies)));
 }
 
 // With HIDL the names come with the connection.
-class AidlDeath : public testing::Test, public DeathScenario {
-  protected:
-    AidlDeath() : DeathScenario(Backend::kAidl) {}
-};
-
-TEST_F(AidlDeath, BeforeAnyNamesWereLearnt) {
+TEST_P(Death, BeforeTheServiceHadNames) {
+    if (mBackend == Backend::kHidl) return;
     serve(mBackend, {});
     call(Call::kRails);
     kill(mBackend);
@@ -100,63 +77,69 @@ TEST_F(AidlDeath, BeforeAnyNamesWereLearnt) {
     expectRecovery(Call::kRails);
 }
 
-struct DyingCall {
-    Backend backend;
-    Call call;
-    const char* method;
-    Outcome expected;
-};
-
 const char kUnavailable[] =
     "E: Failed to init state info: requested HAL service not available. Description: "
     "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '";
+const char kNotLoaded[] = "E: Power stats HAL not loaded!";
 
-TEST_P(Death, InACallThatFailsForIt) {
-    const DyingCall kDyingCalls[] = {
-        {Backend::kAidl, Call::kRails, "getEnergyMeterInfo",
-         nothing({"I: Power stats rail energy init failed"},
-                 "aidl:lookup aidl:link aidl:getEnergyMeterInfo")},
-        {Backend::kAidl, Call::kRails, "readEnergyMeter",
-         nothing({"E: Error reading energy meter"},
-                 reconnectTraffic(Backend::kAidl, Call::kRails))},
-        {Backend::kAidl, Call::kResidencies, "getPowerEntityInfo",
-         nothing({"I: Power stats residencies init failed"},
-                 "aidl:lookup aidl:link aidl:getPowerEntityInfo")},
-        {Backend::kAidl, Call::kResidencies, "getStateResidency",
-         nothing({"E: Error reading getting state residency"},
-                 reconnectTraffic(Backend::kAidl, Call::kResidencies))},
-        {Backend::kHidl, Call::kRails, "getPowerEntityInfo",
-         nothing({kUnavailable, "E: Power stats HAL not loaded!"},
-                 "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo")},
-        {Backend::kHidl, Call::kResidencies, "getPowerEntityStateInfo",
-         nothing({kUnavailable, "E: Power stats HAL not loaded!"},
-                 "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo "
-                 "hidl:getPowerEntityStateInfo")},
+TEST_P(Death, InACallFailsThatCallOnly) {
+    const struct {
+        Backend backend;
+        Call call;
+        const char* method;
+        Lines log;
+        std::string traffic;
+    } kDyingCalls[] = {
+        {Backend::kAidl,
+         Call::kRails,
+         "getEnergyMeterInfo",
+         {"I: Power stats rail energy init failed"},
+         "aidl:lookup aidl:link aidl:getEnergyMeterInfo"},
+        {Backend::kAidl,
+         Call::kRails,
+         "readEnergyMeter",
+         {"E: Error reading energy meter"},
+         reconnectTraffic(Backend::kAidl, Call::kRails)},
+        {Backend::kAidl,
+         Call::kResidencies,
+         "getPowerEntityInfo",
+         {"I: Power stats residencies init failed"},
+         "aidl:lookup aidl:link aidl:getPowerEntityInfo"},
+        {Backend::kAidl,
+         Call::kResidencies,
+         "getStateResidency",
+         {"E: Error reading getting state residency"},
+         reconnectTraffic(Backend::kAidl, Call::kResidencies)},
+        {Backend::kHidl,
+         Call::kRails,
+         "getPowerEntityInfo",
+         {kUnavailable, kNotLoaded},
+         "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo"},
+        {Backend::kHidl,
+         Call::kResidencies,
+         "getPowerEntityStateInfo",
+         {kUnavailable, kNotLoaded},
+         "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo hidl:getPowerEntityStateInfo"},
     };
     serve(mBackend, smallMachine());
-    call(Call::kRails);
-    call(Call::kResidencies);
+    for (const Call which : kCalls) call(which);
     for (const auto& test : kDyingCalls) {
         if (test.backend != mBackend) continue;
         SCOPED_TRACE(test.method);
         kill(mBackend);
         serve(mBackend, smallMachine());
-        onCall() = dieIn(test.method);
-        EXPECT_EQ(call(test.call), test.expected);
+        onCall(mBackend) = dieIn(test.method);
+        EXPECT_EQ(call(test.call), nothing(test.log, test.traffic));
         expectRecovery(test.call);
     }
 }
 
 // With AIDL an answer comes with the end of a transaction.
-class HidlDeath : public testing::Test, public DeathScenario {
-  protected:
-    HidlDeath() : DeathScenario(Backend::kHidl) {}
-};
-
-TEST_F(HidlDeath, AfterTheLastAnswerOfACall) {
+TEST_P(Death, AfterTheLastAnswerDoesNotHarmTheCall) {
+    if (mBackend == Backend::kAidl) return;
     int64_t unlinks = 0;
     for (const Call which : kCalls) {
-        SCOPED_TRACE(static_cast<int>(which));
+        SCOPED_TRACE(which);
         serve(mBackend, smallMachine());
         call(which);
         hidl->onAnswered =

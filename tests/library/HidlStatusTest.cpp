@@ -79,7 +79,7 @@ class HidlStatus : public testing::TestWithParam<StatusCase>, public Scenario {}
 INSTANTIATE_TEST_SUITE_P(All, HidlStatus, testing::ValuesIn(kStatusCases),
                          [](const auto& info) { return info.param.name; });
 
-TEST_P(HidlStatus, DecidesAndNothingIsKept) {
+TEST_P(HidlStatus, DecidesOnItsOwnCallOnly) {
     const StatusCase& test = GetParam();
     serve(Backend::kHidl, smallMachine());
     EXPECT_EQ(call(test.call),
@@ -87,23 +87,24 @@ TEST_P(HidlStatus, DecidesAndNothingIsKept) {
                     {chosenLine(Backend::kHidl)}));
     hidl->statuses[test.method] = test.status;
     if (test.empty) {
-        Machine& machine = hidl->machine;
+        Machine machine = smallMachine();
         (test.call == Call::kResidencies  ? machine.totals.clear()
          : test.expected.traffic == kBoth ? machine.energies.clear()
                                           : machine.rails.clear());
+        hidl->tell(machine);
     }
     EXPECT_EQ(call(test.call), test.expected);
     EXPECT_EQ(call(test.call), test.expected);
     hidl->statuses.clear();
-    hidl->machine = smallMachine();
+    hidl->tell(smallMachine());
     EXPECT_EQ(call(test.call),
               array(smallResult(test.call), steadyTraffic(Backend::kHidl, test.call)));
 }
 
-TEST_F(HidlStatus, RailNamesAreLearntAnewByEveryCall) {
+TEST_F(HidlStatus, EveryCallAsksForRailNames) {
     serve(Backend::kHidl, smallMachine());
     call(Call::kRails);
-    hidl->machine.rails = {{1, "renamed"}};
+    hidl->rails[0].railName = "renamed";
     EXPECT_EQ(call(Call::kRails), array(rail("renamed", 4500), kBoth));
 }
 

@@ -60,8 +60,8 @@ class AidlInternals : public testing::Test, public support::Scenario {
     AidlInternals() { serve(Backend::kAidl, support::smallMachine()); }
 
     std::string residencies() {
-        const auto bytes = env.take(getResidenciesAidl(env.get(), nullptr));
-        return bytes ? std::string(bytes->begin(), bytes->end()) : "null";
+        const auto bytes = support::toText(env.take(getResidenciesAidl(env.get(), nullptr)));
+        return bytes.value_or("null");
     }
 };
 
@@ -135,16 +135,12 @@ struct SilentEnergy : support::FakeHidl {
 // The platform's proxy would have made a failure of it.
 TEST_F(HidlInternals, EnergyThatNeverCameIsAnEmptyResult) {
     const ::android::sp<SilentEnergy> silent = new SilentEnergy;
-    silent->machine = support::smallMachine();
+    silent->tell(support::smallMachine());
     gPowerStatsHalV1_0 = silent;
     const auto bytes = env.take(getRailEnergyV1_0(env.get(), nullptr));
     EXPECT_EQ(bytes, powerstats::JavaBytes(std::vector<uint8_t>()));
     EXPECT_EQ(support::takeEvents(),
               (support::Lines{"clock", "NewByteArray(0)", "SetByteArrayRegion(0, 0)"}));
-}
-
-TEST(Internals, InstanceName) {
-    EXPECT_EQ(gPowerStatsAidlInstance, "android.hardware.power.stats.IPowerStats/default");
 }
 
 }  // namespace

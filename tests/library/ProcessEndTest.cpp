@@ -6,13 +6,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <climits>
 #include <functional>
 #include <stdexcept>
 #include <string>
 
+#include "tests/support/Allocations.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/FailingAllocation.h"
 #include "tests/support/Scenario.h"
 
 namespace support {
@@ -35,28 +34,37 @@ struct EndCase {
     const char* name;
     Backend backend;
     Call call;
-    /// What happens between a good call and the last.
-    std::function<void(Scenario& scenario)> script;
-    std::string errors;  ///< all that the last call writes
+    /// Runs between a good call and the last one.
+    /// @param machine [in,out] a small machine, which the service tells after the script.
+    std::function<void(Scenario& scenario, Machine& machine)> script;
+    std::string errors;     ///< all that the last call writes
+    bool restarts = false;  ///< with the service of another process
 
     friend std::ostream& operator<<(std::ostream& out, const EndCase& test) {
         return out << test.name;
     }
 };
 
-Machine& machineOf(Scenario& scenario) {
-    return scenario.aidl != nullptr ? scenario.aidl->machine : scenario.hidl->machine;
+void unknownRail(Scenario& /*scenario*/, Machine& machine) {
+    machine.energies.push_back({2, 5000, 5000, 1000});
 }
-void unknownRail(Scenario& scenario) {
-    machineOf(scenario).energies.push_back({2, 1000});
+void unknownEntity(Scenario& /*scenario*/, Machine& machine) {
+    machine.totals.push_back({8, {}});
 }
-void unknownEntity(Scenario& scenario) {
-    machineOf(scenario).totals.push_back({8});
+void unknownState(Scenario& /*scenario*/, Machine& machine) {
+    machine.totals[0].stateResidencyData.push_back({1, 2, 3, 4});
 }
-void unknownState(Scenario& scenario) {
-    machineOf(scenario).totals[0].states.push_back({1, 2, 3});
+/// An entity that is listed again with more states: its state maps are not merged.
+void stateOfASecondListing(Scenario& scenario, Machine& machine) {
+    machine.entities.push_back({7, "again", {{1, "more"}}});
+    unknownState(scenario, machine);
 }
-void fullJavaHeap(Scenario& scenario) {
+/// A state id that the entity did not have before: the old state map is kept as it was.
+void newState(Scenario& scenario, Machine& machine) {
+    machine.entities[0].states.push_back({1, "new"});
+    unknownState(scenario, machine);
+}
+void fullJavaHeap(Scenario& scenario, Machine& /*machine*/) {
     scenario.env.heapIsFull = true;
 }
 std::string writtenToNull(Call call) {
@@ -65,27 +73,10 @@ std::string writtenToNull(Call call) {
     return "clock\nNewByteArray(" + size + ")\n" + write + "\nJNI: " + write +
            ": the array is null\n";
 }
-/// An entity that is listed again with more states: its state maps are not merged.
-template <Backend kBackend>
-void stateOfASecondListing(Scenario& scenario) {
-    scenario.kill(kBackend);
-    Machine machine = smallMachine();
-    machine.entities.push_back({7, "again", {{1, "more"}}});
-    machine.totals[0].states.push_back({1, 2, 3});
-    scenario.serve(kBackend, machine);
-}
-std::function<void(Scenario&)> unreached(const char* method) {
-    return [=](Scenario&) {
+std::function<void(Scenario&, Machine&)> unreached(const char* method) {
+    return [=](Scenario&, Machine&) {
         host::failTransactions(host::kHidlPowerStats, method, {-129, -32, "gone"});
     };
-}
-/// A state id that the entity did not have before: the old state map is kept as it was.
-void newStateAfterRestart(Scenario& scenario) {
-    scenario.kill(Backend::kHidl);
-    Machine machine = smallMachine();
-    machine.entities[0].states.push_back({1, "new"});
-    machine.totals[0].states.push_back({1, 2, 3});
-    scenario.serve(Backend::kHidl, machine);
 }
 
 const EndCase kEndCases[] = {
@@ -95,11 +86,11 @@ const EndCase kEndCases[] = {
     {"unknownRail", Backend::kHidl, Call::kRails, unknownRail, kUnknownId},
     {"unknownHidlEntity", Backend::kHidl, Call::kResidencies, unknownEntity, kUnknownId},
     {"unknownHidlState", Backend::kHidl, Call::kResidencies, unknownState, kUnknownId},
-    {"stateOfASecondListing", Backend::kAidl, Call::kResidencies,
-     stateOfASecondListing<Backend::kAidl>, kUnknownId},
-    {"hidlStateOfASecondListing", Backend::kHidl, Call::kResidencies,
-     stateOfASecondListing<Backend::kHidl>, kUnknownId},
-    {"newStateAfterRestart", Backend::kHidl, Call::kResidencies, newStateAfterRestart, kUnknownId},
+    {"stateOfASecondListing", Backend::kAidl, Call::kResidencies, stateOfASecondListing, kUnknownId,
+     true},
+    {"hidlStateOfASecondListing", Backend::kHidl, Call::kResidencies, stateOfASecondListing,
+     kUnknownId, true},
+    {"newStateAfterRestart", Backend::kHidl, Call::kResidencies, newState, kUnknownId, true},
     {"getRailInfoUnreached", Backend::kHidl, Call::kRails, unreached("getRailInfo"), kUnexamined},
     {"getEnergyDataUnreached", Backend::kHidl, Call::kRails, unreached("getEnergyData"),
      kUnexamined},
@@ -121,7 +112,14 @@ TEST_P(ProcessEnds, WithNothingBeyondItsMessage) {
         Scenario scenario;
         scenario.serve(test.backend, smallMachine());
         ASSERT_EQ(scenario.call(test.call).bytes, smallResult(test.call));
-        test.script(scenario);
+        Machine machine = smallMachine();
+        test.script(scenario, machine);
+        if (test.restarts) {
+            Scenario::kill(test.backend);
+            scenario.serve(test.backend, machine);
+        } else {
+            scenario.tell(test.backend, machine);
+        }
         scenario.callAloud(test.call);
     });
     EXPECT_EQ(ended.signal, SIGABRT);
@@ -140,12 +138,6 @@ INSTANTIATE_TEST_SUITE_P(All, RuntimeFailure,
                                     testing::PrintToString(std::get<1>(info.param));
                          });
 
-/// A call without what a scenario does around it, which allocates too.
-powerstats::JavaBytes callBare(Scenario& scenario, Call call) {
-    return call == Call::kRails ? scenario.library->railEnergy(&scenario.env)
-                                : scenario.library->residencies(&scenario.env);
-}
-
 TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
     int failures = 0;
     for (const bool first : {true, false}) {
@@ -156,11 +148,12 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
                 scenario.serve(mBackend, smallMachine());
                 scenario.load();
                 if (!first) scenario.call(mCall);
-                gFailingAllocation = allocation;
-                const powerstats::JavaBytes bytes = callBare(scenario, mCall);
-                ASSERT_GT(gFailingAllocation.exchange(0), 0) << "a failure was survived";
-                ASSERT_TRUE(bytes);
-                ASSERT_EQ(std::string(bytes->begin(), bytes->end()), smallResult(mCall));
+                const int64_t failing = allocations().count + allocation;
+                allocations().failing = failing;
+                const powerstats::JavaBytes bytes = scenario.callBare(mCall);
+                allocations().failing = 0;
+                ASSERT_LT(allocations().count, failing) << "a failure was survived";
+                ASSERT_EQ(toText(bytes), smallResult(mCall));
                 // A mutex left held would stop this one until the child is ended.
                 ASSERT_EQ(scenario.call(mCall).bytes, smallResult(mCall));
             });
@@ -178,21 +171,21 @@ INSTANTIATE_TEST_SUITE_P(All, ResidencyAllocations, testing::ValuesIn(kBackends)
                          testing::PrintToStringParamName());
 
 TEST_P(ResidencyAllocations, AreAsManyForEachStateHoweverManyThereAre) {
-    const auto countWith = [](uint32_t states) {
+    const auto countWith = [](int states) {
         Machine machine = smallMachine();
-        for (uint32_t id = 1; id < states; ++id) {
+        for (int id = 1; id < states; ++id) {
             machine.entities[0].states.push_back({id, "S"});
-            machine.totals[0].states.push_back({id, 1, 1});
+            machine.totals[0].stateResidencyData.push_back({id, 1, 1, 1});
         }
         Scenario scenario;
         scenario.serve(GetParam(), machine);
         EXPECT_TRUE(scenario.call(Call::kResidencies).bytes);
-        gFailingAllocation = INT_MAX;
-        callBare(scenario, Call::kResidencies);
-        return INT_MAX - gFailingAllocation.exchange(0);
+        const int64_t before = allocations().count;
+        scenario.callBare(Call::kResidencies);
+        return allocations().count - before;
     };
-    const int few = countWith(1000);
-    const int each = (countWith(2000) - few) / 1000;
+    const int64_t few = countWith(1000);
+    const int64_t each = (countWith(2000) - few) / 1000;
     // More than a count of 16 bits holds.
     EXPECT_EQ(countWith(40000), few + 39000 * each);
 }
@@ -202,8 +195,9 @@ TEST_P(RuntimeFailure, ThrownByTheServiceDoesNotReachTheCaller) {
         Scenario scenario;
         scenario.serve(mBackend, smallMachine());
         ASSERT_EQ(scenario.call(mCall).bytes, smallResult(mCall));
-        const Hook fail = [](const std::string&) { throw std::runtime_error("out of order"); };
-        (mBackend == Backend::kAidl ? scenario.aidl->onCall : scenario.hidl->onCall) = fail;
+        scenario.onCall(mBackend) = [](const std::string&) {
+            throw std::runtime_error("out of order");
+        };
         scenario.callAloud(mCall);
     });
     EXPECT_EQ(ended.signal, SIGABRT);

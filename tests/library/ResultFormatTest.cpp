@@ -30,8 +30,8 @@ TEST_F(ResultFormat, KnownBytes) {
 
 TEST_F(ResultFormat, IsWhatTheSchemaDescribes) {
     Machine machine = smallMachine();
-    machine.energies.push_back({1, static_cast<uint64_t>(-4500000)});
-    machine.totals[0].states.push_back({0, 0, 1});
+    machine.energies.push_back({1, 5000, 5000, -4500000});
+    machine.totals[0].stateResidencyData.push_back({0, 0, 1, 0});
     serve(Backend::kAidl, machine);
     const std::string file = testing::TempDir() + "result" + std::to_string(getpid());
     std::ofstream(file, std::ios::binary)

@@ -17,36 +17,45 @@ namespace {
 
 class Selection : public testing::Test, public Scenario {};
 
+Outcome good(Call call, const std::string& traffic, const Lines& log = {}) {
+    return array(smallResult(call), traffic, log);
+}
+
+Outcome noAidl(Call call) {
+    return nothing({"E: Unable to get power stats AIDL service!",
+                    call == Call::kRails ? "I: Power stats rail energy init failed"
+                                         : "I: Power stats residencies init failed"},
+                   "aidl:lookup");
+}
+
 const Outcome kNoHidl = nothing(
     {"E: Unable to get power stats HAL service!", "E: Power stats HAL not loaded!"}, "hidl:lookup");
 
 TEST_F(Selection, AidlWinsAndIsLoggedOnce) {
+    constexpr Backend kBackend = Backend::kAidl;
     serve(Backend::kHidl, smallMachine());
-    serve(Backend::kAidl, smallMachine());
-    const std::string rails = smallResult(Call::kRails);
-    const std::string residencies = smallResult(Call::kResidencies);
-    EXPECT_EQ(call(Call::kRails), array(rails, firstTraffic(Backend::kAidl, Call::kRails),
-                                        {chosenLine(Backend::kAidl)}));
-    EXPECT_EQ(call(Call::kRails), array(rails, "aidl:readEnergyMeter"));
+    serve(kBackend, smallMachine());
+    EXPECT_EQ(call(Call::kRails),
+              good(Call::kRails, firstTraffic(kBackend, Call::kRails), {chosenLine(kBackend)}));
     // Already connected: only the names are missing.
     EXPECT_EQ(call(Call::kResidencies),
-              array(residencies, "aidl:getPowerEntityInfo aidl:getStateResidency"));
-    EXPECT_EQ(call(Call::kResidencies), array(residencies, "aidl:getStateResidency"));
-    EXPECT_EQ(call(Call::kRails), array(rails, "aidl:readEnergyMeter"));
+              good(Call::kResidencies, "aidl:getPowerEntityInfo aidl:getStateResidency"));
+    for (const Call which : {Call::kRails, Call::kResidencies, Call::kRails}) {
+        EXPECT_EQ(call(which), good(which, steadyTraffic(kBackend, which)));
+    }
 }
 
 TEST_F(Selection, HidlStaysWhenAidlComesLater) {
-    serve(Backend::kHidl, smallMachine());
-    const std::string rails = smallResult(Call::kRails);
-    const std::string residencies = smallResult(Call::kResidencies);
+    constexpr Backend kBackend = Backend::kHidl;
+    serve(kBackend, smallMachine());
     EXPECT_EQ(call(Call::kResidencies),
-              array(residencies, firstTraffic(Backend::kHidl, Call::kResidencies),
-                    {chosenLine(Backend::kHidl)}));
+              good(Call::kResidencies, firstTraffic(kBackend, Call::kResidencies),
+                   {chosenLine(kBackend)}));
     serve(Backend::kAidl, smallMachine());
-    EXPECT_EQ(call(Call::kResidencies),
-              array(residencies, "hidl:getPowerEntityStateResidencyData"));
-    EXPECT_EQ(call(Call::kRails), array(rails, "hidl:getRailInfo hidl:getEnergyData"));
-    kill(Backend::kHidl);
+    for (const Call which : {Call::kResidencies, Call::kRails}) {
+        EXPECT_EQ(call(which), good(which, steadyTraffic(kBackend, which)));
+    }
+    kill(kBackend);
     EXPECT_EQ(call(Call::kRails), kNoHidl);
 }
 
@@ -56,12 +65,7 @@ TEST_F(Selection, AidlNeverFallsBackToHidl) {
     call(Call::kResidencies);
     kill(Backend::kAidl);
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(call(Call::kRails), nothing({"E: Unable to get power stats AIDL service!",
-                                               "I: Power stats rail energy init failed"},
-                                              "aidl:lookup"));
-        EXPECT_EQ(call(Call::kResidencies), nothing({"E: Unable to get power stats AIDL service!",
-                                                     "I: Power stats residencies init failed"},
-                                                    "aidl:lookup"));
+        for (const Call which : kCalls) EXPECT_EQ(call(which), noAidl(which));
     }
     serve(Backend::kAidl, smallMachine());
     EXPECT_EQ(call(Call::kRails),
@@ -95,14 +99,11 @@ TEST_F(Selection, BinderOfAnotherInterface) {
     const ndk::SpAIBinder binder(AIBinder_new(other, nullptr));
     AServiceManager_addService(binder.get(), host::kAidlPowerStats);
     serve(Backend::kHidl, smallMachine());
-    const Lines rails{"E: Unable to get power stats AIDL service!",
-                      "I: Power stats rail energy init failed"};
-    const Lines residencies{"E: Unable to get power stats AIDL service!",
-                            "I: Power stats residencies init failed"};
-    EXPECT_EQ(call(Call::kRails),
-              nothing({chosenLine(Backend::kAidl), rails[0], rails[1]}, "aidl:lookup*2"));
-    EXPECT_EQ(call(Call::kRails), nothing(rails, "aidl:lookup"));
-    EXPECT_EQ(call(Call::kResidencies), nothing(residencies, "aidl:lookup"));
+    Outcome first = noAidl(Call::kRails);
+    first.events.insert(first.events.begin(), chosenLine(Backend::kAidl));
+    first.traffic = "aidl:lookup*2";
+    EXPECT_EQ(call(Call::kRails), first);
+    for (const Call which : kCalls) EXPECT_EQ(call(which), noAidl(which));
     // This test's, the register's, and the one that the choice of backend keeps.
     EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 3);
 }
@@ -128,12 +129,11 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
         serve(backend, smallMachine());
         std::atomic<int> inside{0};
         std::atomic<int> most{0};
-        const Hook hold = [&](const std::string&) {
+        onCall(backend) = [&](const std::string&) {
             most = std::max<int>(most, ++inside);
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             --inside;
         };
-        (backend == Backend::kAidl ? aidl->onCall : hidl->onCall) = hold;
         // Time enough for the other thread to come by while the choice is being logged.
         onEvent = [](const std::string&) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -142,20 +142,17 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
         takeEvents();
         const int64_t lookups = host::lookups(nameOf(backend));
         std::atomic<int> ready{0};
-        std::optional<powerstats::JavaBytes> results[2];
+        std::optional<std::string> results[2];
         const auto run = [&](Call call) {
             for (++ready; ready < 2;) std::this_thread::yield();
-            results[static_cast<int>(call)] =
-                call == Call::kRails ? library->railEnergy(&env) : library->residencies(&env);
+            results[static_cast<int>(call)] = toText(callBare(call));
         };
         std::thread rails(run, Call::kRails);
         std::thread residencies(run, Call::kResidencies);
         rails.join();
         residencies.join();
         for (const Call call : kCalls) {
-            const auto& bytes = results[static_cast<int>(call)].value();
-            ASSERT_TRUE(bytes.has_value());
-            EXPECT_EQ(std::string(bytes->begin(), bytes->end()), smallResult(call));
+            EXPECT_EQ(results[static_cast<int>(call)], smallResult(call));
         }
         const Lines events = takeEvents();
         EXPECT_EQ(std::count(events.begin(), events.end(), chosenLine(backend)), 1);

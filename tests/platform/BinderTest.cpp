@@ -42,7 +42,7 @@ class Binder : public testing::Test {
   protected:
     Binder() {
         host::setBusLookups({});
-        mService->machine = {{{1, "rail"}}, {{1, 1000}}, {}, {}};
+        mService->machine = {{{1, "rail", ""}}, {{1, 5000, 5000, 1000}}, {}, {}};
         AServiceManager_addService(mService->asBinder().get(), host::kAidlPowerStats);
     }
 

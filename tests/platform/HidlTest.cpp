@@ -161,7 +161,7 @@ class HidlProxy : public testing::Test {
   protected:
     HidlProxy() {
         host::setBusLookups({});
-        mService->machine = {{{1, "rail"}}, {}, {}, {}};
+        mService->tell({{{1, "rail", ""}}, {}, {}, {}});
         EXPECT_EQ(mService->registerAsService(), android::OK);
     }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The bytes that a result must have, put together by hand: an encoder apart from the one that the
-// library uses, so that the two cannot be wrong together.
+// Writes the bytes of an expected result by hand. This encoder is apart from the library's, so that
+// the two cannot be wrong together.
 
 #pragma once
 
@@ -10,6 +10,9 @@
 #include <vector>
 
 namespace support {
+
+/// The boot clock's time in a scenario, milliseconds.
+inline constexpr int64_t kNowMs = 123456789;
 
 /// Seven bits a byte, least significant first.
 inline std::string varint(uint64_t value) {
@@ -35,22 +38,20 @@ inline std::string element(uint64_t kind, const std::string& name, int64_t times
 }
 
 /// One rail, as an element of a result.
-inline std::string railElement(const std::string& name, int64_t timestampMs, int64_t millijoules) {
-    return element(1, name, timestampMs, field(1, field(1, static_cast<uint64_t>(millijoules))));
+inline std::string rail(const std::string& name, int64_t millijoules, int64_t atMs = kNowMs) {
+    return element(1, name, atMs, field(1, field(1, static_cast<uint64_t>(millijoules))));
 }
 
-/// One state, for entityElement.
+/// One power entity, as an element of a result, and its states.
+inline std::string entity(const std::string& name, const std::vector<std::string>& residencies,
+                          int64_t atMs = kNowMs) {
+    std::string data;
+    for (const auto& state : residencies) data += state;
+    return element(2, name, atMs, data);
+}
 inline std::string residency(const std::string& name, int64_t totalTimeMs, int64_t entries) {
     return field(2, field(1, name) + field(2, static_cast<uint64_t>(totalTimeMs)) +
                         field(3, static_cast<uint64_t>(entries)));
-}
-
-/// One power entity, as an element of a result.
-inline std::string entityElement(const std::string& name, int64_t timestampMs,
-                                 const std::vector<std::string>& residencies) {
-    std::string data;
-    for (const auto& state : residencies) data += state;
-    return element(2, name, timestampMs, data);
 }
 
 /// "12 19 0a" from three bytes.
@@ -58,10 +59,9 @@ inline std::string toHex(const std::string& bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (const char byte : bytes) {
-        if (!text.empty()) text += ' ';
-        text += {kDigits[static_cast<uint8_t>(byte) >> 4], kDigits[byte & 0xf]};
+        text += {' ', kDigits[static_cast<uint8_t>(byte) >> 4], kDigits[byte & 0xf]};
     }
-    return text;
+    return text.substr(text.empty() ? 0 : 1);
 }
 
 }  // namespace support

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Power stats services that answer what a test tells them to, through either interface.
+// Power stats services with preset records, over either interface. The records are made before the
+// calls, so that a call costs as little as its interface allows: benchmarks use these services too.
 
 #pragma once
 
@@ -8,9 +9,9 @@
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,46 +20,18 @@ namespace support {
 namespace stats = aidl::android::hardware::power::stats;
 namespace stats_V1_0 = android::hardware::power::stats::V1_0;
 
-struct Rail {
-    uint32_t id = 0;
-    std::string name;
-};
-struct Energy {
-    uint32_t id = 0;
-    uint64_t microwattSeconds = 0;
-    int64_t timestampMs = 5000;  ///< with AIDL: measured since boot when both are the same
-    int64_t durationMs = 5000;
-};
-struct State {
-    uint32_t id = 0;
-    std::string name;
-};
-struct Entity {
-    uint32_t id = 0;
-    std::string name;
-    std::vector<State> states = {};
-};
-struct StateTotals {
-    uint32_t id = 0;
-    uint64_t timeMs = 0;
-    uint64_t entries = 0;
-    uint64_t lastEntryMs = 777;
-};
-struct EntityTotals {
-    uint32_t id = 0;
-    std::vector<StateTotals> states = {};
-};
-
-/// What a service has to tell, in the terms that both interfaces share.
+/// The content of a service, in the records of the AIDL interface.
 struct Machine {
-    std::vector<Rail> rails = {};
-    std::vector<Energy> energies = {};
-    std::vector<Entity> entities = {};
-    std::vector<EntityTotals> totals = {};
+    std::vector<stats::Channel> rails = {};
+    std::vector<stats::EnergyMeasurement> energies = {};
+    std::vector<stats::PowerEntity> entities = {};
+    std::vector<stats::StateResidencyResult> totals = {};
 };
 
 /// Called with a method's name, "readEnergyMeter".
 using Hook = std::function<void(const std::string& method)>;
+
+// The library asks for everything with an empty list of ids. Any other list ends the process.
 
 class FakeAidl : public stats::BnPowerStats {
   public:
@@ -70,18 +43,39 @@ class FakeAidl : public stats::BnPowerStats {
     Machine machine;
     /// Called in every transaction before it is answered.
     Hook onCall;
-    /// Methods that do not answer OK. What they would have answered is written all the same.
-    std::map<std::string, std::function<Status()>> failing;
+    /// Methods that do not answer OK. Their answer is written all the same.
+    std::map<std::string, std::function<Status()>, std::less<>> failing;
 
-    Status getPowerEntityInfo(Vector<stats::PowerEntity>* answer) override;
-    Status getStateResidency(const Ids& ids, Vector<stats::StateResidencyResult>* answer) override;
-    Status getEnergyConsumerInfo(Vector<stats::EnergyConsumer>* answer) override;
-    Status getEnergyConsumed(const Ids& ids, Vector<stats::EnergyConsumerResult>* answer) override;
-    Status getEnergyMeterInfo(Vector<stats::Channel>* answer) override;
-    Status readEnergyMeter(const Ids& ids, Vector<stats::EnergyMeasurement>* answer) override;
+    Status getPowerEntityInfo(Vector<stats::PowerEntity>* answer) override {
+        return give("getPowerEntityInfo", {}, machine.entities, answer);
+    }
+    Status getStateResidency(const Ids& ids, Vector<stats::StateResidencyResult>* answer) override {
+        return give("getStateResidency", ids, machine.totals, answer);
+    }
+    Status getEnergyConsumerInfo(Vector<stats::EnergyConsumer>* /*answer*/) override {
+        return Status::ok();
+    }
+    Status getEnergyConsumed(const Ids& /*ids*/,
+                             Vector<stats::EnergyConsumerResult>* /*answer*/) override {
+        return Status::ok();
+    }
+    Status getEnergyMeterInfo(Vector<stats::Channel>* answer) override {
+        return give("getEnergyMeterInfo", {}, machine.rails, answer);
+    }
+    Status readEnergyMeter(const Ids& ids, Vector<stats::EnergyMeasurement>* answer) override {
+        return give("readEnergyMeter", ids, machine.energies, answer);
+    }
 
   private:
-    Status finish(const std::string& method);
+    template <typename Record>
+    Status give(const char* method, const Ids& ids, const Vector<Record>& all,
+                Vector<Record>* answer) const {
+        if (!ids.empty()) std::abort();
+        if (onCall) onCall(method);
+        *answer = all;
+        const auto failure = failing.find(method);
+        return failure != failing.end() ? failure->second() : Status::ok();
+    }
 };
 
 class FakeHidl : public stats_V1_0::IPowerStats {
@@ -90,27 +84,62 @@ class FakeHidl : public stats_V1_0::IPowerStats {
     using Ids = android::hardware::hidl_vec<uint32_t>;
     using Result = android::hardware::Return<void>;
 
-    Machine machine;
-    /// Where the states differ from those of the machine's entities.
-    std::optional<std::vector<Entity>> stateSpaces;
+    template <typename T>
+    using Vector = android::hardware::hidl_vec<T>;
+
+    /// Replaces all records by those of a machine.
+    void tell(const Machine& machine);
+
+    Vector<stats_V1_0::RailInfo> rails;
+    Vector<stats_V1_0::EnergyData> energies;
+    Vector<stats_V1_0::PowerEntityInfo> entities;
+    Vector<stats_V1_0::PowerEntityStateSpace> states;
+    Vector<stats_V1_0::PowerEntityStateResidencyResult> totals;
     /// Called in every transaction before it is answered, and after.
     Hook onCall;
     Hook onAnswered;
     /// Statuses of methods that do not answer SUCCESS. Their records are delivered all the same.
-    std::map<std::string, Status> statuses;
+    std::map<std::string, Status, std::less<>> statuses;
 
-    Result getRailInfo(getRailInfo_cb callback) override;
-    Result getEnergyData(const Ids& ids, getEnergyData_cb callback) override;
-    Result streamEnergyData(uint32_t timeMs, uint32_t rate, streamEnergyData_cb callback) override;
-    Result getPowerEntityInfo(getPowerEntityInfo_cb callback) override;
-    Result getPowerEntityStateInfo(const Ids& ids, getPowerEntityStateInfo_cb callback) override;
+    Result getRailInfo(getRailInfo_cb callback) override {
+        return give("getRailInfo", {}, rails, callback);
+    }
+    Result getEnergyData(const Ids& ids, getEnergyData_cb callback) override {
+        return give("getEnergyData", ids, energies, callback);
+    }
+    Result streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
+        return android::hardware::Void();
+    }
+    Result getPowerEntityInfo(getPowerEntityInfo_cb callback) override {
+        return give("getPowerEntityInfo", {}, entities, callback);
+    }
+    Result getPowerEntityStateInfo(const Ids& ids, getPowerEntityStateInfo_cb callback) override {
+        return give("getPowerEntityStateInfo", ids, states, callback);
+    }
     Result getPowerEntityStateResidencyData(const Ids& ids,
-                                            getPowerEntityStateResidencyData_cb callback) override;
+                                            getPowerEntityStateResidencyData_cb callback) override {
+        return give("getPowerEntityStateResidencyData", ids, totals, callback);
+    }
 
   private:
-    template <typename Callback, typename Record>
-    Result deliver(const std::string& method, const Callback& callback,
-                   const std::vector<Record>& records);
+    template <typename Record, typename Callback>
+    Result give(const char* method, const Ids& ids, const Vector<Record>& all,
+                const Callback& callback) const {
+        if (ids.size() != 0) std::abort();
+        if (onCall) onCall(method);
+        const auto status = statuses.find(method);
+        callback(all, status != statuses.end() ? status->second : Status::SUCCESS);
+        if (onAnswered) onAnswered(method);
+        return android::hardware::Void();
+    }
 };
+
+enum class Backend { kAidl, kHidl };
+enum class Call { kRails, kResidencies };
+inline constexpr Backend kBackends[] = {Backend::kAidl, Backend::kHidl};
+inline constexpr Call kCalls[] = {Call::kRails, Call::kResidencies};
+
+/// The name under which a backend looks its service up.
+const char* nameOf(Backend backend);
 
 }  // namespace support

@@ -14,15 +14,13 @@
 namespace support {
 namespace {
 
-struct Recorder {
-    std::mutex mutex;
-    Lines events;
-    bool aloud = false;
-};
+std::mutex gEventsMutex;
+bool gAloud = false;
 
-Recorder& recorder() {
-    static auto* const instance = new Recorder;
-    return *instance;
+/// Never destroyed: the platform's threads log until the process ends.
+Lines& events() {
+    static auto* const lines = new Lines;
+    return *lines;
 }
 
 void recordLog(const __android_log_message* message) {
@@ -31,40 +29,33 @@ void recordLog(const __android_log_message* message) {
     record(priority + (ours ? "" : std::string("/") + message->tag) + ": " + message->message);
 }
 
-struct Counter {
-    Backend backend;
-    std::string name;
-    int64_t value;
-};
-
-std::vector<Counter> readCounters() {
-    std::vector<Counter> counters;
+/// The platform's counts of both services, in the order of an outcome's traffic.
+std::vector<std::pair<std::string, int64_t>> readCounters() {
+    static const Lines kMethods[] = {
+        {"getEnergyMeterInfo", "readEnergyMeter", "getPowerEntityInfo", "getStateResidency"},
+        {"getPowerEntityInfo", "getPowerEntityStateInfo", "getRailInfo", "getEnergyData",
+         "getPowerEntityStateResidencyData"}};
+    std::vector<std::pair<std::string, int64_t>> counters;
     for (const Backend backend : kBackends) {
-        const char* service = Scenario::nameOf(backend);
-        counters.push_back({backend, "lookup", host::lookups(service)});
-        counters.push_back({backend, "link", host::links(service)});
-        counters.push_back({backend, "unlink", host::unlinks(service)});
-        const auto methods =
-            backend == Backend::kAidl
-                ? Lines{"getEnergyMeterInfo", "readEnergyMeter", "getPowerEntityInfo",
-                        "getStateResidency"}
-                : Lines{"getPowerEntityInfo", "getPowerEntityStateInfo", "getRailInfo",
-                        "getEnergyData", "getPowerEntityStateResidencyData"};
-        for (const auto& method : methods) {
-            counters.push_back({backend, method, host::transactions(service, method)});
+        const std::string hal = backend == Backend::kAidl ? "aidl:" : "hidl:";
+        const char* const service = nameOf(backend);
+        counters.emplace_back(hal + "lookup", host::lookups(service));
+        counters.emplace_back(hal + "link", host::links(service));
+        counters.emplace_back(hal + "unlink", host::unlinks(service));
+        for (const auto& method : kMethods[static_cast<int>(backend)]) {
+            counters.emplace_back(hal + method, host::transactions(service, method));
         }
     }
     return counters;
 }
 
-std::string trafficSince(const std::vector<Counter>& before) {
+std::string trafficSince(const std::vector<std::pair<std::string, int64_t>>& before) {
     std::string text;
-    const std::vector<Counter> now = readCounters();
-    for (size_t i = 0; i < now.size(); ++i) {
-        const int64_t count = now[i].value - before[i].value;
+    auto earlier = before.begin();
+    for (const auto& [name, value] : readCounters()) {
+        const int64_t count = value - (earlier++)->second;
         if (count == 0) continue;
-        if (!text.empty()) text += ' ';
-        text += (now[i].backend == Backend::kAidl ? "aidl:" : "hidl:") + now[i].name;
+        text += (text.empty() ? "" : " ") + name;
         if (count != 1) text += '*' + std::to_string(count);
     }
     return text;
@@ -76,14 +67,14 @@ Hook onEvent;
 
 void record(const std::string& event) {
     if (onEvent) onEvent(event);
-    std::lock_guard<std::mutex> lock(recorder().mutex);
-    if (recorder().aloud) std::fprintf(stderr, "%s\n", event.c_str());
-    recorder().events.push_back(event);
+    std::lock_guard<std::mutex> lock(gEventsMutex);
+    if (gAloud) std::fprintf(stderr, "%s\n", event.c_str());
+    events().push_back(event);
 }
 
 Lines takeEvents() {
-    std::lock_guard<std::mutex> lock(recorder().mutex);
-    return std::exchange(recorder().events, {});
+    std::lock_guard<std::mutex> lock(gEventsMutex);
+    return std::exchange(events(), {});
 }
 
 std::ostream& operator<<(std::ostream& out, Backend backend) {
@@ -95,9 +86,7 @@ std::ostream& operator<<(std::ostream& out, Call call) {
 }
 
 std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
-    out << (outcome.bytes ? std::to_string(outcome.bytes->size()) +
-                                " bytes: " + toHex(outcome.bytes->substr(0, 500))
-                          : "null");
+    out << (outcome.bytes ? toHex(outcome.bytes->substr(0, 500)) : "null");
     for (const auto& event : outcome.events) out << "\n    " << event;
     return out << "\n    traffic: " << outcome.traffic;
 }
@@ -125,26 +114,26 @@ std::string firstTraffic(Backend backend, Call call) {
 }
 
 std::string reconnectTraffic(Backend backend, Call call) {
-    std::string names;
-    if (backend == Backend::kHidl) {
-        names = "hidl:lookup hidl:link hidl:getPowerEntityInfo hidl:getPowerEntityStateInfo ";
-    } else {
-        names = call == Call::kRails ? "aidl:lookup aidl:link aidl:getEnergyMeterInfo "
-                                     : "aidl:lookup aidl:link aidl:getPowerEntityInfo ";
-    }
+    const std::string names =
+        backend == Backend::kHidl ? "hidl:lookup hidl:link hidl:getPowerEntityInfo "
+                                    "hidl:getPowerEntityStateInfo "
+        : call == Call::kRails    ? "aidl:lookup aidl:link aidl:getEnergyMeterInfo "
+                                  : "aidl:lookup aidl:link aidl:getPowerEntityInfo ";
     return names + steadyTraffic(backend, call);
 }
 
 std::string steadyTraffic(Backend backend, Call call) {
-    if (backend == Backend::kAidl) {
-        return call == Call::kRails ? "aidl:readEnergyMeter" : "aidl:getStateResidency";
-    }
-    return call == Call::kRails ? "hidl:getRailInfo hidl:getEnergyData"
-                                : "hidl:getPowerEntityStateResidencyData";
+    static constexpr const char* kTraffic[][2] = {
+        {"aidl:readEnergyMeter", "aidl:getStateResidency"},
+        {"hidl:getRailInfo hidl:getEnergyData", "hidl:getPowerEntityStateResidencyData"}};
+    return kTraffic[static_cast<int>(backend)][static_cast<int>(call)];
 }
 
 Machine smallMachine() {
-    return {{{1, "VDD_CPU"}}, {{1, 4500000}}, {{7, "SOC", {{0, "S0"}}}}, {{7, {{0, 5000, 12}}}}};
+    return {{{1, "VDD_CPU", "CPU"}},
+            {{1, 5000, 5000, 4500000}},
+            {{7, "SOC", {{0, "S0"}}}},
+            {{7, {{0, 5000, 12, 777}}}}};
 }
 
 std::string smallResult(Call call) {
@@ -167,19 +156,22 @@ Scenario::~Scenario() {
     __android_log_set_logger(nullptr);
 }
 
-const char* Scenario::nameOf(Backend backend) {
-    return backend == Backend::kAidl ? host::kAidlPowerStats : host::kHidlPowerStats;
-}
-
 void Scenario::serve(Backend backend, const Machine& machine) {
     if (backend == Backend::kAidl) {
         aidl = ndk::SharedRefBase::make<FakeAidl>();
-        aidl->machine = machine;
         AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats);
     } else {
         hidl = new FakeHidl;
-        hidl->machine = machine;
         EXPECT_EQ(hidl->registerAsService(), android::OK);
+    }
+    tell(backend, machine);
+}
+
+void Scenario::tell(Backend backend, const Machine& machine) {
+    if (backend == Backend::kAidl) {
+        aidl->machine = machine;
+    } else {
+        hidl->tell(machine);
     }
 }
 
@@ -194,27 +186,24 @@ void Scenario::load() {
     ASSERT_NE(library, nullptr) << error;
 }
 
-void Scenario::unload() {
-    library.reset();
+std::optional<std::string> toText(const powerstats::JavaBytes& bytes) {
+    if (!bytes) return std::nullopt;
+    return std::string(bytes->begin(), bytes->end());
 }
 
 Outcome Scenario::call(Call call) {
     if (library == nullptr) load();
-    const std::vector<Counter> before = readCounters();
+    const auto before = readCounters();
     takeEvents();
-    const auto received =
-        call == Call::kRails ? library->railEnergy(&env) : library->residencies(&env);
+    Outcome outcome{toText(callBare(call)), takeEvents(), trafficSince(before)};
     EXPECT_EQ(env.arrays(), 0u) << "an array was made and not returned";
-    Outcome outcome{std::nullopt, takeEvents(), trafficSince(before)};
-    if (received) outcome.bytes.emplace(received->begin(), received->end());
     return outcome;
 }
 
 void Scenario::callAloud(Call call) {
-    recorder().aloud = true;
-    const Outcome outcome = this->call(call);
-    record(outcome.bytes ? "returned " + std::to_string(outcome.bytes->size()) + " bytes"
-                         : "returned null");
+    gAloud = true;
+    const auto bytes = this->call(call).bytes;
+    record(bytes ? "returned " + std::to_string(bytes->size()) + " bytes" : "returned null");
 }
 
 }  // namespace support
