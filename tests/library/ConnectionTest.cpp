@@ -29,7 +29,7 @@ struct Query {
     Backend backend;
     Call call;
     const char* method;
-    const char* log;      ///< with HIDL, of a query that is refused
+    const char* log;      ///< line of the failed call; with HIDL, if the service refuses
     std::string connect;  ///< traffic of the process's first attempt before the query
     std::string traffic;  ///< of a later attempt
     std::string good;     ///< of the call that succeeds at last
@@ -96,6 +96,16 @@ const Trouble kTroubles[] = {
     {"invalid", refuse<HidlStatus::INVALID_INPUT>},
 };
 const Trouble kWithoutStatus = unreached("withoutStatus", {-129, 0, "", true}, nullptr);
+/// The service dies in the query. Its notice waits until the call has returned.
+const Trouble kDies = {"dies",
+                       [](Scenario& scenario, const Query& query) {
+                           scenario.onCall(query.backend) = [query](const std::string& method) {
+                               if (method != query.method) return;
+                               EXPECT_TRUE(host::killService(nameOf(query.backend)));
+                               EXPECT_FALSE(host::waitForDeathNotices(0.2));
+                           };
+                       },
+                       "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '"};
 const Trouble kNoNames = {"noNames", [](Scenario& scenario, const Query& query) {
                               scenario.tell(query.backend, {});
                               if (std::strcmp(query.method, "getPowerEntityStateInfo") == 0) {
@@ -104,7 +114,7 @@ const Trouble kNoNames = {"noNames", [](Scenario& scenario, const Query& query) 
                           }};
 
 struct QueryCase : Query, Trouble {
-    /// The log of a HIDL query that fails.
+    /// The log of the failed call.
     Lines lines() const {
         if (backend == Backend::kAidl) return {log};
         if (description != nullptr) return {kUnavailable + description, kNotLoaded};
@@ -120,6 +130,7 @@ std::vector<QueryCase> allQueryCases() {
     std::vector<QueryCase> all;
     for (const Query& query : allQueries()) {
         for (const Trouble& trouble : kTroubles) all.push_back({query, trouble});
+        all.push_back({query, kDies});
         if (query.backend == Backend::kAidl) all.push_back({query, kWithoutStatus});
         if (query.traffic != query.good) all.push_back({query, kNoNames});
     }
@@ -137,6 +148,13 @@ TEST_P(FailedQuery, GivesNullAndIsMadeAgainByTheNextCall) {
     Lines lines = test.lines();
     lines.insert(lines.begin(), chosenLine(test.backend));
     EXPECT_EQ(call(test.call), nothing(lines, test.connect + test.traffic));
+    if (test.name == kDies.name) {
+        EXPECT_TRUE(host::waitForDeathNotices());
+        serve(test.backend, smallMachine());
+        EXPECT_EQ(call(test.call),
+                  array(smallResult(test.call), reconnectTraffic(test.backend, test.call)));
+        return;
+    }
     test.script(*this, test);
     EXPECT_EQ(call(test.call), nothing(test.lines(), test.traffic));
     if (aidl != nullptr) aidl->failing.clear();

@@ -77,63 +77,6 @@ TEST_P(Death, BeforeTheServiceHadNames) {
     expectRecovery(Call::kRails);
 }
 
-const char kUnavailable[] =
-    "E: Failed to init state info: requested HAL service not available. Description: "
-    "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '";
-const char kNotLoaded[] = "E: Power stats HAL not loaded!";
-
-TEST_P(Death, InACallFailsThatCallOnly) {
-    const struct {
-        Backend backend;
-        Call call;
-        const char* method;
-        Lines log;
-        std::string traffic;
-    } kDyingCalls[] = {
-        {Backend::kAidl,
-         Call::kRails,
-         "getEnergyMeterInfo",
-         {"I: Power stats rail energy init failed"},
-         "aidl:lookup aidl:link aidl:getEnergyMeterInfo"},
-        {Backend::kAidl,
-         Call::kRails,
-         "readEnergyMeter",
-         {"E: Error reading energy meter"},
-         reconnectTraffic(Backend::kAidl, Call::kRails)},
-        {Backend::kAidl,
-         Call::kResidencies,
-         "getPowerEntityInfo",
-         {"I: Power stats residencies init failed"},
-         "aidl:lookup aidl:link aidl:getPowerEntityInfo"},
-        {Backend::kAidl,
-         Call::kResidencies,
-         "getStateResidency",
-         {"E: Error reading getting state residency"},
-         reconnectTraffic(Backend::kAidl, Call::kResidencies)},
-        {Backend::kHidl,
-         Call::kRails,
-         "getPowerEntityInfo",
-         {kUnavailable, kNotLoaded},
-         "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo"},
-        {Backend::kHidl,
-         Call::kResidencies,
-         "getPowerEntityStateInfo",
-         {kUnavailable, kNotLoaded},
-         "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo hidl:getPowerEntityStateInfo"},
-    };
-    serve(mBackend, smallMachine());
-    for (const Call which : kCalls) call(which);
-    for (const auto& test : kDyingCalls) {
-        if (test.backend != mBackend) continue;
-        SCOPED_TRACE(test.method);
-        kill(mBackend);
-        serve(mBackend, smallMachine());
-        onCall(mBackend) = dieIn(test.method);
-        EXPECT_EQ(call(test.call), nothing(test.log, test.traffic));
-        expectRecovery(test.call);
-    }
-}
-
 // With AIDL an answer comes with the end of a transaction.
 TEST_P(Death, AfterTheLastAnswerDoesNotHarmTheCall) {
     if (mBackend == Backend::kAidl) return;
