@@ -19,8 +19,6 @@ namespace bench {
 namespace {
 
 namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
-namespace stats = ::aidl::android::hardware::power::stats;
-namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
 
 int64_t toMillijoules(float microwattSeconds) {
     return static_cast<int32_t>(microwattSeconds / 1000.0f);
@@ -160,6 +158,17 @@ std::string_view writeByHand(const Records& records, const Names& names, int64_t
 
 }  // namespace
 
+Names::Names(const Workload& workload) {
+    const Machine machine = workload.machine();
+    for (const auto& rail : machine.rails) elements.push_back(rail.name);
+    if (workload.call == Call::kRails) return;
+    for (const auto& entity : machine.entities) {
+        elements.push_back(entity.name);
+        auto& ofElement = states.emplace_back();
+        for (const auto& state : entity.states) ofElement.push_back(state.name);
+    }
+}
+
 struct BareClient::Recipient : public ::android::hardware::hidl_death_recipient {
     void serviceDied(uint64_t, const ::android::wp<::android::hidl::base::V1_0::IBase>&) override {}
 };
@@ -175,7 +184,7 @@ BareClient::~BareClient() = default;
 void BareClient::connect(bool choose) {
     if (choose) mChosen = AServiceManager_getService(host::kAidlPowerStats);
     if (mWorkload.backend == Backend::kAidl) {
-        mAidl = AidlPowerStats::fromBinder(
+        mAidl = stats::IPowerStats::fromBinder(
             ::ndk::SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));
         AIBinder_linkToDeath(mAidl->asBinder().get(), mAidlRecipient.get(), nullptr);
         if (mWorkload.call == Call::kRails) {
@@ -194,7 +203,7 @@ void BareClient::connect(bool choose) {
         }
         return;
     }
-    mHidl = HidlPowerStats::getService("default", false);
+    mHidl = stats_V1_0::IPowerStats::getService("default", false);
     mHidl->linkToDeath(mHidlRecipient, 0).isOk();
     (void)mHidl->getPowerEntityInfo([this](const auto& entities, auto) {
         for (const auto& entity : entities) {

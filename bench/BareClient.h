@@ -16,15 +16,26 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
-#include "bench/FixedService.h"
 #include "bench/Workload.h"
 #include "tools/HostJavaRuntime.h"
 
 namespace bench {
 
+namespace stats = support::stats;
+namespace stats_V1_0 = support::stats_V1_0;
+
 /// How far a collection goes. Each step includes those above it; the limit is in place of the tree.
 enum class Step { kTransaction, kTree, kSizes, kBytes, kFloor, kLimit };
+
+/// The names that a service announces, by position, and each a string of its own.
+struct Names {
+    explicit Names(const Workload& workload);
+
+    std::vector<std::string> elements;
+    std::vector<std::vector<std::string>> states;
+};
 
 class BareClient {
   public:
@@ -53,13 +64,13 @@ class BareClient {
     const Names mNames;
 
     const AIBinder* mChosen = nullptr;  ///< a reference that is never released, like the library's
-    std::shared_ptr<AidlPowerStats> mAidl;
-    ::android::sp<HidlPowerStats> mHidl;
+    std::shared_ptr<stats::IPowerStats> mAidl;
+    ::android::sp<stats_V1_0::IPowerStats> mHidl;
     const ::ndk::ScopedAIBinder_DeathRecipient mAidlRecipient;
     const ::android::sp<Recipient> mHidlRecipient;
     std::unordered_map<int, std::string> mEntityNames;
     std::unordered_map<int, std::unordered_map<int, std::string>> mStateNames;
-    std::unordered_map<int, ::aidl::android::hardware::power::stats::Channel> mChannels;
+    std::unordered_map<int, stats::Channel> mChannels;
 };
 
 /// Milliseconds since boot, as in a result.

@@ -1,16 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is collected in a measurement.
+// The subject of a measurement, and its service.
 
 #pragma once
 
+#include <sys/types.h>
+#include <systemd/sd-bus.h>
+
 #include <string>
-#include <vector>
+
+#include "tests/support/FakeServices.h"
 
 namespace bench {
 
-enum class Backend { kAidl, kHidl };
-enum class Call { kRails, kResidencies };
+using support::Backend;
+using support::Call;
+using support::Machine;
 
 struct Workload {
     Backend backend;
@@ -21,16 +26,54 @@ struct Workload {
 
     /// "aidl/residencies/50x8/12", as in the names of benchmarks.
     std::string text() const;
-    /// What is counted as one: rails, or states of all entities.
+    /// The number of items: rails, or states of all entities.
     int size() const { return call == Call::kRails ? elements : elements * states; }
+    /// The content of the service: values of the sizes that a device has after a day.
+    Machine machine() const;
 };
 
-/// The names that a service announces, by position, and each a string of its own.
-struct Names {
-    explicit Names(const Workload& workload);
+/// A service for the workload, in the register of this process while this exists.
+class RegisteredService {
+  public:
+    explicit RegisteredService(const Workload& workload);
+    ~RegisteredService() { kill(); }
+    RegisteredService(const RegisteredService&) = delete;
+    RegisteredService& operator=(const RegisteredService&) = delete;
 
-    std::vector<std::string> elements;
-    std::vector<std::vector<std::string>> states;
+    /// Kills it, waits until its clients have been told, and registers another.
+    void restart();
+
+  private:
+    void serve() const;
+    void kill() const;
+
+    const Backend mBackend;
+    const Machine mMachine;
 };
+
+/// A service for the workload, in another process of this program on the session bus, while this
+/// exists. The platform finds services on the bus as long.
+class BusService {
+  public:
+    explicit BusService(const Workload& workload);
+    ~BusService();
+    BusService(const BusService&) = delete;
+    BusService& operator=(const BusService&) = delete;
+
+    /// Makes the bare calls of a collection, and drops the replies unread.
+    void call() const;
+
+  private:
+    const Workload mWorkload;
+    pid_t mProcess = -1;
+    sd_bus* mBus = nullptr;
+};
+
+/// Serves the workload to other processes, on the session bus, until the program is ended.
+/// @return the exit code of a program that does only this.
+int serveOnBus(const Workload& workload);
+
+/// Ends the program with a line on standard error.
+[[noreturn]] void fail(const std::string& text);
 
 }  // namespace bench

@@ -24,18 +24,17 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "bench/Allocations.h"
 #include "bench/BareClient.h"
-#include "bench/BusService.h"
-#include "bench/FixedService.h"
 #include "bench/Workload.h"
 #include "hal/Sysfs.h"
 #include "proto/power_data_result.pb.h"
+#include "tests/support/Allocations.h"
 #include "tools/CommandLine.h"
 #include "tools/HostJavaRuntime.h"
 
@@ -54,11 +53,6 @@ struct Build {
     std::string subject;
     std::string file;
 };
-
-[[noreturn]] void fail(const std::string& text) {
-    fmt::print(stderr, "powerstats_bench: {}\n", text);
-    std::exit(1);
-}
 
 std::unique_ptr<LoadedLibrary> load(const Build& build) {
     std::string error;
@@ -99,9 +93,11 @@ void check(const Build& build, const Workload& workload) {
 void measure(State& state, const Workload& workload, const std::function<void()>& run) {
     run();
     for (auto _ : state) run();
-    const Allocations allocations = countAllocations(run);
-    state.counters["allocations"] = static_cast<double>(allocations.count);
-    state.counters["allocated_bytes"] = static_cast<double>(allocations.bytes);
+    const support::Allocations before = support::allocations();
+    run();
+    const support::Allocations after = support::allocations();
+    state.counters["allocations"] = static_cast<double>(after.count - before.count);
+    state.counters["allocated_bytes"] = static_cast<double>(after.bytes - before.bytes);
     state.counters["size"] = workload.size();
 }
 
@@ -118,130 +114,111 @@ void measureWithin(State& state, const std::function<void()>& prepare,
     }
 }
 
-// The groups. Each function below measures one subject.
+/// One subject within one process: the library, or a bare client that goes as far as a step.
+struct Subject {
+    Subject(const Workload& workload, const Build& build, std::optional<Step> bare = {})
+        : workload(workload), build(build), bare(bare), service(workload) {}
 
-void steadyLibrary(State& state, const Workload& workload, const Build& build) {
-    const RegisteredService service(workload);
-    HostJniEnv env;
-    const auto library = load(build);
-    measure(state, workload, [&] { collect(*library, workload.call, &env); });
-}
+    /// A bare client loads the library too, so that both leave the processor's caches in one state.
+    void load() {
+        library = bench::load(build);
+        if (bare) client = std::make_unique<BareClient>(workload);
+    }
+    void unload() {
+        client.reset();
+        library.reset();
+    }
+    /// Connects and collects. The library does so by itself.
+    /// @param choose [in] whether it is the first call, which chooses the backend.
+    void callFirst(bool choose) {
+        if (bare) client->connect(choose);
+        call();
+    }
+    void call() {
+        if (bare) {
+            client->collect(*bare, bootTimeMs(), &env);
+        } else {
+            collect(*library, workload.call, &env);
+        }
+    }
 
-void steadyBare(State& state, const Workload& workload, Step step) {
-    const RegisteredService service(workload);
-    HostJniEnv env;
-    BareClient client(workload);
-    client.connect(false);
-    measure(state, workload, [&] { client.collect(step, bootTimeMs(), &env); });
-}
-
-void firstLibrary(State& state, const Workload& workload, const Build& build) {
-    const RegisteredService service(workload);
-    HostJniEnv env;
-    std::unique_ptr<LoadedLibrary> library;
-    measureWithin(
-        state, [&] { library = load(build); }, [&] { collect(*library, workload.call, &env); },
-        [&] { library.reset(); });
-}
-
-void firstBare(State& state, const Workload& workload, const Build& build) {
-    const RegisteredService service(workload);
+    const Workload& workload;
+    const Build& build;
+    const std::optional<Step> bare;
+    RegisteredService service;
     HostJniEnv env;
     std::unique_ptr<LoadedLibrary> library;
     std::unique_ptr<BareClient> client;
-    measureWithin(
-        state,
-        [&] {
-            library = load(build);  // leaves the processor's caches in the same state
-            client = std::make_unique<BareClient>(workload);
-        },
-        [&] {
-            client->connect(true);
-            client->collect(Step::kFloor, bootTimeMs(), &env);
-        },
-        [&] {
-            client.reset();
-            library.reset();
-        });
+};
+
+// The groups of benchmarks.
+
+void measureSteady(State& state, Subject& subject) {
+    subject.load();
+    subject.callFirst(false);
+    measure(state, subject.workload, [&] { subject.call(); });
 }
 
-void loadingLibrary(State& state, const Workload& workload, const Build& build) {
-    const RegisteredService service(workload);
-    HostJniEnv env;
-    std::unique_ptr<LoadedLibrary> library;
+void measureFirst(State& state, Subject& subject) {
+    measureWithin(
+        state, [&] { subject.load(); }, [&] { subject.callFirst(true); },
+        [&] { subject.unload(); });
+}
+
+void measureLoading(State& state, Subject& subject) {
     measureWithin(
         state, [] {},
         [&] {
-            library = load(build);
-            collect(*library, workload.call, &env);
+            subject.load();
+            subject.callFirst(true);
         },
-        [&] { library.reset(); });
+        [&] { subject.unload(); });
 }
 
-void reconnectLibrary(State& state, const Workload& workload, const Build& build) {
-    RegisteredService service(workload);
-    HostJniEnv env;
-    const auto library = load(build);
-    const auto run = [&] { collect(*library, workload.call, &env); };
-    run();
-    measureWithin(
-        state, [&] { service.restart(); }, run, [] {});
-}
-
-void reconnectBare(State& state, const Workload& workload) {
-    RegisteredService service(workload);
-    HostJniEnv env;
-    BareClient client(workload);
-    client.connect(true);
+void measureReconnect(State& state, Subject& subject) {
+    subject.load();
+    subject.callFirst(true);
     measureWithin(
         state,
         [&] {
-            service.restart();
-            client.disconnect();
+            subject.service.restart();
+            if (subject.client) subject.client->disconnect();
         },
-        [&] {
-            client.connect(false);
-            client.collect(Step::kFloor, bootTimeMs(), &env);
-        },
-        [] {});
+        [&] { subject.callFirst(false); }, [] {});
 }
 
-/// A steady call that has to choose the backend anew, since its choice was taken away.
-void selectingLibrary(State& state, const Workload& workload, const Build& build) {
+/// Takes the choice of the backend away, so that a steady call has to choose again.
+void measureSelecting(State& state, Subject& subject) {
     using Collector = std::function<jbyteArray(JNIEnv*, jclass)>;
-    const RegisteredService service(workload);
-    HostJniEnv env;
-    const auto library = load(build);
-    auto* const chosen = static_cast<Collector*>(
-        library->symbol(workload.call == Call::kRails ? "_ZN9ferrolith18gGetRailEnergyImplE"
-                                                      : "_ZN9ferrolith19gGetResidenciesImplE"));
-    if (chosen == nullptr) fail(build.file + ": does not export its choice");
-    const auto run = [&] { collect(*library, workload.call, &env); };
-    run();
+    subject.load();
+    auto* const chosen = static_cast<Collector*>(subject.library->symbol(
+        subject.workload.call == Call::kRails ? "_ZN9ferrolith18gGetRailEnergyImplE"
+                                              : "_ZN9ferrolith19gGetResidenciesImplE"));
+    if (chosen == nullptr) fail(subject.build.file + ": does not export its choice");
+    subject.call();
     measureWithin(
-        state, [&] { *chosen = nullptr; }, run, [] {});
+        state, [&] { *chosen = nullptr; }, [&] { subject.call(); }, [] {});
 }
 
-/// Threads that share a number of calls, from their common start until the last one has made its
-/// last. Times of each thread's own would add up to too little: the mutex may let a thread make all
-/// of its calls, and end, before the next one makes any.
-void threadsLibrary(State& state, const Workload& workload, const Build& build, int threads) {
+/// Times threads that share a number of calls, from their common start to the end of the last call.
+/// The threads' own times would add up to too little: the mutex may let a thread make all of its
+/// calls, and end, before the next one makes any.
+void measureThreads(State& state, Subject& subject, int threads) {
     constexpr int kCalls = 16;
-    const RegisteredService service(workload);
-    const auto library = load(build);
+    subject.load();
     for (auto _ : state) {
         std::atomic<int> ready{0};
         std::promise<void> start;
         const std::shared_future<void> started(start.get_future());
         std::vector<std::thread> callers;
-        callers.reserve(static_cast<size_t>(threads));
         for (int i = 0; i < threads; ++i) {
             callers.emplace_back([&] {
                 HostJniEnv env;
-                collect(*library, workload.call, &env);  // so that the thread has a heap
+                const auto call = [&] { collect(*subject.library, subject.workload.call, &env); };
+                call();  // so that the thread has a heap
                 ++ready;
                 started.wait();
-                for (int j = 0; j < kCalls / threads; ++j) collect(*library, workload.call, &env);
+                for (int j = 0; j < kCalls / threads; ++j) call();
             });
         }
         while (ready != threads) std::this_thread::yield();
@@ -254,16 +231,18 @@ void threadsLibrary(State& state, const Workload& workload, const Build& build, 
     state.SetItemsProcessed(state.iterations() * kCalls);
 }
 
-void busLibrary(State& state, const Workload& workload, const Build& build) {
+/// @param build [in] of the library; null for the bare calls of a collection.
+void measureBus(State& state, const Workload& workload, const Build* build) {
     const BusService service(workload);
     HostJniEnv env;
-    const auto library = load(build);
-    measure(state, workload, [&] { collect(*library, workload.call, &env); });
-}
-
-void busBare(State& state, const Workload& workload) {
-    const BusService service(workload);
-    measure(state, workload, [&] { service.call(); });
+    const auto library = build != nullptr ? load(*build) : nullptr;
+    measure(state, workload, [&] {
+        if (library != nullptr) {
+            collect(*library, workload.call, &env);
+        } else {
+            service.call();
+        }
+    });
 }
 
 /// `count` paths below /sys of the times that devices were active and suspended; repeated when the
@@ -331,15 +310,14 @@ void addCounters() {
     }
 }
 
-template <typename Function, typename... Arguments>
 benchmark::internal::Benchmark* add(const std::string& group, const Workload& workload,
-                                    const std::string& subject, Function function,
-                                    Arguments... arguments) {
+                                    const std::string& subject,
+                                    const std::function<void(State&)>& run) {
     const std::string name = group + "/" + workload.text() + "/" + subject;
     return benchmark::RegisterBenchmark(name.c_str(), [=](State& state) {
         // Free chunks that the last benchmark left scattered would cost this one cache misses.
         malloc_trim(0);
-        function(state, workload, arguments...);
+        run(state);
     });
 }
 
@@ -365,46 +343,65 @@ std::vector<Workload> allWorkloads() {
     return all;
 }
 
-/// Registers the benchmarks of a workload.
+/// Registers the benchmarks of a workload. `builds` outlive them.
 void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus) {
     // A machine that is slow for a moment makes a whole repetition slow. Many short ones leave
     // their median alone.
     constexpr int kShortRepetitions = 61;
     const auto alone = [](benchmark::internal::Benchmark* benchmark, int iterations = 50) {
-        return benchmark->UseManualTime()->Iterations(iterations)->Repetitions(kShortRepetitions);
+        benchmark->UseManualTime()->Iterations(iterations)->Repetitions(kShortRepetitions);
     };
+    const auto with = [workload](const Build& build, auto measure, std::optional<Step> bare = {}) {
+        return [=, &build](State& state) {
+            Subject subject(workload, build, bare);
+            measure(state, subject);
+        };
+    };
+    const Build& first = builds.front();
     const bool ordinary = workload.elements < 1000;  // as many as a device of today has
-    const auto steady = [&](const std::string& subject, auto function, const auto& argument) {
-        auto* const benchmark = add("steady", workload, subject, function, argument);
+    const auto steady = [&](const std::string& subject, const Build& build,
+                            std::optional<Step> bare) {
+        auto* const benchmark = add("steady", workload, subject, with(build, measureSteady, bare));
         if (ordinary) benchmark->MinTime(0.005)->Repetitions(kShortRepetitions);
     };
-    for (const Build& build : builds) steady(build.subject, steadyLibrary, build);
-    steady("floor", steadyBare, Step::kFloor);
-    steady("limit", steadyBare, Step::kLimit);
+    for (const Build& build : builds) steady(build.subject, build, {});
+    steady("floor", first, Step::kFloor);
+    steady("limit", first, Step::kLimit);
     if (workload.nameLength != 12) return;
     if (workload.elements == 1000 && workload.call == Call::kResidencies) {
         for (const Build& build : builds) {
             for (const int threads : {1, 2, 4, 8}) {
-                const std::string subject = build.subject + "/" + std::to_string(threads);
-                alone(add("threads", workload, subject, threadsLibrary, build, threads), 1);
+                const auto measure = [threads](State& state, Subject& subject) {
+                    measureThreads(state, subject, threads);
+                };
+                alone(add("threads", workload, build.subject + "/" + std::to_string(threads),
+                          with(build, measure)),
+                      1);
             }
         }
     }
     if (!ordinary) return;
-    add("steps", workload, "transaction", steadyBare, Step::kTransaction);
-    add("steps", workload, "tree", steadyBare, Step::kTree);
-    add("steps", workload, "sizes", steadyBare, Step::kSizes);
-    add("steps", workload, "bytes", steadyBare, Step::kBytes);
-    for (const Build& build : builds) {
-        alone(add("first", workload, build.subject, firstLibrary, build));
-        alone(add("loading", workload, build.subject, loadingLibrary, build));
-        alone(add("reconnect", workload, build.subject, reconnectLibrary, build));
-        alone(add("selecting", workload, build.subject, selectingLibrary, build));
-        if (bus) add("bus", workload, build.subject, busLibrary, build)->UseRealTime();
+    const std::pair<const char*, Step> steps[] = {{"transaction", Step::kTransaction},
+                                                  {"tree", Step::kTree},
+                                                  {"sizes", Step::kSizes},
+                                                  {"bytes", Step::kBytes}};
+    for (const auto& [name, step] : steps) {
+        add("steps", workload, name, with(first, measureSteady, step));
     }
-    alone(add("first", workload, "floor", firstBare, builds.front()));
-    alone(add("reconnect", workload, "floor", reconnectBare));
-    if (bus) add("bus", workload, "floor", busBare)->UseRealTime();
+    const auto addBus = [&](const std::string& subject, const Build* build) {
+        const auto measure = [=](State& state) { measureBus(state, workload, build); };
+        if (bus) add("bus", workload, subject, measure)->UseRealTime();
+    };
+    for (const Build& build : builds) {
+        alone(add("first", workload, build.subject, with(build, measureFirst)));
+        alone(add("loading", workload, build.subject, with(build, measureLoading)));
+        alone(add("reconnect", workload, build.subject, with(build, measureReconnect)));
+        alone(add("selecting", workload, build.subject, with(build, measureSelecting)));
+        addBus(build.subject, &build);
+    }
+    alone(add("first", workload, "floor", with(first, measureFirst, Step::kFloor)));
+    alone(add("reconnect", workload, "floor", with(first, measureReconnect, Step::kFloor)));
+    addBus("floor", nullptr);
 }
 
 int run(int argc, char** argv) {
