@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <limits>
 #include <sstream>
 #include <string>
 
@@ -12,34 +11,16 @@
 namespace powerstats {
 namespace {
 
-using std::chrono::seconds;
-
 /// In microwatt-seconds.
 constexpr int64_t kJoule = 1000000;
-/// The joules that 32 bits of 61 microjoules hold; at 1,000 W a wrap takes 262.144 s.
+/// The joules that 32 bits of 61 microjoules hold. At 1,000 W a wrap takes 262.144 s.
 constexpr int64_t kRange = 262144;
 
-/// A counter whose readings and clocks a test sets.
-struct Machine {
-    explicit Machine(int64_t rangeJoules, bool hasBoot = true)
-        : counter({[this] { return joules * kJoule; },
-                   rangeJoules == 0 ? std::nullopt : std::optional<int64_t>(rangeJoules * kJoule),
-                   hasBoot,
-                   [this](clockid_t clock) { return clock == CLOCK_BOOTTIME ? boot : running; },
-                   [this] { ++warnings; }}) {}
-
-    int64_t joules = 0;
-    seconds boot{0};
-    seconds running{0};
-    int warnings = 0;
-    EnergyCounter counter;
-};
-
 TEST(EnergyCounter, TellsWrapsResetsAndUncoveredTimeApart) {
-    constexpr bool kNoBoot = false;
+    EXPECT_EQ(samplingInterval(kRange * kJoule), std::chrono::milliseconds(65536));
     const struct {
         const char* description;
-        int64_t range;  // joules
+        int64_t rangeJoules;
         // Seconds of CLOCK_BOOTTIME and CLOCK_MONOTONIC, and the counter's joules; then the joules
         // and seconds that are reported.
         const char* readings;
@@ -72,69 +53,37 @@ TEST(EnergyCounter, TellsWrapsResetsAndUncoveredTimeApart) {
          "11 11 9223372036853 = 9223372036854 2",
          9, 1},
         {"no range: since boot, and a lower value is a reset", 0,
-         "90000 90000 700 = 700 90000, 190000 190000 900 = 900 190000, "
-         "190001 190001 400 = 1300 190001",
-         0, 1},
+         "90000 90000 700 = 700 90000, 190000 190000 400 = 1100 190000", 0, 1},
         {"a tree without boot", kRange, "90000 90000 700 = 700 90000, 99000 99000 900 = 900 99000",
-         0, 0, kNoBoot},
+         0, 0, false},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.description);
-        Machine machine(test.range, test.hasBoot);
+        int64_t boot = 0, running = 0, joules = 0, energy = 0, duration = 0;
+        int warnings = 0;
+        const auto range = test.rangeJoules == 0
+                               ? std::nullopt
+                               : std::optional<int64_t>(test.rangeJoules * kJoule);
+        const auto readClock = [&](clockid_t clock) {
+            return std::chrono::seconds(clock == CLOCK_BOOTTIME ? boot : running);
+        };
+        EnergyCounter counter(
+            {[&] { return joules * kJoule; }, range, test.hasBoot, readClock, [&] { ++warnings; }});
         EnergyReading reading;
         std::istringstream readings(test.readings);
         for (std::string one; std::getline(readings, one, ',');) {
             SCOPED_TRACE(one);
-            int64_t boot = 0, running = 0, energy = 0, duration = 0;
             char equals = 0;
-            std::istringstream(one) >> boot >> running >> machine.joules >> equals >> energy >>
-                duration;
-            machine.boot = seconds(boot);
-            machine.running = seconds(running);
-            reading = machine.counter.read().value();
+            std::istringstream(one) >> boot >> running >> joules >> equals >> energy >> duration;
+            reading = counter.read().value();
             EXPECT_EQ(reading.energyUWs / kJoule, energy);
             EXPECT_EQ(reading.timestampMs, boot * 1000);
             EXPECT_EQ(reading.durationMs, duration * 1000);
-            EXPECT_EQ(machine.counter.isSinceBoot(), reading.isSinceBoot());
+            EXPECT_EQ(counter.isSinceBoot(), reading.isSinceBoot());
         }
         EXPECT_EQ(reading.countedSinceMs, test.countedSinceSeconds * 1000);
-        EXPECT_EQ(machine.warnings, test.warnings);
+        EXPECT_EQ(warnings, test.warnings);
     }
-}
-
-TEST(EnergyCounter, CountsALaptopsThreeDaysWithWrapsAndASuspend) {
-    constexpr int64_t kWatts = 10;
-    constexpr seconds kSuspendAfter(110000), kSuspended(8 * 3600);
-    const auto interval =
-        std::chrono::duration_cast<seconds>(samplingInterval(kRange * kJoule));  // the sampler's
-    EXPECT_EQ(interval, seconds(65));
-    Machine machine(kRange);
-    machine.boot = machine.running = seconds(20);
-    int64_t used = machine.joules = 20 * kWatts;
-    machine.counter.read();
-    int wraps = 0;
-    EnergyReading reading;
-    while (machine.boot < std::chrono::hours(72)) {
-        const bool hasSuspended = machine.running > kSuspendAfter;
-        machine.running += interval;
-        machine.boot += interval;
-        machine.joules += interval.count() * kWatts;
-        if (machine.running > kSuspendAfter && !hasSuspended) {
-            machine.boot += kSuspended;
-            machine.joules = 0;  // what was used since the last reading is lost
-        } else {
-            used += interval.count() * kWatts;
-        }
-        if (machine.joules >= kRange) {
-            machine.joules -= kRange;
-            ++wraps;
-        }
-        reading = machine.counter.read().value();
-    }
-    EXPECT_EQ(wraps, 8);
-    EXPECT_TRUE(reading.isSinceBoot());
-    EXPECT_EQ(reading.energyUWs, used * kJoule);
-    EXPECT_EQ(machine.warnings, 1);
 }
 
 }  // namespace
