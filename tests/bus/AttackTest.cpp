@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ill-disposed users of the bus and ordinary misfortune: neither the daemon nor a client of the
-// library may come to harm.
+// Hostile users of the bus, and resources that run short: the daemon and the clients of the library
+// keep working.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -26,12 +26,6 @@ namespace {
 using std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-#ifdef POWERSTATS_MEMORY_UNJUDGED
-constexpr bool kJudgeMemory = false;
-#else
-constexpr bool kJudgeMemory = true;
-#endif
-
 /// @param key [in] "VmSize" or "VmHWM".
 long kibibytesOf(pid_t process, const std::string& key) {
     std::ifstream status("/proc/" + std::to_string(process) + "/status");
@@ -41,7 +35,7 @@ long kibibytesOf(pid_t process, const std::string& key) {
     return 0;
 }
 
-/// How long attacks last; a figure for documents takes a minute.
+/// The length of an attack. A figure for documents needs a minute.
 Seconds attackTime() {
     const char* text = std::getenv("POWERSTATS_ATTACK_SECONDS");
     return Seconds(text != nullptr ? std::stod(text) : 2);
@@ -51,9 +45,10 @@ class Client : public testing::TestWithParam<Backend> {};
 INSTANTIATE_TEST_SUITE_P(Test, Client, testing::ValuesIn(kBackends),
                          testing::PrintToStringParamName());
 
-TEST_P(Client, BelievesNobodyButTheBusAndOutlivesItsConnection) {
+TEST_P(Client, IgnoresForgedSignalsAndReconnectsAfterALoss) {
     const PrivateBus bus;
-    const auto service = startPeer({"serve", GetParam() == Backend::kAidl ? "aidl" : "hidl", "first"});
+    const auto service =
+        startPeer({"serve", GetParam() == Backend::kAidl ? "aidl" : "hidl", "first"});
     const Ended ended = runInChild([&] {
         BusScenario scenario;
         const auto expectResults = [&](const char* when) {
@@ -62,7 +57,7 @@ TEST_P(Client, BelievesNobodyButTheBusAndOutlivesItsConnection) {
             }
         };
         expectResults("in peace");
-        // A signal that is believed shows at once, one that is queued shows in memory.
+        // A signal that the client believes shows at once, and one that it queues shows in memory.
         for (const char* attack : {"forge", "junk"}) {
             const auto attacker = startPeer({"attack", attack});
             const long before = kibibytesOf(getpid(), "VmHWM");
@@ -79,10 +74,10 @@ TEST_P(Client, BelievesNobodyButTheBusAndOutlivesItsConnection) {
     EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
 }
 
-/// The first call happens in want of something; the next one must succeed.
+/// Makes one call while a resource is short, and expects the next one to succeed.
 /// @param take, giveBack [in] called around the first call.
 template <typename Take, typename GiveBack>
-void expectOnlyTheNeedyCallToFail(const Take& take, const GiveBack& giveBack) {
+void expectOnlyOneCallToFail(const Take& take, const GiveBack& giveBack) {
     const PrivateBus bus;
     powerstats::TemporaryTree tree;
     tree.writeZone("intel-rapl:0", "package-0", 4500000);
@@ -98,12 +93,12 @@ void expectOnlyTheNeedyCallToFail(const Take& take, const GiveBack& giveBack) {
     EXPECT_EQ(ended.exitCode, kReturned) << ended.errors;
 }
 
-TEST(Want, OfDescriptorsFailsOneCall) {
+TEST(Shortage, OfDescriptorsFailsOneCall) {
     if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer needs descriptors of its own";
     for (size_t spare = 0; spare < 5; ++spare) {
         SCOPED_TRACE(spare);
         std::vector<int> taken;
-        expectOnlyTheNeedyCallToFail(
+        expectOnlyOneCallToFail(
             [&] {
                 const rlimit few{64, 64};
                 setrlimit(RLIMIT_NOFILE, &few);
@@ -116,10 +111,10 @@ TEST(Want, OfDescriptorsFailsOneCall) {
     }
 }
 
-TEST(Want, OfThreadsFailsOneCall) {
+TEST(Shortage, OfThreadsFailsOneCall) {
     if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer has an address space of its own";
     rlimit before{};
-    expectOnlyTheNeedyCallToFail(
+    expectOnlyOneCallToFail(
         [&] {
             getrlimit(RLIMIT_AS, &before);
             // Room for data, and none for the stack of a thread.
@@ -140,7 +135,8 @@ class DaemonAttacked : public testing::Test {
 
     /// @return the time of a legitimate call, which must succeed.
     static Seconds ask() {
-        Process client({POWERSTATS_PROGRAM, "dump", "--bus", "--hal", "aidl", "--wait", "20"}, true);
+        Process client({POWERSTATS_PROGRAM, "dump", "--bus", "--hal", "aidl", "--wait", "20"},
+                       true);
         const auto start = steady_clock::now();
         EXPECT_EQ(client.wait(), 0) << client.text();
         return steady_clock::now() - start;
@@ -174,13 +170,13 @@ TEST_F(DaemonAttacked, AnswersOthersAndEndsWhenAsked) {
     EXPECT_LT(ended.count(), 10);
 }
 
-TEST_F(DaemonAttacked, SurvivesWantOfMemory) {
+TEST_F(DaemonAttacked, SurvivesAShortageOfMemory) {
     if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer has an address space of its own";
     const auto daemon = startDaemon("both", mTree.root(), host::Bus::kSystem);
     const auto size = static_cast<rlim_t>(kibibytesOf(daemon->pid(), "VmSize") + 12 * 1024) * 1024;
     const rlimit little{size, size};
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &little, nullptr), 0);
-    startPeer({"attack", "repeat"});  // and it is ended once it has attacked
+    startPeer({"attack", "repeat"});  // ends after its first attack
     ask();
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait(), 0) << daemon->text();
@@ -196,7 +192,7 @@ TEST_F(DaemonAttacked, SurvivesTheLossOfItsStandardStreams) {
         Process daemon({"bash", "-c", command});
         ask();
         daemon.signal(SIGHUP);
-        // It has something to say now, from the thread that samples too.
+        // It writes a warning now, also from the thread that samples.
         mTree.write("class/powercap/intel-rapl:0/energy_uj", "garbage");
         ask();
         daemon.signal(SIGTERM);

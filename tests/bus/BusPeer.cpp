@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A service in a process of its own, as a test wants it:
+// A peer of the library or of the daemon in a process of its own:
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
-//   bus_peer answer aidl|hidl error|signature|text|elements|never   one that answers calls badly
-//   bus_peer attack forge|junk|repeat|flood|lazy   an ill-disposed user of the bus: see kAttacks
-// MACHINE: see busMachine(). It writes "ready" when it can be called, or when it has attacked once;
-// an attack goes on until it is killed.
+//   bus_peer answer aidl|hidl error|signature|text|elements|never   a service that answers badly
+//   bus_peer attack forge|junk|repeat|flood|lazy   a hostile user of the bus: see kAttacks
+// busMachine() describes MACHINE. The program writes "ready" when it can be called, or after its
+// first attack. An attack goes on until the program is killed.
 
 #include <host/BusServer.h>
 #include <signal.h>
@@ -99,7 +99,8 @@ sd_bus* openAnyBus() {
 void signalAll(sd_bus* bus, const char* interface, const char* member) {
     char** names = nullptr;
     const char* self = nullptr;
-    if (sd_bus_list_names(bus, &names, nullptr) < 0 || sd_bus_get_unique_name(bus, &self) < 0) return;
+    if (sd_bus_list_names(bus, &names, nullptr) < 0 || sd_bus_get_unique_name(bus, &self) < 0)
+        return;
     for (char** name = names; *name != nullptr; ++name) {
         for (char** owner = names; **name == ':' && *owner != nullptr; ++owner) {
             sd_bus_message* signal = nullptr;
@@ -131,7 +132,7 @@ void callWithIds(sd_bus* bus, bool hidl, int calls, size_t repeats, bool expectR
     }
 }
 
-/// Each is repeated without end.
+/// The program repeats an attack without end.
 const struct {
     const char* name;
     void (*attack)(sd_bus* bus);
@@ -149,7 +150,7 @@ const struct {
     {"flood", [](sd_bus* bus) { callWithIds(bus, true, 10'000, 0, false); }},
     {"lazy",
      [](sd_bus* /*bus*/) {
-         // Nothing is ever read from these.
+         // Nobody reads from these.
          static sd_bus* const buses[] = {openAnyBus(), openAnyBus(), openAnyBus(), openAnyBus()};
          for (sd_bus* bus : buses) callWithIds(bus, false, 30, 50'000, true);
      }},
@@ -161,9 +162,10 @@ const struct {
         for (const auto& [known, attack] : kAttacks) {
             if (name == known) attack(bus);
         }
+        // A call that returns shows that the bus has handled everything before it.
         if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
                                nullptr, nullptr, "") < 0) {
-            std::abort();  // the bus has seen it all now
+            std::abort();
         }
         if (first) std::fputs("ready\n", stderr);
     }
@@ -173,7 +175,8 @@ const struct {
 }  // namespace support
 
 int main(int argc, char** argv) {
-    // The event loop of a served bus reads every clock, and this program's boot clock fails until set.
+    // The event loop of a served bus reads every clock, and this program's boot clock fails until
+    // set.
     support::bootClock().now = timespec{1, 0};
     if (argc >= 4 && std::strcmp(argv[1], "serve") == 0) {
         return support::serve(argv[2], argv[3], argc > 4 ? argv[4] : "");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// powerstatsd as its users see it: what it says, how it ends, and what powerstats shows of it.
+// powerstatsd as its users see it: its messages, its end, and the dumps of its counters.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,81 +13,57 @@
 namespace support {
 namespace {
 
-struct Said {
-    int exitCode;
-    std::string text;
-};
-
-Said run(const std::vector<std::string>& command) {
+/// Runs a program and expects an exit code.
+/// @return the program's output.
+std::string run(int exitCode, std::vector<std::string> command,
+                const std::vector<std::string>& arguments) {
+    command.insert(command.end(), arguments.begin(), arguments.end());
     Process process(command, true);
-    const int exitCode = process.wait();
-    return {exitCode, process.text()};
+    EXPECT_EQ(process.wait(), exitCode) << process.text();
+    return process.text();
 }
 
-struct SmallTree : powerstats::TemporaryTree {
-    SmallTree() {
-        writeZone("intel-rapl:0", "package-0", 4500000);
-        writeIdleState(0, 1, "C1", 5000000, 12);
+class Daemon : public testing::Test {
+  protected:
+    Daemon() {
+        mTree.writeZone("intel-rapl:0", "package-0", 4500000);
+        mTree.writeIdleState(0, 2, "C2\xb5\xef\xbf\xbe", 5000000, 12);
     }
+
+    PrivateBus mSession;
+    powerstats::TemporaryTree mTree;
 };
 
-TEST(Daemon, SaysWhatItServesAndEndsWhenAsked) {
-    const PrivateBus bus;
-    const SmallTree tree;
-    for (const int number : {SIGTERM, SIGINT}) {
-        const auto daemon = startDaemon("both", tree.root());
-        daemon->signal(number);
-        EXPECT_EQ(daemon->wait(), 0);
+TEST_F(Daemon, NamesItsCountersAndEndsWithASignalOrItsBus) {
+    for (const int number : {SIGTERM, SIGINT, 0}) {
+        const auto daemon = startDaemon("both", mTree.root());
+        if (number != 0) daemon->signal(number);
+        if (number == 0) mSession.kill();
+        EXPECT_EQ(daemon->wait(), number == 0 ? 1 : 0);
         EXPECT_EQ(daemon->text(), "powerstatsd: serving 1 rails and 2 power entities of " +
-                                      tree.root() + " over AIDL and HIDL on the session bus\n");
+                                      mTree.root() + " over AIDL and HIDL on the session bus\n" +
+                                      (number == 0 ? "powerstatsd: the bus went away\n" : ""));
     }
 }
 
-TEST(Daemon, RefusesInOneLine) {
-    const PrivateBus bus;
-    const SmallTree tree;
-    const auto daemon = startDaemon("hidl", tree.root());
-    const struct {
-        std::vector<std::string> arguments;
-        const char* text;
-    } cases[] = {
+TEST_F(Daemon, RefusesInOneLine) {
+    const auto daemon = startDaemon("hidl", mTree.root());
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{"--bus", "session"}, "android.hardware.power.stats.V1_0.IPowerStats: the name is taken"},
-        {{"--bus", "none"}, "--bus"},
-        {{"--hal", "none"}, "--hal"},
         {{"--sysfs", "/nonexistent"}, "/nonexistent: not a folder"},
         {{"more"}, "more"},
+        {{}, "the system bus cannot be reached: No such file or directory"},
     };
-    for (const auto& row : cases) {
-        std::vector<std::string> command{POWERSTATSD_PROGRAM};
-        command.insert(command.end(), row.arguments.begin(), row.arguments.end());
-        const Said said = run(command);
-        EXPECT_EQ(said.exitCode, 2);
-        EXPECT_EQ(said.text.rfind("powerstatsd: ", 0), 0u) << said.text;
-        EXPECT_NE(said.text.find(row.text), std::string::npos) << said.text;
-        EXPECT_EQ(std::count(said.text.begin(), said.text.end(), '\n'), 1) << said.text;
+    for (const auto& [arguments, reason] : cases) {
+        const std::string text = run(2, {POWERSTATSD_PROGRAM}, arguments);
+        EXPECT_EQ(text.rfind("powerstatsd: ", 0), 0u) << text;
+        EXPECT_NE(text.find(reason), std::string::npos) << text;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     }
-    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
-    const Said said = run({POWERSTATSD_PROGRAM, "--bus", "session"});
-    EXPECT_EQ(said.exitCode, 2);
-    EXPECT_EQ(said.text,
-              "powerstatsd: the session bus cannot be reached: No such file or directory (is "
-              "DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)\n");
 }
 
-TEST(Daemon, EndsWithItsBus) {
-    PrivateBus bus;
-    const SmallTree tree;
-    const auto daemon = startDaemon("both", tree.root());
-    bus.kill();
-    EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_NE(daemon->text().find("powerstatsd: the bus went away\n"), std::string::npos);
-}
-
-TEST(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
-    const PrivateBus session;
+TEST_F(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
     const PrivateBus system(host::Bus::kSystem);
-    const SmallTree tree;
-    tree.writeIdleState(0, 2, "C2\xb5\xef\xbf\xbe", 1, 1);
     const struct {
         std::string hal;
         host::Bus bus;
@@ -101,23 +77,19 @@ TEST(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
         {"aidl", host::Bus::kSystem, {"--bus", "session", "--wait", "0"}, 1},
         {"aidl", host::Bus::kSession, {"--bus=system", "--wait", "0"}, 1},
         {"aidl", host::Bus::kSession, {"--bus", "--hal", "hidl", "--wait", "0"}, 1},
-        {"aidl", host::Bus::kSession, {"--bus", "--sysfs", tree.root()}, 2},
+        {"aidl", host::Bus::kSession, {"--bus", "--sysfs", mTree.root()}, 2},
     };
     for (const auto& row : cases) {
-        // It is not waited for: powerstats does that.
-        const auto daemon = launchDaemon(row.hal, tree.root(), row.bus);
-        EXPECT_TRUE(row.exitCode == 0 || daemon->waitFor(kServing));
-        std::vector<std::string> dump{POWERSTATS_PROGRAM, "dump"};
-        dump.insert(dump.end(), row.arguments.begin(), row.arguments.end());
-        const Said said = run(dump);
-        EXPECT_EQ(said.exitCode, row.exitCode) << said.text;
+        // powerstats itself waits for a service.
+        const auto daemon = startDaemon(row.hal, mTree.root(), row.bus, row.exitCode != 0);
+        const std::string text = run(row.exitCode, {POWERSTATS_PROGRAM, "dump"}, row.arguments);
         if (row.exitCode == 2) continue;
         const bool aidl = row.hal == "aidl" && row.exitCode == 0;
         const char* const chosen = aidl ? "Using power.stats AIDL" : "Using power.stats 1.0";
-        EXPECT_NE(said.text.find(chosen), std::string::npos) << said.text;
-        for (const char* text : {"package-0", " 4500\n", "cpu0", "C2\\xB5\\u{FFFE}", " 5000 "}) {
-            EXPECT_EQ(said.text.find(text) != std::string::npos, row.exitCode == 0)
-                << text << " in " << said.text;
+        EXPECT_NE(text.find(chosen), std::string::npos) << text;
+        for (const char* part : {"package-0", " 4500\n", "cpu0", "C2\\xB5\\u{FFFE}", " 5000 "}) {
+            EXPECT_EQ(text.find(part) != std::string::npos, row.exitCode == 0)
+                << part << " in " << text;
         }
     }
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Real parts for tests of services in other processes: programs that are started and killed, and a
-// bus that nobody else is on.
+// Real parts for tests of services in other processes: programs to start and kill, and a bus that
+// nobody else uses.
 
 #pragma once
 
@@ -16,27 +16,33 @@
 
 namespace support {
 
-/// A program that was started here. It is killed with this object, and with the process that made
-/// it.
+#ifdef POWERSTATS_MEMORY_UNJUDGED
+inline constexpr bool kJudgeMemory = false;  // a sanitizer has memory of its own
+#else
+inline constexpr bool kJudgeMemory = true;
+#endif
+
+/// A program that this process started. It is killed with this object, and with this process.
 class Process {
   public:
-    /// Starts a program whose standard error, or output too, is read here.
+    /// Starts a program and reads its standard error.
+    /// @param takeOutput [in] whether to read its standard output too.
     explicit Process(const std::vector<std::string>& arguments, bool takeOutput = false);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    /// Reads until the text has come, or nothing more comes, or `seconds` have passed.
-    /// @return whether it came.
+    /// Reads until the text arrives, the output ends or `seconds` have passed.
+    /// @return whether the text arrived.
     bool waitFor(const std::string& text, double seconds = 30);
-    /// Reads all that is left and waits for the end.
+    /// Reads the rest of the output and waits for the end.
     /// @return the exit code, or the negative number of the signal that ended it.
     int wait(double seconds = 50);
     void signal(int number) const;
     /// SIGKILL, and waits until it is gone.
     void kill();
 
-    /// What has been read so far.
+    /// The output read so far.
     const std::string& text() const { return mText; }
     pid_t pid() const { return mPid; }
 
@@ -50,8 +56,8 @@ class Process {
     std::string mText;
 };
 
-/// A bus of this test's own, in place of the session's or the system's bus. The latter has the rules
-/// and limits of a system bus, and the policy that is installed.
+/// A bus of this test's own, in place of the session's or the system's bus. The latter has the
+/// rules and limits of a system bus, and the policy that is installed.
 class PrivateBus {
   public:
     explicit PrivateBus(host::Bus bus = host::Bus::kSession);
@@ -61,7 +67,6 @@ class PrivateBus {
 
     /// Ends the bus, as a crash would.
     void kill() { mDaemon->kill(); }
-    const std::string& address() const { return mAddress; }
 
   private:
     const char* const mVariable;
@@ -70,15 +75,11 @@ class PrivateBus {
     std::unique_ptr<Process> mDaemon;
 };
 
-/// A power stats service of its own process, over one interface or "both", reading a tree of
-/// counters. It can be called once it has written kServing.
-std::unique_ptr<Process> launchDaemon(const std::string& hal, const std::string& sysfs,
-                                      host::Bus bus = host::Bus::kSession);
-inline constexpr char kServing[] = "powerstatsd: serving";
-
-/// The same, and it can be called when this returns.
+/// Starts the daemon, which serves a tree of counters over one interface or "both".
+/// @param untilItServes [in] whether clients can call it when this returns.
 std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& sysfs,
-                                     host::Bus bus = host::Bus::kSession);
+                                     host::Bus bus = host::Bus::kSession,
+                                     bool untilItServes = true);
 
 /// A scenario whose services are on a bus.
 class BusScenario : public Scenario {
