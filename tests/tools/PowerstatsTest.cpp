@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "proto/power_data_result.pb.h"
@@ -20,10 +20,8 @@ namespace powerstats {
 namespace {
 
 namespace proto = com::tavrel::android::ferrolith::poweranomalyservice::proto;
-using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
@@ -40,7 +38,7 @@ std::string readFile(const std::filesystem::path& file) {
     return text.str();
 }
 
-/// @param output, errors [in] where standard output and error go, when not into the result.
+/// @param output, errors [in] files for standard output and error; null for the result.
 Outcome run(const Lines& arguments, const char* output = nullptr, const char* errors = nullptr) {
     const TemporaryTree files;
     const std::string outputFile = output != nullptr ? output : files.path("output").string();
@@ -78,23 +76,18 @@ Lines linesOf(const std::string& text) {
     return lines;
 }
 
-proto::PowerDataResult parse(const std::string& bytes) {
-    proto::PowerDataResult result;
-    EXPECT_TRUE(result.ParseFromString(bytes));
-    return result;
-}
-
-/// Without what differs from one run to the next.
-proto::PowerDataResult withoutTimes(proto::PowerDataResult result) {
-    for (auto& element : *result.mutable_keyed_power_data()) {
-        EXPECT_GT(element.id().timestamp_ms(), 0);
-        element.mutable_id()->clear_timestamp_ms();
-        if (element.id().name() != "system") continue;
-        for (auto& state : *element.mutable_data()->mutable_residency()) {
-            state.clear_total_time_in_state_ms();
-        }
+/// Replaces the times of this run by "TIME".
+std::string withoutTimes(std::string text) {
+    const std::pair<const char*, const char*> times[] = {
+        {R"(at [0-9:.d ]+ after boot \([0-9]+ ms\))", "at TIME"},
+        {R"((timestamp_ms": )[0-9]+)", "$1TIME"},
+        {R"((  system\n    running) +[0-9]+( +[0-9]+\n    suspended) +[0-9]+)", "$1 TIME$2 TIME"},
+        {R"(("running",\s+"time_ms": )[0-9]+([^\]]+"time_ms": )[0-9]+)", "$1TIME$2TIME"},
+    };
+    for (const auto& [pattern, replacement] : times) {
+        text = std::regex_replace(text, std::regex(pattern), replacement);
     }
-    return result;
+    return text;
 }
 
 TEST(Powerstats, RefusesBadArgumentsInOneLine) {
@@ -102,10 +95,6 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         Lines arguments;
         std::string reason;
     } cases[] = {
-        {{}, "A subcommand is required"},
-        {{"undump"}, "undump"},
-        {{"dump", "--hal", "phone"}, "phone"},
-        {{"dump", "--format", "xml"}, "xml"},
         {{"dump", "--format", "binary"}, "--rails or --residencies"},
         {{"dump", "--format", "binary", "--rails", "--residencies"}, "--rails or --residencies"},
         {{"dump", "--sysfs", "/no/such"}, "/no/such: not a folder"},
@@ -123,74 +112,26 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
     }
 }
 
-TEST(Powerstats, ShowsASampleMachineInAlignedColumns) {
-    const Outcome result = dump(SAMPLE_MACHINE, {});
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    const Lines lines = linesOf(result.output);
-    for (const std::string& line : lines) EXPECT_LE(line.size(), 80u) << line;
-    const auto row = [](std::string name, const Lines& columns) {
-        name.resize(80 - 17 * columns.size(), ' ');
-        for (const std::string& column : columns) {
-            name += std::string(17 - column.size(), ' ') + column;
+TEST(Powerstats, PrintsTheSampleMachineAlikeThroughBothInterfaces) {
+    for (const char* hal : {"aidl", "hidl"}) {
+        std::string text;
+        for (const char* format : {"table", "json"}) {
+            const Outcome result = dump(SAMPLE_MACHINE, {"--hal", hal, "--format", format});
+            EXPECT_EQ(result.exitCode, 0) << result.errors;
+            text += result.output;
         }
-        return name;
-    };
-    EXPECT_THAT(lines, testing::IsSupersetOf({
-                           row("  rail", {"energy (mJ)"}),
-                           // A float has 24 bits: 123456789012 microjoules do not end in 789 here.
-                           row("  intel-rapl/package-0", {"123456792"}),
-                           row("  package-1/dram", {"19876542"}),
-                           row("  fans", {"4567890"}),
-                           row("  entity and state", {"time (ms)", "entries"}),
-                           std::string("  cpu3"),
-                           row("    C6", {"56789345", "1234618"}),
-                           std::string("  pci0000:00/0000:00:14.0/usb1/1-4"),
-                           row("    active", {"2345678", "0"}),
-                       }));
-    EXPECT_THAT(result.output, Not(HasSubstr("0000:00:02.0")));
-    EXPECT_THAT(lines.front(),
-                testing::MatchesRegex("Rails at .*[0-9]+:[0-9]+:[0-9.]+ after boot .[0-9]+ ms."));
-}
-
-TEST(Powerstats, GivesTheSameBytesThroughBothInterfacesAndTheSameNumbersAsJson) {
-    for (const char* call : {"--rails", "--residencies"}) {
-        SCOPED_TRACE(call);
-        Lines serialized;
-        for (const char* hal : {"aidl", "hidl"}) {
+        EXPECT_EQ(withoutTimes(text), readFile(GOLDEN_FILE)) << hal;
+        for (const char* call : {"--rails", "--residencies"}) {
             const Outcome result = dump(SAMPLE_MACHINE, {"--hal", hal, "--format", "binary", call});
-            ASSERT_EQ(result.exitCode, 0) << result.errors;
-            EXPECT_EQ(parse(result.output).SerializeAsString(), result.output);
-            serialized.push_back(withoutTimes(parse(result.output)).SerializeAsString());
-        }
-        EXPECT_EQ(serialized[0], serialized[1]);
-
-        const Outcome result = dump(SAMPLE_MACHINE, {"--format", "json", call});
-        const json object = json::parse(result.output);
-        ASSERT_EQ(object.size(), 1u);
-        const json& list = object.at(call == std::string("--rails") ? "rails" : "entities");
-        const auto expected = parse(serialized[0]).keyed_power_data();
-        ASSERT_EQ(list.size(), static_cast<size_t>(expected.size()));
-        for (int i = 0; i < expected.size(); ++i) {
-            const json& element = list.at(static_cast<size_t>(i));
-            EXPECT_EQ(element.at("name"), expected[i].id().name());
-            EXPECT_GT(element.at("timestamp_ms"), 0);
-            if (expected[i].data().has_scalar()) {
-                EXPECT_EQ(element.at("energy_mj"), expected[i].data().scalar().value());
-                continue;
-            }
-            for (int state = 0; state < expected[i].data().residency_size(); ++state) {
-                const proto::Residency& residency = expected[i].data().residency(state);
-                const json& shown = element.at("states").at(static_cast<size_t>(state));
-                EXPECT_EQ(shown.at("name"), residency.name());
-                EXPECT_EQ(shown.at("entries"), residency.total_state_entry_count());
-                if (expected[i].id().name() == "system") continue;
-                EXPECT_EQ(shown.at("time_ms"), residency.total_time_in_state_ms());
-            }
+            proto::PowerDataResult parsed;
+            EXPECT_TRUE(parsed.ParseFromString(result.output));
+            EXPECT_EQ(parsed.keyed_power_data_size(), call == std::string("--rails") ? 11 : 10);
+            EXPECT_EQ(parsed.SerializeAsString(), result.output);
         }
     }
 }
 
-TEST(Powerstats, SaysWhatAMachineDoesNotHave) {
+TEST(Powerstats, SaysThatAMachineHasNoRails) {
     const TemporaryTree tree;
     for (const char* hal : {"aidl", "hidl"}) {
         const Outcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
@@ -200,8 +141,7 @@ TEST(Powerstats, SaysWhatAMachineDoesNotHave) {
 
         const Outcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
         EXPECT_EQ(both.exitCode, 0) << "the system's own times are always there";
-        EXPECT_EQ(json::parse(both.output).at("rails"), nullptr);
-        EXPECT_EQ(json::parse(both.output).at("entities").size(), 1u);
+        EXPECT_THAT(both.output, HasSubstr("\"rails\": null"));
 
         const Outcome binary = dump(tree.root(), {"--hal", hal, "--format", "binary", "--rails"});
         EXPECT_EQ(binary.exitCode, 1);
@@ -223,11 +163,6 @@ TEST(Powerstats, PrintsAnyNameSafelyAndWithin80Columns) {
                           std::string(49, ' ') + "1" + std::string(16, ' ') + "2\n"));
     EXPECT_THAT(table.output, HasSubstr("\n  " + longName.substr(0, 61) + "\n  " +
                                         longName.substr(61) + std::string(68, ' ') + "5\n"));
-
-    const json object = json::parse(dump(tree.root(), {"--format", "json"}).output);
-    EXPECT_EQ(object.at("rails").at(0).at("name"), longName);
-    EXPECT_THAT(object.at("entities").at(1).at("states").at(0).at("name").get<std::string>(),
-                StartsWith("\\x1B[31m\\xFF\xc3\xa9\\ "));
 }
 
 TEST(Powerstats, NamesUnusableFilesAndOutputs) {
@@ -245,13 +180,9 @@ TEST(Powerstats, NamesUnusableFilesAndOutputs) {
     EXPECT_THAT(full.errors, HasSubstr("powerstats: standard output: No space left on device"));
 }
 
-TEST(Powerstats, ExplainsItself) {
-    const Outcome help = run({"dump", "--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    EXPECT_THAT(help.output, HasSubstr("--sysfs"));
-    const Outcome version = run({"--version"});
-    EXPECT_EQ(version.exitCode, 0);
-    EXPECT_THAT(version.output, testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+TEST(Powerstats, HasAVersion) {
+    EXPECT_THAT(run({"--version"}).output,
+                testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 }  // namespace
