@@ -28,24 +28,17 @@ namespace support {
 namespace {
 
 int serve(const std::string& hal, const std::string& machine, const std::string& lastMethod) {
-    const Hook hook = [&](const std::string& method) {
+    const auto aidl = ndk::SharedRefBase::make<FakeAidl>();
+    const android::sp<FakeHidl> hidl = new FakeHidl;
+    aidl->machine = hidl->tell(busMachine(machine));
+    aidl->onCall = hidl->onCall = [&](const std::string& method) {
         if (method == lastMethod) raise(SIGKILL);
     };
     std::string error;
     const auto server = host::BusServer::connect(host::Bus::kSession, &error);
-    bool added = false;
-    if (server != nullptr && hal == "aidl") {
-        auto service = ndk::SharedRefBase::make<FakeAidl>();
-        service->machine = busMachine(machine);
-        service->onCall = hook;
-        added = server->add(service, &error);
-    } else if (server != nullptr) {
-        android::sp<FakeHidl> service = new FakeHidl;
-        service->tell(busMachine(machine));
-        service->onCall = hook;
-        added = server->add(android::sp<stats_V1_0::IPowerStats>(service), &error);
-    }
-    if (added) {
+    if (server != nullptr &&
+        (hal == "aidl" ? server->add(aidl, &error)
+                       : server->add(android::sp<stats_V1_0::IPowerStats>(hidl), &error))) {
         std::fputs("ready\n", stderr);
         server->run(&error);
     }

@@ -72,9 +72,9 @@ struct Holdings {
     }
 
     bool isBackAt(const Holdings& before) const {
-        const bool heapIsBack = !kJudgeMemory || heapKib <= before.heapKib + kMemoryMarginKib;
         return matchRules >= 0 && matchRules == before.matchRules &&
-               descriptors == before.descriptors && heapIsBack;
+               descriptors == before.descriptors &&
+               (!kJudgeMemory || heapKib <= before.heapKib + kMemoryMarginKib);
     }
 };
 
@@ -109,10 +109,7 @@ class Chaos : public testing::Test {
     }
 
     void startService(bool untilItServes) {
-        const std::string generation = std::to_string(++mStarted);
-        mService = std::make_unique<Process>(
-            std::vector<std::string>{BUS_PEER_PROGRAM, "serve", "aidl", generation});
-        EXPECT_TRUE(!untilItServes || mService->waitFor("ready")) << mService->text();
+        mService = startPeer({"serve", "aidl", std::to_string(++mStarted)}, untilItServes);
     }
 
     void killService() {

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// powerstatsd as its users see it: its messages, its end, and the dumps of its counters.
+// powerstatsd as its users see it: its messages, its end, and its counters in the tool and in a
+// Java virtual machine.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <algorithm>
+#include <regex>
+#include <sstream>
 
 #include "tests/bus/Support.h"
 #include "tests/hal/TemporaryTree.h"
@@ -92,6 +95,38 @@ TEST_F(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
                 << part << " in " << text;
         }
     }
+}
+
+TEST_F(Daemon, IsReadFromJavaAndTheCheckOfJniCallsFindsNoFault) {
+#ifndef JAVA_PROGRAM
+    GTEST_SKIP() << "no Java reader was built (it needs a JDK and libprotobuf-java)";
+#else
+    mTree.writeZone("intel-rapl:0:0", "core", 1999);
+    mTree.writeIdleState(0, 2, "C2", 5000999, 12);
+    mTree.writeDevice("pci0/usb1", 321, 654);
+    for (const std::string hal : {"aidl", "hidl"}) {
+        const auto daemon = startDaemon(hal, mTree.root());
+        std::istringstream lines(run(0,
+                                     {JAVA_PROGRAM, "-Xcheck:jni",
+                                      "-Djava.library.path=" LIBRARY_FOLDER, "-jar", READER_JAR},
+                                     {"--format", "tsv"}));
+        // The library's choice, the system's times, and a warning of newer virtual machines about
+        // Java's own protobuf runtime.
+        const std::regex other(
+            R"(.*Native\(.*: Using power.stats .*|.*\tsystem\t.*|.*(sun.misc.Unsafe|com.google.protobuf).*)");
+        std::string facts;
+        for (std::string line; std::getline(lines, line);) {
+            if (std::regex_match(line, other)) continue;
+            facts += std::regex_replace(line, std::regex("\t[0-9]+\t"), " ",
+                                        std::regex_constants::format_first_only) +
+                     '\n';
+        }
+        EXPECT_EQ(facts,
+                  "rail package-0\t4500\nrail package-0/core\t1\nresidency cpu0\tC2\t5000\t12\n"
+                  "residency pci0/usb1\tactive\t321\t0\nresidency pci0/usb1\tsuspended\t654\t0\n")
+            << hal;
+    }
+#endif
 }
 
 }  // namespace

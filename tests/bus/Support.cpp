@@ -13,7 +13,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 namespace support {
@@ -61,7 +60,7 @@ bool Process::waitFor(const std::string& text, double seconds) {
 }
 
 int Process::wait(double seconds) {
-    waitFor(std::string(1, '\0'), seconds);  // which no program here writes
+    waitFor(std::string(1, '\0'), seconds);  // no program here writes this
     const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!mEnded) {
         mEnded = waitpid(mPid, &mStatus, WNOHANG) == mPid;
@@ -85,31 +84,7 @@ void Process::kill() {
     mEnded = waitpid(mPid, &mStatus, 0) == mPid;
 }
 
-namespace {
-
-constexpr char kNoBus[] = "unix:path=/nonexistent/bus";
-
-// As strict as a system bus: it refuses what no policy allows.
-constexpr char kSystemBus[] = R"(<busconfig>
-<listen>unix:tmpdir=/tmp</listen>
-<auth>EXTERNAL</auth>
-<policy context="default">
-  <allow user="*"/>
-  <deny own="*"/>
-  <deny send_type="method_call"/>
-  <allow send_type="signal"/>
-  <allow send_requested_reply="true" send_type="method_return"/>
-  <allow send_requested_reply="true" send_type="error"/>
-  <allow receive_type="method_call"/>
-  <allow receive_type="method_return"/>
-  <allow receive_type="error"/>
-  <allow receive_type="signal"/>
-  <allow send_destination="org.freedesktop.DBus"/>
-</policy>
-<include>)" POLICY_FILE R"(</include>
-</busconfig>)";
-
-}  // namespace
+static constexpr char kNoBus[] = "unix:path=/nonexistent/bus";
 
 PrivateBus::PrivateBus(host::Bus bus)
     : mVariable(bus == host::Bus::kSession ? "DBUS_SESSION_BUS_ADDRESS"
@@ -121,18 +96,16 @@ PrivateBus::PrivateBus(host::Bus bus)
     mFolder = mkdtemp(folder.data());
     std::filesystem::permissions(mFolder, std::filesystem::perms(0755));  // for other users' tests
     mAddress = "unix:path=" + mFolder + "/socket";
-    const std::string config = mFolder + "/bus.conf";
-    std::ofstream(config) << kSystemBus;
     mDaemon = std::make_unique<Process>(std::vector<std::string>{
         "dbus-daemon", "--nofork", "--print-address=2", "--address=" + mAddress,
-        bus == host::Bus::kSession ? "--session" : "--config-file=" + config});
+        bus == host::Bus::kSession ? "--session" : "--config-file=" SYSTEM_BUS_CONFIG});
     EXPECT_TRUE(mDaemon->waitFor("unix:path=")) << mDaemon->text();
     setenv(mVariable, mAddress.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
     mDaemon.reset();
-    // Unless there is another one already.
+    // Another bus may have taken its place.
     if (getenv(mVariable) == mAddress) setenv(mVariable, kNoBus, 1);
     std::filesystem::remove_all(mFolder);
 }
@@ -146,11 +119,11 @@ std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& 
     return daemon;
 }
 
-std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments) {
+std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments, bool untilReady) {
     std::vector<std::string> command{BUS_PEER_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
     auto peer = std::make_unique<Process>(command);
-    EXPECT_TRUE(peer->waitFor("ready")) << peer->text();
+    EXPECT_TRUE(!untilReady || peer->waitFor("ready")) << peer->text();
     return peer;
 }
 

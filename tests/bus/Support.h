@@ -87,7 +87,9 @@ class BusScenario : public Scenario {
     BusScenario() { host::setBusLookups({host::Bus::kSession, host::Bus::kSystem}); }
 };
 
-/// Starts bus_peer, and waits until it has written "ready".
-std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments);
+/// Starts bus_peer.
+/// @param untilReady [in] whether to wait until it has written "ready".
+std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments,
+                                   bool untilReady = true);
 
 }  // namespace support
