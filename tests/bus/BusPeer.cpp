@@ -30,7 +30,8 @@ namespace {
 int serve(const std::string& hal, const std::string& machine, const std::string& lastMethod) {
     const auto aidl = ndk::SharedRefBase::make<FakeAidl>();
     const android::sp<FakeHidl> hidl = new FakeHidl;
-    aidl->machine = hidl->tell(busMachine(machine));
+    aidl->machine = busMachine(machine);
+    hidl->tell(busMachine(machine));
     aidl->onCall = hidl->onCall = [&](const std::string& method) {
         if (method == lastMethod) raise(SIGKILL);
     };

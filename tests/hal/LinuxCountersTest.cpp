@@ -166,33 +166,28 @@ TEST_F(LinuxCountersTest, IdsComeFromTheThingAndNotFromItsPlace) {
 TEST_F(LinuxCountersTest, IdsOfChipsStayWhenTheirNumbersChange) {
     // Two kinds of chip on one device, the same on another, and one without a device.
     const std::pair<std::string, std::string> chips[] = {
-        {"a", "pci0"}, {"b", "pci0"}, {"a", "pci1"}, {"c", ""}};
-    /// The ids by the chips' energies.
-    const auto idsWithNumbers = [&](int first, int step) {
+        {"a", "devices/pci0/"}, {"b", "devices/pci0/"}, {"a", "devices/pci1/"}, {"c", "class/"}};
+    const auto idsByEnergy = [&](int first, int step) {
         mTree.remove("class/hwmon");
         mTree.remove("devices");
         mTree.makeFolder("class/hwmon");
         for (int i = 0; i < 4; ++i) {
-            const auto& [name, device] = chips[i];
+            const auto& [name, folder] = chips[i];
             const std::string chip = "hwmon/hwmon" + std::to_string(first + step * i);
-            const std::string folder = device.empty() ? "class/" : "devices/" + device + "/";
             mTree.write(folder + chip + "/name", name);
             mTree.write(folder + chip + "/energy1_input", i);
-            if (device.empty()) continue;
-            std::filesystem::create_directory_symlink("../..",
-                                                      mTree.path(folder + chip + "/device"));
-            std::filesystem::create_directory_symlink(mTree.path(folder + chip),
-                                                      mTree.path("class/" + chip));
+            if (folder == "class/") continue;
+            std::filesystem::create_symlink("../..", mTree.path(folder + chip + "/device"));
+            std::filesystem::create_symlink(mTree.path(folder + chip), mTree.path("class/" + chip));
         }
-        std::map<int64_t, int32_t> byEnergy;
-        for (const auto& [id, reading] : make()->readRails({}).records) {
-            byEnergy[reading.energyUWs] = id;
-        }
-        return byEnergy;
+        std::map<int64_t, int32_t> ids;
+        for (const auto& rail : make()->readRails({}).records)
+            ids[rail.reading.energyUWs] = rail.id;
+        return ids;
     };
-    const auto before = idsWithNumbers(0, 1);
+    const auto before = idsByEnergy(0, 1);
     EXPECT_THAT(before, testing::SizeIs(4));
-    EXPECT_EQ(idsWithNumbers(9, -1), before);
+    EXPECT_EQ(idsByEnergy(9, -1), before);
 }
 
 TEST_F(LinuxCountersTest, AnswersTheIdsAskedForInTheirOrder) {

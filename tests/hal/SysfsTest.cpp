@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <deque>
+#include <tuple>
 
 namespace powerstats {
 namespace {
@@ -31,16 +32,9 @@ class NumberFileTest : public testing::Test {
         return NumberFile(mSysfs, std::string("class/net/lo/") + file);
     }
 
-    /// Sets the limit of open files and makes a Sysfs, which reads that limit.
-    void limitDescriptors(int count) {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = static_cast<rlim_t>(count);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-        mSysfs = makeSysfs();
-    }
-
-    std::shared_ptr<const Sysfs> makeSysfs() {
+    std::shared_ptr<const Sysfs> makeSysfs(rlim_t descriptors) {
+        const rlimit limit{descriptors, kMostDescriptors};
+        setrlimit(RLIMIT_NOFILE, &limit);
         return std::make_shared<const Sysfs>(
             "/sys", [this](const std::string& text) { mWarnings.push_back(text); },
             [this](int descriptor, void* buffer, size_t size, off_t offset) {
@@ -52,21 +46,18 @@ class NumberFileTest : public testing::Test {
             });
     }
 
+    static constexpr rlim_t kMostDescriptors = 1000;
     std::vector<std::string> mWarnings;
     std::deque<int> mErrors;  // of the next readings
     int mReads = 0;
-    std::shared_ptr<const Sysfs> mSysfs = makeSysfs();
+    std::shared_ptr<const Sysfs> mSysfs = makeSysfs(kMostDescriptors);
 };
 
 TEST_F(NumberFileTest, KeepsItsDescriptorUntilTheDeviceGoesAway) {
     const int first = nextDescriptor();
     {
         NumberFile mtu = lo("mtu");
-        const struct {
-            std::deque<int> errors;
-            std::optional<int64_t> number;
-            int reads;
-        } cases[] = {
+        const std::tuple<std::deque<int>, std::optional<int64_t>, int> cases[] = {
             {{}, 65536, 1},
             {{}, 65536, 1},
             {{EINTR}, 65536, 2},
@@ -75,11 +66,11 @@ TEST_F(NumberFileTest, KeepsItsDescriptorUntilTheDeviceGoesAway) {
             {{EIO}, {}, 1},
             {{}, 65536, 1},
         };
-        for (const auto& test : cases) {
-            mErrors = test.errors;
+        for (const auto& [errors, number, reads] : cases) {
+            mErrors = errors;
             mReads = 0;
-            EXPECT_EQ(mtu.read(), test.number);
-            EXPECT_EQ(mReads, test.reads);
+            EXPECT_EQ(mtu.read(), number);
+            EXPECT_EQ(mReads, reads);
             EXPECT_EQ(nextDescriptor(), first + 1);
         }
     }
@@ -89,14 +80,15 @@ TEST_F(NumberFileTest, KeepsItsDescriptorUntilTheDeviceGoesAway) {
 
 TEST_F(NumberFileTest, GivesUpDescriptorsWhenTheyRunShort) {
     const int first = nextDescriptor();
-    limitDescriptors(first + 1 + 64);
+    mSysfs = makeSysfs(static_cast<rlim_t>(first) + 1 + 64);
     NumberFile mtu = lo("mtu"), index = lo("ifindex");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(mtu.read(), 65536);
         EXPECT_EQ(index.read(), 1);
         EXPECT_EQ(nextDescriptor(), first + 1) << "64 are left";
     }
-    limitDescriptors(first + 1);
+    const rlimit none{static_cast<rlim_t>(first) + 1, kMostDescriptors};
+    setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_EQ(index.read(), std::nullopt);
     EXPECT_THAT(mWarnings, testing::ElementsAre(testing::HasSubstr("raise the limit of open")));
     EXPECT_EQ(mtu.read(), 65536);
@@ -105,7 +97,7 @@ TEST_F(NumberFileTest, GivesUpDescriptorsWhenTheyRunShort) {
     raiseOpenFileLimit();
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+    EXPECT_EQ(limit.rlim_cur, kMostDescriptors);
 }
 
 }  // namespace
