@@ -262,8 +262,8 @@ void BareClient::transact(Use use) {
     }
 }
 
-powerstats::JavaBytes BareClient::collect(Step step, int64_t timestampMs,
-                                          powerstats::HostJniEnv* env) {
+host::JavaBytes BareClient::collect(Step step, int64_t timestampMs,
+                                          host::HostJniEnv* env) {
     const auto toJava = [env](std::string_view bytes) {
         const auto length = static_cast<jsize>(bytes.size());
         jbyteArray array = env->get()->NewByteArray(length);
@@ -271,7 +271,7 @@ powerstats::JavaBytes BareClient::collect(Step step, int64_t timestampMs,
                                        reinterpret_cast<const jbyte*>(bytes.data()));
         return env->take(array);
     };
-    powerstats::JavaBytes received;
+    host::JavaBytes received;
     std::string bytes;
     const bool inCallback =
         mWorkload.backend == Backend::kHidl && mWorkload.call == Call::kResidencies;

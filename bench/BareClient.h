@@ -10,6 +10,7 @@
 #pragma once
 
 #include <android/binder_auto_utils.h>
+#include <host/JavaRuntime.h>
 
 #include <cstdint>
 #include <functional>
@@ -19,7 +20,6 @@
 #include <vector>
 
 #include "bench/Workload.h"
-#include "tools/HostJavaRuntime.h"
 
 namespace bench {
 
@@ -53,7 +53,7 @@ class BareClient {
 
     /// One collection. REQUIRES: connect
     /// @return the bytes that Java receives, with Step::kFloor and Step::kLimit; nothing before.
-    powerstats::JavaBytes collect(Step step, int64_t timestampMs, powerstats::HostJniEnv* env);
+    host::JavaBytes collect(Step step, int64_t timestampMs, host::HostJniEnv* env);
 
   private:
     template <typename Use>

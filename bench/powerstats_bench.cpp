@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <host/JavaRuntime.h>
 #include <host/ServiceControl.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -36,7 +37,6 @@
 #include "proto/power_data_result.pb.h"
 #include "tests/support/Allocations.h"
 #include "tools/CommandLine.h"
-#include "tools/HostJavaRuntime.h"
 
 namespace bench {
 namespace {
@@ -44,9 +44,9 @@ namespace {
 namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
 
 using benchmark::State;
-using powerstats::HostJniEnv;
-using powerstats::JavaBytes;
-using powerstats::LoadedLibrary;
+using host::HostJniEnv;
+using host::JavaBytes;
+using host::LoadedLibrary;
 
 /// A build of the library.
 struct Build {

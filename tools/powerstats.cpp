@@ -9,6 +9,7 @@
 #include <android/log.h>
 #include <fmt/format.h>
 #include <host/BusServer.h>
+#include <host/JavaRuntime.h>
 #include <host/ServiceControl.h>
 
 #include <CLI/CLI.hpp>
@@ -30,12 +31,15 @@
 #include "hal/LinuxPowerStats.h"
 #include "hal/NamesAndIds.h"
 #include "tools/CommandLine.h"
-#include "tools/HostJavaRuntime.h"
 #include "tools/ResultPrinter.h"
 
 namespace powerstats {
 
 namespace {
+
+using host::HostJniEnv;
+using host::JavaBytes;
+using host::LoadedLibrary;
 
 constexpr int kCollected = 0;
 constexpr int kNothingCollected = 1;

@@ -82,7 +82,7 @@ class Chaos : public testing::Test {
   protected:
     /// Makes a call and judges its result. Only a call that a death met may return null.
     /// @return the generation of the service that answered, or 0.
-    int judgedCall(Call call, powerstats::HostJniEnv* env) {
+    int judgedCall(Call call, host::HostJniEnv* env) {
         const int dead = mDead;
         const int steady = mSteady;
         const auto start = steady_clock::now();
@@ -179,7 +179,7 @@ TEST_F(Chaos, EachCallReturnsTheResultOfOneLivingServiceAndNothingIsLeftOver) {
     std::vector<std::thread> callers;
     for (size_t i = 0; i < kThreads; ++i) {
         callers.emplace_back([this, i, &stop] {
-            powerstats::HostJniEnv env;
+            host::HostJniEnv env;
             for (size_t n = i; !stop; ++n) judgedCall(kCalls[n % 2], &env);
         });
     }

@@ -138,7 +138,7 @@ TEST_F(HidlInternals, EnergyThatNeverCameIsAnEmptyResult) {
     silent->tell(support::smallMachine());
     gPowerStatsHalV1_0 = silent;
     const auto bytes = env.take(getRailEnergyV1_0(env.get(), nullptr));
-    EXPECT_EQ(bytes, powerstats::JavaBytes(std::vector<uint8_t>()));
+    EXPECT_EQ(bytes, host::JavaBytes(std::vector<uint8_t>()));
     EXPECT_EQ(support::takeEvents(),
               (support::Lines{"clock", "NewByteArray(0)", "SetByteArrayRegion(0, 0)"}));
 }

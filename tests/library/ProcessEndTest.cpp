@@ -150,7 +150,7 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
                 if (!first) scenario.call(mCall);
                 const int64_t failing = allocations().count + allocation;
                 allocations().failing = failing;
-                const powerstats::JavaBytes bytes = scenario.callBare(mCall);
+                const host::JavaBytes bytes = scenario.callBare(mCall);
                 allocations().failing = 0;
                 ASSERT_LT(allocations().count, failing) << "a failure was survived";
                 ASSERT_EQ(toText(bytes), smallResult(mCall));

@@ -182,11 +182,11 @@ void Scenario::kill(Backend backend) {
 
 void Scenario::load() {
     std::string error;
-    library = powerstats::LoadedLibrary::load(POWERSTATS_LIBRARY, &error);
+    library = host::LoadedLibrary::load(POWERSTATS_LIBRARY, &error);
     ASSERT_NE(library, nullptr) << error;
 }
 
-std::optional<std::string> toText(const powerstats::JavaBytes& bytes) {
+std::optional<std::string> toText(const host::JavaBytes& bytes) {
     if (!bytes) return std::nullopt;
     return std::string(bytes->begin(), bytes->end());
 }

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <host/JavaRuntime.h>
 #include <host/ServiceControl.h>
 
 #include <cstdint>
@@ -17,7 +18,6 @@
 #include "tests/support/BootClock.h"
 #include "tests/support/Encoder.h"
 #include "tests/support/FakeServices.h"
-#include "tools/HostJavaRuntime.h"
 
 namespace support {
 
@@ -80,7 +80,7 @@ class Scenario {
     /// Calls an entry point, and loads the library first if necessary.
     Outcome call(Call call);
     /// Calls an entry point of the loaded library, and no more.
-    powerstats::JavaBytes callBare(Call call) {
+    host::JavaBytes callBare(Call call) {
         return call == Call::kRails ? library->railEnergy(&env) : library->residencies(&env);
     }
     /// Calls it in a program that is about to end: all events go to standard error, line by line,
@@ -89,12 +89,12 @@ class Scenario {
 
     std::shared_ptr<FakeAidl> aidl;  ///< the last that was served
     android::sp<FakeHidl> hidl;
-    powerstats::HostJniEnv env;
-    std::unique_ptr<powerstats::LoadedLibrary> library;
+    host::HostJniEnv env;
+    std::unique_ptr<host::LoadedLibrary> library;
 };
 
 /// Java's bytes as an outcome has them.
-std::optional<std::string> toText(const powerstats::JavaBytes& bytes);
+std::optional<std::string> toText(const host::JavaBytes& bytes);
 
 /// Returns all events since the last call of this, and forgets them.
 Lines takeEvents();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "tools/HostJavaRuntime.h"
+#include <host/JavaRuntime.h>
 
 #include <dlfcn.h>
 
@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <utility>
 
-namespace powerstats {
+namespace host {
 
 namespace {
 
@@ -162,4 +162,4 @@ void* LoadedLibrary::symbol(const char* name) const {
     return dlsym(mHandle, name);
 }
 
-}  // namespace powerstats
+}  // namespace host

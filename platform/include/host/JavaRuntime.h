@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace powerstats {
+namespace host {
 
 /// The bytes of a Java `byte[]`; std::nullopt stands for Java's null.
 using JavaBytes = std::optional<std::vector<uint8_t>>;
@@ -90,4 +90,4 @@ class LoadedLibrary {
     NativeMethod mRailEnergy;
 };
 
-}  // namespace powerstats
+}  // namespace host
