@@ -71,28 +71,12 @@ extern "C" {
 AIBinder_Class* AIBinder_Class_define(const char* interfaceDescriptor,
                                       AIBinder_Class_onCreate onCreate,
                                       AIBinder_Class_onDestroy onDestroy,
-                                      AIBinder_Class_onTransact onTransact) {
-    return new AIBinder_Class{interfaceDescriptor, onCreate, onDestroy, onTransact};
-}
-
-const char* AIBinder_Class_getDescriptor(const AIBinder_Class* clazz) {
-    return clazz->descriptor.c_str();
+                                      AIBinder_Class_onTransact /*onTransact*/) {
+    return new AIBinder_Class{interfaceDescriptor, onCreate, onDestroy};
 }
 
 AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args) {
     return host::newBinder(clazz, args, std::make_shared<host::Peer>());
-}
-
-bool AIBinder_isRemote(const AIBinder* /*binder*/) {
-    return true;  // every service stands for one in a process of its own
-}
-
-bool AIBinder_isAlive(const AIBinder* binder) {
-    return binder->peer->isAlive();
-}
-
-binder_status_t AIBinder_ping(AIBinder* binder) {
-    return binder->peer->isAlive() ? STATUS_OK : STATUS_DEAD_OBJECT;
 }
 
 void AIBinder_incStrong(AIBinder* binder) {
@@ -110,7 +94,6 @@ void AIBinder_decStrong(AIBinder* binder) {
     binder->peer->unlinkAll(binder);
     binder->clazz->onDestroy(binder->userData);
     delete binder;
-    host::observe(host::Event::kBinderDestroyed);
 }
 
 int32_t AIBinder_debugGetRefCount(AIBinder* binder) {
@@ -121,14 +104,6 @@ bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
     // A dead process cannot be asked for the descriptor.
     return binder != nullptr && binder->peer->isAlive() &&
            binder->clazz->descriptor == clazz->descriptor;
-}
-
-const AIBinder_Class* AIBinder_getClass(AIBinder* binder) {
-    return binder->clazz;
-}
-
-void* AIBinder_getUserData(AIBinder* binder) {
-    return binder->userData;
 }
 
 AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder) {
@@ -195,7 +170,7 @@ AIBinder_Class* ICInterface::defineClass(const char* interfaceDescriptor,
 }
 
 ICInterface* ICInterface::fromUserData(AIBinder* binder) {
-    return static_cast<HeldService*>(AIBinder_getUserData(binder))->get();
+    return static_cast<HeldService*>(binder->userData)->get();
 }
 
 }  // namespace ndk

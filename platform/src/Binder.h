@@ -18,7 +18,6 @@ struct AIBinder_Class {
     std::string descriptor;
     AIBinder_Class_onCreate onCreate;
     AIBinder_Class_onDestroy onDestroy;
-    AIBinder_Class_onTransact onTransact;
 };
 
 struct AIBinder {

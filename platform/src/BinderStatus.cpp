@@ -47,11 +47,7 @@ AStatus* AStatus_fromExceptionCodeWithMessage(binder_exception_t exception, cons
 }
 
 AStatus* AStatus_fromServiceSpecificError(int32_t serviceSpecific) {
-    return AStatus_fromServiceSpecificErrorWithMessage(serviceSpecific, "");
-}
-
-AStatus* AStatus_fromServiceSpecificErrorWithMessage(int32_t serviceSpecific, const char* message) {
-    return new AStatus{EX_SERVICE_SPECIFIC, serviceSpecific, STATUS_OK, message};
+    return new AStatus{EX_SERVICE_SPECIFIC, serviceSpecific};
 }
 
 AStatus* AStatus_fromStatus(binder_status_t status) {
@@ -65,10 +61,6 @@ bool AStatus_isOk(const AStatus* status) {
 
 binder_exception_t AStatus_getExceptionCode(const AStatus* status) {
     return status->exception;
-}
-
-int32_t AStatus_getServiceSpecificError(const AStatus* status) {
-    return status->serviceSpecific;
 }
 
 binder_status_t AStatus_getStatus(const AStatus* status) {

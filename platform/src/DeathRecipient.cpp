@@ -2,64 +2,47 @@
 
 #include <android/binder_ibinder.h>
 
-#include <algorithm>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "Binder.h"
 
 namespace {
 
-/// What a recipient's links share with it, so that they may outlive it.
+/// The part of a recipient that its links share, so that they may outlive it.
 class RecipientState {
   public:
     explicit RecipientState(AIBinder_DeathRecipient_onBinderDied onDied) : mOnDied(onDied) {}
 
-    void setOnUnlinked(AIBinder_DeathRecipient_onBinderUnlinked onUnlinked) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOnUnlinked = onUnlinked;
+    /// Calls the recipient unless it has been deleted. REQUIRES: this is the delivering thread
+    void died(void* cookie) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        if (mDeleted) return;
+        mRunning = std::this_thread::get_id();
+        lock.unlock();
+        mOnDied(cookie);
+        lock.lock();
+        mRunning = {};
+        mIdle.notify_all();
     }
-
-    void died(void* cookie) { run(mOnDied, cookie); }
-    void unlinked(void* cookie) { run(mOnUnlinked, cookie); }
 
     void remove() {
         std::unique_lock<std::mutex> lock(mMutex);
         mDeleted = true;
         // A callback that deletes its own recipient must not wait for itself.
-        const auto self = std::this_thread::get_id();
-        mIdle.wait(lock, [&] {
-            return std::all_of(mRunning.begin(), mRunning.end(),
-                               [&](std::thread::id runner) { return runner == self; });
-        });
+        if (mRunning == std::this_thread::get_id()) return;
+        mIdle.wait(lock, [this] { return mRunning == std::thread::id(); });
     }
 
   private:
-    using Callback = void (*)(void* cookie);
-
-    void run(const Callback& callback, void* cookie) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        const Callback function = callback;
-        if (mDeleted || function == nullptr) return;
-        const auto self = std::this_thread::get_id();
-        mRunning.push_back(self);
-        lock.unlock();
-        function(cookie);
-        lock.lock();
-        mRunning.erase(std::find(mRunning.begin(), mRunning.end(), self));
-        mIdle.notify_all();
-    }
-
     std::mutex mMutex;
     std::condition_variable mIdle;
-    const Callback mOnDied;
-    Callback mOnUnlinked = nullptr;
-    bool mDeleted = false;
-    std::vector<std::thread::id> mRunning;
+    const AIBinder_DeathRecipient_onBinderDied mOnDied;
+    bool mDeleted = false;     // guarded by mMutex
+    std::thread::id mRunning;  // of the callback; guarded by mMutex
 };
 
 class AidlDeathLink : public host::DeathLink {
@@ -71,7 +54,6 @@ class AidlDeathLink : public host::DeathLink {
           mState(std::move(state)) {}
 
     void deliver() override { mState->died(mCookie); }
-    void ended() override { mState->unlinked(mCookie); }
 
   private:
     void* const mCookie;
@@ -90,11 +72,6 @@ AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
     AIBinder_DeathRecipient_onBinderDied onBinderDied) {
     host::observe(host::Event::kAidlRecipientCreated);
     return new AIBinder_DeathRecipient{std::make_shared<RecipientState>(onBinderDied)};
-}
-
-void AIBinder_DeathRecipient_setOnUnlinked(AIBinder_DeathRecipient* recipient,
-                                           AIBinder_DeathRecipient_onBinderUnlinked onUnlinked) {
-    recipient->state->setOnUnlinked(onUnlinked);
 }
 
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {

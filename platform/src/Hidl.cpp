@@ -133,18 +133,7 @@ void return_status::endUnlessChecked() const {
 namespace hidl::base::V1_0 {
 
 using ::android::hardware::hidl_death_recipient;
-using ::android::hardware::hidl_string;
 using ::android::hardware::Return;
-using ::android::hardware::Void;
-
-Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
-    _hidl_cb(hidl_string("android.hidl.base@1.0::IBase"));
-    return Void();
-}
-
-Return<void> IBase::ping() {
-    return Void();
-}
 
 Return<bool> IBase::linkToDeath(const sp<hidl_death_recipient>&, uint64_t) {
     return false;  // an object of the caller's own process does not die before the caller

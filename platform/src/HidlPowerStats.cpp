@@ -51,13 +51,6 @@ class BpHwPowerStats : public IPowerStats {
         host::observe(host::Event::kHidlProxyDestroyed);
     }
 
-    bool isRemote() const override { return true; }
-
-    Return<void> ping() override {
-        if (mPeer->isAlive()) return Void();
-        return toTransportStatus(host::deadObject());
-    }
-
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
         if (auto failure = mPeer->beginLink()) return toTransportStatus(*failure);
         auto link = std::make_shared<HidlDeathLink>(this, recipient, cookie);
@@ -148,11 +141,6 @@ std::string registeredName(const std::string& serviceName) {
 }  // namespace
 
 const char* IPowerStats::descriptor = "android.hardware.power.stats@1.0::IPowerStats";
-
-Return<void> IPowerStats::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
-    _hidl_cb(hidl_string(descriptor));
-    return Void();
-}
 
 sp<IPowerStats> IPowerStats::getService(const std::string& serviceName, bool getStub) {
     if (getStub) return nullptr;

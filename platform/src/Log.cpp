@@ -47,25 +47,22 @@ int32_t __android_log_set_minimum_priority(int32_t priority) {
     return gMinimumPriority.exchange(priority);
 }
 
-int __android_log_write(int prio, const char* tag, const char* text) {
-    if (prio < gMinimumPriority) return -EPERM;
-    __android_log_message message = {};
-    message.struct_size = sizeof(message);
-    message.buffer_id = LOG_ID_DEFAULT;
-    message.priority = prio;
-    message.tag = tag != nullptr ? tag : "";
-    message.message = text != nullptr ? text : "";
-    gLogger.load()(&message);
-    return 1;
-}
-
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    if (prio < gMinimumPriority) return -EPERM;
     char text[kTextBytes];
     va_list arguments;
     va_start(arguments, fmt);
     std::vsnprintf(text, sizeof(text), fmt, arguments);
     va_end(arguments);
-    return __android_log_write(prio, tag, text);
+
+    __android_log_message message = {};
+    message.struct_size = sizeof(message);
+    message.buffer_id = LOG_ID_DEFAULT;
+    message.priority = prio;
+    message.tag = tag != nullptr ? tag : "";
+    message.message = text;
+    gLogger.load()(&message);
+    return 1;
 }
 
 }  // extern "C"

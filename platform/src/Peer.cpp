@@ -65,10 +65,7 @@ size_t Peer::end(const Matches& matches, size_t most) {
         }
         mLinks.erase(std::remove(mLinks.begin(), mLinks.end(), nullptr), mLinks.end());
     }
-    for (const auto& link : ended) {
-        // A notice may be on its way: whoever comes first ends the link.
-        if (!link->mEnded.exchange(true)) link->ended();
-    }
+    for (const auto& link : ended) link->mEnded = true;  // its notice may be on its way
     if (!ended.empty()) stopWatchingUnlessLinked();
     return ended.size();
 }
@@ -98,9 +95,7 @@ void Peer::report() {
         links = mLinks;
     }
     for (const auto& link : links) {
-        if (link->mEnded.exchange(true)) continue;
-        link->deliver();
-        link->ended();
+        if (!link->mEnded.exchange(true)) link->deliver();
     }
     links.clear();
     {

@@ -45,8 +45,6 @@ class DeathLink {
 
     /// Tells the recipient. Called on the delivering thread with no lock held.
     virtual void deliver() = 0;
-    /// The link has ended, by its notice, by unlinking or with its proxy. Called with no lock held.
-    virtual void ended() {}
 
     const void* const owner;      ///< the proxy that the link goes with
     const void* const recipient;  ///< tells links of one proxy apart, with the cookie

@@ -12,15 +12,13 @@ RefBase::~RefBase() {
 }
 
 void RefBase::incStrong(const void* /*id*/) const {
-    if (mRefs->mStrong.fetch_add(1) != weakref_type::kNeverHeld) return;
-    mRefs->mStrong -= weakref_type::kNeverHeld;
-    const_cast<RefBase*>(this)->onFirstRef();
+    if (mRefs->mStrong.fetch_add(1) == weakref_type::kNeverHeld) {
+        mRefs->mStrong -= weakref_type::kNeverHeld;
+    }
 }
 
-void RefBase::decStrong(const void* id) const {
-    if (mRefs->mStrong.fetch_sub(1) != 1) return;
-    const_cast<RefBase*>(this)->onLastStrongRef(id);
-    delete this;
+void RefBase::decStrong(const void* /*id*/) const {
+    if (mRefs->mStrong.fetch_sub(1) == 1) delete this;
 }
 
 int32_t RefBase::getStrongCount() const {

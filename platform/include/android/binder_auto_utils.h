@@ -52,7 +52,6 @@ class SpAIBinder {
     /// Where a function that gives a reference away may write it.
     AIBinder** getR() { return &mBinder; }
     bool operator==(const SpAIBinder& other) const { return mBinder == other.mBinder; }
-    bool operator!=(const SpAIBinder& other) const { return mBinder != other.mBinder; }
 
   private:
     static void retain(AIBinder* binder) {
@@ -86,7 +85,6 @@ class ScopedAResource {
         mResource = resource;
     }
     T get() const { return mResource; }
-    T* getR() { return &mResource; }
     /// Gives the resource to the caller.
     [[nodiscard]] T release() {
         T released = mResource;
@@ -128,17 +126,12 @@ class ScopedAStatus : public ScopedAResource<AStatus*, AStatus_delete> {
     static ScopedAStatus fromServiceSpecificError(int32_t serviceSpecific) {
         return ScopedAStatus(AStatus_fromServiceSpecificError(serviceSpecific));
     }
-    static ScopedAStatus fromServiceSpecificErrorWithMessage(int32_t serviceSpecific,
-                                                             const char* message) {
-        return ScopedAStatus(AStatus_fromServiceSpecificErrorWithMessage(serviceSpecific, message));
-    }
     static ScopedAStatus fromStatus(binder_status_t status) {
         return ScopedAStatus(AStatus_fromStatus(status));
     }
 
     bool isOk() const { return get() != nullptr && AStatus_isOk(get()); }
     binder_exception_t getExceptionCode() const { return AStatus_getExceptionCode(get()); }
-    int32_t getServiceSpecificError() const { return AStatus_getServiceSpecificError(get()); }
     binder_status_t getStatus() const { return AStatus_getStatus(get()); }
     const char* getMessage() const { return AStatus_getMessage(get()); }
     std::string getDescription() const {

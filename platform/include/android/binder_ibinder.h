@@ -30,16 +30,12 @@ AIBinder_Class* AIBinder_Class_define(const char* interfaceDescriptor,
                                       AIBinder_Class_onCreate onCreate,
                                       AIBinder_Class_onDestroy onDestroy,
                                       AIBinder_Class_onTransact onTransact);
-const char* AIBinder_Class_getDescriptor(const AIBinder_Class* clazz);
 
 /// Makes an object of a class. Its user data is what the class's onCreate makes of `args`, and goes
 /// to onDestroy with the last strong reference.
 /// @return the object with one strong reference, owned by the caller.
 AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args);
 
-bool AIBinder_isRemote(const AIBinder* binder);
-bool AIBinder_isAlive(const AIBinder* binder);
-binder_status_t AIBinder_ping(AIBinder* binder);
 void AIBinder_incStrong(AIBinder* binder);
 /// Drops one strong reference. Null is allowed and does nothing.
 void AIBinder_decStrong(AIBinder* binder);
@@ -48,8 +44,6 @@ int32_t AIBinder_debugGetRefCount(AIBinder* binder);
 /// @return whether the object's class has the same interface descriptor as `clazz`; false too for
 ///     null, and for an object whose process is dead, since it cannot be asked for its descriptor.
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz);
-const AIBinder_Class* AIBinder_getClass(AIBinder* binder);
-void* AIBinder_getUserData(AIBinder* binder);
 
 /// A weak reference to a binder.
 typedef struct AIBinder_Weak AIBinder_Weak;
@@ -63,15 +57,9 @@ AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak);
 /// Who is told of deaths. One recipient may be linked to any number of binders.
 typedef struct AIBinder_DeathRecipient AIBinder_DeathRecipient;
 typedef void (*AIBinder_DeathRecipient_onBinderDied)(void* cookie);
-typedef void (*AIBinder_DeathRecipient_onBinderUnlinked)(void* cookie);
 
 AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
     AIBinder_DeathRecipient_onBinderDied onBinderDied);
-
-/// Has `onUnlinked` called once for every link that ends: after its notice, when it is unlinked,
-/// and when the binder goes.
-void AIBinder_DeathRecipient_setOnUnlinked(AIBinder_DeathRecipient* recipient,
-                                           AIBinder_DeathRecipient_onBinderUnlinked onUnlinked);
 
 /// Deletes the recipient. When this returns, none of its callbacks runs or will run; so it waits
 /// for a callback that is running on another thread. Null is allowed and does nothing.

@@ -36,7 +36,6 @@ class ICInterface : public SharedRefBase {
   public:
     /// The interface's binder; the holder owns a reference.
     virtual SpAIBinder asBinder() = 0;
-    virtual bool isRemote() = 0;
 
     /// Defines the binder class of an interface: its objects keep their service alive, and their
     /// user data is the service's ICInterface.
@@ -52,7 +51,6 @@ class BnCInterface : public INTERFACE {
   public:
     /// The service's binder, the same one for as long as anybody holds it.
     SpAIBinder asBinder() final;
-    bool isRemote() override { return false; }
 
   protected:
     /// Makes the service's binder.
@@ -81,7 +79,6 @@ class BpCInterface : public INTERFACE {
     explicit BpCInterface(const SpAIBinder& binder) : mBinder(binder) {}
 
     SpAIBinder asBinder() final { return mBinder; }
-    bool isRemote() override { return AIBinder_isRemote(mBinder.get()); }
 
   protected:
     const SpAIBinder mBinder;

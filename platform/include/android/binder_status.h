@@ -59,13 +59,10 @@ AStatus* AStatus_newOk();
 AStatus* AStatus_fromExceptionCode(binder_exception_t exception);
 AStatus* AStatus_fromExceptionCodeWithMessage(binder_exception_t exception, const char* message);
 AStatus* AStatus_fromServiceSpecificError(int32_t serviceSpecific);
-AStatus* AStatus_fromServiceSpecificErrorWithMessage(int32_t serviceSpecific, const char* message);
 AStatus* AStatus_fromStatus(binder_status_t status);
 
 bool AStatus_isOk(const AStatus* status);
 binder_exception_t AStatus_getExceptionCode(const AStatus* status);
-/// The service's own code when the exception code is EX_SERVICE_SPECIFIC, otherwise 0.
-int32_t AStatus_getServiceSpecificError(const AStatus* status);
 /// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise STATUS_OK.
 binder_status_t AStatus_getStatus(const AStatus* status);
 /// The message that came with the exception, never null; valid until the status is deleted.

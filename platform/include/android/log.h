@@ -25,19 +25,7 @@ typedef enum android_LogPriority {
     ANDROID_LOG_SILENT,
 } android_LogPriority;
 
-typedef enum log_id {
-    LOG_ID_MIN = 0,
-    LOG_ID_MAIN = 0,
-    LOG_ID_RADIO = 1,
-    LOG_ID_EVENTS = 2,
-    LOG_ID_SYSTEM = 3,
-    LOG_ID_CRASH = 4,
-    LOG_ID_STATS = 5,
-    LOG_ID_SECURITY = 6,
-    LOG_ID_KERNEL = 7,
-    LOG_ID_MAX,
-    LOG_ID_DEFAULT = 0x7FFFFFFF,
-} log_id_t;
+typedef enum log_id { LOG_ID_DEFAULT = 0x7FFFFFFF } log_id_t;
 
 /// Formats and logs one message.
 /// @param prio [in] an android_LogPriority.
@@ -46,9 +34,6 @@ typedef enum log_id {
 /// @return 1 when the message was passed on, a negative errno when it was dropped.
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
-
-/// Logs one message as it stands.
-int __android_log_write(int prio, const char* tag, const char* text);
 
 /// One message on its way to a logger.
 struct __android_log_message {

@@ -36,8 +36,6 @@ class Status final {
     Status() = default;
 
     bool isOk() const { return mException == EX_NONE; }
-    int32_t exceptionCode() const { return mException; }
-    const char* exceptionMessage() const { return mMessage.c_str(); }
     /// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
     /// android::OK.
     status_t transactionError() const { return mTransactionError; }
@@ -106,8 +104,6 @@ class Return : public details::return_status {
         assertOk();
         return mValue;
     }
-    /// The value, or `fallback` when the call failed. Marks the status as looked at.
-    T withDefault(T fallback) const { return isOk() ? mValue : std::move(fallback); }
 
   private:
     T mValue;

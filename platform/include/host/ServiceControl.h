@@ -70,7 +70,6 @@ enum class Event {
     kAidlProxyDestroyed,      ///< the last reference to an AIDL proxy was dropped
     kAidlRecipientDeleted,    ///< AIBinder_DeathRecipient_delete was called
     kBinderReleased,          ///< AIBinder_decStrong was called
-    kBinderDestroyed,         ///< the last reference to a binder was dropped
     kHidlProxyDestroyed,      ///< the last reference to a HIDL proxy was dropped
     kHidlRecipientCreated,    ///< a HIDL death recipient was constructed
     kHidlRecipientDestroyed,  ///< a HIDL death recipient was destroyed

@@ -50,9 +50,6 @@ class RefBase {
     RefBase(const RefBase&) = delete;
     RefBase& operator=(const RefBase&) = delete;
 
-    virtual void onFirstRef() {}
-    virtual void onLastStrongRef(const void* /*id*/) {}
-
   private:
     weakref_type* const mRefs;
 };
@@ -86,11 +83,6 @@ class wp {
         if (mRefs != nullptr && mRefs->attemptIncStrong(&strong)) strong.mObject = mObject;
         return strong;
     }
-    void clear() { *this = wp(); }
-    /// For comparisons only: the object may have ended.
-    T* unsafe_get() const { return mObject; }
-    bool operator==(const wp& other) const { return mRefs == other.mRefs; }
-    bool operator!=(const wp& other) const { return mRefs != other.mRefs; }
 
   private:
     T* mObject;

@@ -33,11 +33,6 @@ class sp {
         return *this;
     }
 
-    template <typename... Args>
-    static sp make(Args&&... args) {
-        return sp(new T(std::forward<Args>(args)...));
-    }
-
     void clear() { *this = sp(); }
     T* get() const { return mObject; }
     T& operator*() const { return *mObject; }

@@ -7,21 +7,12 @@
 #include <utils/RefBase.h>
 
 #include <cstdint>
-#include <functional>
 
 namespace android::hidl::base::V1_0 {
 
 /// Base of every HIDL interface. A service need not override any of these: linking is done by the
 /// proxy that a client holds.
 struct IBase : public virtual ::android::RefBase {
-    virtual bool isRemote() const { return false; }
-
-    using interfaceDescriptor_cb =
-        std::function<void(const ::android::hardware::hidl_string& descriptor)>;
-    virtual ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb);
-
-    virtual ::android::hardware::Return<void> ping();
-
     /// Has the recipient told, once, on a thread of the platform's own, when the service's process
     /// dies; at once when it is dead already and that has not been reported yet. The recipient is
     /// held weakly.

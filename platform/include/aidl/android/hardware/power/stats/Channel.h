@@ -18,7 +18,6 @@ class Channel {
     bool operator==(const Channel& rhs) const {
         return std::tie(id, name, subsystem) == std::tie(rhs.id, rhs.name, rhs.subsystem);
     }
-    bool operator!=(const Channel& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

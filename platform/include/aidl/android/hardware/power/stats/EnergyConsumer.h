@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <string>
-#include <tuple>
 
 namespace aidl::android::hardware::power::stats {
 
@@ -17,12 +16,6 @@ class EnergyConsumer {
     int32_t ordinal = 0;  ///< tells consumers of one type apart, from 0
     EnergyConsumerType type = EnergyConsumerType::OTHER;
     std::string name;
-
-    bool operator==(const EnergyConsumer& rhs) const {
-        return std::tie(id, ordinal, type, name) ==
-               std::tie(rhs.id, rhs.ordinal, rhs.type, rhs.name);
-    }
-    bool operator!=(const EnergyConsumer& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <tuple>
 
 namespace aidl::android::hardware::power::stats {
 
@@ -12,11 +11,6 @@ class EnergyConsumerAttribution {
   public:
     int32_t uid = 0;
     int64_t energyUWs = 0;  ///< microwatt-seconds
-
-    bool operator==(const EnergyConsumerAttribution& rhs) const {
-        return std::tie(uid, energyUWs) == std::tie(rhs.uid, rhs.energyUWs);
-    }
-    bool operator!=(const EnergyConsumerAttribution& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

@@ -5,7 +5,6 @@
 #include <aidl/android/hardware/power/stats/EnergyConsumerAttribution.h>
 
 #include <cstdint>
-#include <tuple>
 #include <vector>
 
 namespace aidl::android::hardware::power::stats {
@@ -17,12 +16,6 @@ class EnergyConsumerResult {
     int64_t timestampMs = 0;  ///< milliseconds since boot
     int64_t energyUWs = 0;    ///< microwatt-seconds
     std::vector<EnergyConsumerAttribution> attribution;
-
-    bool operator==(const EnergyConsumerResult& rhs) const {
-        return std::tie(id, timestampMs, energyUWs, attribution) ==
-               std::tie(rhs.id, rhs.timestampMs, rhs.energyUWs, rhs.attribution);
-    }
-    bool operator!=(const EnergyConsumerResult& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

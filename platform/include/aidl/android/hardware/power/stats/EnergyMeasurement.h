@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <tuple>
 
 namespace aidl::android::hardware::power::stats {
 
@@ -14,12 +13,6 @@ class EnergyMeasurement {
     int64_t timestampMs = 0;  ///< when it was read, milliseconds since boot
     int64_t durationMs = 0;   ///< milliseconds over which the energy was accumulated
     int64_t energyUWs = 0;    ///< microwatt-seconds
-
-    bool operator==(const EnergyMeasurement& rhs) const {
-        return std::tie(id, timestampMs, durationMs, energyUWs) ==
-               std::tie(rhs.id, rhs.timestampMs, rhs.durationMs, rhs.energyUWs);
-    }
-    bool operator!=(const EnergyMeasurement& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string>
-#include <tuple>
 
 namespace aidl::android::hardware::power::stats {
 
@@ -13,11 +12,6 @@ class State {
   public:
     int32_t id = 0;  ///< unique within the entity
     std::string name;
-
-    bool operator==(const State& rhs) const {
-        return std::tie(id, name) == std::tie(rhs.id, rhs.name);
-    }
-    bool operator!=(const State& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

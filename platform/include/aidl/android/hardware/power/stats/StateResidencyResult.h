@@ -5,7 +5,6 @@
 #include <aidl/android/hardware/power/stats/StateResidency.h>
 
 #include <cstdint>
-#include <tuple>
 #include <vector>
 
 namespace aidl::android::hardware::power::stats {
@@ -15,11 +14,6 @@ class StateResidencyResult {
   public:
     int32_t id = 0;  ///< of the PowerEntity
     std::vector<StateResidency> stateResidencyData;
-
-    bool operator==(const StateResidencyResult& rhs) const {
-        return std::tie(id, stateResidencyData) == std::tie(rhs.id, rhs.stateResidencyData);
-    }
-    bool operator!=(const StateResidencyResult& rhs) const { return !(*this == rhs); }
 };
 
 }  // namespace aidl::android::hardware::power::stats

@@ -56,8 +56,6 @@ struct IPowerStats : public ::android::hidl::base::V1_0::IBase {
     virtual Return<void> getPowerEntityStateResidencyData(
         const hidl_vec<uint32_t>& powerEntityIds, getPowerEntityStateResidencyData_cb _hidl_cb) = 0;
 
-    Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) override;
-
     /// Looks a service up.
     /// @param getStub [in] asks for an implementation in the caller's own process; the host has
     /// none
