@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "BusNames.h"
+#include "NeverDestroyed.h"
 
 namespace host {
 namespace {
@@ -72,15 +73,10 @@ bool isFromBus(sd_bus_message* message) {
     return sender != nullptr && std::string(sender) == kBusName;
 }
 
-/// The connections of now, by Bus. Never destroyed, as nothing is that a thread may use at exit.
+/// The open connections, by Bus.
 struct Connections {
     std::mutex mutex;
     std::shared_ptr<BusConnection> of[2];
-
-    static Connections& get() {
-        static auto* const connections = new Connections;
-        return *connections;
-    }
 };
 
 }  // namespace
@@ -151,7 +147,7 @@ struct BusConnection::Watched {
 };
 
 std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
-    Connections& connections = Connections::get();
+    Connections& connections = neverDestroyed<Connections>();
     std::lock_guard<std::mutex> lock(connections.mutex);
     auto& current = connections.of[static_cast<int>(bus)];
     if (current != nullptr && current->isOpen()) return current;
@@ -168,11 +164,12 @@ std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
 }
 
 void BusConnection::noticeDeaths() {
+    Connections& connections = neverDestroyed<Connections>();
     for (const Bus bus : {Bus::kSession, Bus::kSystem}) {
         std::shared_ptr<BusConnection> connection;
         {
-            std::lock_guard<std::mutex> lock(Connections::get().mutex);
-            connection = Connections::get().of[static_cast<int>(bus)];
+            std::lock_guard<std::mutex> lock(connections.mutex);
+            connection = connections.of[static_cast<int>(bus)];
         }
         if (connection == nullptr) continue;
         // The first answer comes after every signal that the bus has sent, the second one after

@@ -68,7 +68,7 @@ int serveAidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     return serve(call, [&] {
         std::tuple<Ids...> ids;
         Reader reader(call, kMostIds);
-        if (std::apply([&](auto&... list) { return reader(list...); }, ids) < 0) {
+        if (std::apply(reader, ids) < 0) {
             return replyError(call, SD_BUS_ERROR_INVALID_ARGS, reader.error);
         }
         Records records;
@@ -89,7 +89,7 @@ int serveHidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     return serve(call, [&] {
         std::tuple<Ids...> ids;
         Reader reader(call, kMostIds);
-        if (std::apply([&](auto&... list) { return reader(list...); }, ids) < 0) {
+        if (std::apply(reader, ids) < 0) {
             // A D-Bus error would be a failed transaction, which ends a client that reads data.
             return reply(call, hidl_vec<Record>(), stats_V1_0::Status::INVALID_INPUT);
         }
@@ -109,50 +109,44 @@ int serveHidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
 using AidlIds = std::vector<int32_t>;
 using HidlIds = hidl_vec<uint32_t>;
 
-template <auto kMethod, typename Record, typename... Ids>
-constexpr auto kAidl = serveAidl<kMethod, std::vector<Record>, Ids...>;
-
 // Everybody may call: the bus's policy and the services themselves say who may read which data.
+template <auto kMethod, typename Record, typename... Ids>
+constexpr sd_bus_vtable aidl(const char* name, const char* in, const char* out) {
+    return SD_BUS_METHOD(name, in, out, (serveAidl<kMethod, std::vector<Record>, Ids...>),
+                         SD_BUS_VTABLE_UNPRIVILEGED);
+}
+
+template <auto kMethod, typename Record, typename... Ids>
+constexpr sd_bus_vtable hidl(const char* name, const char* in, const char* out) {
+    return SD_BUS_METHOD(name, in, out, (serveHidl<kMethod, Record, Ids...>),
+                         SD_BUS_VTABLE_UNPRIVILEGED);
+}
+
+using Aidl = stats_aidl::IPowerStats;
+using Hidl = stats_V1_0::IPowerStats;
+
 const sd_bus_vtable kAidlMethods[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getEnergyMeterInfo", "", "a(iss)",
-                  (kAidl<&stats_aidl::IPowerStats::getEnergyMeterInfo, stats_aidl::Channel>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(
-        "readEnergyMeter", "ai", "a(ixxx)",
-        (kAidl<&stats_aidl::IPowerStats::readEnergyMeter, stats_aidl::EnergyMeasurement, AidlIds>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getPowerEntityInfo", "", "a(isa(is))",
-                  (kAidl<&stats_aidl::IPowerStats::getPowerEntityInfo, stats_aidl::PowerEntity>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getStateResidency", "ai", "a(ia(ixxx))",
-                  (kAidl<&stats_aidl::IPowerStats::getStateResidency,
-                         stats_aidl::StateResidencyResult, AidlIds>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
+    aidl<&Aidl::getEnergyMeterInfo, stats_aidl::Channel>("getEnergyMeterInfo", "", "a(iss)"),
+    aidl<&Aidl::readEnergyMeter, stats_aidl::EnergyMeasurement, AidlIds>("readEnergyMeter", "ai",
+                                                                         "a(ixxx)"),
+    aidl<&Aidl::getPowerEntityInfo, stats_aidl::PowerEntity>("getPowerEntityInfo", "",
+                                                             "a(isa(is))"),
+    aidl<&Aidl::getStateResidency, stats_aidl::StateResidencyResult, AidlIds>("getStateResidency",
+                                                                              "ai", "a(ia(ixxx))"),
     SD_BUS_VTABLE_END,
 };
 
 const sd_bus_vtable kHidlMethods[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getRailInfo", "", "a(ussu)u",
-                  (serveHidl<&stats_V1_0::IPowerStats::getRailInfo, stats_V1_0::RailInfo>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(
-        "getEnergyData", "au", "a(utt)u",
-        (serveHidl<&stats_V1_0::IPowerStats::getEnergyData, stats_V1_0::EnergyData, HidlIds>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD(
-        "getPowerEntityInfo", "", "a(usu)u",
-        (serveHidl<&stats_V1_0::IPowerStats::getPowerEntityInfo, stats_V1_0::PowerEntityInfo>),
-        SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getPowerEntityStateInfo", "au", "a(ua(us))u",
-                  (serveHidl<&stats_V1_0::IPowerStats::getPowerEntityStateInfo,
-                             stats_V1_0::PowerEntityStateSpace, HidlIds>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD("getPowerEntityStateResidencyData", "au", "a(ua(uttt))u",
-                  (serveHidl<&stats_V1_0::IPowerStats::getPowerEntityStateResidencyData,
-                             stats_V1_0::PowerEntityStateResidencyResult, HidlIds>),
-                  SD_BUS_VTABLE_UNPRIVILEGED),
+    hidl<&Hidl::getRailInfo, stats_V1_0::RailInfo>("getRailInfo", "", "a(ussu)u"),
+    hidl<&Hidl::getEnergyData, stats_V1_0::EnergyData, HidlIds>("getEnergyData", "au", "a(utt)u"),
+    hidl<&Hidl::getPowerEntityInfo, stats_V1_0::PowerEntityInfo>("getPowerEntityInfo", "",
+                                                                 "a(usu)u"),
+    hidl<&Hidl::getPowerEntityStateInfo, stats_V1_0::PowerEntityStateSpace, HidlIds>(
+        "getPowerEntityStateInfo", "au", "a(ua(us))u"),
+    hidl<&Hidl::getPowerEntityStateResidencyData, stats_V1_0::PowerEntityStateResidencyResult,
+         HidlIds>("getPowerEntityStateResidencyData", "au", "a(ua(uttt))u"),
     SD_BUS_VTABLE_END,
 };
 

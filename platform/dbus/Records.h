@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -23,60 +24,47 @@ namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
 using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 
-// Each takes a visitor and hands it the record's members.
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::Channel& record) {
-    return visit(record.id, record.name, record.subsystem);
+// Each returns references to the record's members, in their order on the bus.
+inline auto members(stats_aidl::Channel& record) {
+    return std::tie(record.id, record.name, record.subsystem);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::EnergyMeasurement& record) {
-    return visit(record.id, record.timestampMs, record.durationMs, record.energyUWs);
+inline auto members(stats_aidl::EnergyMeasurement& record) {
+    return std::tie(record.id, record.timestampMs, record.durationMs, record.energyUWs);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::State& record) {
-    return visit(record.id, record.name);
+inline auto members(stats_aidl::State& record) {
+    return std::tie(record.id, record.name);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::PowerEntity& record) {
-    return visit(record.id, record.name, record.states);
+inline auto members(stats_aidl::PowerEntity& record) {
+    return std::tie(record.id, record.name, record.states);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::StateResidency& record) {
-    return visit(record.id, record.totalTimeInStateMs, record.totalStateEntryCount,
-                 record.lastEntryTimestampMs);
+inline auto members(stats_aidl::StateResidency& record) {
+    return std::tie(record.id, record.totalTimeInStateMs, record.totalStateEntryCount,
+                    record.lastEntryTimestampMs);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_aidl::StateResidencyResult& record) {
-    return visit(record.id, record.stateResidencyData);
+inline auto members(stats_aidl::StateResidencyResult& record) {
+    return std::tie(record.id, record.stateResidencyData);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::RailInfo& record) {
-    return visit(record.index, record.railName, record.subsysName, record.samplingRate);
+inline auto members(stats_V1_0::RailInfo& record) {
+    return std::tie(record.index, record.railName, record.subsysName, record.samplingRate);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::EnergyData& record) {
-    return visit(record.index, record.timestamp, record.energy);
+inline auto members(stats_V1_0::EnergyData& record) {
+    return std::tie(record.index, record.timestamp, record.energy);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::PowerEntityInfo& record) {
-    return visit(record.powerEntityId, record.powerEntityName, record.type);
+inline auto members(stats_V1_0::PowerEntityInfo& record) {
+    return std::tie(record.powerEntityId, record.powerEntityName, record.type);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::PowerEntityStateInfo& record) {
-    return visit(record.powerEntityStateId, record.powerEntityStateName);
+inline auto members(stats_V1_0::PowerEntityStateInfo& record) {
+    return std::tie(record.powerEntityStateId, record.powerEntityStateName);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::PowerEntityStateSpace& record) {
-    return visit(record.powerEntityId, record.states);
+inline auto members(stats_V1_0::PowerEntityStateSpace& record) {
+    return std::tie(record.powerEntityId, record.states);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::PowerEntityStateResidencyData& record) {
-    return visit(record.powerEntityStateId, record.totalTimeInStateMs, record.totalStateEntryCount,
-                 record.lastEntryTimestampMs);
+inline auto members(stats_V1_0::PowerEntityStateResidencyData& record) {
+    return std::tie(record.powerEntityStateId, record.totalTimeInStateMs,
+                    record.totalStateEntryCount, record.lastEntryTimestampMs);
 }
-template <typename Visitor>
-int members(Visitor& visit, stats_V1_0::PowerEntityStateResidencyResult& record) {
-    return visit(record.powerEntityId, record.stateResidencyData);
+inline auto members(stats_V1_0::PowerEntityStateResidencyResult& record) {
+    return std::tie(record.powerEntityId, record.stateResidencyData);
 }
 
 /// The D-Bus type of a number.
@@ -101,16 +89,10 @@ inline constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v
 template <typename T>
 std::string signatureOf();
 
-/// Collects the signature of a record's members.
-struct SignatureVisitor {
-    std::string signature;
-
-    template <typename... Members>
-    int operator()(Members&... member) {
-        ((signature += signatureOf<std::decay_t<Members>>(), (void)member), ...);
-        return 0;
-    }
-};
+template <typename... Members>
+std::string signatureOf(const std::tuple<Members&...>& /*members*/) {
+    return (signatureOf<Members>() + ...);
+}
 
 template <typename T>
 std::string signatureOf() {
@@ -123,10 +105,8 @@ std::string signatureOf() {
         if constexpr (kIsNumber<Element>) {
             return "a" + signatureOf<Element>();
         } else {
-            SignatureVisitor visitor;
             Element record;
-            members(visitor, record);
-            return "a(" + visitor.signature + ")";
+            return "a(" + signatureOf(members(record)) + ")";
         }
     }
 }
@@ -169,8 +149,10 @@ class Writer {
             } else {
                 static const std::string record = contents.substr(1, contents.size() - 2);
                 result = sd_bus_message_open_container(mMessage, 'r', record.c_str());
-                // The members are only read here; one list of them serves readers too.
-                if (result >= 0) result = members(*this, const_cast<Element&>(list[i]));
+                // The writer only reads the members; the reader needs the same list of them.
+                if (result >= 0) {
+                    result = std::apply(*this, members(const_cast<Element&>(list[i])));
+                }
                 if (result >= 0) result = sd_bus_message_close_container(mMessage);
             }
         }
@@ -237,7 +219,7 @@ class Reader {
         while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
             result = count(1);
             if (result >= 0) result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
-            if (result >= 0) result = members(*this, list->emplace_back());
+            if (result >= 0) result = std::apply(*this, members(list->emplace_back()));
             if (result >= 0) result = sd_bus_message_exit_container(mMessage);
         }
         return result < 0 ? result : sd_bus_message_exit_container(mMessage);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <aidl/android/hardware/power/stats/BnPowerStats.h>
-#include <aidl/android/hardware/power/stats/BpPowerStats.h>
 
 #include <utility>
 
@@ -21,34 +20,67 @@ const AIBinder_Class* host::aidlPowerStatsClass() {
 namespace aidl::android::hardware::power::stats {
 namespace {
 
+using host::Method;
 using ::ndk::ScopedAStatus;
 
-ScopedAStatus unknownTransaction() {
-    return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
-}
+/// The proxy. It forwards to the service while that lives and answers STATUS_DEAD_OBJECT once it is
+/// dead; a call in progress when the service dies fails too. As over a real transport the caller's
+/// result is written only when the call succeeded.
+class BpPowerStats : public ::ndk::BpCInterface<IPowerStats> {
+  public:
+    using BpCInterface::BpCInterface;
+    ~BpPowerStats() override { host::observe(host::Event::kAidlProxyDestroyed); }
 
-template <typename Reply, typename Call>
-ScopedAStatus transactUnlogged(AIBinder* binder, host::Method method, Reply* reply, Call call) {
-    host::Peer& peer = *binder->peer;
-    if (auto failure = peer.begin(method)) return host::toAidlStatus(*failure);
-    Reply received;
-    ScopedAStatus status =
-        call(static_cast<IPowerStats*>(::ndk::ICInterface::fromUserData(binder)), &received);
-    if (!peer.isAlive()) return host::toAidlStatus(host::deadObject());
-    if (status.isOk()) *reply = std::move(received);
-    return status;
-}
-
-/// Makes one call of a service through its binder.
-/// @param call [in] `ScopedAStatus(IPowerStats* service, Reply* reply)`
-template <typename Reply, typename Call>
-ScopedAStatus transact(AIBinder* binder, host::Method method, Reply* reply, Call call) {
-    ScopedAStatus status = transactUnlogged(binder, method, reply, call);
-    if (!status.isOk()) {
-        host::logFailure(method, status.get() != nullptr ? status.getDescription() : "no status");
+    ScopedAStatus getPowerEntityInfo(std::vector<PowerEntity>* _aidl_return) override {
+        return transact<&IPowerStats::getPowerEntityInfo>(Method::kAidlGetPowerEntityInfo,
+                                                          _aidl_return);
     }
-    return status;
-}
+    ScopedAStatus getStateResidency(const std::vector<int32_t>& in_powerEntityIds,
+                                    std::vector<StateResidencyResult>* _aidl_return) override {
+        return transact<&IPowerStats::getStateResidency>(Method::kAidlGetStateResidency,
+                                                         _aidl_return, in_powerEntityIds);
+    }
+    ScopedAStatus getEnergyConsumerInfo(std::vector<EnergyConsumer>*) override {
+        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
+    }
+    ScopedAStatus getEnergyConsumed(const std::vector<int32_t>&,
+                                    std::vector<EnergyConsumerResult>*) override {
+        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
+    }
+    ScopedAStatus getEnergyMeterInfo(std::vector<Channel>* _aidl_return) override {
+        return transact<&IPowerStats::getEnergyMeterInfo>(Method::kAidlGetEnergyMeterInfo,
+                                                          _aidl_return);
+    }
+    ScopedAStatus readEnergyMeter(const std::vector<int32_t>& in_channelIds,
+                                  std::vector<EnergyMeasurement>* _aidl_return) override {
+        return transact<&IPowerStats::readEnergyMeter>(Method::kAidlReadEnergyMeter, _aidl_return,
+                                                       in_channelIds);
+    }
+
+  private:
+    /// Makes one call of the service, and logs why it failed if it did.
+    template <auto kCall, typename Records, typename... Ids>
+    ScopedAStatus transact(Method method, Records* records, const Ids&... ids) {
+        ScopedAStatus status = transactUnlogged<kCall>(method, records, ids...);
+        if (!status.isOk()) {
+            host::logFailure(method,
+                             status.get() != nullptr ? status.getDescription() : "no status");
+        }
+        return status;
+    }
+
+    template <auto kCall, typename Records, typename... Ids>
+    ScopedAStatus transactUnlogged(Method method, Records* records, const Ids&... ids) {
+        host::Peer& peer = *mBinder.get()->peer;
+        if (auto failure = peer.begin(method)) return host::toAidlStatus(*failure);
+        auto* service = static_cast<IPowerStats*>(::ndk::ICInterface::fromUserData(mBinder.get()));
+        Records received;
+        ScopedAStatus status = (service->*kCall)(ids..., &received);
+        if (!peer.isAlive()) return host::toAidlStatus(host::deadObject());
+        if (status.isOk()) *records = std::move(received);
+        return status;
+    }
+};
 
 }  // namespace
 
@@ -62,49 +94,6 @@ std::shared_ptr<IPowerStats> IPowerStats::fromBinder(const ::ndk::SpAIBinder& bi
 ::ndk::SpAIBinder BnPowerStats::createBinder() {
     return ::ndk::SpAIBinder(
         AIBinder_new(host::aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this)));
-}
-
-BpPowerStats::BpPowerStats(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-
-BpPowerStats::~BpPowerStats() {
-    host::observe(host::Event::kAidlProxyDestroyed);
-}
-
-ScopedAStatus BpPowerStats::getPowerEntityInfo(std::vector<PowerEntity>* _aidl_return) {
-    return transact(
-        mBinder.get(), host::Method::kAidlGetPowerEntityInfo, _aidl_return,
-        [](IPowerStats* service, auto* reply) { return service->getPowerEntityInfo(reply); });
-}
-
-ScopedAStatus BpPowerStats::getStateResidency(const std::vector<int32_t>& in_powerEntityIds,
-                                              std::vector<StateResidencyResult>* _aidl_return) {
-    return transact(mBinder.get(), host::Method::kAidlGetStateResidency, _aidl_return,
-                    [&](IPowerStats* service, auto* reply) {
-                        return service->getStateResidency(in_powerEntityIds, reply);
-                    });
-}
-
-ScopedAStatus BpPowerStats::getEnergyConsumerInfo(std::vector<EnergyConsumer>*) {
-    return unknownTransaction();
-}
-
-ScopedAStatus BpPowerStats::getEnergyConsumed(const std::vector<int32_t>&,
-                                              std::vector<EnergyConsumerResult>*) {
-    return unknownTransaction();
-}
-
-ScopedAStatus BpPowerStats::getEnergyMeterInfo(std::vector<Channel>* _aidl_return) {
-    return transact(
-        mBinder.get(), host::Method::kAidlGetEnergyMeterInfo, _aidl_return,
-        [](IPowerStats* service, auto* reply) { return service->getEnergyMeterInfo(reply); });
-}
-
-ScopedAStatus BpPowerStats::readEnergyMeter(const std::vector<int32_t>& in_channelIds,
-                                            std::vector<EnergyMeasurement>* _aidl_return) {
-    return transact(mBinder.get(), host::Method::kAidlReadEnergyMeter, _aidl_return,
-                    [&](IPowerStats* service, auto* reply) {
-                        return service->readEnergyMeter(in_channelIds, reply);
-                    });
 }
 
 }  // namespace aidl::android::hardware::power::stats

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "NeverDestroyed.h"
 #include "Register.h"
 
 namespace {
@@ -19,11 +20,6 @@ struct BinderTable {
     std::mutex mutex;
     std::unordered_map<AIBinder*, uint64_t> serials;
     uint64_t nextSerial = 0;
-
-    static BinderTable& get() {
-        static auto* const table = new BinderTable;
-        return *table;
-    }
 };
 
 /// Takes a reference unless the last one has been dropped.
@@ -45,7 +41,7 @@ struct AIBinder_Weak {
 namespace host {
 
 AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer) {
-    BinderTable& table = BinderTable::get();
+    BinderTable& table = neverDestroyed<BinderTable>();
     void* userData = clazz->onCreate(args);
     std::lock_guard<std::mutex> lock(table.mutex);
     const uint64_t serial = table.nextSerial++;
@@ -88,8 +84,9 @@ void AIBinder_decStrong(AIBinder* binder) {
     host::observe(host::Event::kBinderReleased);
     if (--binder->strong != 0) return;
     {
-        std::lock_guard<std::mutex> lock(BinderTable::get().mutex);
-        BinderTable::get().serials.erase(binder);
+        auto& table = host::neverDestroyed<BinderTable>();
+        std::lock_guard<std::mutex> lock(table.mutex);
+        table.serials.erase(binder);
     }
     binder->peer->unlinkAll(binder);
     binder->clazz->onDestroy(binder->userData);
@@ -116,7 +113,7 @@ void AIBinder_Weak_delete(AIBinder_Weak* weak) {
 
 AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak) {
     if (weak == nullptr) return nullptr;
-    BinderTable& table = BinderTable::get();
+    BinderTable& table = host::neverDestroyed<BinderTable>();
     std::lock_guard<std::mutex> lock(table.mutex);
     auto entry = table.serials.find(weak->binder);
     if (entry == table.serials.end() || entry->second != weak->serial) return nullptr;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Binder.h"
+#include "NeverDestroyed.h"
 
 struct AStatus {
     binder_exception_t exception = EX_NONE;
@@ -18,11 +19,9 @@ struct AStatus {
 
 namespace {
 
-// What nearly every call returns is made once; it is never destroyed, so that a status can be used
-// while the process ends.
+/// The status that nearly every call returns: all holders share one object.
 AStatus* okStatus() {
-    static auto* const ok = new AStatus;
-    return ok;
+    return &host::neverDestroyed<AStatus>();
 }
 
 }  // namespace

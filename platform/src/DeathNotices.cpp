@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "NeverDestroyed.h"
 #include "Peer.h"
 #include "Register.h"
 
@@ -26,21 +27,6 @@ namespace {
 
 class DeathNotices {
   public:
-    static DeathNotices& get() {
-        // Never destroyed: the thread may outlive the destructors that run at exit.
-        static auto* const notices = new DeathNotices;
-        return *notices;
-    }
-
-    void expect() {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mExpected) return;
-        mExpected = true;
-        // A recipient must not be called while the destructors of the library that made it run at
-        // exit. A link comes after what it belongs to was made, so this handler runs before them.
-        std::atexit([] { get().stop(); });
-    }
-
     /// Starts the delivering thread, or leaves that to a later call when no thread is left.
     bool prepare() {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -62,6 +48,15 @@ class DeathNotices {
                                  [this] { return mPeers.empty() && !mReporting; });
     }
 
+    /// Begins no further notice, and waits for one that runs.
+    void stop() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mStopped = true;
+        // A recipient that ends the process itself must not wait for itself.
+        if (std::this_thread::get_id() == mThread) return;
+        mChanged.wait(lock, [this] { return !mReporting; });
+    }
+
   private:
     [[noreturn]] void run() {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -80,19 +75,10 @@ class DeathNotices {
         }
     }
 
-    void stop() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mStopped = true;
-        // A recipient that ends the process itself must not wait for itself.
-        if (std::this_thread::get_id() == mThread) return;
-        mChanged.wait(lock, [this] { return !mReporting; });
-    }
-
     std::mutex mMutex;
     std::condition_variable mChanged;
     std::deque<std::shared_ptr<Peer>> mPeers;
     std::thread::id mThread;
-    bool mExpected = false;
     bool mStarted = false;
     bool mReporting = false;
     bool mStopped = false;
@@ -116,20 +102,23 @@ bool startThread(std::function<void()> function) {
 }
 
 bool prepareNotices() {
-    return DeathNotices::get().prepare();
+    return neverDestroyed<DeathNotices>().prepare();
 }
 
 void expectNotices() {
-    DeathNotices::get().expect();
+    // A recipient must not be called while the destructors of the library that made it run at exit.
+    // A link is made after its recipient, so this handler runs before those destructors.
+    [[maybe_unused]] static const int registered =
+        std::atexit([] { neverDestroyed<DeathNotices>().stop(); });
 }
 
 void deliverNotices(std::shared_ptr<Peer> peer) {
-    DeathNotices::get().add(std::move(peer));
+    neverDestroyed<DeathNotices>().add(std::move(peer));
 }
 
 bool waitForDeathNotices(double seconds) {
     if (OtherProcesses* others = otherProcesses()) others->noticeDeaths();
-    return DeathNotices::get().waitUntilDone(seconds);
+    return neverDestroyed<DeathNotices>().waitUntilDone(seconds);
 }
 
 }  // namespace host

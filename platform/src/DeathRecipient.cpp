@@ -86,29 +86,13 @@ binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* 
     if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
     if (auto failure = binder->peer->beginLink()) return failure->transactionError;
     auto link = std::make_shared<AidlDeathLink>(binder, recipient, cookie, recipient->state);
-    switch (binder->peer->link(std::move(link))) {
-        case host::Peer::LinkResult::kLinked:
-            return STATUS_OK;
-        case host::Peer::LinkResult::kReported:
-            return STATUS_DEAD_OBJECT;
-        case host::Peer::LinkResult::kFailed:
-            break;
-    }
-    return STATUS_FAILED_TRANSACTION;
+    return binder->peer->link(std::move(link));
 }
 
 binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                        void* cookie) {
     if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
-    switch (binder->peer->unlink(binder, recipient, reinterpret_cast<uintptr_t>(cookie))) {
-        case host::Peer::UnlinkResult::kUnlinked:
-            return STATUS_OK;
-        case host::Peer::UnlinkResult::kReported:
-            return STATUS_DEAD_OBJECT;
-        case host::Peer::UnlinkResult::kNotFound:
-            break;
-    }
-    return STATUS_NAME_NOT_FOUND;
+    return binder->peer->unlink(binder, recipient, reinterpret_cast<uintptr_t>(cookie));
 }
 
 }  // extern "C"

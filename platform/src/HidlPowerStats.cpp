@@ -21,6 +21,7 @@ namespace android::hardware::power::stats::V1_0 {
 namespace {
 
 using TransportStatus = ::android::hardware::Status;
+using host::Method;
 using host::toTransportStatus;
 
 class HidlDeathLink : public host::DeathLink {
@@ -54,80 +55,70 @@ class BpHwPowerStats : public IPowerStats {
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
         if (auto failure = mPeer->beginLink()) return toTransportStatus(*failure);
         auto link = std::make_shared<HidlDeathLink>(this, recipient, cookie);
-        return mPeer->link(std::move(link)) == host::Peer::LinkResult::kLinked;
+        return mPeer->link(std::move(link)) == OK;
     }
 
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
-        return mPeer->unlink(identity(), recipient.get(), std::nullopt) ==
-               host::Peer::UnlinkResult::kUnlinked;
+        return mPeer->unlink(identity(), recipient.get(), std::nullopt) == OK;
     }
 
     Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
-        return transact(host::Method::kHidlGetRailInfo, _hidl_cb,
-                        [&](auto answer) { return mService->getRailInfo(answer); });
+        return transact<&IPowerStats::getRailInfo>(Method::kHidlGetRailInfo, _hidl_cb);
     }
-
     Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
                                getEnergyData_cb _hidl_cb) override {
-        return transact(host::Method::kHidlGetEnergyData, _hidl_cb,
-                        [&](auto answer) { return mService->getEnergyData(railIndices, answer); });
+        return transact<&IPowerStats::getEnergyData>(Method::kHidlGetEnergyData, _hidl_cb,
+                                                     railIndices);
     }
-
     Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
         return TransportStatus::fromStatusT(UNKNOWN_TRANSACTION);
     }
-
     Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
-        return transact(host::Method::kHidlGetPowerEntityInfo, _hidl_cb,
-                        [&](auto answer) { return mService->getPowerEntityInfo(answer); });
+        return transact<&IPowerStats::getPowerEntityInfo>(Method::kHidlGetPowerEntityInfo,
+                                                          _hidl_cb);
     }
-
     Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
                                          getPowerEntityStateInfo_cb _hidl_cb) override {
-        return transact(host::Method::kHidlGetPowerEntityStateInfo, _hidl_cb, [&](auto answer) {
-            return mService->getPowerEntityStateInfo(powerEntityIds, answer);
-        });
+        return transact<&IPowerStats::getPowerEntityStateInfo>(Method::kHidlGetPowerEntityStateInfo,
+                                                               _hidl_cb, powerEntityIds);
     }
-
     Return<void> getPowerEntityStateResidencyData(
         const hidl_vec<uint32_t>& powerEntityIds,
         getPowerEntityStateResidencyData_cb _hidl_cb) override {
-        return transact(
-            host::Method::kHidlGetPowerEntityStateResidencyData, _hidl_cb, [&](auto answer) {
-                return mService->getPowerEntityStateResidencyData(powerEntityIds, answer);
-            });
+        return transact<&IPowerStats::getPowerEntityStateResidencyData>(
+            Method::kHidlGetPowerEntityStateResidencyData, _hidl_cb, powerEntityIds);
     }
 
   private:
     /// What links made through this proxy are known by.
     const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
 
-    /// Makes one call of the service.
-    /// @param call [in] `Return<void>(answer)`, where `answer` is the callback for the service
-    template <typename Callback, typename Call>
-    Return<void> transact(host::Method method, const Callback& callback, Call call) {
-        if (auto failure = mPeer->begin(method)) return failed(method, toTransportStatus(*failure));
+    /// Makes one call of the service, and logs why it failed if it did.
+    template <auto kCall, typename Callback, typename... Ids>
+    Return<void> transact(Method method, const Callback& callback, const Ids&... ids) {
+        Return<void> result = transactUnlogged<kCall>(method, callback, ids...);
+        if (!result.isOkUnchecked()) host::logFailure(method, result.description());
+        return result;
+    }
+
+    template <auto kCall, typename Callback, typename... Ids>
+    Return<void> transactUnlogged(Method method, const Callback& callback, const Ids&... ids) {
+        if (auto failure = mPeer->begin(method)) return toTransportStatus(*failure);
         struct {
             const host::Peer& peer;
             const Callback& callback;
             bool answered;
         } transaction{*mPeer, callback, false};
         // One captured pointer, so that the std::function made of it allocates nothing.
-        Return<void> result = call([&transaction](const auto& records, V1_0::Status status) {
-            if (transaction.answered || !transaction.peer.isAlive()) return;
-            transaction.answered = true;
-            transaction.callback(records, status);
-        });
-        if (!result.isOkUnchecked()) host::logFailure(method, result.description());
+        Return<void> result =
+            (*mService.*kCall)(ids..., [&transaction](const auto& records, V1_0::Status status) {
+                if (transaction.answered || !transaction.peer.isAlive()) return;
+                transaction.answered = true;
+                transaction.callback(records, status);
+            });
         if (transaction.answered || !result.isOkUnchecked()) return result;
-        if (!mPeer->isAlive()) return failed(method, toTransportStatus(host::deadObject()));
-        return failed(
-            method, TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer"));
-    }
-
-    static TransportStatus failed(host::Method method, const TransportStatus& status) {
-        host::logFailure(method, status.description());
-        return status;
+        if (!mPeer->isAlive()) return toTransportStatus(host::deadObject());
+        return TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer");
     }
 
     const sp<IPowerStats> mService;

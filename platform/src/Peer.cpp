@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "NeverDestroyed.h"
 #include "Register.h"
 
 namespace host {
 
 ServiceStats* Peer::unnamed() {
-    // Never destroyed, as nothing is that the platform's threads may still use at exit.
-    static auto* const stats = new ServiceStats;
-    return stats;
+    return &neverDestroyed<ServiceStats>();
 }
 
 void Peer::die() {
@@ -37,23 +36,23 @@ std::optional<Failure> Peer::beginLink() {
     return stats().nextLink();
 }
 
-Peer::LinkResult Peer::link(std::shared_ptr<DeathLink> link) {
+android::status_t Peer::link(std::shared_ptr<DeathLink> link) {
     expectNotices();
     std::lock_guard<std::mutex> watchLock(mWatchMutex);
     bool late;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mReported) return LinkResult::kReported;
+        if (mReported) return android::DEAD_OBJECT;
     }
-    if (!startWatching()) return LinkResult::kFailed;
+    if (!startWatching()) return android::FAILED_TRANSACTION;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mReported) return LinkResult::kReported;
+        if (mReported) return android::DEAD_OBJECT;
         mLinks.push_back(std::move(link));
         late = !mAlive;
     }
     if (late) deliverNotices(shared_from_this());
-    return LinkResult::kLinked;
+    return android::OK;
 }
 
 size_t Peer::end(const Matches& matches, size_t most) {
@@ -70,8 +69,8 @@ size_t Peer::end(const Matches& matches, size_t most) {
     return ended.size();
 }
 
-Peer::UnlinkResult Peer::unlink(const void* owner, const void* recipient,
-                                std::optional<uint64_t> cookie) {
+android::status_t Peer::unlink(const void* owner, const void* recipient,
+                               std::optional<uint64_t> cookie) {
     stats().unlinks++;
     auto matches = [=](const DeathLink& link) {
         return link.owner == owner && link.recipient == recipient &&
@@ -79,8 +78,8 @@ Peer::UnlinkResult Peer::unlink(const void* owner, const void* recipient,
     };
     const bool found = end(matches, 1) != 0;
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mReported) return UnlinkResult::kReported;
-    return found ? UnlinkResult::kUnlinked : UnlinkResult::kNotFound;
+    if (mReported) return android::DEAD_OBJECT;
+    return found ? android::OK : android::NAME_NOT_FOUND;
 }
 
 void Peer::unlinkAll(const void* owner) {

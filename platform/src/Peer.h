@@ -6,6 +6,7 @@
 #pragma once
 
 #include <host/ServiceControl.h>
+#include <utils/Errors.h>
 
 #include <atomic>
 #include <cstdint>
@@ -70,14 +71,16 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Counts a link and says how it fails, if it is scripted to.
     std::optional<Failure> beginLink();
 
-    enum class LinkResult { kLinked, kReported, kFailed };
     /// Adds a link. A dead peer whose death has not been reported yet accepts it and reports at
     /// once.
-    LinkResult link(std::shared_ptr<DeathLink> link);
+    /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
+    ///     death cannot be watched for.
+    android::status_t link(std::shared_ptr<DeathLink> link);
 
-    enum class UnlinkResult { kUnlinked, kReported, kNotFound };
     /// Ends the first link of these two, with this cookie if one is given.
-    UnlinkResult unlink(const void* owner, const void* recipient, std::optional<uint64_t> cookie);
+    /// @return OK, DEAD_OBJECT once the death has been reported, or NAME_NOT_FOUND.
+    android::status_t unlink(const void* owner, const void* recipient,
+                             std::optional<uint64_t> cookie);
     /// Ends all links of a proxy that goes.
     void unlinkAll(const void* owner);
 

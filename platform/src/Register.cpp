@@ -12,6 +12,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "NeverDestroyed.h"
+
 namespace host {
 namespace {
 
@@ -22,12 +24,6 @@ struct Register {
     std::atomic<OtherProcesses*> others{nullptr};
     std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                    // of look-ups
     std::vector<std::string> namesOnBus{kAidlPowerStats, kHidlPowerStats};  // of look-ups
-
-    // Never destroyed: services and threads may use it until the process has ended.
-    static Register& get() {
-        static auto* const instance = new Register;
-        return *instance;
-    }
 };
 
 struct MethodName {
@@ -61,7 +57,7 @@ Method methodOf(const std::string& service, const std::string& method) {
 
 /// Takes a service out of the register; its object is null when there was none.
 RegisteredService remove(const std::string& name) {
-    Register& all = Register::get();
+    Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);
     auto entry = all.services.find(name);
     if (entry == all.services.end()) return {};
@@ -102,7 +98,7 @@ std::optional<Failure> ServiceStats::next(Script* script) {
 }
 
 ServiceStats& ServiceStats::of(const std::string& name) {
-    Register& all = Register::get();
+    Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);
     auto& stats = all.stats[name];
     if (stats == nullptr) stats = std::make_unique<ServiceStats>();
@@ -117,7 +113,7 @@ void logFailure(Method method, const std::string& reason) {
 
 void registerService(const std::string& name, RegisteredService service) {
     service.peer->setStats(&ServiceStats::of(name));
-    Register& all = Register::get();
+    Register& all = neverDestroyed<Register>();
     {
         std::lock_guard<std::mutex> lock(all.mutex);
         std::swap(all.services[name], service);
@@ -127,7 +123,7 @@ void registerService(const std::string& name, RegisteredService service) {
 
 RegisteredService findService(const std::string& name) {
     ServiceStats::of(name).lookups++;
-    Register& all = Register::get();
+    Register& all = neverDestroyed<Register>();
     std::vector<Bus> buses;
     {
         std::lock_guard<std::mutex> lock(all.mutex);
@@ -146,15 +142,15 @@ RegisteredService findService(const std::string& name) {
 }
 
 void plugIn(OtherProcesses* others) {
-    Register::get().others = others;
+    neverDestroyed<Register>().others = others;
 }
 
 OtherProcesses* otherProcesses() {
-    return Register::get().others;
+    return neverDestroyed<Register>().others;
 }
 
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
-    Register& all = Register::get();
+    Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);
     all.buses = std::move(buses);
     all.namesOnBus = std::move(names);
@@ -213,11 +209,6 @@ namespace {
 struct Observer {
     std::mutex mutex;
     std::shared_ptr<const std::function<void(Event)>> function;
-
-    static Observer& get() {
-        static auto* const instance = new Observer;
-        return *instance;
-    }
 };
 
 }  // namespace
@@ -226,15 +217,17 @@ void setObserver(std::function<void(Event)> observer) {
     auto function = observer
                         ? std::make_shared<const std::function<void(Event)>>(std::move(observer))
                         : nullptr;
-    std::lock_guard<std::mutex> lock(Observer::get().mutex);
-    Observer::get().function = std::move(function);
+    auto& current = neverDestroyed<Observer>();
+    std::lock_guard<std::mutex> lock(current.mutex);
+    current.function = std::move(function);
 }
 
 void observe(Event event) {
+    auto& current = neverDestroyed<Observer>();
     std::shared_ptr<const std::function<void(Event)>> function;
     {
-        std::lock_guard<std::mutex> lock(Observer::get().mutex);
-        function = Observer::get().function;
+        std::lock_guard<std::mutex> lock(current.mutex);
+        function = current.function;
     }
     if (function != nullptr) (*function)(event);
 }
