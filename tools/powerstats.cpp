@@ -162,7 +162,7 @@ void awaitServiceOnBus(const Arguments& arguments) {
     using std::chrono::steady_clock;
     const auto until = steady_clock::now() + std::chrono::duration<double>(arguments.waitSeconds);
     while (!isServed()) {
-        if (steady_clock::now() >= until) {
+        if (!(steady_clock::now() < until)) {  // so that NaN ends too
             explainAbsence(arguments);
             return;
         }

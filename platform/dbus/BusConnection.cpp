@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -27,7 +28,8 @@ std::atomic<uint64_t> gTimeLimitUs{25'000'000};
 }  // namespace
 
 void setBusTimeLimit(double seconds) {
-    gTimeLimitUs = static_cast<uint64_t>(seconds * 1e6);
+    // 0 would be sd-bus's own limit.
+    gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
 }
 
 namespace dbus {
@@ -68,9 +70,13 @@ Failure failureOf(const sd_bus_error& error, bool late) {
     return failure(android::FAILED_TRANSACTION, text);
 }
 
-bool isFromBus(sd_bus_message* message) {
+bool isFrom(sd_bus_message* message, const char* name) {
     const char* sender = sd_bus_message_get_sender(message);
-    return sender != nullptr && std::string(sender) == kBusName;
+    return sender != nullptr && std::strcmp(sender, name) == 0;
+}
+
+bool isFromBus(sd_bus_message* message) {
+    return isFrom(message, kBusName);
 }
 
 /// The open connections, by Bus.
@@ -118,7 +124,7 @@ struct BusConnection::Call {
         if (read(reader) < 0) return misfit(reader.error);
         return std::nullopt;
     } catch (const std::bad_alloc&) {
-        return failure(android::NO_MEMORY, "no memory is left for the reply");
+        return failure(android::NO_MEMORY, "no memory");  // short, because it must not allocate
     }
 
     Failure misfit(const std::string& why) const {
@@ -132,6 +138,7 @@ struct BusConnection::Watched {
     std::weak_ptr<BusPeer> peer;
     std::string owner;              // kept here, since the peer may be going
     std::promise<bool>* watching;   // of the thread that waits; null once it knows
+    std::string rule = {};          // of the match
     UniqueSlot match = nullptr;     // for NameOwnerChanged
     UniqueSlot question = nullptr;  // the last GetNameOwner
 
@@ -284,6 +291,8 @@ void BusConnection::wait() {
 
 /// With the connection all services found through it are gone.
 void BusConnection::lose() {
+    // The peers die before any thread can see the loss.
+    for (const auto& entry : mWatched) entry.second->die();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         close(std::exchange(mWakeUp, -1));
@@ -298,10 +307,13 @@ void BusConnection::lose() {
     mBus.reset();
 }
 
-void BusConnection::begin(Call* call) {
-    const uint64_t limitUs = gTimeLimitUs;
-    call->deadline = steady_clock::now() + std::chrono::microseconds(limitUs);
-    mCalls.insert(call);
+/// Sends a call. A call that is sent again keeps its deadline.
+void BusConnection::begin(Call* call) try {
+    using std::chrono::microseconds;
+    const auto now = steady_clock::now();
+    if (mCalls.insert(call).second) call->deadline = now + microseconds(gTimeLimitUs);
+    const auto left = std::chrono::duration_cast<microseconds>(call->deadline - now).count();
+    const auto limitUs = static_cast<uint64_t>(std::max<int64_t>(left, 1));
     sd_bus_message* made = nullptr;
     int result = sd_bus_message_new_method_call(mBus.get(), &made, call->owner.c_str(),
                                                 call->owner == kBusName ? kBusPath : kObjectPath,
@@ -318,6 +330,8 @@ void BusConnection::begin(Call* call) {
         // Out of buffers counts as lost too, because such a connection does not recover.
         sd_bus_close(mBus.get());
     }
+} catch (const std::bad_alloc&) {
+    finish(call, failure(android::NO_MEMORY, "no memory"));
 }
 
 void BusConnection::finish(Call* call, std::optional<Failure> failure) {
@@ -328,16 +342,24 @@ void BusConnection::finish(Call* call, std::optional<Failure> failure) {
 }
 
 void BusConnection::beginWatching(const std::shared_ptr<BusPeer>& peer,
-                                  std::promise<bool>* watching) {
-    auto& watched = mWatched[peer.get()];
-    watched = std::make_unique<Watched>(Watched{this, peer, peer->owner, watching});
-    const std::string match =
+                                  std::promise<bool>* watching) try {
+    auto watched = std::make_unique<Watched>(Watched{this, peer, peer->owner, watching});
+    watched->rule =
         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
         "member='NameOwnerChanged',arg0='" +
         peer->owner + "'";
+    auto& kept = mWatched[peer.get()];
+    kept = std::move(watched);
+    addMatch(kept.get());
+} catch (const std::bad_alloc&) {
+    std::promise<bool> told = std::move(*watching);
+    told.set_value(false);
+}
+
+void BusConnection::addMatch(Watched* watched) {
     sd_bus_slot* slot = nullptr;
-    const int result = sd_bus_add_match_async(mBus.get(), &slot, match.c_str(), ownerChanged,
-                                              matchInstalled, watched.get());
+    const int result = sd_bus_add_match_async(mBus.get(), &slot, watched->rule.c_str(),
+                                              ownerChanged, matchInstalled, watched);
     watched->match.reset(slot);
     if (result < 0) sd_bus_close(mBus.get());
 }
@@ -362,15 +384,27 @@ int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* 
     auto* call = static_cast<Call*>(userData);
     BusConnection* const connection = call->connection;
     // With the connection lost, lose() ends the call, after it has marked the peers dead.
-    if (sd_bus_is_open(connection->mBus.get()) > 0) connection->finish(call, call->take(reply));
+    if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;
+    if (isFromBus(reply) || isFrom(reply, call->owner.c_str())) {
+        connection->finish(call, call->take(reply));
+    } else {
+        // sd-bus takes a reply by its number alone, and a session bus lets strangers send one.
+        // Asking again is harmless, because every call only reads.
+        connection->begin(call);
+    }
     return 1;
 }
 
 int BusConnection::matchInstalled(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
     auto* watched = static_cast<Watched*>(userData);
     BusConnection* const connection = watched->connection;
-    // A death before the match was in place has no signal, so the bus is asked once it is.
-    if (sd_bus_message_is_method_error(reply, nullptr) <= 0) {
+    if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;  // lose() tells
+    if (!isFromBus(reply)) {
+        connection->addMatch(watched);
+    } else if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY) > 0) {
+        sd_bus_close(connection->mBus.get());  // a bus that does not answer is a lost one
+    } else if (sd_bus_message_is_method_error(reply, nullptr) <= 0) {
+        // A death before the match was in place has no signal, so the bus is asked once it is.
         connection->ask(watched);
     } else if (auto peer = watched->peer.lock()) {
         watched->tell(false);
@@ -383,12 +417,23 @@ int BusConnection::ownerChanged(sd_bus_message* /*signal*/, void* userData,
                                 sd_bus_error* /*error*/) {
     auto* watched = static_cast<Watched*>(userData);
     watched->connection->ask(watched);
-    return 1;
+    return 0;  // other peers of the same owner have the same match
 }
 
 int BusConnection::ownerTold(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
     auto* watched = static_cast<Watched*>(userData);
-    if (sd_bus_message_is_method_error(reply, nullptr) > 0) watched->die();
+    BusConnection* const connection = watched->connection;
+    if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;  // lose() tells
+    if (!isFromBus(reply)) {
+        connection->ask(watched);
+        return 1;
+    }
+    if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
+        watched->die();
+    } else if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
+        sd_bus_close(connection->mBus.get());  // a bus that cannot say is a lost one
+        return 1;
+    }
     watched->tell(true);
     return 1;
 }

@@ -74,8 +74,8 @@ class BusPeer : public Peer {
 /// that alone uses it. The thread reads all the time, so that nothing piles up between calls, and
 /// it calls no recipient, so it may be waited for.
 ///
-/// A bus carries messages from anybody. Only the bus itself is believed, and replies to calls made
-/// here; everything else is dropped unread.
+/// A bus carries messages from anybody. Only the bus itself is believed, and the owner of a called
+/// service about that call; everything else is dropped unread.
 ///
 /// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead.
 /// Safe to use from any thread.
@@ -129,6 +129,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void begin(Call* call);
     void finish(Call* call, std::optional<Failure> failure);
     void beginWatching(const std::shared_ptr<BusPeer>& peer, std::promise<bool>* watching);
+    void addMatch(Watched* watched);
     void ask(Watched* watched);
     static int ignoreStrangers(sd_bus_message* message, void* userData, sd_bus_error* error);
     static int replied(sd_bus_message* reply, void* userData, sd_bus_error* error);

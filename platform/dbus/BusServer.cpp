@@ -37,7 +37,9 @@ int reply(sd_bus_message* call, const Members&... member) {
     int result = sd_bus_message_new_method_return(call, &made);
     const UniqueMessage answer(made);
     if (result < 0) return result;
-    if (Writer(answer.get())(member...) < 0) {
+    result = Writer(answer.get())(member...);
+    if (result < 0 && result != -EINVAL) return result;
+    if (result < 0) {
         return sd_bus_reply_method_errorf(
             call, SD_BUS_ERROR_FAILED,
             "the answer of %s holds a text that a bus cannot carry (not UTF-8, or with a NUL)",
@@ -208,9 +210,12 @@ struct BusServer::Impl {
         int result = sd_bus_detach_event(bus.get());
         sd_event_source* source = nullptr;
         if (result >= 0) {
-            // A bus that can send does that first, and does not read in the same step.
-            const auto send = [](sd_event_source*, int, uint32_t, void* bus) {
-                return std::min(sd_bus_process(static_cast<sd_bus*>(bus), nullptr), 0);
+            // A bus that can send a whole answer does so first, and does not read in that step.
+            const auto send = [](sd_event_source*, int, uint32_t, void* userData) {
+                auto* bus = static_cast<sd_bus*>(userData);
+                // A source whose callback fails is switched off; a closed bus ends the loop.
+                if (sd_bus_process(bus, nullptr) < 0) sd_bus_close(bus);
+                return 0;
             };
             result = sd_event_add_io(event.get(), &source, sd_bus_get_fd(bus.get()), EPOLLOUT, send,
                                      bus.get());
@@ -246,6 +251,8 @@ std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     int result = sd_event_new(&event);
     impl->event.reset(event);
     if (result >= 0) result = dbus::openBus(bus, &impl->bus);
+    // By default the end of the event loop flushes, for as long as the bus does not read.
+    if (result >= 0) result = sd_bus_set_close_on_exit(impl->bus.get(), 0);
     const char* unique = nullptr;
     if (result >= 0) result = sd_bus_get_unique_name(impl->bus.get(), &unique);
     if (result >= 0) result = impl->stopOn(SIGTERM);

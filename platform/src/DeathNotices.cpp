@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The thread that delivers death notices. Nothing a client calls waits for it: a recipient may be
-// waiting for a lock that the client holds.
+// The thread that delivers death notices. No call of a service waits for it, because a recipient may
+// be waiting for a lock that the caller holds. Only AIBinder_DeathRecipient_delete and exit wait for
+// a notice that runs.
 
 #include <host/ServiceControl.h>
 #include <pthread.h>
@@ -14,7 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -94,7 +95,7 @@ bool startThread(std::function<void()> function) {
     bool started = true;
     try {
         std::thread(std::move(function)).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         started = false;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
