@@ -3,40 +3,17 @@
 // The rules of binders, of their register and of the AIDL proxy that a client relies on.
 
 #include <android/binder_manager.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <host/ServiceControl.h>
-#include <signal.h>
 
 #include <memory>
 
-#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeServices.h"
 
 namespace support {
 namespace {
 
 using ndk::SpAIBinder;
-
-AIBinder_Class* otherClass(AIBinder_Class_onDestroy onDestroy = [](void*) {}) {
-    return AIBinder_Class_define(
-        "android.hardware.light.ILights", [](void* args) { return args; }, onDestroy,
-        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
-            return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
-        });
-}
-
-TEST(BinderHolder, EndsTheProcessWhenItsContentIsReplacedDuringItsRelease) {
-    const Ended ended = runInChild([] {
-        SpAIBinder holder;
-        AIBinder_Class* const clazz =
-            otherClass([](void* held) { *static_cast<SpAIBinder*>(held)->getR() = nullptr; });
-        holder.set(AIBinder_new(clazz, &holder));
-        holder.set(nullptr);
-    });
-    EXPECT_EQ(ended.signal, SIGABRT);
-    EXPECT_THAT(ended.errors, testing::HasSubstr("Race detected."));
-}
 
 class Binder : public testing::Test {
   protected:
@@ -73,7 +50,11 @@ TEST_F(Binder, IsTheSameForTheSameServiceAndKeepsItAlive) {
 
 TEST_F(Binder, OfAnotherInterfaceGivesNoProxy) {
     EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder()), nullptr);
-    static AIBinder_Class* const clazz = otherClass();
+    AIBinder_Class* const clazz = AIBinder_Class_define(
+        "android.hardware.light.ILights", [](void* args) { return args; }, [](void*) {},
+        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
+            return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
+        });
     EXPECT_EQ(stats::IPowerStats::fromBinder(SpAIBinder(AIBinder_new(clazz, nullptr))), nullptr);
     EXPECT_EQ(AServiceManager_getService("android.hardware.power.stats.IPowerStats/other"),
               nullptr);

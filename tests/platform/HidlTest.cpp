@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reference counts and transport results of HIDL, and its proxy.
+// Transport results of HIDL, and its proxy.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeServices.h"
@@ -19,47 +18,9 @@ namespace support {
 namespace {
 
 using android::sp;
-using android::wp;
 using android::hardware::Return;
 using TransportStatus = android::hardware::Status;
 using stats_V1_0::IPowerStats;
-
-struct Counted : android::RefBase {
-    explicit Counted(int* ended) : ended(ended) {}
-    ~Counted() override { ++*ended; }
-    int* const ended;
-};
-
-TEST(RefBase, EndsWithTheLastStrongReference) {
-    int ended = 0;
-    sp<Counted> first = new Counted(&ended);
-    sp<android::RefBase> second = first;
-    sp<Counted> moved = std::move(first);
-    EXPECT_EQ(moved->getStrongCount(), 2);
-    const wp<Counted> weak = moved;
-    EXPECT_EQ(weak.promote(), moved);
-    moved = moved.get();
-    moved = nullptr;
-    EXPECT_EQ(ended, 0);
-    second.clear();
-    EXPECT_EQ(ended, 1);
-    EXPECT_EQ(weak.promote(), nullptr);
-}
-
-TEST(RefBase, WeakReferenceFromBeforeTheFirstStrongOne) {
-    int ended = 0;
-    auto* const object = new Counted(&ended);
-    { const wp<Counted> first = object; }
-    const wp<Counted> weak = object;
-    EXPECT_EQ(object->getStrongCount(), 0);
-    {
-        const sp<Counted> strong = weak.promote();
-        EXPECT_EQ(strong.get(), object);
-        EXPECT_EQ(object->getStrongCount(), 1);
-    }
-    EXPECT_EQ(ended, 1);
-    EXPECT_EQ(weak.promote(), nullptr);
-}
 
 Return<void> failed() {
     return TransportStatus::fromStatusT(android::DEAD_OBJECT, "gone");
@@ -150,24 +111,6 @@ TEST_F(HidlProxy, AnswersAreSynchronousAndFailuresHaveNone) {
     EXPECT_EQ(ask(other), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
     EXPECT_EQ(IPowerStats::getService(), nullptr);
     EXPECT_EQ(host::transactions(host::kHidlPowerStats, "getRailInfo"), 7);
-}
-
-struct Careless : FakeHidl {
-    FakeHidl::Result getRailInfo(getRailInfo_cb callback) override {
-        for (int i = 0; i < answers; ++i) callback({}, Status::SUCCESS);
-        return android::hardware::Void();
-    }
-    int answers = 0;
-};
-
-TEST_F(HidlProxy, ServiceThatAnswersNotAtAllOrTwice) {
-    const sp<Careless> service = new Careless;
-    ASSERT_EQ(service->registerAsService("careless"), android::OK);
-    const sp<IPowerStats> client = IPowerStats::getService("careless");
-    EXPECT_EQ(ask(client),
-              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the service gave no answer'");
-    service->answers = 2;
-    EXPECT_EQ(ask(client), "0 with 0. ");
 }
 
 }  // namespace
