@@ -2,7 +2,7 @@
 //
 // A peer of the library or of the daemon in a process of its own:
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
-//   bus_peer answer aidl|hidl error|signature|text|elements|never   a service that answers badly
+//   bus_peer answer error|signature|text|elements|never   an AIDL service that answers badly
 //   bus_peer attack forge|junk|repeat|flood|lazy   a hostile user of the bus: see kAttacks
 // busMachine() describes MACHINE. The program writes "ready" when it can be called, or after its
 // first attack. An attack goes on until the program is killed.
@@ -70,11 +70,10 @@ int answerBadly(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     return result;
 }
 
-int answer(const std::string& hal, char* how) {
+int answer(char* how) {
     sd_bus* bus = nullptr;
-    const char* name = hal == "aidl" ? host::dbus::kAidlBusName : host::dbus::kHidlBusName;
     if (sd_bus_open_user(&bus) < 0 || sd_bus_add_filter(bus, nullptr, answerBadly, how) < 0 ||
-        sd_bus_request_name(bus, name, 0) < 0) {
+        sd_bus_request_name(bus, host::dbus::kAidlBusName, 0) < 0) {
         return 1;
     }
     std::fputs("ready\n", stderr);
@@ -175,7 +174,7 @@ int main(int argc, char** argv) {
     if (argc >= 4 && std::strcmp(argv[1], "serve") == 0) {
         return support::serve(argv[2], argv[3], argc > 4 ? argv[4] : "");
     }
-    if (argc == 4 && std::strcmp(argv[1], "answer") == 0) return support::answer(argv[2], argv[3]);
+    if (argc == 3 && std::strcmp(argv[1], "answer") == 0) return support::answer(argv[2]);
     if (argc == 3 && std::strcmp(argv[1], "attack") == 0) support::attack(argv[2]);
     std::fputs("bus_peer: see the head of BusPeer.cpp for its arguments\n", stderr);
     return 2;

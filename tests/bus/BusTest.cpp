@@ -240,7 +240,7 @@ TEST(AidlBus, BadAnswersAreFailedTransactions) {
     const PrivateBus bus;
     for (const auto& row : cases) {
         SCOPED_TRACE(row.how);
-        const auto peer = startPeer({"answer", "aidl", row.how});
+        const auto peer = startPeer({"answer", row.how});
         host::setBusTimeLimit(row.status == STATUS_TIMED_OUT ? 0.2 : 30);
         const auto client = stats::IPowerStats::fromBinder(
             ndk::SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));

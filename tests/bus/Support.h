@@ -32,12 +32,12 @@ class Process {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    /// Reads until the text arrives, the output ends or `seconds` have passed.
+    /// Reads until the text arrives, the output ends or nothing comes for 30 s.
     /// @return whether the text arrived.
-    bool waitFor(const std::string& text, double seconds = 30);
+    bool waitFor(const std::string& text);
     /// Reads the rest of the output and waits for the end.
     /// @return the exit code, or the negative number of the signal that ended it.
-    int wait(double seconds = 50);
+    int wait();
     void signal(int number) const;
     /// SIGKILL, and waits until it is gone.
     void kill();
@@ -47,8 +47,6 @@ class Process {
     pid_t pid() const { return mPid; }
 
   private:
-    bool readMore(double seconds);
-
     pid_t mPid = -1;
     int mPipe = -1;
     int mStatus = 0;

@@ -78,7 +78,7 @@ TEST_F(Binder, AnswerIsWrittenOnlyWhenTheCallSucceeded) {
 
     mService->failing.clear();
     EXPECT_TRUE(client->getEnergyMeterInfo(&channels).isOk());
-    ASSERT_EQ(channels.size(), 1u) << "an answer replaces what was there";
+    ASSERT_EQ(channels.size(), 1u) << "an answer replaces the old content";
     EXPECT_EQ(channels[0].name, "rail");
 }
 
