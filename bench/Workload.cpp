@@ -105,7 +105,7 @@ void RegisteredService::restart() {
 BusService::BusService(const Workload& workload) : mWorkload(workload) {
     int ready[2];
     require(pipe2(ready, O_CLOEXEC) == 0, "no more pipes");
-    std::vector<std::string> arguments = {"powerstats_bench", "serve"};
+    std::vector<std::string> arguments = {"powerstats_bench", "--serve"};
     for (const int argument : {static_cast<int>(workload.backend), static_cast<int>(workload.call),
                                workload.elements, workload.states, workload.nameLength}) {
         arguments.push_back(std::to_string(argument));

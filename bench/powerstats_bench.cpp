@@ -413,21 +413,17 @@ int run(int argc, char** argv) {
     std::string file = LoadedLibrary::kDefaultFile;
     std::string against;
     bool bus = false;
-    Workload served{};
-    bool serve = false;
+    std::vector<int> served;
     app.add_option("--library", file, "The library's file")->check(CLI::ExistingFile);
     app.add_option("--against", against, "Another build of the library, measured in the same run")
         ->check(CLI::ExistingFile);
     app.add_flag("--bus", bus, "Measure collections over the session bus too");
-    auto* const service = app.add_subcommand("serve", "")->group("");  // what BusService starts
-    service->add_option("backend", served.backend)->required();
-    service->add_option("call", served.call)->required();
-    service->add_option("elements", served.elements)->required();
-    service->add_option("states", served.states)->required();
-    service->add_option("nameLength", served.nameLength)->required();
-    service->callback([&] { serve = true; });
+    app.add_option("--serve", served)->expected(5)->group("");  // see BusService
     if (const auto ended = powerstats::parseArguments(&app, argc, argv)) return *ended;
-    if (serve) return serveOnBus(served);
+    if (!served.empty()) {
+        return serveOnBus({static_cast<Backend>(served[0]), static_cast<Call>(served[1]), served[2],
+                           served[3], served[4]});
+    }
 
     std::vector<std::string> rest = app.remaining();
     rest.insert(rest.begin(), argv[0]);

@@ -104,7 +104,7 @@ const EndCase kEndCases[] = {
 
 class ProcessEnds : public testing::TestWithParam<EndCase> {};
 INSTANTIATE_TEST_SUITE_P(All, ProcessEnds, testing::ValuesIn(kEndCases),
-                         [](const auto& info) { return info.param.name; });
+                         testing::PrintToStringParamName());
 
 TEST_P(ProcessEnds, WithNothingBeyondItsMessage) {
     const EndCase& test = GetParam();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The result as its readers have it.
+// The result as its readers parse it.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -28,7 +28,7 @@ TEST_F(ResultFormat, KnownBytes) {
               "0c");
 }
 
-TEST_F(ResultFormat, IsWhatTheSchemaDescribes) {
+TEST_F(ResultFormat, FitsTheSchema) {
     Machine machine = smallMachine();
     machine.energies.push_back({1, 5000, 5000, -4500000});
     machine.totals[0].stateResidencyData.push_back({0, 0, 1, 0});
@@ -38,10 +38,9 @@ TEST_F(ResultFormat, IsWhatTheSchemaDescribes) {
         << *call(Call::kRails).bytes << *call(Call::kResidencies).bytes;
     const std::string command =
         "'" PROTOC_PROGRAM "' --proto_path='" SCHEMA_FOLDER
-        "' --decode="
-        "com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult "
+        "' --decode=com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult "
         "power_data_result.proto <'" +
-        file + "' 2>&1";
+        file + "' 2>&1 | tr -s '\n ' ' '";
     std::string text;
     {
         const std::unique_ptr<FILE, int (*)(FILE*)> protoc(popen(command.c_str(), "r"), pclose);
@@ -49,41 +48,19 @@ TEST_F(ResultFormat, IsWhatTheSchemaDescribes) {
         for (int c; (c = std::fgetc(protoc.get())) != EOF;) text += static_cast<char>(c);
     }
     std::remove(file.c_str());
-    const auto rail = [](const std::string& value) {
-        return R"(keyed_power_data {
-  id {
-    kind: KIND_RAIL
-    name: "VDD_CPU"
-    timestamp_ms: 123456789
-  }
-  data {
-    scalar {
-      value: )" +
-               value + "\n    }\n  }\n}\n";
-    };
-    EXPECT_EQ(text, rail("4500") + rail("-4500") + R"(keyed_power_data {
-  id {
-    kind: KIND_POWER_ENTITY
-    name: "SOC"
-    timestamp_ms: 123456789
-  }
-  data {
-    residency {
-      name: "S0"
-      total_time_in_state_ms: 5000
-      total_state_entry_count: 12
-    }
-    residency {
-      name: "S0"
-      total_time_in_state_ms: 0
-      total_state_entry_count: 1
-    }
-  }
-}
-)");
+    const std::string rail =
+        R"(keyed_power_data { id { kind: KIND_RAIL name: "VDD_CPU" timestamp_ms: 123456789 } )"
+        "data { scalar { value: ";
+    EXPECT_EQ(text, rail + "4500 } } } " + rail + "-4500 } } } " +
+                        R"(keyed_power_data { id { kind: KIND_POWER_ENTITY name: "SOC" )"
+                        "timestamp_ms: 123456789 } data { "
+                        R"(residency { name: "S0" total_time_in_state_ms: 5000 )"
+                        "total_state_entry_count: 12 } "
+                        R"(residency { name: "S0" total_time_in_state_ms: 0 )"
+                        "total_state_entry_count: 1 } } } ");
 }
 
-TEST_F(ResultFormat, KindsOfReadersAreFourteen) {
+TEST_F(ResultFormat, KeepsAllFourteenKinds) {
     for (uint64_t kind = 0; kind < 20; ++kind) {
         SCOPED_TRACE(kind);
         proto::Id id;
@@ -94,7 +71,7 @@ TEST_F(ResultFormat, KindsOfReadersAreFourteen) {
     }
 }
 
-TEST_F(ResultFormat, FieldsOfReadersOnly) {
+TEST_F(ResultFormat, HasFieldsThatOnlyReadersUse) {
     proto::PowerDataResult result;
     ASSERT_TRUE(result.ParseFromString(
         field(1, ~0ull) + field(2, field(3, field(1, ~0ull) + field(2, std::string("h\xff"))))));
