@@ -38,7 +38,7 @@ constexpr bool kOfRails = std::is_same_v<Record, stats::EnergyMeasurement> ||
 template <typename Records>
 using RecordOf = typename Records::value_type;
 
-// The wire format, for what a result has: varints, and what comes with its length.
+// The parts of the wire format that a result has: varints, and fields that begin with their length.
 
 size_t varintSize(uint64_t value) {
     return static_cast<size_t>(63 - __builtin_clzll(value | 1)) / 7 + 1;
@@ -64,7 +64,7 @@ class Writer {
         *mTo++ = static_cast<char>(number << 3);
         varint(value);
     }
-    /// What precedes a message's fields, or a string's bytes.
+    /// Writes the tag and the length of a message or a string.
     void length(int number, size_t length) {
         *mTo++ = static_cast<char>(number << 3 | 2);
         varint(length);
@@ -295,8 +295,8 @@ host::JavaBytes BareClient::collect(Step step, int64_t timestampMs,
         result.SerializeToString(&bytes);
         if (step == Step::kFloor && !inCallback) received = toJava(bytes);
     });
-    // What is built within a service's callback goes with it, before anything is handed over. To
-    // free it before or after costs an allocator different amounts.
+    // The message ends with the service's callback, before the bytes are handed over, as in the
+    // library. An allocator's cost depends on that order.
     if (step == Step::kFloor && inCallback) received = toJava(bytes);
     return received;
 }

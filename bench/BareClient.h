@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the library is measured against: a client that does only what nobody could leave out.
+// The client that the library is measured against. It does only the work that no client can leave
+// out.
 //
 // The floor asks the same questions through the same proxies, builds the same messages from names
 // that it has at hand in the order of the answers, serializes them and hands them to Java. The
@@ -45,7 +46,7 @@ class BareClient {
     BareClient& operator=(const BareClient&) = delete;
 
     /// Looks the service up, links to its death, asks for the names that the library would ask for,
-    /// and fills caches like the library's. What a cache has already stays.
+    /// and fills caches like the library's. Entries of a cache stay.
     /// @param choose [in] with the look-up by which the library chooses its backend.
     void connect(bool choose);
     /// Drops the connection and, with AIDL, the names, as after a death.

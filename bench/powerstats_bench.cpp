@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// powerstats_bench: what the library costs, beside a bare client's cost on the same data.
+// powerstats_bench: the cost of the library, compared with a bare client's cost on the same data.
 //
 // Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH/SUBJECT", and those of
 // several threads end with how many. The subject is the library, another build of it ("against"),
@@ -76,7 +76,7 @@ void check(const Build& build, const Workload& workload) {
     proto::PowerDataResult result;
     if (!result.ParseFromArray(expected->data(), static_cast<int>(expected->size())) ||
         result.keyed_power_data_size() != workload.elements) {
-        fail(workload.text() + ": the result is not what was asked for");
+        fail(workload.text() + ": the result does not have all elements");
     }
     // The clock goes on between calls.
     const int64_t timestampMs = result.keyed_power_data(0).id().timestamp_ms();
@@ -89,7 +89,7 @@ void check(const Build& build, const Workload& workload) {
     }
 }
 
-/// Times `run` in the benchmark's loop and counts what it allocates.
+/// Times `run` in the benchmark's loop and counts its allocations.
 void measure(State& state, const Workload& workload, const std::function<void()>& run) {
     run();
     for (auto _ : state) run();
@@ -262,51 +262,43 @@ std::vector<std::string> counterFiles(size_t count) {
     return files;
 }
 
-void countersService(State& state, const std::vector<std::string>& paths) {
+/// Reads all files in every iteration: by the service for Linux, or as the floor by bare preads.
+void measureCounters(State& state, const std::vector<std::string>& paths, bool floor) {
     const auto sysfs = std::make_shared<const powerstats::Sysfs>("/sys", nullptr);
     std::vector<std::unique_ptr<powerstats::NumberFile>> files;
-    files.reserve(paths.size());
+    std::vector<int> descriptors;
     for (const std::string& path : paths) {
-        files.push_back(std::make_unique<powerstats::NumberFile>(sysfs, path));
+        if (floor) {
+            descriptors.push_back(open(("/sys/" + path).c_str(), O_RDONLY | O_CLOEXEC));
+        } else {
+            files.push_back(std::make_unique<powerstats::NumberFile>(sysfs, path));
+        }
     }
     const auto readAll = [&] {
+        char buffer[64];
+        for (const int descriptor : descriptors) {
+            if (pread(descriptor, buffer, sizeof(buffer), 0) <= 0) fail("pread of /sys failed");
+        }
         for (const auto& file : files) {
             if (!file->read()) fail("a counter of /sys cannot be read");
         }
     };
-    readAll();  // opens them
+    readAll();  // opens the service's files
     for (auto _ : state) readAll();
-}
-
-void countersFloor(State& state, const std::vector<std::string>& paths) {
-    std::vector<int> files;
-    files.reserve(paths.size());
-    for (const std::string& path : paths) {
-        files.push_back(open(("/sys/" + path).c_str(), O_RDONLY | O_CLOEXEC));
-    }
-    char buffer[64];
-    for (auto _ : state) {
-        for (const int file : files) {
-            if (pread(file, buffer, sizeof(buffer), 0) <= 0) fail("pread of /sys failed");
-        }
-    }
-    for (const int file : files) close(file);
+    for (const int descriptor : descriptors) close(descriptor);
+    state.counters["size"] = static_cast<double>(paths.size());
 }
 
 void addCounters() {
     for (const size_t count : {40, 1280}) {
         const std::vector<std::string> paths = counterFiles(count);
         if (paths.empty()) continue;
-        const auto add = [&](const std::string& subject, auto function) {
-            const std::string name =
-                "counters/sysfs/numbers/" + std::to_string(count) + "/0/" + subject;
-            benchmark::RegisterBenchmark(name.c_str(), [=](State& state) {
-                function(state, paths);
-                state.counters["size"] = static_cast<double>(count);
-            });
-        };
-        add("service", countersService);
-        add("floor", countersFloor);
+        for (const bool floor : {false, true}) {
+            const std::string name = "counters/sysfs/numbers/" + std::to_string(count) + "/0/" +
+                                     (floor ? "floor" : "service");
+            benchmark::RegisterBenchmark(
+                name.c_str(), [=](State& state) { measureCounters(state, paths, floor); });
+        }
     }
 }
 
@@ -381,12 +373,9 @@ void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus
         }
     }
     if (!ordinary) return;
-    const std::pair<const char*, Step> steps[] = {{"transaction", Step::kTransaction},
-                                                  {"tree", Step::kTree},
-                                                  {"sizes", Step::kSizes},
-                                                  {"bytes", Step::kBytes}};
-    for (const auto& [name, step] : steps) {
-        add("steps", workload, name, with(first, measureSteady, step));
+    const char* const steps[] = {"transaction", "tree", "sizes", "bytes"};
+    for (int i = 0; i < 4; ++i) {
+        add("steps", workload, steps[i], with(first, measureSteady, static_cast<Step>(i)));
     }
     const auto addBus = [&](const std::string& subject, const Build* build) {
         const auto measure = [=](State& state) { measureBus(state, workload, build); };
@@ -405,8 +394,7 @@ void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus
 }
 
 int run(int argc, char** argv) {
-    CLI::App app(
-        "Measures libpowerstatshaldataprovider beside a bare client of the same services.");
+    CLI::App app("Compares libpowerstatshaldataprovider with a bare client of the same services.");
     app.footer(
         "Other options are Google Benchmark's: --benchmark_filter=REGEX, --benchmark_out=FILE");
     app.allow_extras();
@@ -434,17 +422,16 @@ int run(int argc, char** argv) {
     benchmark::Initialize(&count, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
 
-    // A heap that is given back to the kernel after each large collection, and faulted in again in
-    // the next, or not, by where its last chunk happens to lie, would drown what is measured.
+    // Keep the heap: returning it to the kernel after a large collection, and faulting it in again,
+    // would cost more than the measured work.
     mallopt(M_TRIM_THRESHOLD, 1 << 30);
     mallopt(M_MMAP_THRESHOLD, 1 << 30);
-    // What is logged is formatted, as always, but not written.
+    // Log lines are formatted, as always, but not written.
     __android_log_set_logger([](const __android_log_message*) {});
     host::setBusLookups({});
     std::vector<Build> builds = {{"library", file}};
     if (!against.empty()) builds.push_back({"against", against});
-    // All is checked before anything is kept: what would lie between the freed chunks of large
-    // results would leave the heap in pieces.
+    // Check first: long-lived allocations between freed chunks would fragment the heap.
     const std::vector<Workload> workloads = allWorkloads();
     for (const Build& build : builds) {
         for (const Workload& workload : workloads) check(build, workload);

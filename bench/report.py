@@ -4,8 +4,8 @@
 
 Usage: report.py RUN.json LIBRARY.json [--json FILE]
 
-RUN.json is Google Benchmark's output, LIBRARY.json what scripts/bench found out about the library's
-file. Every figure is the median over the repetitions of a benchmark. Exits with 1 when a target is
+RUN.json is Google Benchmark's output, LIBRARY.json the properties of the library's file that
+scripts/bench found. Every figure is the median over the repetitions of a benchmark. Exits with 1 when a target is
 missed.
 """
 
@@ -83,19 +83,17 @@ def print_tables(results, library):
     table("Steady calls (an item is a rail, or a state of an entity; names of 12 or 40 bytes)",
           header, rows)
 
-    rows = []
-    for name, (ours, floor) in growths(steady).items():
-        rows.append([name, shown(ours), shown(floor), shown(ours / floor)])
     table("Growth of the cost of an item from the smallest to the largest size",
-          ["", "library", "floor", "library/floor"], rows)
+          ["", "library", "floor", "library/floor"],
+          [[name, shown(ours), shown(floor), shown(ours / floor)]
+           for name, (ours, floor) in growths(steady).items()])
 
-    rows = []
-    for group in ("first", "reconnect", "selecting", "loading", "bus"):
-        for workload, subjects in group_of(results, group).items():
-            rows.append([f"{group} {workload}", shown(subjects["library"]["ns"] / 1000, 1),
-                         shown(ratio(subjects, "floor")), shown(ratio(subjects, "against"))])
+    rows = [[f"{group} {workload}", shown(subjects["library"]["ns"] / 1000, 1),
+             shown(ratio(subjects, "floor")), shown(ratio(subjects, "against"))]
+            for group in ("first", "reconnect", "selecting", "loading", "bus")
+            for workload, subjects in group_of(results, group).items()]
     table("Other calls: the first of a process, the first after a death, one that chooses the backend\n"
-          "anew, dlopen with the first call, and a steady one over a bus (whose floor are the bare bus\n"
+          "again, dlopen with the first call, and a steady one over a bus (whose floor are the bare bus\n"
           "calls, replies unread)", ["", "library us", "/floor", "/against"], rows)
 
     rows = []
@@ -136,7 +134,7 @@ def growths(steady):
 
 
 def targets(results, library):
-    """What the library is meant to keep: [(text, limit, worst value, where)]."""
+    """The targets, with the worst value of this run and its place."""
     steady = group_of(results, "steady")
     found = []
 
@@ -159,14 +157,14 @@ def targets(results, library):
     at_most("allocations above the floor's", 2,
             {workload: subjects["library"]["allocations"] - subjects["floor"]["allocations"]
              for workload, subjects in steady.items()})
-    at_most("growth beside the floor's", 1.2,
+    at_most("growth, compared with the floor's", 1.2,
             {kind: ours / floor for kind, (ours, floor) in growths(steady).items()})
-    at_most("first call beside its floor", 1.2, ratios("first"))
-    at_most("one thread's throughput beside that of 8", 1 / 0.9,
+    at_most("first call, compared with its floor", 1.2, ratios("first"))
+    at_most("one thread's throughput, compared with that of 8", 1 / 0.9,
             {key[1]: results["threads", key[1], 1]["library"]["items_per_second"] /
              subjects["library"]["items_per_second"]
              for key, subjects in results.items() if key[0] == "threads" and key[2] == 8})
-    at_most("counters of /sys beside bare preads", 1.5,
+    at_most("counters of /sys, compared with bare preads", 1.5,
             {workload: subjects["service"]["ns"] / subjects["floor"]["ns"]
              for workload, subjects in group_of(results, "counters").items()})
     at_most("stripped size, bytes", 128 * 1024, {"the library's file": library["stripped_bytes"]})
@@ -193,7 +191,7 @@ def main():
         print("{}  {target}: at most {limit:.4g}, worst {worst:.4g} ({where})".format(
             "met    " if target["met"] else "NOT MET", **target))
     if arguments.json:
-        # Of the context what says which kind of machine it was, and nothing of whose.
+        # The kind of machine, without its name.
         context = {key: run["context"][key] for key in ("num_cpus", "mhz_per_cpu", "caches")}
         rows = [{"group": group, "workload": workload, "threads": threads, "subject": subject,
                  **{key: [round(run, 1) for run in value] if key == "runs" else round(value, 1)

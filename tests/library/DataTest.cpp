@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// From what a service answers to the bytes of the result, for both backends.
+// From a service's answers to the bytes of the result, for both backends.
 
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ struct DataCase {
     }
 };
 
-/// A HIDL service without entities is not used, by rails neither.
+/// A HIDL service without entities is not used, not even for rails.
 const stats::PowerEntity kUnused{99, "unused", {}};
 
 /// Rails by id and name, and energies in microwatt-seconds by id.
@@ -153,10 +153,10 @@ TEST_P(BothBackends, EnergyThroughAFloatInto32Bits) {
          {16777219, 16777},
          {16777216999, 16777218},
          {123456789012, 123456792},
-         // Where rounding the energy to a float comes out in the value.
+         // Rounding the energy to a float changes these values.
          {35067579525, 35067580},
          {1888894980369, 1888894976},
-         // Where a division in double, a product with 0.001, and a division of integers differ.
+         // A division in double, a product with 0.001 and a division of integers differ here.
          {638675311015, 638675328},
          {106784333046, 106784336},
          {1465249041865, 1465249024},
@@ -214,7 +214,7 @@ TEST_F(AidlData, FilteredRailNeedsNoName) {
 }
 
 TEST_P(BothBackends, OneTimestampReadAfterTheServiceAnswered) {
-    // As late as the clock goes, where that fits 32 bits.
+    // The latest time, where time_t has 32 bits.
     constexpr int64_t kLateSeconds = sizeof(time_t) > 4 ? 9000000000 : 2147483647;
     struct {
         std::optional<timespec> now;
@@ -231,7 +231,7 @@ TEST_P(BothBackends, OneTimestampReadAfterTheServiceAnswered) {
                        {{7, "SOC", {{0, "S0"}}}},
                        {{7, {{0, 1, 2, 0}}}, {7, {{0, 3, 4, 0}}}}});
     for (const auto& test : kCases) {
-        // The right time shows only from the last transaction of a call on.
+        // The clock shows the right time only from the last transaction of a call on.
         onCall(GetParam()) = [&](const std::string& method) {
             bootClock().now = timespec{42, 0};
             if (method == "readEnergyMeter" || method == "getStateResidency" ||

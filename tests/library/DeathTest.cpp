@@ -65,7 +65,7 @@ TEST_P(Death, DropsTheConnectionAtOnceAndTheNextCallReconnects) {
                                               names + steadyTraffic(mBackend, Call::kResidencies)));
 }
 
-// With HIDL the names come with the connection.
+// With AIDL only: over HIDL the names come with the connection.
 TEST_P(Death, BeforeTheServiceHadNames) {
     if (mBackend == Backend::kHidl) return;
     serve(mBackend, {});
@@ -77,7 +77,7 @@ TEST_P(Death, BeforeTheServiceHadNames) {
     expectRecovery(Call::kRails);
 }
 
-// With AIDL an answer comes with the end of a transaction.
+// With HIDL only: over AIDL an answer comes with the end of a transaction.
 TEST_P(Death, AfterTheLastAnswerDoesNotHarmTheCall) {
     if (mBackend == Backend::kAidl) return;
     int64_t unlinks = 0;
@@ -89,7 +89,7 @@ TEST_P(Death, AfterTheLastAnswerDoesNotHarmTheCall) {
             dieIn(which == Call::kRails ? "getEnergyData" : "getPowerEntityStateResidencyData");
         Outcome outcome = call(which);
         EXPECT_TRUE(host::waitForDeathNotices());
-        // The notice may drop the connection before the traffic has been looked at, or after.
+        // The notice drops the connection before or after the traffic is compared.
         outcome.traffic = steadyTraffic(mBackend, which);
         EXPECT_EQ(outcome, array(smallResult(which), outcome.traffic));
         EXPECT_EQ(host::unlinks(nameOf(mBackend)), ++unlinks);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What no caller of the two entry points can bring about. The library's source is part of this
-// program, and its globals are the program's.
+// States that no caller of the two entry points can bring about. The library's source is part of
+// this program, and its globals are the program's.
 
-// NOLINTNEXTLINE(bugprone-suspicious-include): that is the point
+// NOLINTNEXTLINE(bugprone-suspicious-include): the source is part of this program
 #include "jni/TavrelPowerStatsHalDataProviderNative.cpp"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 
 namespace {
 
-/// What this program's look-up of the HIDL service finds.
+/// The service that this program's look-up of HIDL finds.
 ::android::sp<support::stats_V1_0::IPowerStats> gServiceItself;
 
 }  // namespace
@@ -34,7 +34,7 @@ namespace {
 
 using support::Backend;
 
-TEST(Internals, EnergyThatIsNoNumberOrBeyondAll) {
+TEST(Internals, EnergyThatIsNaNOrInfinite) {
     const float infinity = std::numeric_limits<float>::infinity();
     EXPECT_EQ(toMillijoules(std::nanf("")), 0);
     EXPECT_EQ(toMillijoules(-std::nanf("")), 0);
@@ -44,7 +44,7 @@ TEST(Internals, EnergyThatIsNoNumberOrBeyondAll) {
     EXPECT_EQ(toMillijoules(-2147483648000.0f), -2147483648LL);
 }
 
-TEST(Internals, CallableThatSelectionDidNotBind) {
+TEST(Internals, CallOfAnUnboundCollectorEndsTheProcess) {
     const support::Ended ended = support::runInChild([] {
         support::Scenario scenario;
         collect({}, scenario.env.get(), nullptr);
@@ -65,18 +65,18 @@ class AidlInternals : public testing::Test, public support::Scenario {
     }
 };
 
-TEST_F(AidlInternals, OnlyStatesAreMissing) {
+TEST_F(AidlInternals, MissingStatesAreAskedFor) {
     gEntityNames = {{7, "old"}};
     EXPECT_EQ(residencies(), support::entity("old", {support::residency("S0", 5000, 12)}));
     EXPECT_EQ(host::lookups(host::kAidlPowerStats), 1);
 }
 
-TEST_F(AidlInternals, OnlyEntitiesAreMissing) {
+TEST_F(AidlInternals, MissingEntitiesAreAskedFor) {
     gStateNames = {{7, {{0, "old"}}}};
     EXPECT_EQ(residencies(), support::entity("SOC", {support::residency("old", 5000, 12)}));
 }
 
-TEST_F(AidlInternals, ServiceHasNoneOfTheMissing) {
+TEST_F(AidlInternals, ServiceWithoutTheMissingNamesGivesNull) {
     aidl->machine.entities.clear();
     gEntityNames = {{7, "old"}};
     EXPECT_EQ(residencies(), "null");
@@ -105,7 +105,8 @@ class HidlInternals : public testing::Test, public support::Scenario {
     HidlInternals() { serve(Backend::kHidl, support::smallMachine()); }
 };
 
-// A name query that fails drops the connection in any case, so here is who does it when.
+// A failed name query drops the connection in any case; a dead object does so before the query
+// ends.
 TEST_F(HidlInternals, OnlyADeadObjectDisconnectsAtOnce) {
     using TransportStatus = ::android::hardware::Status;
     gPowerStatsHalV1_0 = hidl;
@@ -132,8 +133,8 @@ struct SilentEnergy : support::FakeHidl {
     }
 };
 
-// The platform's proxy would have made a failure of it.
-TEST_F(HidlInternals, EnergyThatNeverCameIsAnEmptyResult) {
+// The platform's proxy turns a missing answer into a failure.
+TEST_F(HidlInternals, MissingEnergyIsAnEmptyResult) {
     const ::android::sp<SilentEnergy> silent = new SilentEnergy;
     silent->tell(support::smallMachine());
     gPowerStatsHalV1_0 = silent;

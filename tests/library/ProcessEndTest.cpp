@@ -54,12 +54,12 @@ void unknownEntity(Scenario& /*scenario*/, Machine& machine) {
 void unknownState(Scenario& /*scenario*/, Machine& machine) {
     machine.totals[0].stateResidencyData.push_back({1, 2, 3, 4});
 }
-/// An entity that is listed again with more states: its state maps are not merged.
+/// Lists an entity again with more states. State maps are not merged.
 void stateOfASecondListing(Scenario& scenario, Machine& machine) {
     machine.entities.push_back({7, "again", {{1, "more"}}});
     unknownState(scenario, machine);
 }
-/// A state id that the entity did not have before: the old state map is kept as it was.
+/// Adds a state to an entity. The old state map stays as it was.
 void newState(Scenario& scenario, Machine& machine) {
     machine.entities[0].states.push_back({1, "new"});
     unknownState(scenario, machine);
@@ -106,7 +106,7 @@ class ProcessEnds : public testing::TestWithParam<EndCase> {};
 INSTANTIATE_TEST_SUITE_P(All, ProcessEnds, testing::ValuesIn(kEndCases),
                          testing::PrintToStringParamName());
 
-TEST_P(ProcessEnds, WithNothingBeyondItsMessage) {
+TEST_P(ProcessEnds, WithItsMessageOnly) {
     const EndCase& test = GetParam();
     const Ended ended = runInChild([&] {
         Scenario scenario;
@@ -154,7 +154,7 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
                 allocations().failing = 0;
                 ASSERT_LT(allocations().count, failing) << "a failure was survived";
                 ASSERT_EQ(toText(bytes), smallResult(mCall));
-                // A mutex left held would stop this one until the child is ended.
+                // If the mutex were still held, this call would block until the child is ended.
                 ASSERT_EQ(scenario.call(mCall).bytes, smallResult(mCall));
             });
             if (ended.exitCode == kReturned) break;
@@ -186,7 +186,7 @@ TEST_P(ResidencyAllocations, AreAsManyForEachStateHoweverManyThereAre) {
     };
     const int64_t few = countWith(1000);
     const int64_t each = (countWith(2000) - few) / 1000;
-    // More than a count of 16 bits holds.
+    // 40000 states exceed a count of 16 bits.
     EXPECT_EQ(countWith(40000), few + 39000 * each);
 }
 

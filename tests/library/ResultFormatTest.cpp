@@ -66,7 +66,7 @@ TEST_F(ResultFormat, KeepsAllFourteenKinds) {
         proto::Id id;
         ASSERT_TRUE(id.ParseFromString(field(1, kind)));
         EXPECT_EQ(id.has_kind(), kind <= 13);
-        // A number that is not known is kept as it came.
+        // An unknown number is kept as it came.
         EXPECT_EQ(id.SerializeAsString(), field(1, kind));
     }
 }

@@ -72,7 +72,7 @@ TEST_F(Selection, AidlNeverFallsBackToHidl) {
               array(smallResult(Call::kRails), reconnectTraffic(Backend::kAidl, Call::kRails)));
 }
 
-TEST_F(Selection, NoServiceAtAll) {
+TEST_F(Selection, WithoutServiceTakesHidl) {
     Outcome first = kNoHidl;
     first.events.insert(first.events.begin(), chosenLine(Backend::kHidl));
     first.traffic = "aidl:lookup hidl:lookup";
@@ -90,7 +90,7 @@ TEST_F(Selection, HidlServiceOfAnotherInstanceIsNotUsed) {
     EXPECT_EQ(call(Call::kRails).events.back(), "E: Power stats HAL not loaded!");
 }
 
-TEST_F(Selection, BinderOfAnotherInterface) {
+TEST_F(Selection, BinderOfAnotherInterfaceIsChosenAndNotUsed) {
     AIBinder_Class* const other = AIBinder_Class_define(
         "android.hardware.light.ILights", [](void* args) { return args; }, [](void*) {},
         [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
@@ -104,7 +104,7 @@ TEST_F(Selection, BinderOfAnotherInterface) {
     first.traffic = "aidl:lookup*2";
     EXPECT_EQ(call(Call::kRails), first);
     for (const Call which : kCalls) EXPECT_EQ(call(which), noAidl(which));
-    // This test's, the register's, and the one that the choice of backend keeps.
+    // The test, the register and the choice of backend hold one reference each.
     EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 3);
 }
 
@@ -134,7 +134,7 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             --inside;
         };
-        // Time enough for the other thread to come by while the choice is being logged.
+        // The other thread arrives while the choice is being logged.
         onEvent = [](const std::string&) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Loading and unloading the library, any number of times in one process, and what it exports.
+// Loading and unloading the library, any number of times in one process, and its exported names.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -33,8 +33,8 @@ class Unload : public testing::TestWithParam<Backend>, public Scenario {
 INSTANTIATE_TEST_SUITE_P(Test, Unload, testing::ValuesIn(kBackends),
                          testing::PrintToStringParamName());
 
-/// Of this process: resident memory in KiB, without what is mapped from files (of which the kernel
-/// brings in as much as it likes), and open descriptors.
+/// Returns this process's resident memory in KiB and its number of open descriptors. Pages of files
+/// are left out, because the kernel brings in as many as it likes.
 std::pair<long, long> memoryAndDescriptors() {
     std::ifstream status("/proc/self/status");
     long memory = 0;

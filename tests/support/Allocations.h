@@ -16,7 +16,7 @@ struct Allocations {
     int64_t failing = 0;
 };
 
-/// Those of the calling thread since it started.
+/// Returns the calling thread's allocations since it started.
 Allocations& allocations();
 
 }  // namespace support

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The boot clock in the hands of a test: this program's own `clock_gettime`, which the library
-// finds before the C library's. Other clocks are passed through.
+// A boot clock that a test sets: this program's own `clock_gettime`, which the library finds before
+// the C library's. Other clocks are passed through.
 
 #pragma once
 
@@ -13,7 +13,7 @@
 namespace support {
 
 struct BootClock {
-    /// What the clock shows; without a value it cannot be read.
+    /// The clock's time. Without a value, reading it fails.
     std::optional<timespec> now;
     /// Called at every reading.
     std::function<void()> onRead;

@@ -17,8 +17,8 @@ namespace {
 
 constexpr unsigned kMostSeconds = 30;
 
-/// Has the coverage counters of the program and of the library written, in a build that has any.
-/// What ends here ends without the handlers that would do so.
+/// Writes the coverage counters of the program and of the library, in a build that has any. A child
+/// ends without the exit handlers that would write them.
 void writeCoverage() {
 #ifdef POWERSTATS_COVERAGE
     for (const char* file : {static_cast<const char*>(nullptr), POWERSTATS_LIBRARY}) {
@@ -68,7 +68,7 @@ Ended runInChild(const std::function<void()>& run) {
         ended.errors.append(bytes, static_cast<size_t>(size));
     }
     close(ends[0]);
-    // What an emulator of another processor adds is not the program's own.
+    // Leave out the line that an emulator of another processor adds.
     const size_t emulator = ended.errors.find("qemu: uncaught target signal");
     if (emulator != std::string::npos) ended.errors.erase(emulator);
     int status = 0;
