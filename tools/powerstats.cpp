@@ -218,7 +218,8 @@ std::string findReason(Section::Kind kind) {
         return "";
     }
     if (!reason.empty()) return reason;
-    return count == 0 ? "the service has none" : "the service failed, and answers again now";
+    if (count == 0) return "the service has none (this machine may measure nothing)";
+    return "the service failed, and answers again now";
 }
 
 /// Says of each call that returned null why it did, with the remedy.
