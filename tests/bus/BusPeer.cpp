@@ -3,7 +3,7 @@
 // A peer of the library or of the daemon in a process of its own:
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
 //   bus_peer answer error|signature|text|elements|never   an AIDL service that answers badly
-//   bus_peer attack forge|junk|repeat|flood|lazy   a hostile user of the bus: see kAttacks
+//   bus_peer attack forge|junk|repeat|flood|greedy|lazy   a hostile user of the bus: see kAttacks
 // busMachine() describes MACHINE. The program writes "ready" when it can be called, or after its
 // first attack. An attack goes on until the program is killed.
 
@@ -141,6 +141,7 @@ const struct {
          callWithIds(bus, true, 1, 1'000'000, true);
      }},
     {"flood", [](sd_bus* bus) { callWithIds(bus, true, 10'000, 0, false); }},
+    {"greedy", [](sd_bus* bus) { callWithIds(bus, false, 100, 0, true); }},
     {"lazy",
      [](sd_bus* /*bus*/) {
          // Nobody reads from these.

@@ -65,6 +65,7 @@ class PrivateBus {
 
     /// Ends the bus, as a crash would.
     void kill() { mDaemon->kill(); }
+    void signal(int number) const { mDaemon->signal(number); }
 
   private:
     const char* const mVariable;
