@@ -40,13 +40,12 @@ std::string resultOf(int generation, Call call) {
     const Machine machine = busMachine(std::to_string(generation));
     std::string rails;
     for (size_t i = 0; i < machine.rails.size(); ++i) {
-        rails += rail(machine.rails[i].name,
-                      static_cast<int64_t>(machine.energies[i].microwattSeconds / 1000));
+        rails += rail(machine.rails[i].name, machine.energies[i].energyUWs / 1000);
     }
     std::vector<std::string> states;
-    for (const auto& [id, timeMs, entries, lastEntryMs] : machine.totals[0].states) {
-        states.push_back(residency(machine.entities[0].states[id].name,
-                                   static_cast<int64_t>(timeMs), static_cast<int64_t>(entries)));
+    for (const auto& state : machine.totals[0].stateResidencyData) {
+        states.push_back(residency(machine.entities[0].states[static_cast<size_t>(state.id)].name,
+                                   state.totalTimeInStateMs, state.totalStateEntryCount));
     }
     return call == Call::kRails ? rails : entity(machine.entities[0].name, states);
 }

@@ -60,7 +60,10 @@ TEST_F(ServicesTest, AidlTellsTheTimeThatARailCoversAndRefusesUnknownIds) {
     mNow = std::chrono::seconds(320);
     std::vector<aidl_stats::EnergyMeasurement> energies;
     EXPECT_TRUE(service->readEnergyMeter({kZone}, &energies).isOk());
-    EXPECT_THAT(energies, ElementsAre(aidl_stats::EnergyMeasurement{kZone, 320000, 20000, 42}));
+    ASSERT_EQ(energies.size(), 1u);
+    EXPECT_EQ(std::tie(energies[0].id, energies[0].timestampMs, energies[0].durationMs,
+                       energies[0].energyUWs),
+              std::make_tuple(kZone, 320000, 20000, 42));
     const auto refused = service->readEnergyMeter({77}, &energies);
     EXPECT_EQ(refused.getExceptionCode(), EX_ILLEGAL_ARGUMENT);
     EXPECT_STREQ(refused.getMessage(), "no rail has the id 77");
