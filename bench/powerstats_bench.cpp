@@ -398,7 +398,7 @@ int run(int argc, char** argv) {
     app.footer(
         "Other options are Google Benchmark's: --benchmark_filter=REGEX, --benchmark_out=FILE");
     app.allow_extras();
-    std::string file = LoadedLibrary::kDefaultFile;
+    std::string file = LoadedLibrary::defaultFile();
     std::string against;
     bool bus = false;
     std::vector<int> served;

@@ -52,7 +52,7 @@ struct Arguments {
     double waitSeconds = 2;
     std::string sysfs = "/sys";
     std::string format = "table";
-    std::string library = LoadedLibrary::kDefaultFile;
+    std::string library = LoadedLibrary::defaultFile();
     bool rails = false;
     bool residencies = false;
 };

@@ -2,6 +2,7 @@
 
 #include <host/JavaRuntime.h>
 
+#include <android/log.h>
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -123,9 +124,18 @@ size_t HostJniEnv::arrays() const {
     return mImpl->arrays.size();
 }
 
+std::string LoadedLibrary::defaultFile() {
+    Dl_info platform{};
+    dladdr(reinterpret_cast<const void*>(&__android_log_print), &platform);
+    const std::filesystem::path folder =
+        std::filesystem::path(platform.dli_fname != nullptr ? platform.dli_fname : "")
+            .parent_path();
+    return (folder / "libpowerstatshaldataprovider.so").string();
+}
+
 std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {
     // A name without a slash would be searched for in other folders than the current one.
-    const std::string path = file == kDefaultFile ? file : std::filesystem::absolute(file).string();
+    const std::string path = std::filesystem::absolute(file).string();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         *error = file + ": " + withoutPrefix(dlerror(), path + ": ");

@@ -60,8 +60,8 @@ class LoadedLibrary {
   public:
     using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
 
-    /// Is searched for where the program's own libraries are.
-    static constexpr const char* kDefaultFile = "libpowerstatshaldataprovider.so";
+    /// The library next to libandroid_host.so, wherever the program found that.
+    static std::string defaultFile();
 
     /// Loads the library and finds its two native methods.
     /// @param file [in] path of the library.
