@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection to the AIDL service: made when a collector needs it, dropped when it dies.
+// The connection to the AIDL service. A collector makes it if needed; a death of the service drops
+// it.
 
 #pragma once
 
@@ -16,8 +17,8 @@
 
 namespace ferrolith {
 
-/// Told by the platform, on a thread of its own, that a linked service has died: forgets it and all
-/// that was learnt from it. A collection that is running has the mutex, so this waits for it.
+/// Drops the connection and clears the caches. The platform calls this, on a thread of its own,
+/// when a linked service has died. A collection in progress holds the mutex, so this waits for it.
 static void binderDiedCallbackAidl(void* /*cookie*/) {
     std::lock_guard<std::mutex> lock(gPowerStatsMutex);
     gPowerStatsHalAidl = nullptr;
@@ -28,7 +29,7 @@ static void binderDiedCallbackAidl(void* /*cookie*/) {
 
 /// Connects if there is no connection.
 /// REQUIRES: gPowerStatsMutex is held
-/// @return whether there is one now; when not, why is in the log.
+/// @return whether there is one now; if not, the log says why.
 static bool initPowerStatsAidl() {
     if (gPowerStatsHalAidl != nullptr) return true;
     {
@@ -39,7 +40,7 @@ static bool initPowerStatsAidl() {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unable to get power stats AIDL service!");
         return false;
     }
-    // A connection that could not be linked is still one: its reads go on until they fail.
+    // Deliberately unchecked: a connection without a death link works until its reads fail.
     AIBinder_linkToDeath(gPowerStatsHalAidl->asBinder().get(), gDeathRecipientAidl.get(), nullptr);
     return true;
 }

@@ -49,8 +49,8 @@ static jbyteArray getRailEnergyAidl(JNIEnv* env, jclass /*clazz*/) {
     proto::PowerDataResult result;
     const int64_t timestampMs = bootTimeMs();
     for (const auto& measurement : measurements) {
-        // Only energy that was accumulated over all the time since boot is reported: a meter that
-        // was started or reset later has a shorter duration.
+        // Only energy accumulated over the whole time since boot counts: a meter that was started
+        // or reset later has a shorter duration.
         if (measurement.durationMs != measurement.timestampMs) continue;
         appendRail(&result, strictAt(gChannels, measurement.id).name, timestampMs,
                    toMillijoules(static_cast<float>(measurement.energyUWs)));

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection to the HIDL 1.0 service: made, with the names that both collectors rely on, when
-// there is none, dropped when the service dies or a name query finds it dead.
+// The connection to the HIDL 1.0 service. A collector makes it if needed, and with it reads the
+// names that both collectors use. It is dropped when the service dies or a name query finds it
+// dead.
 
 #pragma once
 
@@ -24,8 +25,8 @@ namespace ferrolith {
 
 static void deinitPowerStatsV1_0();
 
-/// Told by the platform, on a thread of its own, that a linked service has died. A collection that
-/// is running has the mutex, so this waits for it.
+/// Drops the connection. The platform calls it, on a thread of its own, when a linked service has
+/// died. A collection in progress holds the mutex, so this waits for it.
 class PowerStatsDeathRecipientV1_0 : public ::android::hardware::hidl_death_recipient {
   public:
     void serviceDied(uint64_t /*cookie*/,
@@ -39,11 +40,11 @@ class PowerStatsDeathRecipientV1_0 : public ::android::hardware::hidl_death_reci
 /// REQUIRES: gPowerStatsMutex is held
 static void deinitPowerStatsV1_0() {
     if (gPowerStatsHalV1_0 == nullptr) return;
-    gPowerStatsHalV1_0->unlinkToDeath(gDeathRecipientV1_0);  // the peer may be dead already
+    gPowerStatsHalV1_0->unlinkToDeath(gDeathRecipientV1_0);  // OK even if the peer is dead
     gPowerStatsHalV1_0 = nullptr;
 }
 
-/// Whether a name query reached the service; if not, the log says why, and a dead one is dropped.
+/// Returns whether a name query reached the service. If not, logs why, and drops a dead service.
 /// REQUIRES: gPowerStatsMutex is held
 static bool checkResultV1_0(const ::android::hardware::Return<void>& ret) {
     if (ret.isOk()) return true;
@@ -56,8 +57,8 @@ static bool checkResultV1_0(const ::android::hardware::Return<void>& ret) {
 }
 
 /// Adds the service's entity and state names to the caches. Of two entries with one id the first
-/// stays, from an earlier connection too; state maps are never merged. So names that are there
-/// already make this succeed even when the service reports none, or an error.
+/// stays, even if it is from an earlier connection; state maps are never merged. So cached names
+/// make this succeed even when the service reports no names, or an error.
 /// REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
 /// @return whether both queries reached the service and both caches hold any names now.
 static bool initPowerEntityStateInfoV1_0() {
@@ -95,7 +96,7 @@ static bool initPowerEntityStateInfoV1_0() {
 
 /// Connects if there is no connection.
 /// REQUIRES: gPowerStatsMutex is held
-/// @return whether there is one now, with names in both caches; why it failed is in the log, except
+/// @return whether there is one now, with names in both caches; if not, the log says why, except
 ///     for a service without entities or states.
 static bool initPowerStatsV1_0() {
     if (gPowerStatsHalV1_0 != nullptr) return true;
@@ -104,7 +105,7 @@ static bool initPowerStatsV1_0() {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unable to get power stats HAL service!");
         return false;
     }
-    // A connection that could not be linked is still one: the bool that tells is not looked at.
+    // The bool is deliberately unchecked: a connection without a death link can be used.
     const auto linked = gPowerStatsHalV1_0->linkToDeath(gDeathRecipientV1_0, 0);
     if (!linked.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,

@@ -24,10 +24,9 @@ namespace ferrolith {
 /// Rail index to (subsystem name, rail name).
 using RailNamesV1_0 = std::unordered_map<uint32_t, std::pair<std::string, std::string>>;
 
-/// Asks for the rails. The service may answer with rails and an error, and then they are used: only
-/// "not supported" says that there are none. A call that does not reach the service ends the
-/// process, when its result goes unexamined.
-/// REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
+/// Asks for the rails. Rails that come with an error are used: only "not supported" means that
+/// there are none. The transport result is deliberately unchecked: if the call failed, its
+/// destructor ends the process. REQUIRES: gPowerStatsMutex is held, gPowerStatsHalV1_0 is set
 /// @return the rails; of two with one index the first stays.
 static RailNamesV1_0 readRailNamesV1_0() {
     RailNamesV1_0 railNamesV1_0;
@@ -44,7 +43,7 @@ static RailNamesV1_0 readRailNamesV1_0() {
     return railNamesV1_0;
 }
 
-/// Reads the energy of every rail once. Nothing is kept between calls: rails are asked for anew.
+/// Reads the energy of every rail once. Each call asks for the rails again; nothing is kept.
 /// REQUIRES: gPowerStatsMutex is held
 /// @return a new local reference to a Java array with the result, or null when there is none.
 static jbyteArray getRailEnergyV1_0(JNIEnv* env, jclass /*clazz*/) {
@@ -62,7 +61,7 @@ static jbyteArray getRailEnergyV1_0(JNIEnv* env, jclass /*clazz*/) {
 
     ::android::hardware::hidl_vec<stats_V1_0::EnergyData> records;
     stats_V1_0::Status energyStatus = stats_V1_0::Status::SUCCESS;
-    // As for the rails, the transport result is left unexamined on purpose.
+    // Deliberately unchecked, as in readRailNamesV1_0().
     gPowerStatsHalV1_0->getEnergyData(
         {}, [&records, &energyStatus](const auto& data, stats_V1_0::Status status) {
             energyStatus = status;

@@ -33,7 +33,7 @@ static jbyteArray getResidenciesV1_0(JNIEnv* env, jclass /*clazz*/) {
                                 "getPowerEntityStateResidencyData is not supported.");
             return;
         }
-        // What comes with any other status is used, as if the call had succeeded.
+        // Records that come with any other status are used, as if the call had succeeded.
         proto::PowerDataResult result;
         const int64_t timestampMs = bootTimeMs();
         for (const auto& entity : entities) {
@@ -48,8 +48,8 @@ static jbyteArray getResidenciesV1_0(JNIEnv* env, jclass /*clazz*/) {
         }
         result.SerializeToString(&bytes);  // cannot fail: no field is required
     };
-    // Held, and never examined: a call that did not reach the service ends the process, and does so
-    // on return, when its empty answer has been logged.
+    // Deliberately unchecked: if the call failed, the destructor aborts on return, after the log
+    // line about the empty result.
     const auto unexamined = gPowerStatsHalV1_0->getPowerEntityStateResidencyData({}, serialize);
     return residenciesToJava(env, bytes, __func__, "HAL");
 }

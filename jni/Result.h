@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The steps from what a service answered to the bytes that Java receives. Both backends build the
-// same message with them.
+// Turns a service's records into the bytes that Java receives. Both backends build the same message
+// with these functions.
 
 #pragma once
 
@@ -25,23 +25,24 @@ namespace ferrolith {
 
 namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
 
-/// The time of a call: milliseconds since boot including suspend; 0 when the clock cannot be read.
+/// Returns the time of a call: milliseconds since boot including suspend; 0 when the clock cannot
+/// be read.
 static int64_t bootTimeMs() {
     timespec now;
     if (clock_gettime(CLOCK_BOOTTIME, &now) != 0) return 0;
-    // Widened first: where time_t has 32 bits the product would not fit it after 24 days.
+    // Widen first: with a 32-bit time_t the product would overflow after 24 days.
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-/// The energy that a result carries.
-/// @param microwattSeconds [in] the service's energy. Each backend converts it itself, since one
-///     counts signed and the other unsigned.
-/// @return millijoules, truncated toward zero and held within 32 bits, 0 for NaN. Readers know the
-///     value with these limits; a wider one would not agree with what they have stored.
+/// Returns the energy that a result carries.
+/// @param microwattSeconds [in] the service's energy. Each backend converts it to a float, because
+///     one interface has signed energies and the other unsigned ones.
+/// @return millijoules, truncated toward zero and clamped to 32 bits, 0 for NaN. Keep these limits:
+///     consumers have stored values that were computed with them.
 static int64_t toMillijoules(float microwattSeconds) {
     static_assert(FLT_EVAL_METHOD == 0, "the division must be rounded to a 32-bit float");
     const float millijoules = microwattSeconds / 1000.0f;
-    // Written out, since to convert a float that does not fit is undefined and processors differ.
+    // Compare first: converting a float that does not fit is undefined, and processors differ.
     // The largest int32_t is not a float; the first float above the range is 2^31.
     if (std::isnan(millijoules)) return 0;
     if (millijoules >= 2147483648.0f) return std::numeric_limits<int32_t>::max();
@@ -49,7 +50,7 @@ static int64_t toMillijoules(float microwattSeconds) {
     return static_cast<int32_t>(millijoules);
 }
 
-/// Appends an element with its id, and with its data present, if empty.
+/// Appends an element with its id and with data, which is present even if it stays empty.
 /// @return the element's data, owned by `result`.
 static proto::PowerData* appendElement(proto::PowerDataResult* result, proto::IdKind kind,
                                        std::string_view name, int64_t timestampMs) {
@@ -72,7 +73,7 @@ static void appendRail(proto::PowerDataResult* result, const std::string& name, 
 
 /// Appends one power entity under its cached name, which is carried whole.
 /// REQUIRES: gPowerStatsMutex is held
-/// @return where its states go, with room for that many.
+/// @return the message for its states, with room for `states` of them.
 static proto::PowerData* appendEntity(proto::PowerDataResult* result, int entityId,
                                       int64_t timestampMs, size_t states) {
     proto::PowerData* data = appendElement(result, proto::KIND_POWER_ENTITY,
@@ -92,7 +93,7 @@ static void appendResidency(proto::PowerData* data, int entityId, int stateId,
 }
 
 /// @return a new local reference to a Java array of the bytes. When the Java heap is full it is
-///     null and an exception is pending; the runtime's own functions know what to do with both.
+///     null and an exception is pending. Neither is checked: the runtime handles both.
 static jbyteArray toJavaArray(JNIEnv* env, const std::string& bytes) {
     const auto length = static_cast<jsize>(bytes.size());
     jbyteArray array = env->NewByteArray(length);
@@ -100,17 +101,17 @@ static jbyteArray toJavaArray(JNIEnv* env, const std::string& bytes) {
     return array;
 }
 
-/// Hands a rail result to Java, one without elements included.
+/// Hands a rail result to Java. A result without elements becomes an empty array.
 static jbyteArray railsToJava(JNIEnv* env, const proto::PowerDataResult& result) {
     std::string bytes;
     result.SerializeToString(&bytes);  // cannot fail: no field is required
     return toJavaArray(env, bytes);
 }
 
-/// Hands a serialized residency result to Java. No bytes means no entities, which is worth a line
-/// in the log, and an empty array rather than null.
-/// @param collector [in] the name of the function that found none.
-/// @param service [in] what the log calls the service it asked.
+/// Hands a serialized residency result to Java. No bytes means no entities: that is logged, and
+/// the array is empty rather than null.
+/// @param collector [in] the name of the calling function, for the log.
+/// @param service [in] the name of the service, for the log.
 static jbyteArray residenciesToJava(JNIEnv* env, const std::string& bytes, const char* collector,
                                     const char* service) {
     if (!bytes.empty()) return toJavaArray(env, bytes);

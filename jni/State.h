@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// All that the library keeps between calls. TavrelPowerStatsHalDataProviderNative.cpp defines these
-// objects in the order of their construction; they are destroyed in the reverse order.
-// `gPowerStatsMutex` guards every one of them. Only one backend is ever chosen in a process, so
-// the two that can fill a cache never meet.
+// The state that the library keeps between calls. TavrelPowerStatsHalDataProviderNative.cpp defines
+// these objects in the order of their construction; they are destroyed in the reverse order.
+// `gPowerStatsMutex` guards every one of them. A process uses one backend only, so both backends
+// never fill the same cache.
 
 #pragma once
 
@@ -38,8 +38,8 @@ extern std::mutex gPowerStatsMutex;
 
 /// Power entity id to its name, and to its states' names by state id. A service's unsigned ids are
 /// kept as the `int` with the same bits. An empty cache has not been filled; an entry is never
-/// replaced. A death of the AIDL service clears them. With HIDL they outlive the connection: names
-/// from an earlier one win.
+/// replaced. A death of the AIDL service clears both. With HIDL they outlive the connection: names
+/// from an earlier connection win.
 extern std::unordered_map<int, std::string> gEntityNames;
 extern std::unordered_map<int, std::unordered_map<int, std::string>> gStateNames;
 
@@ -57,6 +57,8 @@ extern ::ndk::ScopedAIBinder_DeathRecipient gDeathRecipientAidl;
 
 #pragma GCC visibility pop
 
+// The one global of this file alone: not exported, and shared by the parts of the one translation
+// unit.
 namespace {
 /// The name under which the service manager has the AIDL service.
 extern std::string gPowerStatsAidlInstance;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the library ends the process when one of its rules is broken. A C++ library built without
-// exceptions prints a message and aborts; one that throws would carry the exception through an
-// entry point into the caller, with the mutex still held. So the message and the abort are here,
-// whatever C++ library is underneath.
+// Ends the process when a rule of the library is broken. A C++ library built without exceptions
+// prints a message and aborts. One that throws would carry the exception through an entry point
+// into the caller, with the mutex still held. So the message and the abort are here, and do not
+// depend on the C++ library.
 
 #pragma once
 
@@ -23,8 +23,8 @@ namespace ferrolith {
     std::abort();
 }
 
-/// The value of a key, which must be there: a service that reports an id it never announced has
-/// broken its interface, and no result is better than half of one.
+/// Returns the value of a key. Ends the process if the key is missing: a service that reports an id
+/// it never announced has broken its interface, and no result is better than half a result.
 template <typename Map>
 static const typename Map::mapped_type& strictAt(const Map& map,
                                                  const typename Map::key_type& key) {

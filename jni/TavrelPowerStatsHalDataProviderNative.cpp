@@ -4,16 +4,16 @@
 //
 // Java calls one of the two entry points at the end of this file. It takes `gPowerStatsMutex` for
 // the whole call. The first call of the process chooses a backend for good: AIDL when that service
-// is registered, HIDL 1.0 otherwise. The backend's collector connects when it has to, asks the
-// service, builds one PowerDataResult and returns its bytes as a Java array, or null when it got
+// is registered, HIDL 1.0 otherwise. The backend's collector connects if needed, asks the service,
+// builds one PowerDataResult and returns its bytes as a Java array, or null when it collected
 // nothing. Between calls the library runs only when the platform reports the death of the service,
 // on one of the platform's threads, under the same mutex.
 //
-// What ends the process: a service that reports an id it did not announce (jni/Strict.h), a HIDL
-// data call that did not reach the service (hidl/RailEnergy.h, hidl/Residencies.h), and failures of
-// the C++ runtime, such as running out of memory. The library is built without exceptions and
-// without unwind tables, so nothing thrown beneath it passes through it: the runtime finds no
-// handler and aborts.
+// Three things end the process: a service that reports an id it did not announce (jni/Strict.h), a
+// HIDL data call that did not reach the service (hidl/RailEnergy.h, hidl/Residencies.h), and a
+// failure of the C++ runtime, such as running out of memory. On a device the C++ library throws no
+// exceptions: it prints a message and aborts. On a host the library is built without unwind tables,
+// so the runtime finds no handler for an exception thrown beneath it, and aborts.
 
 #include <android/binder_ibinder.h>
 #include <android/binder_manager.h>
@@ -54,7 +54,7 @@ std::shared_ptr<stats_aidl::IPowerStats> gPowerStatsHalAidl;
 /// Chooses the backend and binds both callables to its collectors. Connects to nothing.
 /// REQUIRES: gPowerStatsMutex is held
 static void getPowerStatsImpl() {
-    // The reference is kept on purpose, once per process: it is never released.
+    // Never released: one reference per process is kept on purpose.
     if (AServiceManager_getService(gPowerStatsAidlInstance.c_str()) != nullptr) {
         __android_log_print(ANDROID_LOG_INFO, kLogTag, "Using power.stats AIDL");
         gGetRailEnergyImpl = getRailEnergyAidl;
@@ -66,8 +66,8 @@ static void getPowerStatsImpl() {
     }
 }
 
-/// One call from Java.
-/// @param collector [in] one of the two callables; selection binds it if it is empty.
+/// Serves one call from Java.
+/// @param collector [in] one of the two callables; if it is empty, the selection binds it.
 static jbyteArray collect(const std::function<jbyteArray(JNIEnv*, jclass)>& collector, JNIEnv* env,
                           jclass clazz) {
     std::lock_guard<std::mutex> lock(gPowerStatsMutex);
@@ -78,18 +78,18 @@ static jbyteArray collect(const std::function<jbyteArray(JNIEnv*, jclass)>& coll
 
 }  // namespace ferrolith
 
-/// The time that each power entity spent in each of its states since boot.
+/// Returns the time that each power entity spent in each of its states since boot.
 /// @return a serialized PowerDataResult; an empty array when the service reported no entity; null
-///     when nothing could be collected, and why is in the log.
+///     when nothing could be collected, and then the log says why.
 extern "C" JNIEXPORT jbyteArray JNICALL
 Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getResidenciesNative(
     JNIEnv* env, jclass clazz) {
     return ferrolith::collect(ferrolith::gGetResidenciesImpl, env, clazz);
 }
 
-/// The energy that each power rail used since boot.
+/// Returns the energy that each power rail used since boot.
 /// @return a serialized PowerDataResult, empty when no rail is measured since boot; null when
-///     nothing could be collected, and why is in the log.
+///     nothing could be collected, and then the log says why.
 extern "C" JNIEXPORT jbyteArray JNICALL
 Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getRailEnergyNative(
     JNIEnv* env, jclass clazz) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Services of other processes as the register finds them: objects that carry each call over the
-// bus. The proxies that clients get do the same with them as with a service of this process.
+// Finds services of other processes for the register: objects that carry each call over the bus. A
+// client's proxy uses them like a service of this process.
 
 #include <aidl/android/hardware/power/stats/BnPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
@@ -16,6 +16,7 @@
 #include "BusConnection.h"
 #include "BusNames.h"
 #include "Hidl.h"
+#include "NeverDestroyed.h"
 #include "Records.h"
 #include "Register.h"
 
@@ -124,11 +125,11 @@ class HidlBusClient : public stats_V1_0::IPowerStats {
 };
 
 /// Finds the process that owns a name on a bus.
-/// @return null when nobody does, or there is no such bus.
+/// @return null when the name has no owner, or there is no such bus.
 std::shared_ptr<BusPeer> findOwner(Bus bus, const char* busName) {
-    // Notices of deaths need a thread; without one a service would die unnoticed.
+    // Death notices need a thread; without it a death would go unnoticed.
     if (!prepareNotices()) return nullptr;
-    // A connection may turn out to be lost only when it is used.
+    // Try twice: the loss of a connection may show only in its use.
     for (int attempts = 2; attempts > 0; --attempts) {
         auto connection = BusConnection::to(bus);
         if (connection == nullptr) return nullptr;
@@ -147,7 +148,7 @@ RegisteredService findAidl(Bus bus) {
     auto peer = findOwner(bus, kAidlBusName);
     if (peer == nullptr) return {};
 
-    // While a client holds the binder of a living service, look-ups give the same one.
+    // While a client holds the binder of a living service, look-ups return that binder.
     static std::mutex mutex;
     static auto* const last = new ::ndk::ScopedAIBinder_Weak;
     static auto* const lastPeer = new std::weak_ptr<BusPeer>;
@@ -185,7 +186,7 @@ class Buses : public OtherProcesses {
 };
 
 [[maybe_unused]] const bool gPluggedIn = [] {
-    plugIn(new Buses);  // never destroyed, as nothing is that a thread may use at exit
+    plugIn(&neverDestroyed<Buses>());
     return true;
 }();
 

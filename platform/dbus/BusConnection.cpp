@@ -47,8 +47,8 @@ Failure failure(int32_t transactionError, std::string message) {
     return failure;
 }
 
-/// Tells by the error's name how a call failed. A peer that is killed in mid-call and a time limit
-/// of our own have the same name, and only the time tells them apart.
+/// Translates an error by its name. A peer killed during a call and our own time limit give the
+/// same name; only the time distinguishes them.
 Failure failureOf(const sd_bus_error& error, bool late) {
     static constexpr struct {
         const char* name;
@@ -110,7 +110,8 @@ struct BusConnection::Call {
     steady_clock::time_point deadline = {};
     std::promise<std::optional<Failure>> done = {};
 
-    /// Reads the reply, if it is one that can be used.
+    /// Reads the reply.
+    /// @return the failure, if the reply is an error or cannot be used.
     std::optional<Failure> take(sd_bus_message* reply) const try {
         if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
             return failureOf(*error, steady_clock::now() >= deadline);
@@ -136,8 +137,8 @@ struct BusConnection::Call {
 struct BusConnection::Watched {
     BusConnection* connection;
     std::weak_ptr<BusPeer> peer;
-    std::string owner;              // kept here, since the peer may be going
-    std::promise<bool>* watching;   // of the thread that waits; null once it knows
+    std::string owner;              // a copy, because the peer may be in its destructor
+    std::promise<bool>* watching;   // of the waiting thread; null once it has its answer
     std::string rule = {};          // of the match
     UniqueSlot match = nullptr;     // for NameOwnerChanged
     UniqueSlot question = nullptr;  // the last GetNameOwner
@@ -146,7 +147,7 @@ struct BusConnection::Watched {
         if (auto held = peer.lock()) held->die();
     }
     void tell(bool isWatched) {
-        // Moved away first: the waiting thread may destroy it at once.
+        // Move it first: the waiting thread may destroy the original at once.
         if (watching == nullptr) return;
         std::promise<bool> told = std::move(*std::exchange(watching, nullptr));
         told.set_value(isWatched);
@@ -179,8 +180,8 @@ void BusConnection::noticeDeaths() {
             connection = connections.of[static_cast<int>(bus)];
         }
         if (connection == nullptr) continue;
-        // The first answer comes after every signal that the bus has sent, the second one after
-        // the answers to the questions that those signals led to.
+        // The bus answers in order: the first answer follows all its signals, and the second one
+        // follows the answers to the questions that those signals caused.
         connection->ownerOf(kBusName);
         connection->ownerOf(kBusName);
     }
@@ -270,7 +271,7 @@ bool BusConnection::runJobs() {
 }
 
 void BusConnection::wait() {
-    // A job that came meanwhile, and a message that is queued already, end the wait at once.
+    // A new job or a queued message ends the wait at once.
     uint64_t untilUs = UINT64_MAX;
     sd_bus_get_timeout(mBus.get(), &untilUs);
     timespec timeout{};
@@ -289,7 +290,7 @@ void BusConnection::wait() {
     eventfd_read(mWakeUp, &count);
 }
 
-/// With the connection all services found through it are gone.
+/// Marks all services of the lost connection as dead, and ends its calls.
 void BusConnection::lose() {
     // The peers die before any thread can see the loss.
     for (const auto& entry : mWatched) entry.second->die();
@@ -327,7 +328,7 @@ void BusConnection::begin(Call* call) try {
     if (result == -EINVAL) {
         finish(call, failure(android::FAILED_TRANSACTION, "the request holds a text with a NUL"));
     } else if (result < 0) {
-        // Out of buffers counts as lost too, because such a connection does not recover.
+        // Running out of buffers counts as a loss too: such a connection does not recover.
         sd_bus_close(mBus.get());
     }
 } catch (const std::bad_alloc&) {
@@ -336,7 +337,7 @@ void BusConnection::begin(Call* call) try {
 
 void BusConnection::finish(Call* call, std::optional<Failure> failure) {
     mCalls.erase(call);
-    // Moved away first: the waiting thread may destroy it at once.
+    // Move it first: the waiting thread may destroy the original at once.
     std::promise<std::optional<Failure>> done = std::move(call->done);
     done.set_value(std::move(failure));
 }
@@ -364,7 +365,7 @@ void BusConnection::addMatch(Watched* watched) {
     if (result < 0) sd_bus_close(mBus.get());
 }
 
-/// Asks the bus whether a peer is still there.
+/// Asks the bus whether a peer still exists.
 void BusConnection::ask(Watched* watched) {
     sd_bus_slot* slot = nullptr;
     const int result =
@@ -374,7 +375,7 @@ void BusConnection::ask(Watched* watched) {
     if (result < 0) sd_bus_close(mBus.get());
 }
 
-/// Drops signals and calls of anybody but the bus, without an answer.
+/// Drops all signals and calls that are not from the bus, without an answer.
 int BusConnection::ignoreStrangers(sd_bus_message* message, void* /*userData*/,
                                    sd_bus_error* /*error*/) {
     return isFromBus(message) ? 0 : 1;
@@ -383,7 +384,7 @@ int BusConnection::ignoreStrangers(sd_bus_message* message, void* /*userData*/,
 int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
     auto* call = static_cast<Call*>(userData);
     BusConnection* const connection = call->connection;
-    // With the connection lost, lose() ends the call, after it has marked the peers dead.
+    // If the connection is lost, lose() ends the call after it has marked the peers dead.
     if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;
     if (isFromBus(reply) || isFrom(reply, call->owner.c_str())) {
         connection->finish(call, call->take(reply));
@@ -404,7 +405,7 @@ int BusConnection::matchInstalled(sd_bus_message* reply, void* userData, sd_bus_
     } else if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY) > 0) {
         sd_bus_close(connection->mBus.get());  // a bus that does not answer is a lost one
     } else if (sd_bus_message_is_method_error(reply, nullptr) <= 0) {
-        // A death before the match was in place has no signal, so the bus is asked once it is.
+        // A death before the match was installed sends no signal, so ask the bus now.
         connection->ask(watched);
     } else if (auto peer = watched->peer.lock()) {
         watched->tell(false);

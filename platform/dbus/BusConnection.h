@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The connection through which services of other processes are found, called and watched.
+// The connection that finds, calls and watches services of other processes.
 
 #pragma once
 
@@ -25,7 +25,7 @@
 namespace host::dbus {
 
 struct CloseBus {
-    // Without flushing: a bus that does not read must not hold up the caller.
+    // Does not flush, because a bus that does not read must not block the caller.
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
 using UniqueBus = std::unique_ptr<sd_bus, CloseBus>;
@@ -40,10 +40,10 @@ struct ReleaseSlot {
 };
 using UniqueSlot = std::unique_ptr<sd_bus_slot, ReleaseSlot>;
 
-/// "session" or "system".
+/// Returns "session" or "system".
 const char* nameOf(Bus bus);
 
-/// Begins to connect to a bus. Does not wait for it.
+/// Begins to connect to a bus. Does not wait for the bus.
 /// @return a negative errno when there is no such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);
 
@@ -70,12 +70,12 @@ class BusPeer : public Peer {
     bool mWatched = false;  // guarded by the caller's lock
 };
 
-/// One connection of this process to a bus, for calls and for word of deaths alike, and the thread
-/// that alone uses it. The thread reads all the time, so that nothing piles up between calls, and
-/// it calls no recipient, so it may be waited for.
+/// One connection of this process to a bus, for calls and for deaths, and its thread, the only one
+/// that uses the connection. The thread reads all the time, so that no messages pile up between
+/// calls. It calls no recipient, so a caller may wait for it.
 ///
-/// A bus carries messages from anybody. Only the bus itself is believed, and the owner of a called
-/// service about that call; everything else is dropped unread.
+/// A bus carries messages from anybody. The thread believes only the bus itself, and the owner of a
+/// called service about that call; it drops all other messages unread.
 ///
 /// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead.
 /// Safe to use from any thread.
@@ -86,7 +86,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
 
-    /// Makes sure that every death has been noticed that a bus knew of before this call.
+    /// Returns once every death that a bus knew of before this call has been noticed.
     static void noticeDeaths();
 
     explicit BusConnection(UniqueBus bus);
@@ -94,7 +94,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     bool isOpen();
 
-    /// The unique name of a service's connection; empty when nobody owns the name.
+    /// Returns the unique name of a service's connection; empty when the name has no owner.
     std::string ownerOf(const std::string& name);
 
     using Write = std::function<int(Writer& writer)>;
@@ -103,14 +103,14 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// Calls a method of the object "/default" and reads its reply, all of it or none. Both
     /// functions run on the connection's thread.
     /// @param interface [in] of the method; its name on the bus.
-    /// @param replySignature [in] what the reply must look like before any of it is read.
-    /// @return how the call failed, or nothing when it succeeded.
+    /// @param replySignature [in] the required signature; a reply with another one is not read.
+    /// @return the failure, or std::nullopt when the call succeeded.
     std::optional<Failure> call(const std::string& owner, const char* interface, const char* method,
                                 const std::string& replySignature, const Write& write,
                                 const Read& read);
 
-    /// Marks a peer dead when its unique name has no owner any more, from now until `unwatch`.
-    /// @return false when the bus refused to tell: it allows a connection only so many matches.
+    /// Marks a peer dead when its unique name loses its owner, from now until `unwatch`.
+    /// @return false when the bus refused: it limits the matches of a connection.
     bool watch(const std::shared_ptr<BusPeer>& peer);
     void unwatch(const BusPeer* peer);
 

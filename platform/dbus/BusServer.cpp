@@ -27,7 +27,7 @@ using ::ndk::ScopedAStatus;
 
 /// A list of more ids is refused before it is copied. No machine has so many rails or entities.
 constexpr size_t kMostIds = 65'536;
-/// With more answers than this waiting for the bus to take them, no further call is read.
+/// While more answers than this wait for the bus, the server reads no call.
 constexpr uint64_t kMostQueuedAnswers = 1000;
 
 /// Sends an answer that consists of these members.
@@ -55,7 +55,7 @@ int replyError(sd_bus_message* call, const char* name, const std::string& text) 
 /// Answers one call. An exception becomes an error reply, because none may cross sd-bus's frames.
 template <typename Answer>
 int serve(sd_bus_message* call, const Answer& answer) try {
-    // Nobody receives the answer, so a flood of such calls costs no reading of counters.
+    // Skip calls that want no reply, so that a flood of them reads no counters.
     if (sd_bus_message_get_expect_reply(call) <= 0) return 1;
     return answer();
 } catch (const std::bad_alloc&) {
@@ -111,7 +111,7 @@ int serveHidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
 using AidlIds = std::vector<int32_t>;
 using HidlIds = hidl_vec<uint32_t>;
 
-// Everybody may call: the bus's policy and the services themselves say who may read which data.
+// Everybody may call: the bus's policy and the services decide who may read which data.
 template <auto kMethod, typename Record, typename... Ids>
 constexpr sd_bus_vtable aidl(const char* name, const char* in, const char* out) {
     return SD_BUS_METHOD(name, in, out, (serveAidl<kMethod, std::vector<Record>, Ids...>),
@@ -167,7 +167,7 @@ struct ReleaseEvent {
 struct BusServer::Impl {
     std::unique_ptr<sd_event, dbus::ReleaseEvent> event;
     dbus::UniqueBus bus;
-    /// Set while answers are only sent.
+    /// Set while the server only sends answers.
     std::unique_ptr<sd_event_source, dbus::ReleaseEvent> sending;
     std::shared_ptr<dbus::stats_aidl::IPowerStats> aidl;
     ::android::sp<dbus::stats_V1_0::IPowerStats> hidl;
@@ -175,7 +175,7 @@ struct BusServer::Impl {
     bool add(const char* name, const sd_bus_vtable* methods, void* service, std::string* error) {
         int result =
             sd_bus_add_object_vtable(bus.get(), nullptr, dbus::kObjectPath, name, methods, service);
-        // The object first: a client that sees the name may call at once.
+        // Add the object first: a client that sees the name may call at once.
         if (result >= 0) result = sd_bus_request_name(bus.get(), name, 0);
         if (result >= 0) return true;
         const bool taken = result == -EEXIST || result == -EALREADY;
@@ -188,7 +188,7 @@ struct BusServer::Impl {
         return false;
     }
 
-    /// Has a signal end the loop, before anything that is queued.
+    /// Lets a signal end the loop, ahead of all queued messages.
     int stopOn(int signal) {
         sd_event_source* source = nullptr;
         const int result = sd_event_add_signal(event.get(), &source,
@@ -205,7 +205,7 @@ struct BusServer::Impl {
         return sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL);
     }
 
-    /// Detaches the bus, which would read and send, and only sends.
+    /// Detaches the bus from the loop, which would read and send, and then only sends.
     int detach() {
         int result = sd_bus_detach_event(bus.get());
         sd_event_source* source = nullptr;

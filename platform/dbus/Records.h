@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The records of both interfaces as they stand in a D-Bus message: each record's members in order,
-// and the three things that are done with them: their signature, writing and reading.
+// The records of both interfaces in a D-Bus message: the members of each record in order, their
+// signature, a writer and a reader.
 
 #pragma once
 
@@ -67,7 +67,7 @@ inline auto members(stats_V1_0::PowerEntityStateResidencyResult& record) {
     return std::tie(record.powerEntityId, record.stateResidencyData);
 }
 
-/// The D-Bus type of a number.
+/// Returns the D-Bus type of a number.
 template <typename T>
 constexpr char numberType() {
     if constexpr (std::is_enum_v<T>) {
@@ -85,7 +85,7 @@ inline constexpr bool kIsNumber = std::is_integral_v<T> || std::is_enum_v<T>;
 template <typename T>
 inline constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v<T, hidl_string>;
 
-/// The signature of a member: of a number, a text, or a list of numbers or records.
+/// Returns the signature of a member: of a number, a text, or a list of numbers or records.
 template <typename T>
 std::string signatureOf();
 
@@ -111,8 +111,8 @@ std::string signatureOf() {
     }
 }
 
-/// Appends members to a message. Every result is negative when sd-bus refused, as it does for a
-/// text that is not UTF-8 or holds a NUL.
+/// Appends members to a message. Every result is negative when sd-bus refuses a member, for example
+/// a text that is not UTF-8 or contains a NUL.
 class Writer {
   public:
     explicit Writer(sd_bus_message* message) : mMessage(message) {}
@@ -130,7 +130,7 @@ class Writer {
         if constexpr (kIsNumber<T>) {
             return sd_bus_message_append_basic(mMessage, numberType<T>(), &member);
         } else if constexpr (kIsText<T>) {
-            // A NUL would cut the text short in silence.
+            // Check first: sd-bus would cut the text at a NUL without an error.
             if (std::string(member).find('\0') != std::string::npos) return -EINVAL;
             return sd_bus_message_append_basic(mMessage, 's', member.c_str());
         } else {
@@ -162,8 +162,9 @@ class Writer {
     sd_bus_message* const mMessage;
 };
 
-/// Takes members out of a message whose signature has been checked. A message may come from
-/// anybody: every result is negative when the contents do not fit, and `error` says why.
+/// Reads the members of a message. A message may come from anybody: every result is negative when
+/// the contents do not fit, and `error` says why. REQUIRES: the message's signature has been
+/// checked
 class Reader {
   public:
     static constexpr size_t kMostBytes = 1 << 20;       ///< of one text
@@ -214,7 +215,7 @@ class Reader {
 
     template <typename Element>
     int readList(std::vector<Element>* list) {
-        // The kind of container need not be named: the whole signature has been checked.
+        // No need to name the kind of container: the whole signature has been checked.
         int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
         while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
             result = count(1);
@@ -245,7 +246,7 @@ class Reader {
         return -EMSGSIZE;
     }
 
-    /// sd-bus answers 0 where there is nothing left to take.
+    /// Turns sd-bus's 0, which means that no member is left, into an error.
     static int taken(int result) { return result == 0 ? -EBADMSG : result; }
 
     sd_bus_message* const mMessage;

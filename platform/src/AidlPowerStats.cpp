@@ -8,7 +8,7 @@
 #include "Register.h"
 
 const AIBinder_Class* host::aidlPowerStatsClass() {
-    // No raw transaction ever reaches a service: its proxies call it.
+    // No raw transaction reaches a service, because its proxies call it directly.
     static const AIBinder_Class* const clazz = ::ndk::ICInterface::defineClass(
         ::aidl::android::hardware::power::stats::IPowerStats::descriptor,
         [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {

@@ -14,8 +14,8 @@
 
 namespace {
 
-/// All binders that somebody holds, dead and unregistered ones too, so that a reference that is
-/// kept on purpose can be told from one that is lost.
+/// All binders that somebody holds, including dead and unregistered ones. The table keeps them
+/// reachable, so a reference that is kept on purpose is no leak.
 struct BinderTable {
     std::mutex mutex;
     std::unordered_map<AIBinder*, uint64_t> serials;
@@ -148,7 +148,7 @@ namespace ndk {
 
 namespace {
 
-// The user data of an interface's binder: what keeps its service alive.
+// The user data of an interface's binder, which keeps its service alive.
 using HeldService = std::shared_ptr<ICInterface>;
 
 void* holdService(void* service) {

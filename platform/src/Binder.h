@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What an AIBinder is on the host.
+// The host's definition of AIBinder.
 
 #pragma once
 
@@ -24,7 +24,7 @@ struct AIBinder {
     const AIBinder_Class* clazz;
     void* userData;
     std::shared_ptr<host::Peer> peer;
-    uint64_t serial;  // tells it from a later object at the same address
+    uint64_t serial;  // distinguishes it from a later object at the same address
     std::atomic<int32_t> strong{1};
 };
 
@@ -34,13 +34,13 @@ namespace host {
 /// @return the binder with one strong reference, owned by the caller.
 AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer);
 
-/// The binder class of the AIDL interface.
+/// Returns the binder class of the AIDL interface.
 const AIBinder_Class* aidlPowerStatsClass();
 
-/// The status of a transaction that failed; the caller owns it.
+/// Returns the status of a failed transaction; the caller owns it.
 AStatus* newTransactionStatus(binder_status_t status, const char* message);
 
-/// The status that a failure of the transport shows an AIDL client.
+/// Returns the status that an AIDL client gets for a failure of the transport.
 ndk::ScopedAStatus toAidlStatus(const Failure& failure);
 
 }  // namespace host

@@ -19,7 +19,7 @@ struct AStatus {
 
 namespace {
 
-/// The status that nearly every call returns: all holders share one object.
+/// Returns the one OK status, which all holders share because nearly every call returns it.
 AStatus* okStatus() {
     return &host::neverDestroyed<AStatus>();
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The thread that delivers death notices. No call of a service waits for it, because a recipient may
-// be waiting for a lock that the caller holds. Only AIBinder_DeathRecipient_delete and exit wait for
-// a notice that runs.
+// The thread that delivers death notices. No call of a service waits for it, because a recipient
+// may be waiting for a lock that the caller holds. Only AIBinder_DeathRecipient_delete and exit
+// wait for a notice that runs.
 
 #include <host/ServiceControl.h>
 #include <pthread.h>
@@ -12,10 +12,10 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <exception>
 #include <thread>
 #include <utility>
 
@@ -28,7 +28,7 @@ namespace {
 
 class DeathNotices {
   public:
-    /// Starts the delivering thread, or leaves that to a later call when no thread is left.
+    /// Starts the delivering thread. If the system has no thread left, a later call tries again.
     bool prepare() {
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mStarted) mStarted = startThread([this] { run(); });
@@ -88,7 +88,7 @@ class DeathNotices {
 }  // namespace
 
 bool startThread(std::function<void()> function) {
-    // A signal is for the program's own threads, which expect it.
+    // Signals are for the program's own threads, which expect them.
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);

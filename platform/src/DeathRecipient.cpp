@@ -12,7 +12,7 @@
 
 namespace {
 
-/// The part of a recipient that its links share, so that they may outlive it.
+/// The part of a recipient that its links share, because they may outlive it.
 class RecipientState {
   public:
     explicit RecipientState(AIBinder_DeathRecipient_onBinderDied onDied) : mOnDied(onDied) {}

@@ -136,7 +136,7 @@ using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::Return;
 
 Return<bool> IBase::linkToDeath(const sp<hidl_death_recipient>&, uint64_t) {
-    return false;  // an object of the caller's own process does not die before the caller
+    return false;  // an object of the caller's own process cannot die before the caller
 }
 
 Return<bool> IBase::unlinkToDeath(const sp<hidl_death_recipient>&) {

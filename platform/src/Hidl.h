@@ -7,7 +7,7 @@
 
 namespace host {
 
-/// The transport status that a failure shows a HIDL client.
+/// Returns the transport status that a HIDL client gets for a failure.
 ::android::hardware::Status toTransportStatus(const Failure& failure);
 
 }  // namespace host

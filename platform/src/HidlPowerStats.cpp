@@ -36,12 +36,12 @@ class HidlDeathLink : public host::DeathLink {
 
   private:
     const wp<hidl::base::V1_0::IBase> mProxy;
-    // Weak: a client may go without unlinking.
+    // Weak, because a client may go away without unlinking.
     const wp<hidl_death_recipient> mRecipient;
 };
 
 /// The proxy. It forwards to the service while that lives and fails with DEAD_OBJECT once it is
-/// dead; a service that dies before it has answered has not answered.
+/// dead. A call in progress when the service dies fails too, unless the service has answered it.
 class BpHwPowerStats : public IPowerStats {
   public:
     BpHwPowerStats(const sp<IPowerStats>& service, std::shared_ptr<host::Peer> peer)
@@ -90,7 +90,7 @@ class BpHwPowerStats : public IPowerStats {
     }
 
   private:
-    /// What links made through this proxy are known by.
+    /// Identifies the links that were made through this proxy.
     const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
 
     /// Makes one call of the service, and logs why it failed if it did.
@@ -111,7 +111,7 @@ class BpHwPowerStats : public IPowerStats {
         } transaction{*mPeer, callback, false};
         // One captured pointer, so that the std::function made of it allocates nothing.
         Return<void> result =
-            (*mService.*kCall)(ids..., [&transaction](const auto& records, V1_0::Status status) {
+            ((*mService).*kCall)(ids..., [&transaction](const auto& records, V1_0::Status status) {
                 if (transaction.answered || !transaction.peer.isAlive()) return;
                 transaction.answered = true;
                 transaction.callback(records, status);

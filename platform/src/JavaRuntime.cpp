@@ -18,7 +18,7 @@ namespace host {
 
 namespace {
 
-/// Written so because the name of this structure differs between Java runtimes.
+/// Derived from JNIEnv, because the name of this structure differs between Java runtimes.
 using JniFunctions = std::remove_cv_t<std::remove_pointer_t<decltype(JNIEnv::functions)>>;
 
 constexpr char kResidenciesMethod[] =
@@ -38,7 +38,7 @@ std::string withoutPrefix(const std::string& text, const std::string& prefix) {
 }  // namespace
 
 struct HostJniEnv::Impl {
-    /// The JNIEnv itself: a native method hands back this pointer, which leads to the owner.
+    /// The JNIEnv itself. A native method passes it back, and it leads to the owner.
     struct Env : JNIEnv {
         HostJniEnv* owner = nullptr;
     };
@@ -59,7 +59,7 @@ struct HostJniEnv::Impl {
         env.owner = owner;
     }
 
-    /// Tells who listens; formatted only then, since benchmarks call through here too.
+    /// Calls onCall if it is set. Formats the text only then, because benchmarks come through here.
     template <typename Text>
     void announce(Text text) const {
         if (env.owner->onCall) env.owner->onCall(text());
@@ -99,7 +99,7 @@ struct HostJniEnv::Impl {
     JniFunctions functions{};
     mutable std::mutex mutex;
     std::unordered_map<jbyteArray, std::vector<uint8_t>> arrays;
-    /// Handles are numbers, never used twice, so that a stale one is always recognised.
+    /// Handles are numbers that are never used twice, so that a stale one is recognised.
     uintptr_t lastHandle = 0;
 };
 
@@ -134,7 +134,7 @@ std::string LoadedLibrary::defaultFile() {
 }
 
 std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {
-    // A name without a slash would be searched for in other folders than the current one.
+    // dlopen searches other folders than the current one for a name without a slash.
     const std::string path = std::filesystem::absolute(file).string();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {

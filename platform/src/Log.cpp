@@ -11,11 +11,11 @@
 
 namespace {
 
-// A device's log takes no longer text from __android_log_print.
+// A device's log cuts the text of __android_log_print at this size, with the NUL.
 constexpr size_t kTextBytes = 1024;
 
-/// Writes "E/Tag( 1234): text" for every line of the message, in one write so that the messages of
-/// several threads do not mix.
+/// Writes "E/Tag( 1234): text" for every line of the message. One write does it all, so that the
+/// messages of several threads do not mix.
 void writeBrief(const __android_log_message* message) {
     static constexpr char kLetters[] = "??VDIWEF?";
     const int32_t priority = message->priority;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A service's process as its clients see it: alive or dead, who wants to be told, and what its
-// clients ask of it. Both kinds of binder, AIDL's and HIDL's, are built on it.
+// A service's process as its clients see it: whether it is alive, the links to its death, and the
+// counts of its clients' requests. Both AIDL's and HIDL's binders are built on it.
 
 #pragma once
 
@@ -18,12 +18,12 @@
 
 namespace host {
 
-/// Of the stand-ins' own lines in the log.
+/// The tag of the stand-ins' own log lines.
 inline constexpr const char* kLogTag = "android_host";
 
 class ServiceStats;
 
-/// The methods of both interfaces that the host can transact.
+/// The methods of both interfaces that the host can call.
 enum class Method {
     kAidlGetPowerEntityInfo,
     kAidlGetStateResidency,
@@ -37,18 +37,18 @@ enum class Method {
     kCount,
 };
 
-/// One request to be told of a death, made through one proxy.
+/// One link to a death, made through one proxy.
 class DeathLink {
   public:
     DeathLink(const void* owner, const void* recipient, uint64_t cookie)
         : owner(owner), recipient(recipient), cookie(cookie) {}
     virtual ~DeathLink() = default;
 
-    /// Tells the recipient. Called on the delivering thread with no lock held.
+    /// Calls the recipient. Runs on the delivering thread with no lock held.
     virtual void deliver() = 0;
 
-    const void* const owner;      ///< the proxy that the link goes with
-    const void* const recipient;  ///< tells links of one proxy apart, with the cookie
+    const void* const owner;      ///< the proxy; the link ends with it
+    const void* const recipient;  ///< with the cookie, distinguishes the links of a proxy
     const uint64_t cookie;
 
   private:
@@ -62,17 +62,19 @@ class Peer : public std::enable_shared_from_this<Peer> {
 
     bool isAlive() const { return mAlive; }
 
-    /// The process has ended: later transactions fail, and the delivering thread tells the links.
+    /// Marks the process as ended: later transactions fail, and the links get their notices.
     void die();
 
-    /// Counts a transaction and says how it fails, if it does so before reaching the service.
+    /// Counts a transaction.
+    /// @return how it fails, if it fails before it reaches the service.
     std::optional<Failure> begin(Method method);
 
-    /// Counts a link and says how it fails, if it is scripted to.
+    /// Counts a link.
+    /// @return how it fails, if it is scripted to fail.
     std::optional<Failure> beginLink();
 
-    /// Adds a link. A dead peer whose death has not been reported yet accepts it and reports at
-    /// once.
+    /// Adds a link. A dead peer whose death has not been reported yet accepts it, and its notice
+    /// follows at once.
     /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
     ///     death cannot be watched for.
     android::status_t link(std::shared_ptr<DeathLink> link);
@@ -81,13 +83,13 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// @return OK, DEAD_OBJECT once the death has been reported, or NAME_NOT_FOUND.
     android::status_t unlink(const void* owner, const void* recipient,
                              std::optional<uint64_t> cookie);
-    /// Ends all links of a proxy that goes.
+    /// Ends all links of a proxy that is being destroyed.
     void unlinkAll(const void* owner);
 
-    /// Tells the links of a death. Called by the delivering thread only.
+    /// Delivers the notices. REQUIRES: this is the delivering thread
     void report();
 
-    /// What is counted for this peer, by its registered name.
+    /// Returns the counts and scripts of the peer's registered name.
     ServiceStats& stats() const { return *mStats.load(); }
     void setStats(ServiceStats* stats) { mStats = stats; }
 
@@ -112,21 +114,22 @@ class Peer : public std::enable_shared_from_this<Peer> {
     std::vector<std::shared_ptr<DeathLink>> mLinks;  // guarded by mMutex
 };
 
-/// Called for every link. From the first one on, exit ends the delivery before destructors run.
+/// Must be called before every link. From the first call on, an exit of the process stops the
+/// delivery before destructors run.
 void expectNotices();
 
 /// Starts the thread that delivers notices, if it does not run yet.
-/// @return false when no thread is left; a later call tries again.
+/// @return false when the system has no thread left; a later call tries again.
 bool prepareNotices();
 
-/// Starts a thread that blocks all signals and goes on for as long as the process.
-/// @return false when no thread is left.
+/// Starts a thread that blocks all signals and runs until the process ends.
+/// @return false when the system has no thread left.
 bool startThread(std::function<void()> function);
 
-/// Has the delivering thread report the death of a peer. The thread starts with the first one.
+/// Lets the delivering thread report the death of a peer. Starts the thread if needed.
 void deliverNotices(std::shared_ptr<Peer> peer);
 
-/// Tells the observer, if there is one.
+/// Calls the observer, if there is one.
 void observe(Event event);
 
 }  // namespace host

@@ -7,7 +7,7 @@ namespace android {
 RefBase::RefBase() : mRefs(new weakref_type(this)) {}
 
 RefBase::~RefBase() {
-    mRefs->mStrong = 0;  // so that a weak reference to an object that was never held gives null
+    mRefs->mStrong = 0;  // so that weak references give null even if no sp<> held the object
     mRefs->decWeak(this);
 }
 

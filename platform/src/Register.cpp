@@ -55,7 +55,8 @@ Method methodOf(const std::string& service, const std::string& method) {
     std::abort();
 }
 
-/// Takes a service out of the register; its object is null when there was none.
+/// Takes a service out of the register.
+/// @return the service; its object is null when there was none.
 RegisteredService remove(const std::string& name) {
     Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);
@@ -90,7 +91,7 @@ std::optional<Failure> ServiceStats::nextLink() {
 }
 
 std::optional<Failure> ServiceStats::next(Script* script) {
-    if (script->times == 0) return std::nullopt;  // the usual case takes no lock
+    if (script->times == 0) return std::nullopt;  // no lock in the usual case
     std::lock_guard<std::mutex> lock(mMutex);
     if (script->times == 0) return std::nullopt;
     --script->times;
@@ -118,7 +119,7 @@ void registerService(const std::string& name, RegisteredService service) {
         std::lock_guard<std::mutex> lock(all.mutex);
         std::swap(all.services[name], service);
     }
-    // What was registered before is released here, without the lock.
+    // The previous service is released here, without the lock.
 }
 
 RegisteredService findService(const std::string& name) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The services of this process by name, and what is counted and scripted for each name.
+// The services of this process by name, and the counts and scripts of each name.
 
 #pragma once
 
@@ -26,7 +26,7 @@ class ServiceStats {
 
     void scriptTransaction(Method method, const Failure& failure, int times);
     void scriptLink(const Failure& failure, int times);
-    /// The failure that is due now, if there is one.
+    /// Return the scripted failure of the next call, if there is one.
     std::optional<Failure> nextTransaction(Method method);
     std::optional<Failure> nextLink();
 
@@ -46,17 +46,17 @@ class ServiceStats {
 
 /// A service in the register: an AIBinder, or a HIDL interface, and the process it stands for.
 struct RegisteredService {
-    std::shared_ptr<void> object;  ///< keeps it alive; what it points to the name tells
+    std::shared_ptr<void> object;  ///< keeps the object alive; the service name determines its type
     std::shared_ptr<Peer> peer;
 };
 
-/// Logs, at DEBUG, why a transaction failed, since its caller may not look at the reason.
+/// Logs, at DEBUG, why a transaction failed, because its caller may ignore the reason.
 void logFailure(Method method, const std::string& reason);
 
-/// Puts a service in the register, in place of one under the same name.
+/// Puts a service in the register and replaces one of the same name.
 void registerService(const std::string& name, RegisteredService service);
 
-/// Counts a look-up, and finds the service under that name: in this process, or else on a bus.
+/// Counts a look-up, and finds the service of that name in this process, or else on a bus.
 /// @return one whose object is null when there is none.
 RegisteredService findService(const std::string& name);
 
@@ -67,14 +67,14 @@ class OtherProcesses {
 
     /// @return a service whose object is null when there is none, or no such bus.
     virtual RegisteredService find(Bus bus, const std::string& name) = 0;
-    /// Makes sure that every death has been noticed that a bus knows of.
+    /// Returns once every death that a bus knows of has been noticed.
     virtual void noticeDeaths() = 0;
 };
 
 /// @param others [in] lives as long as the process.
 void plugIn(OtherProcesses* others);
 
-/// The object that was plugged in; null in a build without a bus.
+/// Returns the plugged-in object; null in a build without a bus.
 OtherProcesses* otherProcesses();
 
 }  // namespace host

@@ -18,7 +18,7 @@ class SpAIBinder {
   public:
     SpAIBinder() : mBinder(nullptr) {}
     SpAIBinder(std::nullptr_t) : SpAIBinder() {}
-    /// Takes over a reference that the caller owns.
+    /// Takes ownership of the caller's reference.
     explicit SpAIBinder(AIBinder* binder) : mBinder(binder) {}
     SpAIBinder(const SpAIBinder& other) : mBinder(other.mBinder) { retain(mBinder); }
     SpAIBinder(SpAIBinder&& other) noexcept : mBinder(other.mBinder) { other.mBinder = nullptr; }
@@ -37,10 +37,11 @@ class SpAIBinder {
         return *this;
     }
 
-    /// Drops the reference held and takes over `binder`'s. A holder is not for two threads at once:
-    /// when another one replaced the content while it was being released, the process ends.
+    /// Drops the held reference and takes ownership of the caller's one to `binder`. REQUIRES: one
+    /// thread at a time uses the holder. If the content changes during the release, the process
+    /// ends.
     void set(AIBinder* binder) {
-        // Read through volatile, or the compiler may take the second read to be the first one.
+        // Read through volatile: the compiler must not replace the second read by the first.
         AIBinder* volatile* content = &mBinder;
         AIBinder* released = *content;
         if (released != nullptr) AIBinder_decStrong(released);
@@ -49,7 +50,7 @@ class SpAIBinder {
     }
 
     AIBinder* get() const { return mBinder; }
-    /// Where a function that gives a reference away may write it.
+    /// Returns the place where a function may write a reference that it gives away.
     AIBinder** getR() { return &mBinder; }
     bool operator==(const SpAIBinder& other) const { return mBinder == other.mBinder; }
 
@@ -65,7 +66,7 @@ class SpAIBinder {
     AIBinder* mBinder;
 };
 
-/// Owns one resource that a function releases; `kNone` stands for none.
+/// Owns one resource that `kDestroy` releases; `kNone` stands for none.
 template <typename T, void (*kDestroy)(T), T kNone = T{}>
 class ScopedAResource {
   public:
@@ -85,7 +86,7 @@ class ScopedAResource {
         mResource = resource;
     }
     T get() const { return mResource; }
-    /// Gives the resource to the caller.
+    /// Gives the ownership to the caller.
     [[nodiscard]] T release() {
         T released = mResource;
         mResource = kNone;
@@ -110,7 +111,7 @@ class ScopedAIBinder_DeathRecipient
         : ScopedAResource(recipient) {}
 };
 
-/// Owns the status of a call of an AIDL method. One that holds none counts as failed.
+/// Owns the status of an AIDL call. A holder without a status counts as failed.
 class ScopedAStatus : public ScopedAResource<AStatus*, AStatus_delete> {
   public:
     explicit ScopedAStatus(AStatus* status = nullptr) : ScopedAResource(status) {}

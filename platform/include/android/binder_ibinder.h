@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Binder objects, as the NDK declares them: reference counts, classes, death notices. Parcels and
-// raw transactions are not offered: on the host an interface's proxy reaches its service without
-// them.
+// Binder objects, as the NDK declares them: reference counts, classes, death notices. There are no
+// parcels and raw transactions, because on the host a proxy reaches its service without them.
 
 #pragma once
 
@@ -15,8 +14,8 @@ extern "C" {
 typedef uint32_t transaction_code_t;
 typedef struct AParcel AParcel;
 
-/// A service as its clients hold it. On the host an object that lives in this process stands for
-/// one in a process of its own: it can die (see host/ServiceControl.h), and a dead one stays dead.
+/// A client's handle of a service. On the host an object of this process stands for a service in a
+/// process of its own: it can die (see host/ServiceControl.h), and a dead one stays dead.
 typedef struct AIBinder AIBinder;
 typedef struct AIBinder_Class AIBinder_Class;
 
@@ -31,8 +30,8 @@ AIBinder_Class* AIBinder_Class_define(const char* interfaceDescriptor,
                                       AIBinder_Class_onDestroy onDestroy,
                                       AIBinder_Class_onTransact onTransact);
 
-/// Makes an object of a class. Its user data is what the class's onCreate makes of `args`, and goes
-/// to onDestroy with the last strong reference.
+/// Makes an object of a class. The class's onCreate makes its user data from `args`; onDestroy gets
+/// the user data with the last strong reference.
 /// @return the object with one strong reference, owned by the caller.
 AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args);
 
@@ -41,8 +40,8 @@ void AIBinder_incStrong(AIBinder* binder);
 void AIBinder_decStrong(AIBinder* binder);
 /// The count of strong references, -1 for null.
 int32_t AIBinder_debugGetRefCount(AIBinder* binder);
-/// @return whether the object's class has the same interface descriptor as `clazz`; false too for
-///     null, and for an object whose process is dead, since it cannot be asked for its descriptor.
+/// @return whether the object's class has the same interface descriptor as `clazz`. False for null,
+///     and for an object whose process is dead, because a dead process cannot tell its descriptor.
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz);
 
 /// A weak reference to a binder.
@@ -51,22 +50,23 @@ typedef struct AIBinder_Weak AIBinder_Weak;
 AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder);
 /// Null is allowed and does nothing.
 void AIBinder_Weak_delete(AIBinder_Weak* weak);
-/// @return the binder with one strong reference owned by the caller, or null when it has gone.
+/// @return the binder with one strong reference owned by the caller, or null when it is destroyed.
 AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak);
 
-/// Who is told of deaths. One recipient may be linked to any number of binders.
+/// A receiver of death notices. One recipient may be linked to any number of binders.
 typedef struct AIBinder_DeathRecipient AIBinder_DeathRecipient;
 typedef void (*AIBinder_DeathRecipient_onBinderDied)(void* cookie);
 
 AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
     AIBinder_DeathRecipient_onBinderDied onBinderDied);
 
-/// Deletes the recipient. When this returns, none of its callbacks runs or will run; so it waits
-/// for a callback that is running on another thread. Null is allowed and does nothing.
+/// Deletes the recipient. Waits for a callback in progress on another thread: when this returns, no
+/// callback of the recipient runs or will run. Null is allowed and does nothing.
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient);
 
-/// Has the recipient called with the cookie, once, on a thread of the platform's own, when the
-/// process of the binder dies; at once when it is dead already and that has not been reported yet.
+/// Links the recipient to the death of the binder's process. The platform calls it once, with the
+/// cookie, on a thread of its own; at once if the process is dead and the death is not reported
+/// yet.
 /// @return STATUS_OK, or STATUS_DEAD_OBJECT when the death has been reported.
 binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                      void* cookie);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the interfaces that an AIDL compiler generates for the NDK are built from: reference-counted
-// objects, and the bases of every interface, service (Bn) and proxy (Bp).
+// The bases of the interfaces that an AIDL compiler generates for the NDK: of reference-counted
+// objects, interfaces, services (Bn) and proxies (Bp).
 
 #pragma once
 
@@ -19,7 +19,7 @@ class SharedRefBase : public std::enable_shared_from_this<SharedRefBase> {
   public:
     virtual ~SharedRefBase() = default;
 
-    /// A reference to this object, which must have been made by `make`.
+    /// Returns a reference to this object. REQUIRES: `make` made the object
     template <class T = SharedRefBase>
     std::shared_ptr<T> ref() {
         return std::static_pointer_cast<T>(shared_from_this());
@@ -34,14 +34,13 @@ class SharedRefBase : public std::enable_shared_from_this<SharedRefBase> {
 /// Base of every interface.
 class ICInterface : public SharedRefBase {
   public:
-    /// The interface's binder; the holder owns a reference.
+    /// Returns the interface's binder; the holder owns a reference.
     virtual SpAIBinder asBinder() = 0;
 
-    /// Defines the binder class of an interface: its objects keep their service alive, and their
-    /// user data is the service's ICInterface.
+    /// Defines the binder class of an interface. Its objects keep their service alive.
     static AIBinder_Class* defineClass(const char* interfaceDescriptor,
                                        AIBinder_Class_onTransact onTransact);
-    /// The service that a binder of such a class stands for.
+    /// Returns the service that a binder of such a class stands for.
     static ICInterface* fromUserData(AIBinder* binder);
 };
 
@@ -49,7 +48,7 @@ class ICInterface : public SharedRefBase {
 template <class INTERFACE>
 class BnCInterface : public INTERFACE {
   public:
-    /// The service's binder, the same one for as long as anybody holds it.
+    /// Returns the service's binder, the same one for as long as anybody holds it.
     SpAIBinder asBinder() final;
 
   protected:

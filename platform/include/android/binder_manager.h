@@ -11,17 +11,16 @@
 extern "C" {
 #endif
 
-/// Registers a service, in place of one registered under the same name before. The register takes a
-/// strong reference of its own.
+/// Registers a service and replaces one of the same name. The register takes a strong reference of
+/// its own.
 binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance);
 
 /// Looks a service up.
-/// @return the registered binder with one strong reference owned by the caller, or null when no
-/// such
-///     service is registered.
+/// @return the registered binder with one strong reference owned by the caller, or null when there
+///     is no such service.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_getService(const char* instance);
 
-/// The same: on the host no look-up waits for a service to start.
+/// Does the same: on the host no look-up waits for a service to start.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_checkService(const char* instance);
 
 #ifdef __cplusplus

@@ -51,8 +51,8 @@ enum {
 };
 typedef int32_t binder_exception_t;
 
-/// What a call of an AIDL method came to. Every function that returns one gives it to the caller,
-/// who releases it with AStatus_delete.
+/// The result of an AIDL call. A function that returns one gives the ownership to the caller, who
+/// releases it with AStatus_delete.
 typedef struct AStatus AStatus;
 
 AStatus* AStatus_newOk();
@@ -63,11 +63,12 @@ AStatus* AStatus_fromStatus(binder_status_t status);
 
 bool AStatus_isOk(const AStatus* status);
 binder_exception_t AStatus_getExceptionCode(const AStatus* status);
-/// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise STATUS_OK.
+/// Returns the transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
+/// STATUS_OK.
 binder_status_t AStatus_getStatus(const AStatus* status);
-/// The message that came with the exception, never null; valid until the status is deleted.
+/// Returns the exception's message, never null; valid until the status is deleted.
 const char* AStatus_getMessage(const AStatus* status);
-/// A readable text of the whole status; the caller releases it with AStatus_deleteDescription.
+/// Returns a text of the whole status; the caller releases it with AStatus_deleteDescription.
 const char* AStatus_getDescription(const AStatus* status);
 void AStatus_deleteDescription(const char* description);
 void AStatus_delete(AStatus* status);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The device's log, as the NDK declares it. On the host a message goes to standard error in the
-// brief form of logcat, "E/Tag(12345): text", unless a program takes the messages itself with
+// brief form of logcat, "E/Tag(12345): text". A program can take the messages itself with
 // `__android_log_set_logger`.
 
 #pragma once
@@ -29,13 +29,13 @@ typedef enum log_id { LOG_ID_DEFAULT = 0x7FFFFFFF } log_id_t;
 
 /// Formats and logs one message.
 /// @param prio [in] an android_LogPriority.
-/// @param tag [in] who logs; null is taken as the empty string.
+/// @param tag [in] the name of the program's part that logs; null means the empty string.
 /// @param fmt [in] a printf format; the text is cut at 1023 bytes, as on a device.
 /// @return 1 when the message was passed on, a negative errno when it was dropped.
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
 
-/// One message on its way to a logger.
+/// One message, as a logger gets it.
 struct __android_log_message {
     size_t struct_size;   ///< sizeof(struct __android_log_message)
     int32_t buffer_id;    ///< a log_id_t
@@ -49,13 +49,13 @@ struct __android_log_message {
 typedef void (*__android_logger_function)(const struct __android_log_message* log_message);
 
 /// Sends every later message of the process to `logger`; null restores the default.
-/// The logger is called on the thread that logs, and may be called by many at once.
+/// The logger runs on the thread that logs; many threads may call it at once.
 void __android_log_set_logger(__android_logger_function logger);
 
-/// Drops messages below a priority. A device logs all; on the host a fresh process logs from
-/// ANDROID_LOG_INFO on.
+/// Drops messages below a priority. A device logs all messages; on the host a fresh process drops
+/// those below ANDROID_LOG_INFO.
 /// @param priority [in] an android_LogPriority.
-/// @return the one before.
+/// @return the previous priority.
 int32_t __android_log_set_minimum_priority(int32_t priority);
 
 #ifdef __cplusplus

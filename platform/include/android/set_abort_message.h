@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The message of a process that ends itself, for its crash report.
+// The message of a process that aborts, for its crash report.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 extern "C" {
 #endif
 
-/// Hands over the reason for an abort that follows. The first message of a process stays.
+/// Keeps the reason for an abort that follows. The first message of a process stays.
 /// @param msg [in] copied.
 void android_set_abort_message(const char* msg);
 

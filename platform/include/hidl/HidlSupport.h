@@ -19,12 +19,12 @@ struct IBase;
 
 namespace android::hardware {
 
-/// Who is told when the process of a HIDL service dies.
+/// A receiver of notices that the process of a HIDL service has died.
 struct hidl_death_recipient : public virtual RefBase {
     hidl_death_recipient();
     ~hidl_death_recipient() override;
 
-    /// Called on a thread of the platform's own, once for every link.
+    /// The platform calls this on a thread of its own, once for every link.
     /// @param cookie [in] as given when the link was made.
     /// @param who [in] the proxy whose service died.
     virtual void serviceDied(uint64_t cookie,
@@ -52,7 +52,7 @@ class hidl_vec {
     std::vector<T> mRecords;
 };
 
-/// A string of any bytes. It owns them, and a NUL behind them.
+/// A string of any bytes, which it owns, with a NUL behind them.
 class hidl_string {
   public:
     hidl_string() = default;

@@ -4,8 +4,8 @@
 
 namespace android::hardware {
 
-/// The description of a fast message queue. The host has no such queues: the type is here for the
-/// signature of the one method that hands one out, and describes none.
+/// The description of a fast message queue. The host has no such queues; the signature of
+/// streamEnergyData needs the type.
 template <typename T>
 struct MQDescriptorSync {};
 

@@ -36,12 +36,12 @@ class Status final {
     Status() = default;
 
     bool isOk() const { return mException == EX_NONE; }
-    /// The transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
+    /// Returns the transport's code when the exception code is EX_TRANSACTION_FAILED, otherwise
     /// android::OK.
     status_t transactionError() const { return mTransactionError; }
-    /// A readable text of the status: "No error", "Status(EX_ILLEGAL_ARGUMENT): 'MESSAGE'", or
-    /// "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: MESSAGE'". The colon and the space stand
-    /// before an empty message too.
+    /// Returns a readable text: "No error", "Status(EX_ILLEGAL_ARGUMENT): 'MESSAGE'", or
+    /// "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: MESSAGE'". An empty message keeps the colon
+    /// and the space before it.
     std::string description() const;
 
   private:
@@ -55,8 +55,8 @@ class Status final {
 
 namespace details {
 
-/// A status that must be looked at: a failed one that goes without ends the process, since whoever
-/// made the call would go on with an answer that never came.
+/// A status that the caller must check. The destructor of a failed status that nobody checked ends
+/// the process, because the caller would go on with an answer that never came.
 class return_status {
   public:
     return_status() = default;
@@ -67,16 +67,16 @@ class return_status {
     return_status& operator=(const return_status&) = delete;
     ~return_status();
 
-    /// Marks the status as looked at.
+    /// Returns whether the call succeeded, and marks the status as checked.
     bool isOk() const {
         mChecked = true;
         return mStatus.isOk();
     }
-    /// The same without marking it.
+    /// Does the same without marking it.
     bool isOkUnchecked() const { return mStatus.isOk(); }
-    /// Whether the service's process is gone. Does not mark the status as looked at.
+    /// Returns whether the service's process is gone. Does not mark the status as checked.
     bool isDeadObject() const { return mStatus.transactionError() == DEAD_OBJECT; }
-    /// A readable text of the status. Does not mark it as looked at.
+    /// Returns a readable text of the status. Does not mark it as checked.
     std::string description() const { return mStatus.description(); }
 
   protected:
@@ -92,14 +92,14 @@ class return_status {
 
 }  // namespace details
 
-/// What a HIDL call returns: the transport's status and, for some calls, a value.
+/// The return type of HIDL calls: the transport's status and, for some calls, a value.
 template <typename T>
 class Return : public details::return_status {
   public:
     Return(T value) : mValue(std::move(value)) {}
     Return(const Status& status) : return_status(status), mValue{} {}
 
-    /// The value; the process ends when the call failed.
+    /// Returns the value. Ends the process when the call failed.
     operator T() const {
         assertOk();
         return mValue;
@@ -116,7 +116,7 @@ class Return<void> : public details::return_status {
     Return(const Status& status) : return_status(status) {}
 };
 
-/// What a service returns from a call that it has answered.
+/// Returns the result of a call that the service has answered.
 inline Return<void> Void() {
     return Return<void>();
 }

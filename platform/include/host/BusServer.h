@@ -14,14 +14,14 @@
 namespace host {
 
 /// A connection to a bus that offers services and serves their calls, one at a time, on the thread
-/// that calls `run`. Anybody on the bus may call, so no call can end the process or stop it from
-/// answering others: a call whose answer nobody waits for is not made, a list of too many ids is
-/// refused before it is read, and no call is read while too many answers wait to be sent.
+/// that calls `run`. Anybody on the bus may call, so no call can end the process or block the
+/// others: the server skips a call that wants no reply, refuses a list of too many ids before it
+/// reads the list, and reads no call while too many answers wait to be sent.
 class BusServer {
   public:
-    /// Connects to a bus. From then on this thread, and those that it starts, block SIGTERM and
-    /// SIGINT, which end `run`.
-    /// @param error [out] on failure one line that says why.
+    /// Connects to a bus. From then on this thread, and the threads that it starts, block SIGTERM
+    /// and SIGINT, which end `run`.
+    /// @param error [out] on failure one line with the reason.
     /// @return null on failure.
     static std::unique_ptr<BusServer> connect(Bus bus, std::string* error);
     ~BusServer();
@@ -29,14 +29,14 @@ class BusServer {
     BusServer& operator=(const BusServer&) = delete;
 
     /// Offers a service under its interface's name, as the instance "default".
-    /// @param error [out] on failure one line that says why, as when the name is taken.
+    /// @param error [out] on failure one line with the reason, for example that the name is taken.
     bool add(std::shared_ptr<::aidl::android::hardware::power::stats::IPowerStats> service,
              std::string* error);
     bool add(const ::android::sp<::android::hardware::power::stats::V1_0::IPowerStats>& service,
              std::string* error);
 
     /// Serves until SIGTERM or SIGINT comes.
-    /// @param error [out] on failure one line that says why, as when the bus went away.
+    /// @param error [out] on failure one line with the reason, for example that the bus went away.
     /// @return whether a signal ended it.
     bool run(std::string* error);
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The library is made to be loaded by a Java runtime. These two classes do what such a runtime does
-// and no more: a JNIEnv that offers byte arrays, and a loader that finds the library by its file
-// and its two native methods by their exported names.
+// Stands in for the Java runtime that loads the library: a JNIEnv that offers byte arrays, and a
+// loader that finds the library by its file and its two native methods by their exported names.
 
 #pragma once
 
@@ -23,7 +22,7 @@ using JavaBytes = std::optional<std::vector<uint8_t>>;
 /// A JNIEnv with the two functions that the library needs, `NewByteArray` and `SetByteArrayRegion`.
 /// A call of any other JNI function ends the process: its slot in the table is null.
 ///
-/// One object may be used by many threads at once; the arrays it hands out are its own.
+/// Many threads may use one object at once. Each object has arrays of its own.
 class HostJniEnv {
   public:
     HostJniEnv();
@@ -34,15 +33,15 @@ class HostJniEnv {
     JNIEnv* get();
 
     /// Takes the array out of this environment, as a Java caller takes a returned local reference.
-    /// @param array [in] what a native method returned; null is allowed and gives std::nullopt.
-    ///     An array that is not from this environment, or was taken already, ends the process.
+    /// @param array [in] the result of a native method; null is allowed and gives std::nullopt. An
+    ///     array of another environment, or one that was taken already, ends the process.
     JavaBytes take(jbyteArray array);
 
-    /// How many arrays were created and not yet taken: a native method that returns has left none
-    /// but the one that it returned.
+    /// Returns the number of arrays that were created and not yet taken. A native method that
+    /// returns has left only the array that it returned.
     size_t arrays() const;
 
-    /// Called before each JNI call takes effect with its text: "NewByteArray(27)" or
+    /// Is called before each JNI call takes effect, with a text such as "NewByteArray(27)" or
     /// "SetByteArrayRegion(0, 27)". Empty by default.
     std::function<void(const std::string& call)> onCall;
 
@@ -65,11 +64,11 @@ class LoadedLibrary {
 
     /// Loads the library and finds its two native methods.
     /// @param file [in] path of the library.
-    /// @param error [out] on failure one line that names the file and the reason.
+    /// @param error [out] on failure one line with the file and the reason.
     /// @return null on failure.
     static std::unique_ptr<LoadedLibrary> load(const std::string& file, std::string* error);
 
-    /// Unloads the library (`dlclose`). No HIDL service that it is connected to may be dying then.
+    /// Unloads the library (`dlclose`). REQUIRES: no HIDL service that it is connected to is dying
     ~LoadedLibrary();
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
@@ -79,7 +78,7 @@ class LoadedLibrary {
     /// Calls `getRailEnergyNative` as a Java caller does.
     JavaBytes railEnergy(HostJniEnv* env) const;
 
-    /// The address of an exported symbol, by its mangled name; null when there is none.
+    /// Returns the address of an exported symbol, by its mangled name; null when there is none.
     void* symbol(const char* name) const;
 
   private:

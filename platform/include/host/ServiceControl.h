@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What only a host can do to its services: kill one, make its transactions fail, count what its
-// clients ask of it, and watch what becomes of references. For tests, benchmarks and tools; the
-// library never includes this.
+// The controls that only a host has over its services: kill a service, make its transactions fail,
+// count its clients' requests, and observe references. For tests, benchmarks and tools; the library
+// never includes this.
 //
 // A service is named as in the register: an AIDL service by its instance name, a HIDL one by its
 // interface's full name, a slash and its instance. Counts and scripts belong to the name, so they
-// go on when a service is killed and another one takes its place.
+// continue when another service takes the place of a dead one.
 
 #pragma once
 
@@ -21,50 +21,50 @@ inline constexpr const char* kAidlPowerStats = "android.hardware.power.stats.IPo
 inline constexpr const char* kHidlPowerStats =
     "android.hardware.power.stats@1.0::IPowerStats/default";
 
-/// Takes the service out of the register. Clients that hold it go on using it.
+/// Takes the service out of the register. Clients that hold it can still use it.
 /// @return whether there was one.
 bool unregisterService(const std::string& name);
 
-/// Ends the process that the service stands for: takes it out of the register, makes its running
-/// and later transactions answer dead-object, and has those notified who linked to its death.
+/// Ends the process that the service stands for. Takes the service out of the register, makes its
+/// transactions fail with dead-object, including those in progress, and sends the death notices.
 /// Returns without waiting for the notices.
 /// @return whether there was one.
 bool killService(const std::string& name);
 
-/// What a client sees of a transaction that fails.
+/// A failed transaction, as its client sees it.
 struct Failure {
     int32_t exceptionCode = -129;  ///< EX_TRANSACTION_FAILED
     int32_t transactionError = 0;  ///< with EX_TRANSACTION_FAILED: a status_t or binder_status_t
     std::string message = {};      ///< part of the status's description
-    bool withoutStatus = false;    ///< AIDL only: a status holder that holds no status
+    bool withoutStatus = false;    ///< AIDL only: a holder without a status
 };
 
-/// -129 and -32: the service's process is gone, or appears to be.
+/// Returns the failure of a transaction whose peer is gone: -129 and -32.
 Failure deadObject();
 
 /// Makes the next `times` transactions of one method fail without reaching the service.
-/// @param method [in] the method's name in its interface, "getRailInfo"; the process ends when the
-///     interface has no such method.
+/// @param method [in] the method's name in its interface, such as "getRailInfo"; ends the process
+///     when the interface has no such method.
 void failTransactions(const std::string& name, const std::string& method, const Failure& failure,
                       int times = 1);
 
 /// Makes the next `times` links fail by transport.
 void failLinks(const std::string& name, const Failure& failure, int times = 1);
 
-/// Counts since the process started; look-ups of a name that has no service included.
+/// Return counts since the process started. Look-ups count even if the name has no service.
 int64_t lookups(const std::string& name);
 int64_t links(const std::string& name);
 int64_t unlinks(const std::string& name);
-/// Transactions of one method, failed ones included.
+/// Returns the number of transactions of one method, including failed ones.
 int64_t transactions(const std::string& name, const std::string& method);
-/// Transactions of all methods.
+/// Returns the number of transactions of all methods.
 int64_t transactions(const std::string& name);
 
-/// Waits until every notice of a death that has happened so far has been handled.
+/// Waits until the notices of all deaths so far have been handled.
 /// @return false when that takes longer than `seconds`.
 bool waitForDeathNotices(double seconds = 60);
 
-/// What an observer is told of.
+/// The events that an observer gets.
 enum class Event {
     kAidlRecipientCreated,    ///< AIBinder_DeathRecipient_new was called
     kAidlProxyDestroyed,      ///< the last reference to an AIDL proxy was dropped
@@ -75,25 +75,25 @@ enum class Event {
     kHidlRecipientDestroyed,  ///< a HIDL death recipient was destroyed
 };
 
-/// Has `observer` called at every event, on the thread and at the moment at which it happens, with
-/// no lock of the platform held; an empty one ends that.
+/// Calls `observer` at every event, at once and on the event's thread, with no lock of the platform
+/// held. An empty observer ends this.
 void setObserver(std::function<void(Event)> observer);
 
-/// The message that was handed to android_set_abort_message, or null. May be called in a signal
-/// handler.
+/// Returns the message that android_set_abort_message got, or null. A signal handler may call it.
 const char* abortMessage();
 
-/// The buses of a Linux machine: of one user's session, and of the system.
+/// The buses of a Linux machine: the bus of one user's session, and the system's.
 enum class Bus { kSession, kSystem };
 
-/// Says which buses a look-up asks when this process has no such service, in this order, and for
-/// which names. In a fresh process a look-up asks the session bus and then the system bus for both
-/// names. A process that serves itself passes no bus, so that its user's buses do not matter.
+/// Sets the buses that a look-up asks, in this order, when this process has no such service, and
+/// the names for which it does so. In a fresh process a look-up asks the session bus and then the
+/// system bus for both names. A process that has its own services passes no bus, so that other
+/// services do not matter.
 void setBusLookups(std::vector<Bus> buses,
                    std::vector<std::string> names = {kAidlPowerStats, kHidlPowerStats});
 
-/// Limits the time that a service on a bus may take to answer; 25 s in a fresh process. A call that
-/// takes longer is a failed transaction.
+/// Limits the time of a call to a service on a bus; 25 s in a fresh process. A call that takes
+/// longer is a failed transaction.
 void setBusTimeLimit(double seconds);
 
 }  // namespace host

@@ -36,8 +36,8 @@ enum {
     UNEXPECTED_NULL = (UNKNOWN_ERROR + 8),
 };
 
-/// The code's name, "DEAD_OBJECT" for DEAD_OBJECT. A code without a name gives its number and the
-/// text of the errno value that it negates, "-77 (File descriptor in bad state)".
+/// Returns the code's name, such as "DEAD_OBJECT". For a code without a name, returns its number
+/// and the text of the errno value that it negates, such as "-77 (File descriptor in bad state)".
 std::string statusToString(status_t status);
 
 }  // namespace android

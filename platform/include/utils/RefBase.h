@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reference counting as the device's native libraries have it: an object counts its own strong
-// references and ends with the last one; weak references outlive it.
+// Reference counting of the device's native libraries. An object counts its own strong references
+// and is destroyed with the last one; weak references outlive it.
 
 #pragma once
 
@@ -13,28 +13,28 @@
 
 namespace android {
 
-/// Base of objects held by sp<> and wp<>. It is inherited virtually where an object has it twice.
+/// Base of objects held by sp<> and wp<>. Inherit it virtually where an object has it twice.
 class RefBase {
   public:
-    /// `id` names the holder to tools that trace references; it is not used here.
+    /// `id` identifies the holder for tools that trace references. It is not used here.
     void incStrong(const void* id) const;
     void decStrong(const void* id) const;
     int32_t getStrongCount() const;
 
-    /// The counts, which live until the object and the last weak reference are gone. So an object
-    /// that has lost its last weak reference can still get its first strong one.
+    /// The counts. They live until the object and its last weak reference are gone, so an object
+    /// without weak references can still get its first strong one.
     class weakref_type {
       public:
         void incWeak(const void* id);
         void decWeak(const void* id);
-        /// Takes a strong reference unless the object has ended.
+        /// Takes a strong reference unless the object is destroyed.
         bool attemptIncStrong(const void* id);
 
       private:
         friend class RefBase;
         explicit weakref_type(RefBase* base) : mBase(base) {}
 
-        // Apart from 0, so that an object not held yet can be told from one that has ended.
+        // Not 0, which is the count of an object that has lost its last strong reference.
         static constexpr int32_t kNeverHeld = 1 << 28;
 
         RefBase* const mBase;
@@ -77,7 +77,7 @@ class wp {
         return *this;
     }
 
-    /// A strong reference, or null when the object has ended.
+    /// Returns a strong reference, or null when the object is destroyed.
     sp<T> promote() const {
         sp<T> strong;
         if (mRefs != nullptr && mRefs->attemptIncStrong(&strong)) strong.mObject = mObject;

@@ -8,9 +8,9 @@ import java.util.List;
 import java.util.regex.Pattern;
 import java.util.stream.Collectors;
 
-/** How results are written: lines of text, without the last line's end. */
+/** An output format: turns results into lines of text, without the last line's end. */
 enum Format {
-    /** For people: aligned, at most 80 columns wide; longer names lose their middle. */
+    /** For people: aligned, at most 80 columns wide. Names that do not fit lose their middle. */
     TABLE {
         @Override
         String unavailable(Section section) {
@@ -27,7 +27,7 @@ enum Format {
         }
     },
 
-    /** For programs: every line complete in itself, its fields separated by tabs, names whole. */
+    /** For programs: each line is one fact, with whole names and fields separated by tabs. */
     TSV {
         @Override
         String unavailable(Section section) {
@@ -51,13 +51,13 @@ enum Format {
     // Control characters would break lines and fields, and could steer a terminal.
     private static final Pattern UNSAFE = Pattern.compile("[\\p{Cc}\\\\]");
 
-    /** The text of a result that could not be collected. */
+    /** Returns the text for a result that could not be collected. */
     abstract String unavailable(Section section);
 
-    /** The text of a result, which may be empty. */
+    /** Returns the text of a result, which may have no elements. */
     abstract String available(Section section, PowerDataResult result);
 
-    /** The time of the call, which every element has; 0 when the clock could not be read. */
+    /** Returns the time of the call from the first element; 0 when the clock could not be read. */
     private static long timestampMs(PowerDataResult result) {
         return result.getKeyedPowerData(0).getId().getTimestampMs();
     }
@@ -68,7 +68,7 @@ enum Format {
                 .collect(Collectors.toList());
     }
 
-    /** An escape of one character; its backslashes are doubled for the replacement syntax. */
+    /** Escapes one character; backslashes are doubled for the replacement syntax. */
     private static String escape(String character) {
         return character.equals("\\")
                 ? "\\\\\\\\"
@@ -88,7 +88,7 @@ enum Format {
             for (List<String> line : lines) {
                 widths[column] = Math.max(widths[column], length(line.get(column)));
             }
-            // The numbers take what they need, and the names share the rest.
+            // The numbers get the width that they need; the names share the rest.
             if (column < section.nameColumns) {
                 widths[column] = Math.min(widths[column], room / (column + 1));
             }
@@ -109,7 +109,7 @@ enum Format {
         return (INDENT + String.join(GAP, fields)).stripTrailing();
     }
 
-    /** The ends of names tell them apart more often than their middle does. */
+    /** Shortens a name in its middle, because names differ more often at their ends. */
     private static String shortened(String name, int width) {
         if (length(name) <= width) return name;
         int tail = (width - 3) / 2;
@@ -118,7 +118,7 @@ enum Format {
                 + name.substring(name.offsetByCodePoints(name.length(), -tail));
     }
 
-    /** The number of characters, each of which may be a surrogate pair. */
+    /** Counts characters; a surrogate pair is one. */
     private static int length(String text) {
         return text.codePointCount(0, text.length());
     }

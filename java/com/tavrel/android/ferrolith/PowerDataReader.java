@@ -10,7 +10,7 @@ import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.util.List;
 
-/** Prints what the power stats service has measured; {@link ReaderOptions#HELP} is its manual. */
+/** Prints the power stats service's measurements; {@link ReaderOptions#HELP} is its manual. */
 public final class PowerDataReader {
     private static final int EXIT_NOTHING_COLLECTED = 1;
     private static final int EXIT_BAD_ARGUMENT = 2;
@@ -70,7 +70,7 @@ public final class PowerDataReader {
                 bytes == null
                         ? options.format.unavailable(section)
                         : options.format.available(section, PowerDataResult.parseFrom(bytes)));
-        // The next call may end the process, and what this one gave must not go with it.
+        // Flush now: the next call may end the process, and these lines must not be lost.
         if (out.checkError()) {
             fail("standard output: cannot write (has its reader gone?)", EXIT_NOTHING_COLLECTED);
         }

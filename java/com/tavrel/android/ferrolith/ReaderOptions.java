@@ -14,7 +14,7 @@ final class ReaderOptions {
             String.join(
                     "\n",
                     "Usage: powerstats-reader [options]",
-                    "Prints what the power stats service has measured since boot.",
+                    "Prints the measurements of the power stats service since boot.",
                     "",
                     "  --rails         the energy of each rail, in millijoules",
                     "  --residencies   the time of each power entity in each state, in ms, and the",
@@ -107,7 +107,7 @@ final class ReaderOptions {
         throw new BadArgument(option + ": value missing (" + remedy + ")");
     }
 
-    /** The message stays on one line whatever the argument has in it. */
+    /** Quotes an argument so that the message stays on one line. */
     private static String quoted(String argument) {
         return "'" + argument.replaceAll("\\p{Cc}", "?") + "'";
     }

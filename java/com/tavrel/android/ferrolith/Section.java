@@ -8,7 +8,7 @@ import com.tavrel.android.ferrolith.poweranomalyservice.proto.Residency;
 import java.util.ArrayList;
 import java.util.List;
 
-/** One kind of result: what it is called, how it is collected, and its rows. */
+/** One kind of result: its names, the call that collects it, and its rows. */
 enum Section {
     RAILS("rail", "Rail energy", List.of("rail", "millijoules"), 1) {
         @Override
@@ -34,7 +34,7 @@ enum Section {
         @Override
         void addRows(KeyedPowerData entity, List<List<String>> rows) {
             String name = entity.getId().getName();
-            // An entity that reports no states is still one that was reported.
+            // Print an entity without states too: the service reported it.
             if (entity.getData().getResidencyCount() == 0) rows.add(List.of(name, "", "", ""));
             for (Residency state : entity.getData().getResidencyList()) {
                 rows.add(
@@ -53,7 +53,7 @@ enum Section {
     final String title;
     final List<String> columns;
 
-    /** How many of the columns are names; they come first, and the others are numbers. */
+    /** The number of columns with names; they come first, and the others have numbers. */
     final int nameColumns;
 
     Section(String key, String title, List<String> columns, int nameColumns) {
@@ -63,12 +63,12 @@ enum Section {
         this.nameColumns = nameColumns;
     }
 
-    /** Calls the library; what it returns is the library's, null included. */
+    /** Calls the library and returns its result, which may be null. */
     abstract byte[] collect();
 
     abstract void addRows(KeyedPowerData element, List<List<String>> rows);
 
-    /** The facts of a result, one a row, each with a field for every column. */
+    /** Returns the facts of a result, one per row, with a field for every column. */
     List<List<String>> rows(PowerDataResult result) {
         List<List<String>> rows = new ArrayList<>();
         for (KeyedPowerData element : result.getKeyedPowerDataList()) addRows(element, rows);

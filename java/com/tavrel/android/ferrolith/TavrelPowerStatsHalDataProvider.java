@@ -3,10 +3,10 @@
 package com.tavrel.android.ferrolith;
 
 /**
- * What the device's power stats service has measured since boot.
+ * Reads the measurements of the device's power stats service since boot.
  *
  * <p>The methods are implemented by {@code libpowerstatshaldataprovider.so}, which the class loads
- * from {@code java.library.path}; an {@link UnsatisfiedLinkError} says that it is not there.
+ * from {@code java.library.path}; it throws an {@link UnsatisfiedLinkError} when it finds none.
  *
  * <p>Each call returns the bytes of one {@code PowerDataResult} message
  * ({@code proto/power_data_result.proto}): one {@code keyed_power_data} for each rail or power
@@ -18,12 +18,12 @@ package com.tavrel.android.ferrolith;
  *   <li>an empty array: the service answered, with nothing to report.
  * </ul>
  *
- * <p>Calls are serialised: they may come from any thread, and one that meets another waits until
- * that has returned. Each asks the service anew and takes as long as the service does.
+ * <p>Any thread may call. One call runs at a time; the others wait. Each call asks the service and
+ * takes as long as the service does.
  *
- * <p>A service that breaks its interface ends the process, rather than have a part of a result
- * taken for all of it: one that reports an id it never announced does so, and so does a HIDL
- * service that does not receive a request for data. Neither can be caught.
+ * <p>A service that breaks its interface ends the process, so that nobody takes a part of a result
+ * for all of it: a service that reports an id it never announced, or a HIDL service that a request
+ * for data does not reach. Java cannot catch this.
  */
 public final class TavrelPowerStatsHalDataProvider {
     static {
@@ -33,7 +33,7 @@ public final class TavrelPowerStatsHalDataProvider {
     private TavrelPowerStatsHalDataProvider() {}
 
     /**
-     * The time that each power entity spent in each of its states since boot.
+     * Returns the time that each power entity spent in each of its states since boot.
      *
      * @return a serialized {@code PowerDataResult} with elements of kind
      *     {@code KIND_POWER_ENTITY}: {@code data.residency} has one element for each state, with
@@ -43,7 +43,7 @@ public final class TavrelPowerStatsHalDataProvider {
     public static native byte[] getResidenciesNative();
 
     /**
-     * The energy that each power rail used since boot.
+     * Returns the energy that each power rail used since boot.
      *
      * @return a serialized {@code PowerDataResult} with elements of kind {@code KIND_RAIL}:
      *     {@code data.scalar.value} is the energy in millijoules, in the precision of a 32-bit

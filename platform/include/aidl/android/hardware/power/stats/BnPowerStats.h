@@ -6,7 +6,7 @@
 
 namespace aidl::android::hardware::power::stats {
 
-/// Base of services: derive from it and override the interface's methods.
+/// Base of services. Derive from it and override the interface's methods.
 class BnPowerStats : public ::ndk::BnCInterface<IPowerStats> {
   protected:
     ::ndk::SpAIBinder createBinder() override;

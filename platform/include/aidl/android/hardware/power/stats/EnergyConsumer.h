@@ -13,7 +13,7 @@ namespace aidl::android::hardware::power::stats {
 class EnergyConsumer {
   public:
     int32_t id = 0;       ///< unique in the device
-    int32_t ordinal = 0;  ///< tells consumers of one type apart, from 0
+    int32_t ordinal = 0;  ///< distinguishes consumers of one type, from 0
     EnergyConsumerType type = EnergyConsumerType::OTHER;
     std::string name;
 };

@@ -6,7 +6,7 @@
 
 namespace aidl::android::hardware::power::stats {
 
-/// The share of one user id in a consumer's energy.
+/// The part of a consumer's energy that one user id caused.
 class EnergyConsumerAttribution {
   public:
     int32_t uid = 0;

@@ -6,7 +6,7 @@
 
 namespace aidl::android::hardware::power::stats {
 
-/// What one channel's energy meter shows.
+/// One reading of a channel's energy meter.
 class EnergyMeasurement {
   public:
     int32_t id = 0;           ///< of the Channel

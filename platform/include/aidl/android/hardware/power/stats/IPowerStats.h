@@ -16,33 +16,33 @@
 
 namespace aidl::android::hardware::power::stats {
 
-/// The power statistics service. Every method returns a status, and gives its answer through its
-/// last argument when that status is OK.
+/// The power statistics service. Every method returns a status, and writes its result to its last
+/// argument when that status is OK.
 class IPowerStats : public ::ndk::ICInterface {
   public:
     /// "android.hardware.power.stats.IPowerStats"
     static const char* descriptor;
 
-    /// A proxy for the service behind a binder; null when the binder is null or of another
+    /// Returns a proxy for the service behind a binder; null when the binder is null or of another
     /// interface, or when the service's process is dead.
     static std::shared_ptr<IPowerStats> fromBinder(const ::ndk::SpAIBinder& binder);
 
-    /// All power entities of the device, with their states.
+    /// Gets all power entities of the device, with their states.
     virtual ::ndk::ScopedAStatus getPowerEntityInfo(std::vector<PowerEntity>* _aidl_return) = 0;
-    /// The state residencies of the entities asked for; of all when the list is empty.
+    /// Gets the state residencies of the listed entities; of all when the list is empty.
     virtual ::ndk::ScopedAStatus getStateResidency(
         const std::vector<int32_t>& in_powerEntityIds,
         std::vector<StateResidencyResult>* _aidl_return) = 0;
-    /// All energy consumers of the device.
+    /// Gets all energy consumers of the device.
     virtual ::ndk::ScopedAStatus getEnergyConsumerInfo(
         std::vector<EnergyConsumer>* _aidl_return) = 0;
-    /// The energy of the consumers asked for; of all when the list is empty.
+    /// Gets the energy of the listed consumers; of all when the list is empty.
     virtual ::ndk::ScopedAStatus getEnergyConsumed(
         const std::vector<int32_t>& in_energyConsumerIds,
         std::vector<EnergyConsumerResult>* _aidl_return) = 0;
-    /// All energy meter channels of the device.
+    /// Gets all energy meter channels of the device.
     virtual ::ndk::ScopedAStatus getEnergyMeterInfo(std::vector<Channel>* _aidl_return) = 0;
-    /// The measurements of the channels asked for; of all when the list is empty.
+    /// Reads the meters of the listed channels; of all when the list is empty.
     virtual ::ndk::ScopedAStatus readEnergyMeter(const std::vector<int32_t>& in_channelIds,
                                                  std::vector<EnergyMeasurement>* _aidl_return) = 0;
 };

@@ -15,7 +15,7 @@ class PowerEntity {
   public:
     int32_t id = 0;  ///< unique in the device
     std::string name;
-    std::vector<State> states;  ///< all that it can be in
+    std::vector<State> states;  ///< all states of the entity
 };
 
 }  // namespace aidl::android::hardware::power::stats

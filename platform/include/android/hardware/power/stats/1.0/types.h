@@ -8,7 +8,7 @@
 
 namespace android::hardware::power::stats::V1_0 {
 
-/// What a call of the interface came to, beside whether it reached the service at all.
+/// The service's own status of a call. The transport result says whether the call reached it.
 enum class Status : uint32_t {
     SUCCESS = 0,
     NOT_SUPPORTED = 1,
@@ -25,9 +25,9 @@ enum class PowerEntityType : uint32_t {
 
 /// One rail whose energy is measured.
 struct RailInfo {
-    uint32_t index = 0;         ///< what energy records refer to; unique in the device
-    hidl_string railName;       ///< of the rail
-    hidl_string subsysName;     ///< that the rail feeds
+    uint32_t index = 0;         ///< named by energy records; unique in the device
+    hidl_string railName;       ///< the rail's
+    hidl_string subsysName;     ///< the part of the device that the rail feeds
     uint32_t samplingRate = 0;  ///< hertz
 };
 
