@@ -3,7 +3,6 @@
 // The statuses of the two services, and the rules in which they differ. The tests of the tool
 // compare the records of both.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "hal/LinuxPowerStats.h"
@@ -14,9 +13,8 @@ namespace {
 
 namespace aidl_stats = aidl::android::hardware::power::stats;
 using android::hardware::power::stats::V1_0::Status;
-using testing::ElementsAre;
 
-constexpr int32_t kZone = 962335114;  // the id of "zone:39751"
+constexpr int32_t kZone = 962335114;  // the id of "zone:39751"; "zone:61784" has the next one
 /// A counter with this range may have wrapped after 262 s.
 constexpr long long kRangeUj = 262144000000;
 
@@ -30,76 +28,77 @@ class ServicesTest : public testing::Test {
         return std::make_shared<const LinuxCounters>(options);
     }
 
-    /// Makes a HIDL callback that keeps the status and the number of records.
+    /// The HIDL status and the number of records of an answer.
+    using Got = std::pair<Status, size_t>;
     auto keep() {
-        return [this](const auto& records, Status status) {
-            mStatus = status;
-            mCount = records.size();
-        };
+        return [this](const auto& records, Status status) { mGot = {status, records.size()}; };
     }
-    /// Asks for rails, and expects a status and a number of rails.
-    void expectRails(LinuxPowerStatsHidl& service, Status status, size_t count) {
+    Got rails(LinuxPowerStatsHidl& service) {
         EXPECT_TRUE(service.getRailInfo(keep()).isOk());
-        EXPECT_EQ(std::make_pair(mStatus, mCount), std::make_pair(status, count));
+        return mGot;
     }
-    void expectEnergies(LinuxPowerStatsHidl& service, Status status, size_t count,
-                        const std::vector<uint32_t>& ids = {}) {
-        EXPECT_TRUE(service.getEnergyData(ids, keep()).isOk());
-        EXPECT_EQ(std::make_pair(mStatus, mCount), std::make_pair(status, count));
+    Got energies(LinuxPowerStatsHidl& service, const std::vector<int32_t>& ids = {}) {
+        EXPECT_TRUE(
+            service.getEnergyData(std::vector<uint32_t>(ids.begin(), ids.end()), keep()).isOk());
+        return mGot;
     }
 
     TemporaryTree mTree;
     std::chrono::milliseconds mNow{20000};
-    Status mStatus = Status::SUCCESS;
-    size_t mCount = 0;
+    Got mGot;
 };
 
-TEST_F(ServicesTest, AidlTellsTheTimeThatARailCoversAndRefusesUnknownIds) {
-    mTree.writeZone("zone:39751", "package-0", 42, kRangeUj);
-    const auto service = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(makeCounters());
-    mNow = std::chrono::seconds(320);
-    std::vector<aidl_stats::EnergyMeasurement> energies;
-    EXPECT_TRUE(service->readEnergyMeter({kZone}, &energies).isOk());
-    ASSERT_EQ(energies.size(), 1u);
-    EXPECT_EQ(std::tie(energies[0].id, energies[0].timestampMs, energies[0].durationMs,
-                       energies[0].energyUWs),
-              std::make_tuple(kZone, 320000, 20000, 42));
-    const auto refused = service->readEnergyMeter({77}, &energies);
-    EXPECT_EQ(refused.getExceptionCode(), EX_ILLEGAL_ARGUMENT);
-    EXPECT_STREQ(refused.getMessage(), "no rail has the id 77");
-    EXPECT_EQ(energies.size(), 0u);
-    std::vector<aidl_stats::StateResidencyResult> residencies(1);
-    EXPECT_EQ(service->getStateResidency({77}, &residencies).getExceptionCode(),
-              EX_ILLEGAL_ARGUMENT);
-    EXPECT_EQ(residencies.size(), 0u);
-    mTree.remove("class");
-    EXPECT_TRUE(service->readEnergyMeter({kZone}, &energies).isOk());
-    EXPECT_EQ(energies.size(), 0u) << "a rail that cannot be read";
-}
-
-TEST_F(ServicesTest, HidlHasAStatusForARefusalAndForUnreadableCounters) {
+TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
+    mTree.writeZone("zone:39751", "a", 42, kRangeUj);
+    mTree.writeZone("zone:61784", "b", 43);
     mTree.writeIdleState(2, 4, "C6", 5000, 6);
-    mTree.writeZone("zone:39751", "package-0", 42);
-    LinuxPowerStatsHidl service(makeCounters());
-    expectEnergies(service, Status::SUCCESS, 1, {kZone});
-    expectEnergies(service, Status::INVALID_INPUT, 0, {77});
-    expectEnergies(service, Status::INVALID_INPUT, 0, {kZone, kZone});
-    EXPECT_TRUE(service
-                    .getPowerEntityInfo([](const auto& entities, Status) {
+    const auto counters = makeCounters();
+    const auto aidl = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
+    LinuxPowerStatsHidl hidl(counters);
+    const std::pair<std::vector<int32_t>, const char*> refusals[] = {
+        {{kZone, 77}, "no rail has the id 77"},
+        {{kZone, kZone}, "the request repeats the id 962335114 (rail); ask for each once"},
+        {{77, kZone, kZone},
+         "the request has 3 ids, for 2 known (rail); ask for each once, or for all by an empty "
+         "list"},
+    };
+    for (const auto& [ids, message] : refusals) {
+        std::vector<aidl_stats::EnergyMeasurement> measurements(1);
+        const auto refused = aidl->readEnergyMeter(ids, &measurements);
+        EXPECT_EQ(refused.getExceptionCode(), EX_ILLEGAL_ARGUMENT);
+        EXPECT_STREQ(refused.getMessage(), message);
+        EXPECT_EQ(measurements.size(), 0u);
+        EXPECT_EQ(energies(hidl, ids), Got(Status::INVALID_INPUT, 0));
+    }
+    std::vector<aidl_stats::StateResidencyResult> residencies(1);
+    EXPECT_STREQ(aidl->getStateResidency({77}, &residencies).getMessage(),
+                 "no power entity has the id 77");
+    EXPECT_EQ(residencies.size(), 0u);
+    EXPECT_TRUE(hidl.getPowerEntityStateInfo({77}, keep()).isOk());
+    EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
+    EXPECT_TRUE(hidl.getPowerEntityStateResidencyData({2, 2}, keep()).isOk());
+    EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
+    EXPECT_TRUE(hidl.getPowerEntityInfo([](const auto& entities, Status) {
                         using Type = android::hardware::power::stats::V1_0::PowerEntityType;
                         EXPECT_EQ(entities[0].type, Type::SUBSYSTEM);
                         EXPECT_EQ(entities[1].type, Type::POWER_DOMAIN);
                     })
                     .isOk());
-    EXPECT_TRUE(service.getPowerEntityStateInfo({77}, keep()).isOk());
-    EXPECT_EQ(mStatus, Status::INVALID_INPUT);
-    EXPECT_TRUE(service.getPowerEntityStateResidencyData({2, 2}, keep()).isOk());
-    EXPECT_EQ(mStatus, Status::INVALID_INPUT);
+
+    mNow = std::chrono::seconds(320);  // more than a wrap may take
+    std::vector<aidl_stats::EnergyMeasurement> read;
+    EXPECT_TRUE(aidl->readEnergyMeter({kZone + 1, kZone}, &read).isOk());
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read[0].energyUWs, 43);
+    EXPECT_EQ(std::tie(read[1].id, read[1].timestampMs, read[1].durationMs, read[1].energyUWs),
+              std::make_tuple(kZone, 320000, 20000, 42));
     mTree.remove("class");
     mTree.remove("devices");
-    expectEnergies(service, Status::FILESYSTEM_ERROR, 0);
-    EXPECT_TRUE(service.getPowerEntityStateResidencyData({2}, keep()).isOk());
-    EXPECT_EQ(mStatus, Status::FILESYSTEM_ERROR);
+    EXPECT_TRUE(aidl->readEnergyMeter({kZone}, &read).isOk());
+    EXPECT_EQ(read.size(), 0u) << "a rail that cannot be read";
+    EXPECT_EQ(energies(hidl), Got(Status::FILESYSTEM_ERROR, 0));
+    EXPECT_TRUE(hidl.getPowerEntityStateResidencyData({2}, keep()).isOk());
+    EXPECT_EQ(mGot, Got(Status::FILESYSTEM_ERROR, 0));
 }
 
 TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
@@ -108,25 +107,25 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     mTree.writeZone("zone:39751", "package-0", 1000, kRangeUj);
     const auto counters = makeCounters();
     LinuxPowerStatsHidl early(counters), unserved(counters, HidlRails::kNotServed);
-    expectEnergies(early, Status::SUCCESS, 2);
-    expectRails(unserved, Status::NOT_SUPPORTED, 0);
-    expectEnergies(unserved, Status::NOT_SUPPORTED, 0, {77});
+    EXPECT_EQ(energies(early), Got(Status::SUCCESS, 2));
+    EXPECT_EQ(rails(unserved), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(energies(unserved, {77}), Got(Status::NOT_SUPPORTED, 0));
 
-    mNow = std::chrono::seconds(320);  // more than a wrap may take
-    expectEnergies(early, Status::SUCCESS, 1);
-    expectEnergies(early, Status::NOT_SUPPORTED, 0, {kZone});
-    expectRails(early, Status::SUCCESS, 2);  // a list that clients keep
+    mNow = std::chrono::seconds(320);
+    EXPECT_EQ(energies(early), Got(Status::SUCCESS, 1));
+    EXPECT_EQ(energies(early, {kZone}), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(rails(early), Got(Status::SUCCESS, 2)) << "a list that clients keep";
     LinuxPowerStatsHidl late(counters);
-    expectRails(late, Status::SUCCESS, 1);
-    expectEnergies(late, Status::INVALID_INPUT, 0, {kZone});  // never announced
+    EXPECT_EQ(rails(late), Got(Status::SUCCESS, 1));
+    EXPECT_EQ(energies(late, {kZone}), Got(Status::INVALID_INPUT, 0)) << "never announced";
 
     mTree.remove(meter);
     mNow = std::chrono::seconds(20);
     LinuxPowerStatsHidl ending(makeCounters());
-    expectRails(ending, Status::SUCCESS, 1);
+    EXPECT_EQ(rails(ending), Got(Status::SUCCESS, 1));
     mNow = std::chrono::seconds(320);
-    expectEnergies(ending, Status::NOT_SUPPORTED, 0);
-    expectRails(ending, Status::NOT_SUPPORTED, 0);
+    EXPECT_EQ(energies(ending), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(rails(ending), Got(Status::NOT_SUPPORTED, 0));
 }
 
 }  // namespace

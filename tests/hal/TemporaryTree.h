@@ -36,8 +36,9 @@ class TemporaryTree {
     void write(const std::string& file, long long number) const {
         write(file, std::to_string(number));
     }
-    void makeFolder(const std::string& folder) const {
-        std::filesystem::create_directories(path(folder));
+    void link(const std::string& target, const std::string& file) const {
+        std::filesystem::create_directories(path(file).parent_path());
+        std::filesystem::create_symlink(target, path(file));
     }
     void remove(const std::string& file) const { std::filesystem::remove_all(path(file)); }
 
