@@ -28,13 +28,8 @@ Return<void> failed() {
 
 TEST(TransportResult, FailedAndUnexaminedEndsTheProcess) {
     const std::pair<const char*, void (*)()> cases[] = {
-        {"not checked.", [] { failed(); }},
-        {"not checked.",
-         [] {
-             const Return<void> result = failed();
-             result.description();
-             EXPECT_TRUE(result.isDeadObject());
-         }},
+        {"not checked.", [] { EXPECT_NE(failed().description(), ""); }},
+        {"not checked.", [] { EXPECT_TRUE(failed().isDeadObject()); }},
         {"not checked.",
          [] {
              Return<void> result = failed();
@@ -54,20 +49,17 @@ TEST(TransportResult, FailedAndUnexaminedEndsTheProcess) {
         EXPECT_THAT(ended.errors,
                     testing::HasSubstr("Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"));
     }
-}
-
-TEST(TransportResult, ThatIsExaminedIsHarmlessAndDescribed) {
-    Return<void> result = failed();
-    EXPECT_FALSE(result.isOk());
-    EXPECT_TRUE(result.isDeadObject());
-    const Return<void> moved = std::move(result);
-    EXPECT_TRUE(Return<bool>(true));
-    EXPECT_EQ(android::hardware::Void().description(), "No error");
-    EXPECT_EQ(TransportStatus::fromStatusT(-77, "odd").description(),
-              "Status(EX_TRANSACTION_FAILED): '-77 (File descriptor in bad state): odd'");
-    EXPECT_EQ(TransportStatus::fromExceptionCode(-3).description(),
-              "Status(EX_ILLEGAL_ARGUMENT): ''");
-    EXPECT_EQ(TransportStatus::fromExceptionCode(-99, "odd").description(), "Status(-99): 'odd'");
+    Return<void> examined = failed();
+    EXPECT_FALSE(examined.isOk());
+    const Return<void> moved = std::move(examined);
+    const std::pair<TransportStatus, const char*> descriptions[] = {
+        {TransportStatus::ok(), "No error"},
+        {TransportStatus::fromStatusT(-77, "odd"),
+         "Status(EX_TRANSACTION_FAILED): '-77 (File descriptor in bad state): odd'"},
+        {TransportStatus::fromExceptionCode(-3), "Status(EX_ILLEGAL_ARGUMENT): ''"},
+        {TransportStatus::fromExceptionCode(-99, "odd"), "Status(-99): 'odd'"},
+    };
+    for (const auto& [status, text] : descriptions) EXPECT_EQ(status.description(), text);
 }
 
 class HidlProxy : public testing::Test {
