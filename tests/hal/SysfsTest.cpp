@@ -9,36 +9,34 @@
 
 #include <cerrno>
 #include <deque>
-#include <tuple>
+#include <utility>
 
 namespace powerstats {
 namespace {
 
 /// Returns the lowest free descriptor, which tells whether those below it are open.
-int nextDescriptor() {
+rlim_t nextDescriptor() {
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(next);
-    return next;
+    return static_cast<rlim_t>(next);
 }
 
 /// Files of the kernel's own tree, because only their descriptors are kept.
 class NumberFileTest : public testing::Test {
   protected:
     void SetUp() override {
-        if (!mSysfs->isKernels()) GTEST_SKIP() << "/sys is not the kernel's";
+        if (!makeSysfs(kMostDescriptors)->isKernels()) GTEST_SKIP() << "/sys is not the kernel's";
     }
 
-    NumberFile lo(const char* file) {
-        return NumberFile(mSysfs, std::string("class/net/lo/") + file);
-    }
-
-    std::shared_ptr<const Sysfs> makeSysfs(rlim_t descriptors) {
+    static void limitDescriptors(rlim_t descriptors) {
         const rlimit limit{descriptors, kMostDescriptors};
         setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    std::shared_ptr<const Sysfs> makeSysfs(rlim_t descriptors) {
+        limitDescriptors(descriptors);
         return std::make_shared<const Sysfs>(
             "/sys", [this](const std::string& text) { mWarnings.push_back(text); },
             [this](int descriptor, void* buffer, size_t size, off_t offset) {
-                ++mReads;
                 if (mErrors.empty()) return pread(descriptor, buffer, size, offset);
                 errno = mErrors.front();
                 mErrors.pop_front();
@@ -49,50 +47,44 @@ class NumberFileTest : public testing::Test {
     static constexpr rlim_t kMostDescriptors = 1000;
     std::vector<std::string> mWarnings;
     std::deque<int> mErrors;  // of the next readings
-    int mReads = 0;
-    std::shared_ptr<const Sysfs> mSysfs = makeSysfs(kMostDescriptors);
+    const rlim_t mFirst = nextDescriptor();
 };
 
 TEST_F(NumberFileTest, KeepsItsDescriptorUntilTheDeviceGoesAway) {
-    const int first = nextDescriptor();
     {
-        NumberFile mtu = lo("mtu");
-        const std::tuple<std::deque<int>, std::optional<int64_t>, int> cases[] = {
-            {{}, 65536, 1},
-            {{}, 65536, 1},
-            {{EINTR}, 65536, 2},
-            {{ENODEV}, 65536, 2},  // the device is back
-            {{ENODEV, ENODEV}, {}, 2},
-            {{EIO}, {}, 1},
-            {{}, 65536, 1},
+        NumberFile mtu(makeSysfs(kMostDescriptors), "class/net/lo/mtu");
+        const std::pair<std::deque<int>, std::optional<int64_t>> cases[] = {
+            {{}, 65536},
+            {{EINTR}, 65536},
+            {{ENODEV}, 65536},  // the device is back
+            {{ENODEV, ENODEV}, {}},
+            {{EIO}, {}},
+            {{}, 65536},
         };
-        for (const auto& [errors, number, reads] : cases) {
+        for (const auto& [errors, number] : cases) {
             mErrors = errors;
-            mReads = 0;
             EXPECT_EQ(mtu.read(), number);
-            EXPECT_EQ(mReads, reads);
-            EXPECT_EQ(nextDescriptor(), first + 1);
+            EXPECT_THAT(mErrors, testing::IsEmpty());
+            EXPECT_EQ(nextDescriptor(), mFirst + 1);
         }
     }
-    EXPECT_EQ(nextDescriptor(), first);
+    EXPECT_EQ(nextDescriptor(), mFirst);
     EXPECT_THAT(mWarnings, testing::ElementsAre(testing::HasSubstr("Input/output error")));
 }
 
 TEST_F(NumberFileTest, GivesUpDescriptorsWhenTheyRunShort) {
-    const int first = nextDescriptor();
-    mSysfs = makeSysfs(static_cast<rlim_t>(first) + 1 + 64);
-    NumberFile mtu = lo("mtu"), index = lo("ifindex");
+    const auto sysfs = makeSysfs(mFirst + 1 + 64);
+    NumberFile mtu(sysfs, "class/net/lo/mtu"), index(sysfs, "class/net/lo/ifindex");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(mtu.read(), 65536);
         EXPECT_EQ(index.read(), 1);
-        EXPECT_EQ(nextDescriptor(), first + 1) << "64 are left";
+        EXPECT_EQ(nextDescriptor(), mFirst + 1) << "64 are left";
     }
-    const rlimit none{static_cast<rlim_t>(first) + 1, kMostDescriptors};
-    setrlimit(RLIMIT_NOFILE, &none);
+    limitDescriptors(mFirst + 1);
     EXPECT_EQ(index.read(), std::nullopt);
     EXPECT_THAT(mWarnings, testing::ElementsAre(testing::HasSubstr("raise the limit of open")));
     EXPECT_EQ(mtu.read(), 65536);
-    EXPECT_EQ(nextDescriptor(), first);
+    EXPECT_EQ(nextDescriptor(), mFirst);
     EXPECT_EQ(index.read(), 1);
     raiseOpenFileLimit();
     rlimit limit{};
