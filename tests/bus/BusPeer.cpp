@@ -4,7 +4,7 @@
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
 //   bus_peer answer error|signature|text|elements|never   an AIDL service that answers badly
 //   bus_peer attack forge|junk|repeat|flood|greedy|lazy   a hostile user of the bus: see kAttacks
-// busMachine() describes MACHINE. The program writes "ready" when it can be called, or after its
+// machineOf() describes MACHINE. The program writes "ready" when it can be called, or after its
 // first attack. An attack goes on until the program is killed.
 
 #include <host/BusServer.h>
@@ -15,23 +15,35 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "platform/dbus/BusNames.h"
-#include "tests/bus/BusMachine.h"
-#include "tests/support/BootClock.h"
-#include "tests/support/FakeServices.h"
+#include "tests/support/Scenario.h"
 
 namespace support {
 namespace {
 
-int serve(const std::string& hal, const std::string& machine, const std::string& lastMethod) {
+/// @param variant [in] a number: the machine of that generation, which busResult() describes;
+///     "late": smallMachine(), counted from 2 s after boot.
+Machine machineOf(const std::string& variant) {
+    Machine machine = smallMachine();
+    if (variant == "late") {
+        machine.energies[0].durationMs -= 2000;
+        return machine;
+    }
+    const int generation = std::stoi(variant);
+    machine.rails[0].name += variant;
+    machine.energies[0].energyUWs = generation * 1000;
+    machine.entities[0].name += variant;
+    machine.entities[0].states[0].name += variant;
+    machine.totals[0].stateResidencyData = {{0, generation, 2 * generation, 0}};
+    return machine;
+}
+
+int serve(const std::string& hal, const std::string& variant, const std::string& lastMethod) {
     const auto aidl = ndk::SharedRefBase::make<FakeAidl>();
     const android::sp<FakeHidl> hidl = new FakeHidl;
-    aidl->machine = busMachine(machine);
-    hidl->tell(busMachine(machine));
+    aidl->machine = machineOf(variant);
+    hidl->tell(aidl->machine);
     aidl->onCall = hidl->onCall = [&](const std::string& method) {
         if (method == lastMethod) raise(SIGKILL);
     };
@@ -51,9 +63,7 @@ int answerBadly(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) return 0;
     const std::string how = static_cast<const char*>(userData);
     if (how == "never") return 1;
-    if (how == "error") {
-        return sd_bus_reply_method_errorf(call, "com.example.Unwilling", "not today");
-    }
+    if (how == "error") return sd_bus_reply_method_errorf(call, "com.example.No", "not today");
     if (how == "signature") return sd_bus_reply_method_return(call, "s", "all is well");
 
     sd_bus_message* reply = nullptr;

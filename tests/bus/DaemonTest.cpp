@@ -21,7 +21,7 @@ namespace {
 std::string run(int exitCode, std::vector<std::string> command,
                 const std::vector<std::string>& arguments) {
     command.insert(command.end(), arguments.begin(), arguments.end());
-    Process process(command, true);
+    Process process(command);
     EXPECT_EQ(process.wait(), exitCode) << process.text();
     return process.text();
 }

@@ -15,7 +15,7 @@
 
 namespace support {
 
-Process::Process(const std::vector<std::string>& arguments, bool takeOutput) {
+Process::Process(const std::vector<std::string>& arguments) {
     int pipes[2];
     if (pipe2(pipes, O_CLOEXEC) != 0) abort();
     std::vector<char*> argv;
@@ -26,7 +26,7 @@ Process::Process(const std::vector<std::string>& arguments, bool takeOutput) {
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(pipes[1], STDERR_FILENO);
-        if (takeOutput) dup2(pipes[1], STDOUT_FILENO);
+        dup2(pipes[1], STDOUT_FILENO);
         execvp(argv[0], argv.data());
         _exit(127);
     }
@@ -101,6 +101,13 @@ std::unique_ptr<Process> startDaemon(const std::string& hal, const std::string& 
         hal, "--sysfs", sysfs});
     EXPECT_TRUE(!untilItServes || daemon->waitFor("powerstatsd: serving")) << daemon->text();
     return daemon;
+}
+
+std::string busResult(Call call, int generation, int namedAs) {
+    const std::string names = std::to_string(namedAs != 0 ? namedAs : generation);
+    return call == Call::kRails
+               ? rail("VDD_CPU" + std::to_string(generation), generation)
+               : entity("SOC" + names, {residency("S0" + names, generation, 2 * generation)});
 }
 
 std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments, bool untilReady) {

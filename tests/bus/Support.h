@@ -5,13 +5,6 @@
 
 #pragma once
 
-#include <host/ServiceControl.h>
-#include <sys/types.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "tests/support/Scenario.h"
 
 namespace support {
@@ -25,9 +18,8 @@ inline constexpr bool kJudgeMemory = true;
 /// A program that this process started. It is killed with this object, and with this process.
 class Process {
   public:
-    /// Starts a program and reads its standard error.
-    /// @param takeOutput [in] whether to read its standard output too.
-    explicit Process(const std::vector<std::string>& arguments, bool takeOutput = false);
+    /// Starts a program and reads its standard output and standard error.
+    explicit Process(const std::vector<std::string>& arguments);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -85,6 +77,12 @@ class BusScenario : public Scenario {
   public:
     BusScenario() { host::setBusLookups({host::Bus::kSession, host::Bus::kSystem}); }
 };
+
+/// The result of a call that a generation of bus_peer's service answers. Generations share their
+/// ids; names and values are each one's own.
+/// @param namedAs [in] the generation whose names of entities and states the client knows, if that
+///     is another one.
+std::string busResult(Call call, int generation, int namedAs = 0);
 
 /// Starts bus_peer.
 /// @param untilReady [in] whether to wait until it has written "ready".
