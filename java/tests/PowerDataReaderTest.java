@@ -8,10 +8,9 @@ import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerData;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.Residency;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.Scalar;
-import java.util.EnumSet;
 import java.util.List;
 
-/** Tests the arguments and the output of the reader, without the library. Exits 1 on a failure. */
+/** Tests the output of the reader, without the library. Exits 1 on a failure. */
 public final class PowerDataReaderTest {
     private static int failures;
 
@@ -78,31 +77,6 @@ public final class PowerDataReaderTest {
         }
     }
 
-    private static void testArguments() throws ReaderOptions.BadArgument {
-        var all = EnumSet.allOf(Section.class);
-        expect("default sections", all, ReaderOptions.parse(List.of()).sections);
-        String arguments = "--residencies --count 3 --pause-ms 0 --format tsv";
-        ReaderOptions given = ReaderOptions.parse(List.of(arguments.split(" ")));
-        String options = given.sections + " " + given.count + " " + given.pauseMs;
-        expect("given", "[RESIDENCIES] 3 0 TSV", options + " " + given.format);
-        String[][] bad = {
-            {"--count", "value missing"},
-            {"--count 0", "'0': bad number (give a whole number from 1 "},
-            {"--pause-ms -1", "'-1': bad number (give a whole number from 0 "},
-            {"--format TSV", "'TSV': unknown format (give table or tsv)"},
-            {"a\nb", "'a?b': unknown argument (--help "},
-        };
-        for (String[] row : bad) {
-            String message = "accepted";
-            try {
-                ReaderOptions.parse(List.of(row[0].split(" ")));
-            } catch (ReaderOptions.BadArgument e) {
-                message = e.getMessage();
-            }
-            if (!message.contains(row[1])) expect(row[0], row[1], message);
-        }
-    }
-
     private static void testWithoutLibrary() throws Exception {
         String java = System.getProperty("java.home") + "/bin/java";
         String path = System.getProperty("java.class.path");
@@ -117,7 +91,6 @@ public final class PowerDataReaderTest {
     public static void main(String[] arguments) throws Exception {
         testWithoutLibrary();
         testFormats();
-        testArguments();
         if (failures > 0) System.exit(1);
     }
 }

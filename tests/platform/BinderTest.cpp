@@ -49,22 +49,6 @@ TEST_F(Binder, IsTheSameForTheSameServiceAndKeepsItAlive) {
     EXPECT_EQ(AIBinder_Weak_promote(weak.get()), nullptr);
 }
 
-TEST_F(Binder, AnswerIsWrittenOnlyWhenTheCallSucceeded) {
-    const auto client = connect();
-    std::vector<stats::Channel> channels(2);
-    mService->failing["getEnergyMeterInfo"] = [] {
-        return ndk::ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_STATE, "no meter");
-    };
-    const auto status = client->getEnergyMeterInfo(&channels);
-    EXPECT_EQ(status.getExceptionCode(), EX_ILLEGAL_STATE);
-    EXPECT_STREQ(status.getMessage(), "no meter");
-    EXPECT_EQ(channels, std::vector<stats::Channel>(2));
-    mService->failing.clear();
-    EXPECT_TRUE(client->getEnergyMeterInfo(&channels).isOk());
-    ASSERT_EQ(channels.size(), 1u) << "an answer replaces the old content";
-    EXPECT_EQ(channels[0].name, "rail");
-}
-
 TEST_F(Binder, DeathDuringACallFailsItAndEveryClient) {
     const SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
     const auto first = connect(), second = connect();

@@ -1,26 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Transport results of HIDL, and its proxy.
+// Transport results of HIDL.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <host/ServiceControl.h>
+#include <hidl/Status.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <string>
 #include <utility>
 
 #include "tests/support/ChildProcess.h"
-#include "tests/support/FakeServices.h"
 
 namespace support {
 namespace {
 
-using android::sp;
 using android::hardware::Return;
 using TransportStatus = android::hardware::Status;
-using stats_V1_0::IPowerStats;
 
 Return<void> failed() {
     return TransportStatus::fromStatusT(android::DEAD_OBJECT, "gone");
@@ -60,48 +56,6 @@ TEST(TransportResult, FailedAndUnexaminedEndsTheProcess) {
         {TransportStatus::fromExceptionCode(-99, "odd"), "Status(-99): 'odd'"},
     };
     for (const auto& [status, text] : descriptions) EXPECT_EQ(status.description(), text);
-}
-
-class HidlProxy : public testing::Test {
-  protected:
-    HidlProxy() {
-        host::setBusLookups({});
-        mService->tell({{{1, "rail", ""}}, {}, {}, {}});
-        EXPECT_EQ(mService->registerAsService(), android::OK);
-    }
-
-    /// Asks for the rails.
-    std::string ask(const sp<IPowerStats>& client) {
-        std::string answers;
-        const auto result = client->getRailInfo([&](const auto& rails, FakeHidl::Status status) {
-            answers += std::to_string(rails.size()) + " with " +
-                       std::to_string(static_cast<uint32_t>(status)) + ". ";
-        });
-        return answers + (result.isOk() ? "" : result.description());
-    }
-
-    const sp<FakeHidl> mService = new FakeHidl;
-};
-
-TEST_F(HidlProxy, AnswersAreSynchronousAndFailuresHaveNone) {
-    const sp<IPowerStats> client = IPowerStats::getService();
-    const sp<IPowerStats> other = IPowerStats::getService();
-    EXPECT_NE(client, other);
-    EXPECT_EQ(IPowerStats::getService("default", true), nullptr);
-    EXPECT_EQ(IPowerStats::getService("vendor"), nullptr);
-    EXPECT_EQ(ask(client), "1 with 0. ");
-    mService->statuses["getRailInfo"] = FakeHidl::Status::INSUFFICIENT_RESOURCES;
-    EXPECT_EQ(ask(client), "1 with 4. ");
-    host::failTransactions(host::kHidlPowerStats, "getRailInfo", {-129, -74, "odd"});
-    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'");
-    EXPECT_EQ(ask(client), "1 with 4. ");
-    mService->onCall = [](const std::string&) { host::killService(host::kHidlPowerStats); };
-    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '")
-        << "it died before it answered";
-    EXPECT_EQ(ask(client), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
-    EXPECT_EQ(ask(other), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
-    EXPECT_EQ(IPowerStats::getService(), nullptr);
-    EXPECT_EQ(host::transactions(host::kHidlPowerStats, "getRailInfo"), 7);
 }
 
 }  // namespace
