@@ -19,7 +19,7 @@ namespace {
 /// Runs a program and expects an exit code.
 /// @return the program's output.
 std::string run(int exitCode, std::vector<std::string> command,
-                const std::vector<std::string>& arguments) {
+                const std::vector<std::string>& arguments = {}) {
     command.insert(command.end(), arguments.begin(), arguments.end());
     Process process(command);
     EXPECT_EQ(process.wait(), exitCode) << process.text();
@@ -67,7 +67,7 @@ TEST_F(Daemon, RefusesInOneLine) {
 
 TEST_F(Daemon, RailsThatAreNotSinceBootAreNamed) {
     const auto service = startPeer({"serve", "aidl", "late"});
-    const std::string text = run(1, {POWERSTATS_PROGRAM, "dump", "--bus", "--rails"}, {});
+    const std::string text = run(1, {POWERSTATS_PROGRAM, "dump", "--bus", "--rails"});
     EXPECT_NE(text.find("counted from 2 s after boot only: VDD_CPU (start powerstatsd at"),
               std::string::npos)
         << text;
@@ -114,10 +114,9 @@ TEST_F(Daemon, IsReadFromJavaAndTheCheckOfJniCallsFindsNoFault) {
     mTree.writeDevice("pci0/usb1", 321, 654);
     for (const std::string hal : {"aidl", "hidl"}) {
         const auto daemon = startDaemon(hal, mTree.root());
-        std::istringstream lines(run(0,
-                                     {JAVA_PROGRAM, "-Xcheck:jni",
-                                      "-Djava.library.path=" LIBRARY_FOLDER, "-jar", READER_JAR},
-                                     {"--format", "tsv"}));
+        std::istringstream lines(
+            run(0, {JAVA_PROGRAM, "-Xcheck:jni", "-Djava.library.path=" LIBRARY_FOLDER, "-jar",
+                    READER_JAR, "--format", "tsv"}));
         // The library's choice, the system's times, and a warning of newer virtual machines about
         // Java's own protobuf runtime.
         const std::regex other(
@@ -125,9 +124,7 @@ TEST_F(Daemon, IsReadFromJavaAndTheCheckOfJniCallsFindsNoFault) {
         std::string facts;
         for (std::string line; std::getline(lines, line);) {
             if (std::regex_match(line, other)) continue;
-            facts += std::regex_replace(line, std::regex("\t[0-9]+\t"), " ",
-                                        std::regex_constants::format_first_only) +
-                     '\n';
+            facts += std::regex_replace(line, std::regex("\t[0-9]+\t(.*)"), " $1\n");
         }
         EXPECT_EQ(facts,
                   "rail package-0\t4500\nrail package-0/core\t1\nresidency cpu0\tC2\t5000\t12\n"

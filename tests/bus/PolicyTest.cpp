@@ -13,7 +13,6 @@
 #include "tests/bus/Support.h"
 #include "tests/hal/TemporaryTree.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Scenario.h"
 
 namespace support {
 namespace {
@@ -50,8 +49,6 @@ class Policy : public testing::TestWithParam<Backend> {
         mTree.writeZone("intel-rapl:0", "package-0", 4500000);
         mBus = std::make_unique<PrivateBus>(host::Bus::kSystem);
     }
-
-    void TearDown() override { unsetenv("LD_PRELOAD"); }
 
     powerstats::TemporaryTree mFiles;
     powerstats::TemporaryTree mTree;
