@@ -4,15 +4,12 @@
 
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
 
 namespace support {
 
 struct Ended {
-    pid_t pid = 0;
     int signal = 0;    ///< that ended it, or 0
     int exitCode = 0;  ///< kReturned when `run` returned
     /// Its standard error, and "abort message: " with the message for a crash report.

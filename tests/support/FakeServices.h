@@ -8,7 +8,6 @@
 #include <aidl/android/hardware/power/stats/BnPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -37,8 +36,6 @@ class FakeAidl : public stats::BnPowerStats {
   public:
     using Status = ndk::ScopedAStatus;
     using Ids = std::vector<int32_t>;
-    template <typename T>
-    using Vector = std::vector<T>;
 
     Machine machine;
     /// Called in every transaction before it is answered.
@@ -46,30 +43,31 @@ class FakeAidl : public stats::BnPowerStats {
     /// Methods that do not answer OK. Their answer is written all the same.
     std::map<std::string, std::function<Status()>, std::less<>> failing;
 
-    Status getPowerEntityInfo(Vector<stats::PowerEntity>* answer) override {
+    Status getPowerEntityInfo(std::vector<stats::PowerEntity>* answer) override {
         return give("getPowerEntityInfo", {}, machine.entities, answer);
     }
-    Status getStateResidency(const Ids& ids, Vector<stats::StateResidencyResult>* answer) override {
+    Status getStateResidency(const Ids& ids,
+                             std::vector<stats::StateResidencyResult>* answer) override {
         return give("getStateResidency", ids, machine.totals, answer);
     }
-    Status getEnergyConsumerInfo(Vector<stats::EnergyConsumer>* /*answer*/) override {
+    Status getEnergyConsumerInfo(std::vector<stats::EnergyConsumer>* /*answer*/) override {
         return Status::ok();
     }
     Status getEnergyConsumed(const Ids& /*ids*/,
-                             Vector<stats::EnergyConsumerResult>* /*answer*/) override {
+                             std::vector<stats::EnergyConsumerResult>* /*answer*/) override {
         return Status::ok();
     }
-    Status getEnergyMeterInfo(Vector<stats::Channel>* answer) override {
+    Status getEnergyMeterInfo(std::vector<stats::Channel>* answer) override {
         return give("getEnergyMeterInfo", {}, machine.rails, answer);
     }
-    Status readEnergyMeter(const Ids& ids, Vector<stats::EnergyMeasurement>* answer) override {
+    Status readEnergyMeter(const Ids& ids, std::vector<stats::EnergyMeasurement>* answer) override {
         return give("readEnergyMeter", ids, machine.energies, answer);
     }
 
   private:
     template <typename Record>
-    Status give(const char* method, const Ids& ids, const Vector<Record>& all,
-                Vector<Record>* answer) const {
+    Status give(const char* method, const Ids& ids, const std::vector<Record>& all,
+                std::vector<Record>* answer) const {
         if (!ids.empty()) std::abort();
         if (onCall) onCall(method);
         *answer = all;

@@ -8,14 +8,12 @@
 #include <host/JavaRuntime.h>
 #include <host/ServiceControl.h>
 
-#include <cstdint>
+#include <time.h>
+
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "tests/support/BootClock.h"
 #include "tests/support/Encoder.h"
 #include "tests/support/FakeServices.h"
 
@@ -57,6 +55,18 @@ std::string steadyTraffic(Backend backend, Call call);
 /// A machine with one rail and one entity, and the bytes of its results at kNowMs.
 Machine smallMachine();
 std::string smallResult(Call call);
+
+/// A boot clock that a test sets: this program's own `clock_gettime`, which the library finds
+/// before the C library's. Other clocks are passed through.
+struct BootClock {
+    /// The clock's time. Without a value, reading it fails.
+    std::optional<timespec> now;
+    /// Called at every reading.
+    std::function<void()> onRead;
+};
+
+/// The clock of this process. It fails until it is set.
+BootClock& bootClock();
 
 class Scenario {
   public:
