@@ -153,31 +153,26 @@ TEST(AidlBus, LinkToAProcessThatIsGoneIsToldAtOnceAndOnce) {
     EXPECT_EQ(told.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_TRUE(host::waitForDeathNotices());
     EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_DEAD_OBJECT);
+    EXPECT_EQ(stats::IPowerStats::fromBinder(binder), nullptr);
 }
 
-TEST(HidlBus, DeathWhoseNoticeIsNotYetHandledEndsTheNextCall) {
+TEST(HidlBus, EveryProxyOfADeadServiceIsTold) {
+    struct Recipient : android::hardware::hidl_death_recipient {
+        void serviceDied(uint64_t /*cookie*/,
+                         const android::wp<android::hidl::base::V1_0::IBase>& /*who*/) override {
+            ++died;
+        }
+        std::atomic<int> died{0};
+    };
     const PrivateBus bus;
     const auto service = startPeer({"serve", "hidl", "1"});
-    const Ended ended = runInChild([&] {
-        BusScenario scenario;
-        EXPECT_EQ(scenario.call(Call::kRails).bytes, busResult(Call::kRails, 1));
-        // Another death keeps the thread busy that delivers notices.
-        const ndk::SpAIBinder other = ndk::SharedRefBase::make<FakeAidl>()->asBinder();
-        AServiceManager_addService(other.get(), "other/default");
-        std::promise<void> told;
-        AIBinder_linkToDeath(other.get(), AIBinder_DeathRecipient_new([](void* cookie) {
-                                 static_cast<std::promise<void>*>(cookie)->set_value();
-                                 std::this_thread::sleep_for(std::chrono::hours(1));
-                             }),
-                             &told);
-        host::killService("other/default");
-        told.get_future().wait();
-        service->signal(SIGKILL);
-        host::waitForDeathNotices(0.5);
-        scenario.callAloud(Call::kRails);
-    });
-    EXPECT_EQ(ended.signal, SIGABRT);
-    EXPECT_NE(ended.errors.find(kUnexamined), std::string::npos) << ended.errors;
+    const android::sp<Recipient> recipient = new Recipient;
+    const auto first = stats_V1_0::IPowerStats::getService();
+    const auto second = stats_V1_0::IPowerStats::getService();
+    for (const auto& proxy : {first, second}) EXPECT_TRUE(proxy->linkToDeath(recipient, 0));
+    service->kill();
+    awaitDeath(Backend::kHidl);
+    EXPECT_EQ(recipient->died, 2);
 }
 
 TEST(AidlBus, BadAnswersAreFailedTransactions) {

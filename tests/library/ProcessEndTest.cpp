@@ -166,30 +166,6 @@ TEST_P(RuntimeFailure, OfAnyAllocationEndsTheProcess) {
     std::printf("%d allocations failed, %d processes ended\n", failures, failures);
 }
 
-class ResidencyAllocations : public testing::TestWithParam<Backend> {};
-INSTANTIATE_TEST_SUITE_P(All, ResidencyAllocations, testing::ValuesIn(kBackends),
-                         testing::PrintToStringParamName());
-
-TEST_P(ResidencyAllocations, AreAsManyForEachStateHoweverManyThereAre) {
-    const auto countWith = [](int states) {
-        Machine machine = smallMachine();
-        for (int id = 1; id < states; ++id) {
-            machine.entities[0].states.push_back({id, "S"});
-            machine.totals[0].stateResidencyData.push_back({id, 1, 1, 1});
-        }
-        Scenario scenario;
-        scenario.serve(GetParam(), machine);
-        EXPECT_TRUE(scenario.call(Call::kResidencies).bytes);
-        const int64_t before = allocations().count;
-        scenario.callBare(Call::kResidencies);
-        return allocations().count - before;
-    };
-    const int64_t few = countWith(1000);
-    const int64_t each = (countWith(2000) - few) / 1000;
-    // 40000 states exceed a count of 16 bits.
-    EXPECT_EQ(countWith(40000), few + 39000 * each);
-}
-
 TEST_P(RuntimeFailure, ThrownByTheServiceDoesNotReachTheCaller) {
     const Ended ended = runInChild([&] {
         Scenario scenario;
