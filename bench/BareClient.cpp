@@ -262,8 +262,7 @@ void BareClient::transact(Use use) {
     }
 }
 
-host::JavaBytes BareClient::collect(Step step, int64_t timestampMs,
-                                          host::HostJniEnv* env) {
+host::JavaBytes BareClient::collect(Step step, int64_t timestampMs, host::HostJniEnv* env) {
     const auto toJava = [env](std::string_view bytes) {
         const auto length = static_cast<jsize>(bytes.size());
         jbyteArray array = env->get()->NewByteArray(length);
