@@ -8,7 +8,6 @@
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 #include <android/log.h>
 #include <fmt/format.h>
-#include <host/BusServer.h>
 #include <host/JavaRuntime.h>
 #include <host/ServiceControl.h>
 
@@ -134,8 +133,8 @@ bool isServed() {
 void explainAbsence(const Arguments& arguments) {
     std::string reasons;
     for (const host::Bus bus : busesOf(arguments)) {
-        std::string error;
-        if (host::BusServer::connect(bus, &error) != nullptr) {
+        const std::string trouble = host::findBusTrouble(bus);
+        if (trouble.empty()) {
             const std::string interface =
                 arguments.hal.empty() ? "" : " with the interface " + arguments.hal;
             say(
@@ -146,7 +145,7 @@ void explainAbsence(const Arguments& arguments) {
                                                       : "the " + *arguments.bus + " bus"));
             return;
         }
-        reasons += (reasons.empty() ? "" : "; ") + error;
+        reasons += (reasons.empty() ? "" : "; ") + trouble;
     }
     say(reasons);
 }

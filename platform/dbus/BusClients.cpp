@@ -183,6 +183,13 @@ class Buses : public OtherProcesses {
         return {};
     }
     void noticeDeaths() override { BusConnection::noticeDeaths(); }
+    std::string findTrouble(Bus bus) override {
+        UniqueBus opened;
+        int result = openBus(bus, &opened);
+        const char* unique = nullptr;
+        if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
+        return result < 0 ? describeTrouble(bus, result) : "";
+    }
 };
 
 [[maybe_unused]] const bool gPluggedIn = [] {

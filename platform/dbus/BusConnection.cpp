@@ -91,6 +91,14 @@ const char* nameOf(Bus bus) {
     return bus == Bus::kSession ? "session" : "system";
 }
 
+std::string describeTrouble(Bus bus, int result) {
+    return std::string("the ") + nameOf(bus) +
+           " bus cannot be reached: " + std::generic_category().message(-result) +
+           (bus == Bus::kSession
+                ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
+                : " (is dbus-daemon running?)");
+}
+
 int openBus(Bus bus, UniqueBus* opened) {
     sd_bus* made = nullptr;
     const int result = bus == Bus::kSession ? sd_bus_open_user(&made) : sd_bus_open_system(&made);

@@ -43,6 +43,10 @@ using UniqueSlot = std::unique_ptr<sd_bus_slot, ReleaseSlot>;
 /// Returns "session" or "system".
 const char* nameOf(Bus bus);
 
+/// One line about a bus that could not be reached, with the remedy.
+/// @param result [in] a negative errno.
+std::string describeTrouble(Bus bus, int result);
+
 /// Begins to connect to a bus. Does not wait for the bus.
 /// @return a negative errno when there is no such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);

@@ -258,11 +258,7 @@ std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     if (result >= 0) result = impl->stopOn(SIGTERM);
     if (result >= 0) result = impl->stopOn(SIGINT);
     if (result < 0) {
-        *error = std::string("the ") + dbus::nameOf(bus) +
-                 " bus cannot be reached: " + dbus::errnoText(result) +
-                 (bus == Bus::kSession
-                      ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
-                      : " (is dbus-daemon running?)");
+        *error = dbus::describeTrouble(bus, result);
         return nullptr;
     }
     return std::unique_ptr<BusServer>(new BusServer(std::move(impl)));

@@ -150,6 +150,12 @@ OtherProcesses* otherProcesses() {
     return neverDestroyed<Register>().others;
 }
 
+std::string findBusTrouble(Bus bus) {
+    OtherProcesses* const others = otherProcesses();
+    return others != nullptr ? others->findTrouble(bus)
+                             : "this program is built without D-Bus (set POWERSTATS_DBUS)";
+}
+
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
     Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);

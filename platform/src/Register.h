@@ -69,6 +69,8 @@ class OtherProcesses {
     virtual RegisteredService find(Bus bus, const std::string& name) = 0;
     /// Returns once every death that a bus knows of has been noticed.
     virtual void noticeDeaths() = 0;
+    /// @return one line about a bus that cannot be reached, with the remedy; empty when it can.
+    virtual std::string findTrouble(Bus bus) = 0;
 };
 
 /// @param others [in] lives as long as the process.

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
 namespace support {
 namespace {
@@ -31,7 +32,11 @@ void writeCoverage() {
 void onAbort(int /*signal*/) {
     writeCoverage();
     const char* message = host::abortMessage();
-    if (message != nullptr) dprintf(STDERR_FILENO, "abort message: %s\n", message);
+    if (message == nullptr) return;
+    // In a signal handler only the calls that are safe there.
+    for (const char* part : {"abort message: ", message, "\n"}) {
+        if (write(STDERR_FILENO, part, std::strlen(part)) < 0) return;
+    }
 }
 
 }  // namespace

@@ -96,4 +96,8 @@ void setBusLookups(std::vector<Bus> buses,
 /// longer is a failed transaction.
 void setBusTimeLimit(double seconds);
 
+/// Finds out why a bus cannot be reached.
+/// @return one line with the remedy; empty when it can be reached.
+std::string findBusTrouble(Bus bus);
+
 }  // namespace host
