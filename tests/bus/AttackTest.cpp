@@ -3,6 +3,7 @@
 // Hostile users of the bus, and resources that run short: the daemon and the clients of the library
 // keep working.
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -64,7 +65,7 @@ TEST_P(Client, IgnoresForgedSignalsAndReconnectsAfterALoss) {
             EXPECT_TRUE(host::waitForDeathNotices());
             expectResults(attack);
             const long growth = kibibytesOf(getpid(), "VmHWM") - before;
-            EXPECT_LT(growth, kJudgeMemory ? 8 * 1024 : LONG_MAX) << attack;
+            EXPECT_LT(growth, kJudgeMemory ? 8 * 1024L : LONG_MAX) << attack;
         }
         for (int fd = 3; fd < 256; ++fd) shutdown(fd, SHUT_RDWR);  // sockets only
         EXPECT_TRUE(host::waitForDeathNotices());
@@ -140,7 +141,7 @@ TEST_F(DaemonAttacked, AnswersOthersAndEndsWhenAsked) {
     std::printf("slowest answer %.3f s, at most %ld KiB of memory\n", slowest.count(), most);
     // Both limits leave room for a busy machine; a daemon that is blocked exceeds them by far.
     EXPECT_LT(slowest.count(), 24);
-    EXPECT_LT(most, kJudgeMemory ? 64 * 1024 : LONG_MAX);
+    EXPECT_LT(most, kJudgeMemory ? 64 * 1024L : LONG_MAX);
     // It has answers queued, for a bus that stands still.
     mBus.signal(SIGSTOP);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -153,7 +154,7 @@ TEST_F(DaemonAttacked, AnswersOthersAndEndsWhenAsked) {
 TEST_F(DaemonAttacked, SurvivesAShortageOfMemory) {
     if (!kJudgeMemory) GTEST_SKIP() << "a sanitizer has an address space of its own";
     const auto daemon = startDaemon("both", mTree.root(), host::Bus::kSystem);
-    const auto size = static_cast<rlim_t>(kibibytesOf(daemon->pid(), "VmSize") + 12 * 1024) * 1024;
+    const auto size = static_cast<rlim_t>(kibibytesOf(daemon->pid(), "VmSize") + 12 * 1024L) * 1024;
     const rlimit little{size, size};
     ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &little, nullptr), 0);
     startPeer({"attack", "repeat"});  // ends after its first attack
@@ -167,7 +168,7 @@ TEST_F(DaemonAttacked, SurvivesTheLossOfItsStandardStreams) {
     const std::string file = mTree.path("errors").string();
     for (const std::string& command :
          {serve + " <&- >&- 2>&-", serve + " 2>/dev/full", serve + " 2> >(true)",
-          "ulimit -f 0; " + serve + " 2>" + file}) {
+          fmt::format("ulimit -f 0; {} 2>{}", serve, file)}) {
         SCOPED_TRACE(command);
         Process daemon({"bash", "-c", command});
         ask();

@@ -32,10 +32,10 @@ Machine machineOf(const std::string& variant) {
     }
     const int generation = std::stoi(variant);
     machine.rails[0].name += variant;
-    machine.energies[0].energyUWs = generation * 1000;
+    machine.energies[0].energyUWs = generation * 1000L;
     machine.entities[0].name += variant;
     machine.entities[0].states[0].name += variant;
-    machine.totals[0].stateResidencyData = {{0, generation, 2 * generation, 0}};
+    machine.totals[0].stateResidencyData = {{0, generation, 2L * generation, 0}};
     return machine;
 }
 

@@ -76,18 +76,18 @@ TEST_F(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
     const PrivateBus system(host::Bus::kSystem);
     const struct {
         std::string hal;
-        host::Bus bus;
         std::vector<std::string> arguments;
+        host::Bus bus;
         int exitCode;
     } cases[] = {
-        {"aidl", host::Bus::kSession, {"--bus"}, 0},
-        {"hidl", host::Bus::kSession, {"--hal", "bus"}, 0},
-        {"aidl", host::Bus::kSystem, {"--bus"}, 0},
-        {"both", host::Bus::kSession, {"--bus=session", "--hal", "hidl"}, 0},
-        {"aidl", host::Bus::kSystem, {"--bus", "session", "--wait", "0"}, 1},
-        {"aidl", host::Bus::kSession, {"--bus=system", "--wait", "0"}, 1},
-        {"aidl", host::Bus::kSession, {"--bus", "--hal", "hidl", "--wait", "0"}, 1},
-        {"aidl", host::Bus::kSession, {"--bus", "--sysfs", mTree.root()}, 2},
+        {"aidl", {"--bus"}, host::Bus::kSession, 0},
+        {"hidl", {"--hal", "bus"}, host::Bus::kSession, 0},
+        {"aidl", {"--bus"}, host::Bus::kSystem, 0},
+        {"both", {"--bus=session", "--hal", "hidl"}, host::Bus::kSession, 0},
+        {"aidl", {"--bus", "session", "--wait", "0"}, host::Bus::kSystem, 1},
+        {"aidl", {"--bus=system", "--wait", "0"}, host::Bus::kSession, 1},
+        {"aidl", {"--bus", "--hal", "hidl", "--wait", "0"}, host::Bus::kSession, 1},
+        {"aidl", {"--bus", "--sysfs", mTree.root()}, host::Bus::kSession, 2},
     };
     for (const auto& row : cases) {
         // powerstats itself waits for a service.
@@ -108,14 +108,14 @@ TEST_F(Daemon, IsReadFromJavaAndTheCheckOfJniCallsFindsNoFault) {
 #ifndef JAVA_PROGRAM
     GTEST_SKIP() << "no Java reader was built (it needs a JDK and libprotobuf-java)";
 #else
+    const std::string libraryPath = "-Djava.library.path=" LIBRARY_FOLDER;
     mTree.writeZone("intel-rapl:0:0", "core", 1999);
     mTree.writeIdleState(0, 2, "C2", 5000999, 12);
     mTree.writeDevice("pci0/usb1", 321, 654);
     for (const std::string hal : {"aidl", "hidl"}) {
         const auto daemon = startDaemon(hal, mTree.root());
-        std::istringstream lines(
-            run(0, {JAVA_PROGRAM, "-Xcheck:jni", "-Djava.library.path=" LIBRARY_FOLDER, "-jar",
-                    READER_JAR, "--format", "tsv"}));
+        std::istringstream lines(run(
+            0, {JAVA_PROGRAM, "-Xcheck:jni", libraryPath, "-jar", READER_JAR, "--format", "tsv"}));
         // The library's choice, the system's times, and a warning of newer virtual machines about
         // Java's own protobuf runtime.
         const std::regex other(

@@ -58,7 +58,7 @@ struct Aidl {
 
 struct HidlRecipient : android::hardware::hidl_death_recipient {
     void serviceDied(uint64_t cookie, const wp<IBase>& /*who*/) override {
-        reinterpret_cast<Notice*>(cookie)->run();
+        reinterpret_cast<Notice*>(cookie)->run();  // NOLINT(performance-no-int-to-ptr)
     }
 };
 
