@@ -26,13 +26,13 @@ using HidlPowerStats = support::stats_V1_0::IPowerStats;
 constexpr int64_t kSinceBootMs = 86400000;
 
 std::shared_ptr<support::FakeAidl> makeAidl(const Machine& machine) {
-    const auto service = ndk::SharedRefBase::make<support::FakeAidl>();
+    auto service = ndk::SharedRefBase::make<support::FakeAidl>();
     service->machine = machine;
     return service;
 }
 
 android::sp<support::FakeHidl> makeHidl(const Machine& machine) {
-    const android::sp<support::FakeHidl> service = new support::FakeHidl;
+    android::sp<support::FakeHidl> service = new support::FakeHidl;
     service->tell(machine);
     return service;
 }
@@ -111,6 +111,7 @@ BusService::BusService(const Workload& workload) : mWorkload(workload) {
         arguments.push_back(std::to_string(argument));
     }
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (auto& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     posix_spawn_file_actions_t actions;

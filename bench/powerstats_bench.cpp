@@ -211,6 +211,7 @@ void measureThreads(State& state, Subject& subject, int threads) {
         std::promise<void> start;
         const std::shared_future<void> started(start.get_future());
         std::vector<std::thread> callers;
+        callers.reserve(static_cast<size_t>(threads));
         for (int i = 0; i < threads; ++i) {
             callers.emplace_back([&] {
                 HostJniEnv env;
