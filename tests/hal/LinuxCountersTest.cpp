@@ -240,7 +240,8 @@ TEST_F(LinuxCountersTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) 
         folder + ": Is a directory (expected a file: check that this is a sysfs tree)"};
     for (const auto& [file, text] : cases) {
         mTree.write(file, text);
-        warnings.push_back(file + ": " + number);
+        warnings.push_back(file + ": ");
+        warnings.back() += number;
     }
     for (std::string& warning : warnings) warning.insert(0, mTree.root() + "/");
     // Root reads any file, so another user looks for the counters.
