@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <atomic>
 
 #include "tests/support/Scenario.h"
 
@@ -48,13 +48,13 @@ TEST_P(Death, DropsTheConnectionAtOnceAndTheNextCallReconnects) {
     serve(mBackend, smallMachine());
     for (const Call which : kCalls) call(which);
     for (const Call which : {Call::kRails, Call::kResidencies, Call::kRails}) {
-        std::vector<host::Event> events;
-        host::setObserver([&](host::Event event) { events.push_back(event); });
-        kill(mBackend);
-        host::setObserver(nullptr);
         const auto proxyDestroyed = mBackend == Backend::kAidl ? host::Event::kAidlProxyDestroyed
                                                                : host::Event::kHidlProxyDestroyed;
-        EXPECT_EQ(std::count(events.begin(), events.end(), proxyDestroyed), 1);
+        std::atomic<int> destroyed{0};  // counted on two threads
+        host::setObserver([&](host::Event event) { destroyed += event == proxyDestroyed ? 1 : 0; });
+        kill(mBackend);
+        host::setObserver(nullptr);
+        EXPECT_EQ(destroyed, 1);
         EXPECT_EQ(takeEvents(), Lines{}) << "a death is not logged";
         expectRecovery(which);
     }
