@@ -25,9 +25,14 @@ std::string escape(const char* format, uint32_t value) {
     return text;
 }
 
-/// Noncharacters are valid UTF-8, but validators of texts refuse them.
-bool isNoncharacter(uint32_t codePoint) {
-    return (codePoint & 0xfffe) == 0xfffe || (codePoint >= 0xfdd0 && codePoint <= 0xfdef);
+/// Noncharacters are valid UTF-8, but validators of texts refuse them. Separators of lines and
+/// controls of the direction of writing change the text around them.
+bool isUnfit(uint32_t codePoint) {
+    const auto isWithin = [codePoint](uint32_t first, uint32_t last) {
+        return codePoint >= first && codePoint <= last;
+    };
+    return (codePoint & 0xfffe) == 0xfffe || isWithin(0xfdd0, 0xfdef) || isWithin(0x2028, 0x202e) ||
+           isWithin(0x2066, 0x2069) || isWithin(0x200e, 0x200f);
 }
 
 }  // namespace
@@ -66,7 +71,7 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
                 escaped += escape("\\x%02X", static_cast<unsigned char>(byte));
             }
             text = escaped;
-        } else if (isNoncharacter(character.codePoint)) {
+        } else if (isUnfit(character.codePoint)) {
             text = escape("\\u{%X}", character.codePoint);
         }
         if (name.size() + text.size() > maxSize) break;

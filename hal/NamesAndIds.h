@@ -50,7 +50,8 @@ constexpr size_t kMaxNameSize = 256;
 /// one name that a transport refuses would make a whole answer fail.
 ///
 /// Each byte that is not UTF-8 and each byte of a control character becomes `\xB5`. A noncharacter
-/// such as U+FFFE, which D-Bus libraries refuse, becomes `\u{FFFE}`. The rest stays as it is.
+/// such as U+FFFE, which D-Bus libraries refuse, becomes `\u{FFFE}`, and so does a separator of
+/// lines or a control of the direction of writing. The rest stays as it is.
 /// @param maxSize [in] in bytes. A longer name is cut before the character or escape that does not
 ///     fit.
 std::string safeName(const std::string& bytes, size_t maxSize = kMaxNameSize);

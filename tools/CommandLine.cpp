@@ -5,9 +5,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -28,17 +31,42 @@ void occupyStandardStreams() {
     }
 }
 
+const char* gProgram = "";
+const char* gPath = "";
+/// As they were when the program started.
+rlimit gOpenFiles{};
+sighandler_t gPipeAction = SIG_DFL;
+sighandler_t gFileSizeAction = SIG_DFL;
+
 /// Has a write that cannot succeed fail, as other writes do, instead of ending the program.
 void ignoreSignals() {
-    for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
+    gPipeAction = signal(SIGPIPE, SIG_IGN);
+    gFileSizeAction = signal(SIGXFSZ, SIG_IGN);
 }
 
 }  // namespace
 
-void printError(const std::string& program, const std::string& text) {
+void say(const std::string& text) {
     // A line that cannot be written is lost. Nothing else may come of it.
-    const std::string line = program + ": " + text + "\n";
+    const std::string line = gProgram + (": " + text) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+bool writeOutput(const std::string& text) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    if (written && std::fflush(stdout) == 0) return true;
+    if (errno != EPIPE) say(fmt::format("standard output: {}", std::strerror(errno)));
+    return false;
+}
+
+std::string programPath() {
+    return gPath;
+}
+
+void restoreForExec() {
+    signal(SIGPIPE, gPipeAction);
+    signal(SIGXFSZ, gFileSizeAction);
+    setrlimit(RLIMIT_NOFILE, &gOpenFiles);
 }
 
 CLI::Option* addSysfsOption(CLI::App* app, std::string* folder) {
@@ -59,17 +87,19 @@ std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
         if (error.get_exit_code() == 0) {
             app->exit(error);
             if (std::cout.flush()) return 0;
-            printError(app->get_name(), "standard output cannot be written");
+            say("standard output cannot be written");
             return 1;
         }
-        printError(app->get_name(),
-                   fmt::format("{} (see {} --help)", error.what(), app->get_name()));
+        say(fmt::format("{} (see {} --help)", error.what(), app->get_name()));
         return kUsage;
     }
     return std::nullopt;
 }
 
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
+    gProgram = name;
+    if (argc > 0) gPath = argv[0];
+    getrlimit(RLIMIT_NOFILE, &gOpenFiles);
     occupyStandardStreams();
     ignoreSignals();
     raiseOpenFileLimit();

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
-#include "hal/NamesAndIds.h"
+#include "tools/TextTable.h"
 
 namespace powerstats {
 
@@ -16,56 +16,22 @@ namespace {
 namespace proto = com::tavrel::android::ferrolith::poweranomalyservice::proto;
 using nlohmann::ordered_json;
 
-constexpr size_t kLineWidth = 80;
-constexpr size_t kNumberWidth = 16;
-constexpr size_t kIndent = 2;
-
-/// The lines of one row: a name, broken where it is too long, and right-aligned columns after it.
-/// A name may come from anybody's service, so it is made safe for a terminal. Every character is
-/// taken to be one column wide.
-std::string row(size_t indent, const std::string& name, const std::vector<std::string>& columns) {
-    const size_t nameWidth = kLineWidth - indent - columns.size() * (kNumberWidth + 1);
-    const std::string safe = safeName(name, SIZE_MAX);
-    std::string text(indent, ' ');
-    size_t width = 0;
-    for (size_t i = 0, size; i < safe.size(); i += size, ++width) {
-        size = decodeUtf8(safe, i).size;
-        if (width == nameWidth) {
-            text += '\n' + std::string(indent, ' ');
-            width = 0;
-        }
-        text += safe.substr(i, size);
-    }
-    if (!columns.empty()) text += std::string(nameWidth - width, ' ');
-    for (const std::string& column : columns) text += fmt::format(" {:>{}}", column, kNumberWidth);
-    return text + '\n';
-}
-
-std::string afterBoot(int64_t timestampMs) {
-    if (timestampMs == 0) return "an unknown time";  // the clock could not be read
-    const int64_t seconds = timestampMs / 1000;
-    const int64_t days = seconds / 86400;
-    return fmt::format("{}{:02}:{:02}:{:02}.{:03} after boot ({} ms)",
-                       days == 0 ? "" : fmt::format("{} d ", days), seconds / 3600 % 24,
-                       seconds / 60 % 60, seconds % 60, timestampMs % 1000, timestampMs);
-}
-
 std::string railRows(const PowerDataResult& result) {
-    std::string text = row(kIndent, "rail", {"energy (mJ)"});
+    std::string text = tableRow(kIndent, "rail", {"energy (mJ)"});
     for (const proto::KeyedPowerData& rail : result.keyed_power_data()) {
-        text += row(kIndent, rail.id().name(), {fmt::to_string(rail.data().scalar().value())});
+        text += tableRow(kIndent, rail.id().name(), {fmt::to_string(rail.data().scalar().value())});
     }
     return text;
 }
 
 std::string entityRows(const PowerDataResult& result) {
-    std::string text = row(kIndent, "entity and state", {"time (ms)", "entries"});
+    std::string text = tableRow(kIndent, "entity and state", {"time (ms)", "entries"});
     for (const proto::KeyedPowerData& entity : result.keyed_power_data()) {
-        text += row(kIndent, entity.id().name(), {});
+        text += tableRow(kIndent, entity.id().name(), {});
         for (const proto::Residency& state : entity.data().residency()) {
-            text += row(2 * kIndent, state.name(),
-                        {fmt::to_string(state.total_time_in_state_ms()),
-                         fmt::to_string(state.total_state_entry_count())});
+            text += tableRow(2 * kIndent, state.name(),
+                             {fmt::to_string(state.total_time_in_state_ms()),
+                              fmt::to_string(state.total_state_entry_count())});
         }
     }
     return text;

@@ -24,10 +24,6 @@ struct Arguments {
     std::string sysfs = "/sys";
 };
 
-void say(const std::string& text) {
-    printError("powerstatsd", text);
-}
-
 int serve(const Arguments& arguments) {
     std::signal(SIGHUP, SIG_IGN);  // the end of a terminal is not the end of a daemon
     const bool session = arguments.bus == "session";

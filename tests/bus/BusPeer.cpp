@@ -23,13 +23,12 @@ namespace support {
 namespace {
 
 /// @param variant [in] a number: the machine of that generation, which busResult() describes;
-///     "late": smallMachine(), counted from 2 s after boot.
+///     "late": smallMachine(), counted from 2 s after boot; "watts": smallMachine() with 2.5 W, and
+///     in its state for a quarter of the time.
 Machine machineOf(const std::string& variant) {
     Machine machine = smallMachine();
-    if (variant == "late") {
-        machine.energies[0].durationMs -= 2000;
-        return machine;
-    }
+    if (variant == "late") machine.energies[0].durationMs -= 2000;
+    if (variant == "late" || variant == "watts") return machine;
     const int generation = std::stoi(variant);
     machine.rails[0].name += variant;
     machine.energies[0].energyUWs = generation * 1000L;
@@ -46,6 +45,13 @@ int serve(const std::string& hal, const std::string& variant, const std::string&
     hidl->tell(aidl->machine);
     aidl->onCall = hidl->onCall = [&](const std::string& method) {
         if (method == lastMethod) raise(SIGKILL);
+        if (variant != "watts") return;
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const int64_t ms = now.tv_sec * 1000 + now.tv_nsec / 1000000;
+        aidl->machine.energies[0] = {1, ms, ms, ms * 2500};
+        aidl->machine.totals[0].stateResidencyData[0] = {0, ms / 4, ms / 10, ms};
+        hidl->tell(aidl->machine);
     };
     std::string error;
     const auto server = host::BusServer::connect(host::Bus::kSession, &error);

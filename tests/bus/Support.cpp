@@ -39,10 +39,10 @@ Process::~Process() {
     close(mPipe);
 }
 
-bool Process::waitFor(const std::string& text) {
+bool Process::waitFor(const std::string& text, size_t from) {
     pollfd readable{mPipe, POLLIN, 0};
     char buffer[4096];
-    while (mText.find(text) == std::string::npos) {
+    while (mText.find(text, from) == std::string::npos) {
         if (poll(&readable, 1, 30'000) <= 0) return false;
         const ssize_t count = read(mPipe, buffer, sizeof(buffer));
         if (count <= 0) return false;

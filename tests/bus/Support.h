@@ -25,8 +25,9 @@ class Process {
     Process& operator=(const Process&) = delete;
 
     /// Reads until the text arrives, the output ends or nothing comes for 30 s.
+    /// @param from [in] where in the output to look for it.
     /// @return whether the text arrived.
-    bool waitFor(const std::string& text);
+    bool waitFor(const std::string& text, size_t from = 0);
     /// Reads the rest of the output and waits for the end.
     /// @return the exit code, or the negative number of the signal that ended it.
     int wait();

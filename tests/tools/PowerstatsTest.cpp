@@ -177,6 +177,54 @@ TEST(Powerstats, NamesUnusableFilesAndOutputs) {
     EXPECT_THAT(full.errors, HasSubstr("powerstats: standard output: No space left on device"));
 }
 
+TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
+    const std::string rail = "fans";
+    const TemporaryTree tree;
+    tree.write("class/hwmon/hwmon0/energy1_input", 5000);
+    tree.write("class/hwmon/hwmon0/energy1_label", rail);
+    const std::string meter = tree.path("class/hwmon/hwmon0/energy1_input");
+    const std::string runs = tree.path("runs");
+    const std::string add = "echo $(($(cat " + meter + ") + 1000000)) >" + meter;
+    const struct {
+        Lines arguments;
+        std::string script;
+        int status;
+        std::string error;
+    } cases[] = {
+        {{}, "exit 7", 7, "1 run of 0."},
+        {{}, "kill -9 $$", 137, ""},
+        {{"-r", "3"}, "echo >>" + runs + "; test $(wc -l <" + runs + ") != 2", 1, "2 runs of"},
+        {{"--max", rail + "=1"}, "exit 5", 5, ""},
+        {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
+        {{"--max", rail + "=0.5"}, "sleep 0.1;" + add, 3, "at most 0.5 W: exceeded"},
+        {{"-r", "3", "--max", rail + "=0"}, "true", 4, "too noisy to tell"},
+        // One that is exceeded comes before one that cannot be judged.
+        {{"-r", "3", "--max", rail + "=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
+        {{"--max", rail + "=1"}, ": >" + meter, 4, "fans: not read in every run"},
+        {{"--max", "nope=1"},
+         "echo >" + tree.path("never").string(),
+         2,
+         "--max nope: no such rail"},
+        {{"-o", "/no/such/file"}, "true", 2, "/no/such/file: No such file"},
+    };
+    for (const auto& test : cases) {
+        tree.write("class/hwmon/hwmon0/energy1_input", 5000);
+        Lines arguments = {"run", "--sysfs", tree.root()};
+        arguments.insert(arguments.end(), test.arguments.begin(), test.arguments.end());
+        arguments.insert(arguments.end(), {"--", "sh", "-c", test.script});
+        const Outcome result = run(arguments);
+        EXPECT_EQ(result.exitCode, test.status) << test.script << ": " << result.errors;
+        EXPECT_THAT(result.errors, HasSubstr(test.error));
+        EXPECT_THAT(result.output, IsEmpty()) << "standard output is the command's";
+    }
+    EXPECT_FALSE(std::filesystem::exists(tree.path("never"))) << "the command was started";
+    EXPECT_EQ(run({"run", "--", tree.path("missing")}).exitCode, 127);
+    EXPECT_EQ(run({"run", "--", tree.root()}).exitCode, 126);
+    EXPECT_EQ(run({"run", "-o", tree.path("report"), "--format", "json", "--", "true"}).exitCode,
+              0);
+    EXPECT_THAT(readFile(tree.path("report")), StartsWith("{\n  \"command\": [\n    \"true\""));
+}
+
 TEST(Powerstats, HasAVersion) {
     EXPECT_THAT(run({"--version"}).output,
                 testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));

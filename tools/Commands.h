@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The subcommands of powerstats.
+
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+namespace powerstats {
+
+/// Exit status of a subcommand that could not read anything, or not write it.
+constexpr int kFailed = 1;
+
+/// A subcommand that was added to the program's command line, and a function that runs it after the
+/// arguments were parsed.
+struct Command {
+    CLI::App* app;
+    std::function<int()> run;
+};
+
+Command addDump(CLI::App* app);
+Command addWatch(CLI::App* app);
+Command addRun(CLI::App* app);
+
+}  // namespace powerstats

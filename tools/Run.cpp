@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// powerstats run: what rails and power entities did while a command ran.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/CommandLine.h"
+#include "tools/Commands.h"
+#include "tools/Interval.h"
+#include "tools/RunReport.h"
+#include "tools/Service.h"
+#include "tools/Snapshot.h"
+
+namespace powerstats {
+
+namespace {
+
+constexpr int kNotFound = 127;  // as shells answer
+constexpr int kCannotExecute = 126;
+constexpr int kOverLimit = 3;
+constexpr int kUnclear = 4;
+
+struct Arguments {
+    ServiceOptions service;
+    int runs = 1;
+    std::vector<std::string> limits;
+    std::string format = "table";
+    std::string output;
+    std::vector<std::string> command;
+};
+
+/// The running command, for the signal handler; 0 when there is none.
+volatile std::sig_atomic_t gCommand = 0;
+/// The last signal that came.
+volatile std::sig_atomic_t gSignal = 0;
+constexpr int kForwarded[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
+
+void forward(int number, siginfo_t* info, void* /*context*/) {
+    const int error = errno;
+    gSignal = number;
+    // The terminal signals its whole foreground, and so the command too.
+    if (gCommand > 0 && info->si_code != SI_KERNEL) kill(gCommand, number);
+    errno = error;
+}
+
+void forwardSignals() {
+    struct sigaction action = {};
+    action.sa_sigaction = forward;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    for (const int number : kForwarded) {
+        struct sigaction present = {};
+        sigaction(number, nullptr, &present);
+        // nohup and shells ignore signals for the command's sake too.
+        if (present.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+    }
+}
+
+/// Starts the command.
+/// @param error [out] why it cannot be started: a number of errno.
+/// @return 0 when it cannot be started.
+pid_t start(const std::vector<std::string>& command, int* error) {
+    std::vector<char*> words;
+    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    // Closed by a successful exec; otherwise it carries the error.
+    int pipe[2];
+    if (pipe2(pipe, O_CLOEXEC) != 0) {
+        *error = errno;
+        return 0;
+    }
+    // A signal waits until the child is known here and has no handler there.
+    sigset_t forwarded, before;
+    sigemptyset(&forwarded);
+    for (const int number : kForwarded) sigaddset(&forwarded, number);
+    pthread_sigmask(SIG_BLOCK, &forwarded, &before);
+    const pid_t child = fork();
+    *error = child < 0 ? errno : 0;
+    if (child == 0) {
+        for (const int number : kForwarded) {
+            struct sigaction present = {};
+            sigaction(number, nullptr, &present);
+            if (present.sa_handler != SIG_IGN) signal(number, SIG_DFL);
+        }
+        restoreForExec();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        execvp(words[0], words.data());
+        const int reason = errno;
+        // The pipe is empty, so this cannot fail.
+        [[maybe_unused]] const ssize_t written = write(pipe[1], &reason, sizeof(reason));
+        _exit(kNotFound);
+    }
+    gCommand = std::max(child, 0);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    close(pipe[1]);
+    if (child > 0) {
+        while (read(pipe[0], error, sizeof(*error)) < 0 && errno == EINTR) {
+        }
+    }
+    close(pipe[0]);
+    if (*error == 0) return child;
+    gCommand = 0;
+    if (child > 0) waitpid(child, nullptr, 0);
+    return 0;
+}
+
+/// Runs the command to its end.
+/// @return its exit status; 128 and the number of the signal that ended it.
+int runToEnd(const std::vector<std::string>& command) {
+    int error = 0;
+    const pid_t child = start(command, &error);
+    if (child == 0) {
+        say(fmt::format("{}: {} (give a program and its arguments after --)", command[0],
+                        std::strerror(error)));
+        return error == ENOENT ? kNotFound : kCannotExecute;
+    }
+    // The child stays a zombie until its number is not used any more.
+    siginfo_t info;
+    while (waitid(P_PID, child, &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    gCommand = 0;
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/// @return one line about a limit that cannot be judged; empty when all can.
+std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& snapshot) {
+    for (const Limit& limit : limits) {
+        const auto rail = std::find_if(snapshot.rails.begin(), snapshot.rails.end(),
+                                       [&](const auto& known) { return known.name == limit.rail; });
+        if (rail != snapshot.rails.end() && rail->energy) continue;
+        const std::string reason = !snapshot.railsError.empty()   ? snapshot.railsError
+                                   : rail == snapshot.rails.end() ? "no such rail"
+                                                                  : "this rail cannot be read now";
+        return fmt::format("--max {}: {} (powerstats watch --count 1 shows the rails)", limit.rail,
+                           reason);
+    }
+    return "";
+}
+
+int judge(const RunReport& report) {
+    const auto any = [&](Verdict verdict) {
+        return std::any_of(report.limits.begin(), report.limits.end(), [&](const Limit& limit) {
+            return judge(limit, report.runs).verdict == verdict;
+        });
+    };
+    if (any(Verdict::kOver)) return kOverLimit;
+    return any(Verdict::kUnclear) ? kUnclear : 0;
+}
+
+bool writeReport(const std::string& text, const std::string& file, std::FILE* stream) {
+    if (std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
+        std::fflush(stream) == 0) {
+        return true;
+    }
+    say(fmt::format("{}: {}", file.empty() ? "standard error" : file, std::strerror(errno)));
+    return false;
+}
+
+int run(const Arguments& arguments) {
+    RunReport report;
+    report.command = arguments.command;
+    for (const std::string& text : arguments.limits) {
+        const std::optional<Limit> limit = parseLimit(text);
+        if (!limit) {
+            say(fmt::format("--max {}: not a limit (give RAIL=WATTS, such as package-0=15.5)",
+                            text));
+            return kUsage;
+        }
+        report.limits.push_back(*limit);
+    }
+    std::FILE* const stream =
+        arguments.output.empty() ? stderr : std::fopen(arguments.output.c_str(), "we");
+    if (stream == nullptr) {
+        say(fmt::format("{}: {} (give another file with -o)", arguments.output,
+                        std::strerror(errno)));
+        return kUsage;
+    }
+    if (!openService(arguments.service)) return kUsage;
+    SnapshotReader reader;
+    const std::string unreadable = findUnreadable(report.limits, reader.read());
+    if (!unreadable.empty()) {
+        say(unreadable);
+        return kUsage;
+    }
+
+    forwardSignals();
+    int status = 0;
+    while (status == 0 && gSignal == 0 && static_cast<int>(report.runs.size()) < arguments.runs) {
+        const Snapshot before = reader.read();
+        status = runToEnd(report.command);
+        if (status == kNotFound || status == kCannotExecute) break;
+        report.runs.push_back(subtract(before, reader.read()));
+    }
+    const bool isComplete = status == 0 && static_cast<int>(report.runs.size()) == arguments.runs;
+    if (!isComplete) report.limits.clear();
+    if (!report.runs.empty() &&
+        !writeReport(formatReport(report, arguments.format), arguments.output, stream)) {
+        return status != 0 ? status : kFailed;
+    }
+    if (isComplete) return judge(report);
+    return status != 0 ? status : 128 + gSignal;
+}
+
+}  // namespace
+
+Command addRun(CLI::App* app) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command =
+        app->add_subcommand("run", "Run a command, and show its energy, power and shares of time.");
+    command->footer(
+        "Energy is in joules and power in watts. Rails overlap (a package contains its cores), so\n"
+        "a sum over them says nothing. Other programs that run at the time count too. A signal\n"
+        "reaches the command. docs/formats.md describes the formats.\n"
+        "Limits are judged only if every run exits 0. From three runs on, a limit is kept or\n"
+        "exceeded when the 95 % interval of the mean lies wholly on one side of it.\n"
+        "Exit status: that of the command; 128 and the number of the signal that ended it; 126 or\n"
+        "127 if it cannot be started; 2 bad argument, before the command starts; when all limits\n"
+        "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"
+        "Example: powerstats run -r 3 -- sleep 0.1");
+    addServiceOptions(command, &arguments->service);
+    command->add_option("-r,--runs", arguments->runs, "Times to run the command")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
+    command
+        ->add_option("--max", arguments->limits,
+                     "RAIL=WATTS, the greatest average power of a rail; may be repeated")
+        ->expected(1)
+        ->take_all();
+    command->add_option("-o,--output", arguments->output,
+                        "File of the report; standard error by default");
+    command->add_option("--format", arguments->format, "Format of the report")
+        ->check(CLI::IsMember({"table", "csv", "json"}))
+        ->capture_default_str();
+    command->add_option("COMMAND", arguments->command, "The command and its arguments")->required();
+    // Options after the command are its own.
+    command->positionals_at_end();
+    return {command, [arguments] { return run(*arguments); }};
+}
+
+}  // namespace powerstats

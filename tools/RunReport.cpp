@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/RunReport.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "hal/NamesAndIds.h"
+#include "tools/IntervalPrinter.h"
+#include "tools/TextTable.h"
+
+namespace powerstats {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+double wattsOf(const Interval::Rail& rail) {
+    return rail.milliwatts / 1000;
+}
+
+double joulesOf(const Interval::Rail& rail) {
+    return static_cast<double>(rail.energyUWs) / 1e6;
+}
+
+struct Statistics {
+    double mean = 0;
+    /// Of the sample, so with one run it is 0.
+    double standardDeviation = 0;
+};
+
+Statistics summarize(const std::vector<double>& values) {
+    const auto count = static_cast<double>(values.size());
+    Statistics statistics;
+    for (const double value : values) statistics.mean += value / count;
+    if (values.size() < 2) return statistics;
+    double squares = 0;
+    for (const double value : values) {
+        squares += (value - statistics.mean) * (value - statistics.mean);
+    }
+    statistics.standardDeviation = std::sqrt(squares / (count - 1));
+    return statistics;
+}
+
+/// The 97.5 % quantile of Student's t: from a table, and by its expansion in 1 / degrees beyond it,
+/// which is right to three digits there.
+double studentsT(size_t degrees) {
+    constexpr double kTable[] = {12.706, 4.303, 3.182, 2.776, 2.571, 2.447, 2.365, 2.306,
+                                 2.262,  2.228, 2.201, 2.179, 2.160, 2.145, 2.131, 2.120};
+    if (degrees <= std::size(kTable)) return kTable[degrees - 1];
+    constexpr double kNormal = 1.959964;
+    const auto n = static_cast<double>(degrees);
+    return kNormal + (std::pow(kNormal, 3) + kNormal) / (4 * n) +
+           (5 * std::pow(kNormal, 5) + 16 * std::pow(kNormal, 3) + 3 * kNormal) / (96 * n * n);
+}
+
+/// A rail or an entity of the first run, in every run.
+template <typename Thing>
+struct Row {
+    const Thing* first = nullptr;
+    std::vector<const Thing*> runs = {};
+    /// The first run's that has any; then there are no statistics.
+    Trouble trouble = Trouble::kNone;
+};
+
+bool isSame(const Interval::Rail& one, const Interval::Rail& other) {
+    return one.id == other.id && one.name == other.name;
+}
+
+bool isSame(const Interval::Entity& one, const Interval::Entity& other) {
+    return one.id == other.id && one.name == other.name &&
+           std::equal(one.states.begin(), one.states.end(), other.states.begin(),
+                      other.states.end(), [](const auto& state, const auto& same) {
+                          return state.id == same.id && state.name == same.name;
+                      });
+}
+
+template <typename Thing>
+std::vector<Row<Thing>> rowsOf(const std::vector<Interval>& runs,
+                               std::vector<Thing> Interval::*things) {
+    std::vector<Row<Thing>> rows;
+    if (runs.empty()) return rows;
+    for (const Thing& thing : runs[0].*things) {
+        Row<Thing> row{&thing};
+        for (const Interval& run : runs) {
+            const auto& list = run.*things;
+            const auto found = std::find_if(
+                list.begin(), list.end(), [&](const Thing& other) { return isSame(thing, other); });
+            const Trouble trouble = found == list.end() ? Trouble::kWent : found->trouble;
+            if (row.trouble == Trouble::kNone) row.trouble = trouble;
+            if (trouble == Trouble::kNone) row.runs.push_back(&*found);
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+template <typename Thing, typename GetValue>
+Statistics summarize(const Row<Thing>& row, const GetValue& valueOf) {
+    std::vector<double> values;
+    for (const Thing* thing : row.runs) values.push_back(valueOf(*thing));
+    return summarize(values);
+}
+
+/// "12.5" for one run, "12.5 ± 0.1" for several.
+std::string withDeviation(const Statistics& statistics, size_t runs, int digits) {
+    const std::string mean = fmt::format("{:.{}f}", statistics.mean, digits);
+    if (runs < 2) return mean;
+    return fmt::format("{} ± {:.{}f}", mean, statistics.standardDeviation, digits);
+}
+
+std::string describe(const Limit& limit, const Judgement& judgement) {
+    const std::string name = safeName(limit.rail, SIZE_MAX);
+    if (!judgement.mean) return fmt::format("{}: not read in every run", name);
+    const char* const verdict = judgement.verdict == Verdict::kKept   ? "kept"
+                                : judgement.verdict == Verdict::kOver ? "exceeded"
+                                                                      : "too noisy to tell";
+    const std::string interval =
+        !judgement.margin
+            ? ""
+            : fmt::format(", 95 % interval {:.3f} to {:.3f} W", *judgement.mean - *judgement.margin,
+                          *judgement.mean + *judgement.margin);
+    return fmt::format("{}: at most {:g} W: {} (mean {:.3f} W{})", name, limit.watts, verdict,
+                       *judgement.mean, interval);
+}
+
+std::string commandLine(const RunReport& report) {
+    std::string line;
+    for (const std::string& word : report.command) line += (line.empty() ? "" : " ") + word;
+    return safeName(line, SIZE_MAX);
+}
+
+Statistics elapsedOf(const RunReport& report) {
+    std::vector<double> seconds;
+    for (const Interval& run : report.runs) {
+        seconds.push_back(static_cast<double>(run.elapsedMs) / 1000);
+    }
+    return summarize(seconds);
+}
+
+std::string formatTable(const RunReport& report) {
+    const size_t runs = report.runs.size();
+    const Statistics elapsed = elapsedOf(report);
+    std::string text = fmt::format("{}: {} of {} s\n", commandLine(report),
+                                   runs == 1 ? "1 run" : fmt::format("{} runs", runs),
+                                   withDeviation(elapsed, runs, 3));
+    const auto rails = rowsOf(report.runs, &Interval::rails);
+    if (!rails.empty()) text += tableRow(kIndent, "rail", {"energy (J)", "power (W)"});
+    for (const Row<Interval::Rail>& row : rails) {
+        std::vector<std::string> columns = {toText(row.trouble)};
+        if (row.trouble == Trouble::kNone) {
+            columns = {withDeviation(summarize(row, joulesOf), runs, 3),
+                       withDeviation(summarize(row, wattsOf), runs, 3)};
+        }
+        text += tableRow(kIndent, row.first->name, columns);
+    }
+    const auto entities = rowsOf(report.runs, &Interval::entities);
+    if (!entities.empty()) {
+        text += tableRow(kIndent, "entity and state", {"time (%)", "entries/s"});
+    }
+    for (const Row<Interval::Entity>& row : entities) {
+        if (row.trouble != Trouble::kNone) {
+            text += tableRow(kIndent, row.first->name, {toText(row.trouble)});
+            continue;
+        }
+        const char* const steady = steadyState(*row.first);
+        if (steady != nullptr &&
+            std::all_of(row.runs.begin(), row.runs.end(), [&](const auto* run) {
+                const char* const state = steadyState(*run);
+                return state != nullptr && state == std::string(steady);
+            })) {
+            text += tableRow(kIndent, row.first->name + ": " + steady, {"100.0", ""});
+            continue;
+        }
+        text += tableRow(kIndent, row.first->name, {});
+        for (size_t i = 0; i < row.first->states.size(); ++i) {
+            const auto share = summarize(row, [&](const auto& run) { return run.states[i].share; });
+            const auto rate =
+                summarize(row, [&](const auto& run) { return run.states[i].entriesPerSecond; });
+            text +=
+                tableRow(2 * kIndent, row.first->states[i].name,
+                         {withDeviation({share.mean * 100, share.standardDeviation * 100}, runs, 1),
+                          withDeviation(rate, runs, 1)});
+        }
+        const auto none = summarize(row, [](const auto& run) { return run.noneShare; });
+        if (none.mean > 0) {
+            text += tableRow(
+                2 * kIndent, kNoState,
+                {withDeviation({none.mean * 100, none.standardDeviation * 100}, runs, 1), ""});
+        }
+    }
+    for (size_t i = 0; i < runs; ++i) {
+        for (const std::string& note : notesOf(report.runs[i])) {
+            text += fmt::format("  run {}: {}\n", i + 1, note);
+        }
+    }
+    for (const Limit& limit : report.limits) {
+        text += "  " + describe(limit, judge(limit, report.runs)) + '\n';
+    }
+    return text;
+}
+
+std::string formatCsv(const RunReport& report) {
+    std::string text =
+        "run,elapsed_ms,kind,name,state,energy_j,power_w,share_percent,entries,trouble\n";
+    for (size_t i = 0; i < report.runs.size(); ++i) {
+        const Interval& run = report.runs[i];
+        const auto add = [&](int64_t elapsedMs, const char* kind, const std::string& name,
+                             const std::string& figures, Trouble trouble) {
+            text += fmt::format("{},{},{},{},{},{}\n", i + 1, elapsedMs, kind, csvField(name),
+                                figures, toText(trouble));
+        };
+        for (const Interval::Rail& rail : run.rails) {
+            const bool isKnown = rail.trouble == Trouble::kNone;
+            add(isKnown ? rail.elapsedMs : run.elapsedMs, "rail", rail.name,
+                isKnown ? fmt::format(",{},{},,", joulesOf(rail), wattsOf(rail)) : ",,,,",
+                rail.trouble);
+        }
+        for (const Interval::Entity& entity : run.entities) {
+            const bool isKnown = entity.trouble == Trouble::kNone;
+            for (const Interval::State& state : entity.states) {
+                add(run.elapsedMs, "state", entity.name,
+                    csvField(state.name) +
+                        (isKnown ? fmt::format(",,,{},{}", state.share * 100, state.entries)
+                                 : ",,,,"),
+                    entity.trouble);
+            }
+            if (isKnown) {
+                add(run.elapsedMs, "state", entity.name,
+                    csvField(kNoState) + fmt::format(",,,{},", entity.noneShare * 100),
+                    entity.trouble);
+            }
+        }
+    }
+    return text;
+}
+
+ordered_json toJson(const Statistics& statistics) {
+    return {{"mean", statistics.mean}, {"standard_deviation", statistics.standardDeviation}};
+}
+
+std::string formatJson(const RunReport& report) {
+    ordered_json json = {{"command", ordered_json::array()},
+                         {"elapsed_s", toJson(elapsedOf(report))},
+                         {"rails", ordered_json::array()},
+                         {"limits", ordered_json::array()},
+                         {"runs", ordered_json::array()}};
+    for (const std::string& word : report.command) {
+        json["command"].push_back(safeName(word, SIZE_MAX));
+    }
+    for (const Row<Interval::Rail>& row : rowsOf(report.runs, &Interval::rails)) {
+        const bool isKnown = row.trouble == Trouble::kNone;
+        json["rails"].push_back(
+            {{"id", row.first->id},
+             {"name", safeName(row.first->name, SIZE_MAX)},
+             {"energy_j", isKnown ? toJson(summarize(row, joulesOf)) : ordered_json()},
+             {"power_w", isKnown ? toJson(summarize(row, wattsOf)) : ordered_json()},
+             {"trouble", toText(row.trouble)}});
+    }
+    for (const Limit& limit : report.limits) {
+        const Judgement judgement = judge(limit, report.runs);
+        json["limits"].push_back(
+            {{"rail", safeName(limit.rail, SIZE_MAX)},
+             {"max_w", limit.watts},
+             {"mean_w", judgement.mean ? ordered_json(*judgement.mean) : ordered_json()},
+             {"margin_w", judgement.margin ? ordered_json(*judgement.margin) : ordered_json()},
+             {"verdict", judgement.verdict == Verdict::kKept   ? "kept"
+                         : judgement.verdict == Verdict::kOver ? "exceeded"
+                                                               : "unclear"}});
+    }
+    IntervalPrinter printer("jsonl");
+    for (const Interval& run : report.runs) {
+        json["runs"].push_back(ordered_json::parse(printer.print(run)));
+    }
+    return json.dump(2) + '\n';
+}
+
+}  // namespace
+
+std::optional<Limit> parseLimit(const std::string& text) {
+    const size_t equals = text.rfind('=');
+    if (equals == std::string::npos || equals == 0) return std::nullopt;
+    const std::string number = text.substr(equals + 1);
+    char* end = nullptr;
+    const double watts = std::strtod(number.c_str(), &end);
+    if (number.empty() || *end != '\0' || !std::isfinite(watts) || watts < 0) return std::nullopt;
+    return Limit{text.substr(0, equals), watts};
+}
+
+Judgement judge(const Limit& limit, const std::vector<Interval>& runs) {
+    std::vector<double> watts;
+    for (const Interval& run : runs) {
+        for (const Interval::Rail& rail : run.rails) {
+            if (rail.name != limit.rail || rail.trouble != Trouble::kNone) continue;
+            watts.push_back(wattsOf(rail));
+            break;
+        }
+    }
+    if (watts.empty() || watts.size() != runs.size()) return {};
+    const Statistics statistics = summarize(watts);
+    if (runs.size() < 3) {
+        return {statistics.mean <= limit.watts ? Verdict::kKept : Verdict::kOver, statistics.mean,
+                std::nullopt};
+    }
+    const auto count = static_cast<double>(runs.size());
+    const double margin =
+        studentsT(runs.size() - 1) * statistics.standardDeviation / std::sqrt(count);
+    Verdict verdict = Verdict::kUnclear;
+    if (statistics.mean + margin < limit.watts) verdict = Verdict::kKept;
+    if (statistics.mean - margin > limit.watts) verdict = Verdict::kOver;
+    return {verdict, statistics.mean, margin};
+}
+
+std::string formatReport(const RunReport& report, const std::string& format) {
+    if (format == "csv") return formatCsv(report);
+    return format == "json" ? formatJson(report) : formatTable(report);
+}
+
+}  // namespace powerstats

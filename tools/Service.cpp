@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/Service.h"
+
+#include <android/binder_manager.h>
+#include <android/log.h>
+#include <fmt/format.h>
+#include <host/ServiceControl.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "hal/LinuxCounters.h"
+#include "hal/LinuxPowerStats.h"
+#include "tools/CommandLine.h"
+
+namespace powerstats {
+
+namespace {
+
+namespace stats_aidl = aidl::android::hardware::power::stats;
+namespace stats_V1_0 = android::hardware::power::stats::V1_0;
+
+/// The value of `--bus` when none is given.
+constexpr char kAnyBus[] = "any";
+
+std::atomic<bool> gDenied{false};
+std::shared_ptr<stats_aidl::IPowerStats> gOwnService;
+
+bool mentionsDenial(const std::string& text) {
+    return text.find(std::generic_category().message(EACCES)) != std::string::npos;
+}
+
+bool registerService(const ServiceOptions& options) {
+    // A service on a bus must not answer in its place.
+    host::setBusLookups({});
+    LinuxCounters::Options counterOptions;
+    counterOptions.root = options.sysfs;
+    counterOptions.warn = [](const std::string& text) {
+        say(text);
+        gDenied = gDenied || mentionsDenial(text);
+    };
+    const auto counters = std::make_shared<const LinuxCounters>(counterOptions);
+    const auto aidl = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
+    gOwnService = aidl;
+    bool registered = false;
+    if (options.hal == "hidl") {
+        const android::sp<LinuxPowerStatsHidl> hidl = new LinuxPowerStatsHidl(counters);
+        registered = hidl->registerAsService() == android::OK;
+    } else {
+        registered =
+            AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats) == STATUS_OK;
+    }
+    if (!registered) say("the service could not be registered (this is a fault of this program)");
+    return registered;
+}
+
+std::vector<host::Bus> busesOf(const ServiceOptions& options) {
+    if (options.bus == "session") return {host::Bus::kSession};
+    if (options.bus == "system") return {host::Bus::kSystem};
+    return {host::Bus::kSession, host::Bus::kSystem};
+}
+
+/// Says why no service was found: no bus can be reached, or no service is on one.
+void explainAbsence(const ServiceOptions& options) {
+    std::string reasons;
+    for (const host::Bus bus : busesOf(options)) {
+        const std::string trouble = host::findBusTrouble(bus);
+        if (trouble.empty()) {
+            say(fmt::format(
+                "no power stats service{} on {} (start powerstatsd, or wait longer with --wait "
+                "SECONDS)",
+                options.hal.empty() ? "" : " with the interface " + options.hal,
+                describe(options)));
+            return;
+        }
+        reasons += (reasons.empty() ? "" : "; ") + trouble;
+    }
+    say(reasons);
+}
+
+bool awaitServiceOnBus(const ServiceOptions& options) {
+    std::vector<std::string> names;
+    if (options.hal != "hidl") names.emplace_back(host::kAidlPowerStats);
+    if (options.hal != "aidl") names.emplace_back(host::kHidlPowerStats);
+    host::setBusLookups(busesOf(options), std::move(names));
+
+    using std::chrono::steady_clock;
+    const auto until = steady_clock::now() + std::chrono::duration<double>(options.waitSeconds);
+    while (findAidl() == nullptr && findHidl() == nullptr) {
+        if (!(steady_clock::now() < until)) {  // so that NaN ends too
+            explainAbsence(options);
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace
+
+void addServiceOptions(CLI::App* command, ServiceOptions* options) {
+    // "--hal bus" is the older name of "--bus".
+    const auto setHal = [options](const std::string& hal) {
+        if (hal != "bus") {
+            options->hal = hal;
+        } else if (!options->bus) {
+            options->bus = kAnyBus;
+        }
+    };
+    const auto setBus = [options](const std::string& bus) {
+        options->bus = bus.empty() ? kAnyBus : bus;
+    };
+    command
+        ->add_option_function<std::string>("--hal", setHal,
+                                           "Interface; the AIDL service first, when none is given")
+        ->check(CLI::IsMember({"aidl", "hidl", "bus"}));
+    // Without a value too; then CLI11 hands over an empty text.
+    command
+        ->add_option_function<std::string>("--bus", setBus,
+                                           "Ask a service on a bus; on either, session first, "
+                                           "when none is named")
+        ->expected(0, 1)
+        ->check(CLI::IsMember({"", kAnyBus, "session", "system"}));
+    command
+        ->add_option("--wait", options->waitSeconds,
+                     "Seconds to wait for a service to appear on the bus")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    const CLI::Option* const sysfs = addSysfsOption(command, &options->sysfs);
+    command->add_flag_callback(
+        "--verbose", [] { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); },
+        "Log why calls and look-ups of the service fail");
+    command->final_callback([options, sysfs] {
+        if (options->bus && sysfs->count() != 0) {
+            throw CLI::ValidationError(
+                "--sysfs", "not with --bus (the service on the bus reads its own counters)");
+        }
+    });
+}
+
+bool openService(const ServiceOptions& options) {
+    return options.bus ? awaitServiceOnBus(options) : registerService(options);
+}
+
+std::shared_ptr<stats_aidl::IPowerStats> findAidl() {
+    return stats_aidl::IPowerStats::fromBinder(
+        ndk::SpAIBinder(AServiceManager_checkService(host::kAidlPowerStats)));
+}
+
+android::sp<stats_V1_0::IPowerStats> findHidl() {
+    return stats_V1_0::IPowerStats::getService();
+}
+
+std::shared_ptr<stats_aidl::IPowerStats> ownService() {
+    return gOwnService;
+}
+
+std::string describe(const ServiceOptions& options) {
+    if (!options.bus) return options.sysfs == "/sys" ? "this machine" : options.sysfs;
+    return options.bus == kAnyBus ? "the session or the system bus"
+                                  : "the " + *options.bus + " bus";
+}
+
+bool isDenied() {
+    return gDenied;
+}
+
+}  // namespace powerstats
