@@ -2,6 +2,8 @@
 //
 // powerstats watch: the average power of rails and the shares of states, interval by interval.
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <functional>
@@ -15,6 +17,7 @@
 #include "tools/Commands.h"
 #include "tools/Interval.h"
 #include "tools/IntervalPrinter.h"
+#include "tools/LiveView.h"
 #include "tools/Service.h"
 #include "tools/Snapshot.h"
 
@@ -28,7 +31,7 @@ struct Arguments {
     ServiceOptions service;
     double intervalSeconds = 1;
     std::optional<int> count;
-    std::string format = "table";
+    std::string format;  // empty: live on a terminal, otherwise table
 };
 
 bool hasFigures(const Interval& interval) {
@@ -58,7 +61,12 @@ int print(const Arguments& arguments, std::function<Interval()> read) {
     return any ? 0 : kFailed;
 }
 
-int watch(const Arguments& arguments) {
+bool isOnTerminal() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+}
+
+int watch(Arguments arguments) {
+    if (arguments.format.empty()) arguments.format = isOnTerminal() ? "live" : "table";
     if (!openService(arguments.service)) return kFailed;
     const auto reader = std::make_shared<SnapshotReader>();
     const auto read = [reader, before = reader->read()]() mutable {
@@ -67,7 +75,10 @@ int watch(const Arguments& arguments) {
         before = std::move(after);
         return interval;
     };
-    return print(arguments, read);
+    if (arguments.format != "live") return print(arguments, read);
+    const std::string title =
+        describe(arguments.service) + " over " + std::string(reader->interfaceName());
+    return showLive({title, arguments.intervalSeconds, arguments.count}, read);
 }
 
 }  // namespace
@@ -90,8 +101,8 @@ Command addWatch(CLI::App* app) {
     command->add_option("--count", arguments->count, "Intervals to show; without end by default")
         ->check(CLI::PositiveNumber);
     command->add_option("--format", arguments->format, "Format of each interval")
-        ->check(CLI::IsMember({"table", "csv", "jsonl"}))
-        ->capture_default_str();
+        ->check(CLI::IsMember({"live", "table", "csv", "jsonl"}))
+        ->default_str("live on a terminal, otherwise table");
     return {command, [arguments] { return watch(*arguments); }};
 }
 
