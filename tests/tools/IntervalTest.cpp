@@ -69,6 +69,13 @@ const Case kCases[] = {
          after->railsError = after->entitiesError = "gone";
      },
      Trouble::kNotRead, Trouble::kNotRead},
+    {"a reading after a failed one",
+     [](Snapshot* before, Snapshot*) {
+         before->rails.clear();
+         before->entities.clear();
+         before->railsError = before->entitiesError = "gone";
+     },
+     Trouble::kNotRead, Trouble::kNotRead},
     {"an entity that goes", [](Snapshot*, Snapshot* after) { after->entities.clear(); },
      Trouble::kNone, Trouble::kWent},
     {"a state that goes", [](Snapshot*, Snapshot* after) { after->entities[0].states.pop_back(); },

@@ -182,6 +182,8 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
     const TemporaryTree tree;
     tree.write("class/hwmon/hwmon0/energy1_input", 5000);
     tree.write("class/hwmon/hwmon0/energy1_label", rail);
+    tree.write("class/hwmon/hwmon1/energy1_input", 7);
+    tree.write("class/hwmon/hwmon1/energy1_label", "still");
     const std::string meter = tree.path("class/hwmon/hwmon0/energy1_input");
     const std::string runs = tree.path("runs");
     const std::string add = "echo $(($(cat " + meter + ") + 1000000)) >" + meter;
@@ -193,13 +195,14 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
     } cases[] = {
         {{}, "exit 7", 7, "1 run of 0."},
         {{}, "kill -9 $$", 137, ""},
+        {{}, "kill -PIPE $$; exit 1", 141, ""},  // powerstats itself ignores this signal
         {{"-r", "3"}, "echo >>" + runs + "; test $(wc -l <" + runs + ") != 2", 1, "2 runs of"},
         {{"--max", rail + "=1"}, "exit 5", 5, ""},
         {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
         {{"--max", rail + "=0.5"}, "sleep 0.1;" + add, 3, "at most 0.5 W: exceeded"},
-        {{"-r", "3", "--max", rail + "=0"}, "true", 4, "too noisy to tell"},
+        {{"-r", "3", "--max", rail + "=0"}, "sleep 0.01", 4, "too noisy to tell"},
         // One that is exceeded comes before one that cannot be judged.
-        {{"-r", "3", "--max", rail + "=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
+        {{"-r", "3", "--max", "still=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
         {{"--max", rail + "=1"}, ": >" + meter, 4, "fans: not read in every run"},
         {{"--max", "nope=1"},
          "echo >" + tree.path("never").string(),
