@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "hal/Counters.h"
 #include "hal/Sysfs.h"
 
 namespace powerstats {
@@ -26,21 +27,6 @@ using ReadClock = std::function<std::chrono::nanoseconds(clockid_t clock)>;
 
 /// clock_gettime(); zero when it fails.
 std::chrono::nanoseconds readKernelClock(clockid_t clock);
-
-/// A rail's energy at one moment. Neither `energyUWs` nor `durationMs` ever goes backwards.
-struct EnergyReading {
-    /// In microwatt-seconds, which are microjoules.
-    int64_t energyUWs = 0;
-    /// CLOCK_BOOTTIME of the reading, in milliseconds.
-    int64_t timestampMs = 0;
-    /// `timestampMs` minus the time that `energyUWs` does not cover.
-    int64_t durationMs = 0;
-    /// The end of the last time that is not covered, in milliseconds since boot; 0 when the energy
-    /// is since boot.
-    int64_t countedSinceMs = 0;
-
-    bool isSinceBoot() const { return durationMs == timestampMs; }
-};
 
 /// Adds up the energy that a counter of the kernel shows, over its wraps and resets.
 ///
@@ -115,23 +101,14 @@ struct RailSource {
     std::optional<std::chrono::milliseconds> samplingInterval;
 };
 
-/// Time spent in a state, and how often it was entered.
-struct Residency {
-    int64_t totalTimeMs = 0;
-    /// 0 where the kernel does not count.
-    int64_t entryCount = 0;
-};
-
 struct StateSource {
     /// Unique within the entity.
     int32_t id = 0;
-    /// Bytes as the kernel has them; LinuxCounters makes the names safe and distinct.
+    /// Bytes as the kernel has them.
     std::string name;
     /// Safe to call from any thread.
     std::function<std::optional<Residency>()> read;
 };
-
-enum class EntityType { kSystem, kCpu, kDevice };
 
 struct EntitySource {
     int32_t id = 0;

@@ -18,76 +18,40 @@ using std::chrono::milliseconds;
 
 constexpr int kRailIdBits = 31;
 
-std::vector<Rail> nameRails(std::vector<RailSource> sources) {
+/// Sorts the sources and names their rails.
+std::vector<Rail> makeRails(std::vector<RailSource>* sources) {
     // Names tell rails apart that have one identity, such as those of two chips of one device.
-    std::sort(sources.begin(), sources.end(), [](const RailSource& a, const RailSource& b) {
+    std::sort(sources->begin(), sources->end(), [](const RailSource& a, const RailSource& b) {
         return std::tie(a.identity, a.names) < std::tie(b.identity, b.names);
     });
     std::vector<std::vector<std::string>> choices;
-    choices.reserve(sources.size());
-    for (const RailSource& source : sources) choices.push_back(source.names);
+    choices.reserve(sources->size());
+    for (const RailSource& source : *sources) choices.push_back(source.names);
     std::vector<std::string> names = distinctNames(choices);
 
     PathIds ids(0, kRailIdBits);
     std::vector<Rail> rails;
-    for (size_t i = 0; i < sources.size(); ++i) {
-        const int32_t id = ids.add(sources[i].identity);
-        rails.push_back({id, std::move(names[i]), std::move(sources[i])});
+    for (size_t i = 0; i < names.size(); ++i) {
+        const RailSource& source = (*sources)[i];
+        rails.push_back({ids.add(source.identity), std::move(names[i]), source.subsystem});
     }
     return rails;
 }
 
-/// Makes the names of the things safe and distinct.
-template <typename Thing>
-void rename(std::vector<Thing>* things) {
-    std::vector<std::vector<std::string>> choices;
-    for (const Thing& thing : *things) choices.push_back({thing.name});
-    std::vector<std::string> names = distinctNames(choices);
-    for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);
+std::vector<Entity> makeEntities(const std::vector<EntitySource>& sources) {
+    std::vector<Entity> entities;
+    for (const EntitySource& source : sources) {
+        entities.push_back({source.id, source.name, source.type, {}});
+        for (const StateSource& state : source.states) {
+            entities.back().states.push_back({state.id, state.name});
+        }
+    }
+    return entities;
 }
 
 template <typename Thing>
 void append(std::vector<Thing>* list, std::vector<Thing> more) {
     std::move(more.begin(), more.end(), std::back_inserter(*list));
-}
-
-template <typename Thing>
-std::unordered_map<int32_t, size_t> indicesById(const std::vector<Thing>& things) {
-    std::unordered_map<int32_t, size_t> indices;
-    for (const Thing& thing : things) indices.emplace(thing.id, indices.size());
-    return indices;
-}
-
-/// @param kind [in] the word for a thing in a refusal.
-template <typename Thing>
-Answer<const Thing*> select(const std::vector<Thing>& things,
-                            const std::unordered_map<int32_t, size_t>& indices,
-                            const std::vector<int32_t>& ids, const std::string& kind) {
-    Answer<const Thing*> selected;
-    if (ids.empty()) {
-        for (const Thing& thing : things) selected.records.push_back(&thing);
-        return selected;
-    }
-    // The length first: a request of any size costs no more than the set.
-    if (ids.size() > things.size()) {
-        return {"the request has " + std::to_string(ids.size()) + " ids, for " +
-                    std::to_string(things.size()) + " known (" + kind +
-                    "); ask for each once, or for all by an empty list",
-                {}};
-    }
-    std::vector<bool> chosen(things.size(), false);
-    for (const int32_t id : ids) {
-        const auto found = indices.find(id);
-        if (found == indices.end()) return {"no " + kind + " has the id " + std::to_string(id), {}};
-        if (chosen[found->second]) {
-            return {"the request repeats the id " + std::to_string(id) + " (" + kind +
-                        "); ask for each once",
-                    {}};
-        }
-        chosen[found->second] = true;
-        selected.records.push_back(&things[found->second]);
-    }
-    return selected;
 }
 
 }  // namespace
@@ -96,22 +60,17 @@ LinuxCounters::LinuxCounters(const Options& options) {
     const auto sysfs = std::make_shared<const Sysfs>(options.root, options.warn);
 
     const RailOptions railOptions{options.hasBoot.value_or(sysfs->isKernels()), options.readClock};
-    std::vector<RailSource> sources = findHwmonRails(sysfs, railOptions);
-    append(&sources, findPowercapRails(sysfs, railOptions));
-    mRails = nameRails(std::move(sources));
+    mRailSources = findHwmonRails(sysfs, railOptions);
+    append(&mRailSources, findPowercapRails(sysfs, railOptions));
 
-    mEntities.push_back(makeSystemEntity(sysfs, options.readClock));
-    append(&mEntities, findIdleCpus(sysfs));
-    append(&mEntities, findSuspendingDevices(sysfs));
+    mEntitySources.push_back(makeSystemEntity(sysfs, options.readClock));
+    append(&mEntitySources, findIdleCpus(sysfs));
+    append(&mEntitySources, findSuspendingDevices(sysfs));
 
-    rename(&mEntities);
-    for (EntitySource& entity : mEntities) rename(&entity.states);
-
-    mRailIndices = indicesById(mRails);
-    mEntityIndices = indicesById(mEntities);
-    for (const EntitySource& entity : mEntities) {
-        mLatest.emplace_back(entity.states.size());
-        readEntity(entity);
+    setLists(makeRails(&mRailSources), makeEntities(mEntitySources));
+    for (size_t i = 0; i < mEntitySources.size(); ++i) {
+        mLatest.emplace_back(mEntitySources[i].states.size());
+        readEntity(i);
     }
     startSampling();
 }
@@ -119,10 +78,10 @@ LinuxCounters::LinuxCounters(const Options& options) {
 void LinuxCounters::startSampling() {
     std::vector<std::shared_ptr<EnergyCounter>> counters;
     milliseconds interval = milliseconds::max();
-    for (const Rail& rail : mRails) {
-        if (!rail.source.samplingInterval) continue;
-        counters.push_back(rail.source.counter);
-        interval = std::min(interval, *rail.source.samplingInterval);
+    for (const RailSource& rail : mRailSources) {
+        if (!rail.samplingInterval) continue;
+        counters.push_back(rail.counter);
+        interval = std::min(interval, *rail.samplingInterval);
     }
     if (counters.empty()) return;
     mSampler = std::make_unique<PeriodicThread>("counter-sampler", interval, [counters] {
@@ -130,37 +89,33 @@ void LinuxCounters::startSampling() {
     });
 }
 
-Answer<const EntitySource*> LinuxCounters::selectEntities(const std::vector<int32_t>& ids) const {
-    return select(mEntities, mEntityIndices, ids, "power entity");
-}
-
-Answer<RailEnergy> LinuxCounters::readRails(const std::vector<int32_t>& ids) const {
-    const Answer<const Rail*> selected = select(mRails, mRailIndices, ids, "rail");
-    Answer<RailEnergy> answer{selected.refusal, {}};
-    for (const Rail* rail : selected.records) {
-        if (const auto reading = rail->source.counter->read()) {
-            answer.records.push_back({rail->id, *reading});
+std::vector<RailEnergy> LinuxCounters::readRailsAt(const std::vector<size_t>& indices) const {
+    std::vector<RailEnergy> records;
+    for (const size_t index : indices) {
+        if (const auto reading = mRailSources[index].counter->read()) {
+            records.push_back({rails()[index].id, *reading});
         }
     }
-    return answer;
+    return records;
 }
 
-Answer<EntityResidency> LinuxCounters::readEntities(const std::vector<int32_t>& ids) const {
-    const Answer<const EntitySource*> selected = selectEntities(ids);
-    Answer<EntityResidency> answer{selected.refusal, {}};
-    for (const EntitySource* entity : selected.records) {
-        if (auto record = readEntity(*entity)) answer.records.push_back(std::move(*record));
+std::vector<EntityResidency> LinuxCounters::readEntitiesAt(
+    const std::vector<size_t>& indices) const {
+    std::vector<EntityResidency> records;
+    for (const size_t index : indices) {
+        if (auto record = readEntity(index)) records.push_back(std::move(*record));
     }
-    return answer;
+    return records;
 }
 
 /// std::nullopt when none of its states can be read.
-std::optional<EntityResidency> LinuxCounters::readEntity(const EntitySource& entity) const {
+std::optional<EntityResidency> LinuxCounters::readEntity(size_t index) const {
+    const EntitySource& entity = mEntitySources[index];
     EntityResidency record{entity.id, {}};
     bool isReadable = false;
     // Locked while reading, so that no older value replaces a newer one.
     std::lock_guard<std::mutex> lock(mMutex);
-    auto latest = mLatest[static_cast<size_t>(&entity - mEntities.data())].begin();
+    auto latest = mLatest[index].begin();
     for (const StateSource& state : entity.states) {
         if (const auto residency = state.read()) {
             *latest = *residency;

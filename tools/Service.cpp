@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "hal/LinuxCounters.h"
-#include "hal/LinuxPowerStats.h"
+#include "hal/CounterServices.h"
 #include "tools/CommandLine.h"
 
 namespace powerstats {
@@ -46,11 +46,11 @@ bool registerService(const ServiceOptions& options) {
         gDenied = gDenied || mentionsDenial(text);
     };
     const auto counters = std::make_shared<const LinuxCounters>(counterOptions);
-    const auto aidl = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
+    const auto aidl = ndk::SharedRefBase::make<CountersAidl>(counters);
     gOwnService = aidl;
     bool registered = false;
     if (options.hal == "hidl") {
-        const android::sp<LinuxPowerStatsHidl> hidl = new LinuxPowerStatsHidl(counters);
+        const android::sp<CountersHidl> hidl = new CountersHidl(counters);
         registered = hidl->registerAsService() == android::OK;
     } else {
         registered =

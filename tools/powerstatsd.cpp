@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "hal/CounterServices.h"
 #include "hal/LinuxCounters.h"
-#include "hal/LinuxPowerStats.h"
 #include "tools/CommandLine.h"
 
 namespace powerstats {
@@ -45,9 +45,9 @@ int serve(const Arguments& arguments) {
     const auto counters = std::make_shared<const LinuxCounters>(options);
     const bool aidl = hal != "hidl";
     const bool hidl = hal != "aidl";
-    if ((aidl && !server->add(ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters), &error)) ||
+    if ((aidl && !server->add(ndk::SharedRefBase::make<CountersAidl>(counters), &error)) ||
         (hidl && !server->add(android::sp<android::hardware::power::stats::V1_0::IPowerStats>(
-                                  new LinuxPowerStatsHidl(counters, hidlRails)),
+                                  new CountersHidl(counters, hidlRails)),
                               &error))) {
         say(error);
         return kUsage;

@@ -5,7 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "hal/LinuxPowerStats.h"
+#include "hal/CounterServices.h"
+#include "hal/LinuxCounters.h"
 #include "tests/hal/TemporaryTree.h"
 
 namespace powerstats {
@@ -33,11 +34,11 @@ class ServicesTest : public testing::Test {
     auto keep() {
         return [this](const auto& records, Status status) { mGot = {status, records.size()}; };
     }
-    Got rails(LinuxPowerStatsHidl& service) {
+    Got rails(CountersHidl& service) {
         EXPECT_TRUE(service.getRailInfo(keep()).isOk());
         return mGot;
     }
-    Got energies(LinuxPowerStatsHidl& service, const std::vector<int32_t>& ids = {}) {
+    Got energies(CountersHidl& service, const std::vector<int32_t>& ids = {}) {
         EXPECT_TRUE(
             service.getEnergyData(std::vector<uint32_t>(ids.begin(), ids.end()), keep()).isOk());
         return mGot;
@@ -53,8 +54,8 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
     mTree.writeZone("zone:61784", "b", 43);
     mTree.writeIdleState(2, 4, "C6", 5000, 6);
     const auto counters = makeCounters();
-    const auto aidl = ndk::SharedRefBase::make<LinuxPowerStatsAidl>(counters);
-    LinuxPowerStatsHidl hidl(counters);
+    const auto aidl = ndk::SharedRefBase::make<CountersAidl>(counters);
+    CountersHidl hidl(counters);
     const std::pair<std::vector<int32_t>, const char*> refusals[] = {
         {{kZone, 77}, "no rail has the id 77"},
         {{kZone, kZone}, "the request repeats the id 962335114 (rail); ask for each once"},
@@ -106,7 +107,7 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     mTree.write(meter, 42);
     mTree.writeZone("zone:39751", "package-0", 1000, kRangeUj);
     const auto counters = makeCounters();
-    LinuxPowerStatsHidl early(counters), unserved(counters, HidlRails::kNotServed);
+    CountersHidl early(counters), unserved(counters, HidlRails::kNotServed);
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 2));
     EXPECT_EQ(rails(unserved), Got(Status::NOT_SUPPORTED, 0));
     EXPECT_EQ(energies(unserved, {77}), Got(Status::NOT_SUPPORTED, 0));
@@ -115,13 +116,13 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 1));
     EXPECT_EQ(energies(early, {kZone}), Got(Status::NOT_SUPPORTED, 0));
     EXPECT_EQ(rails(early), Got(Status::SUCCESS, 2)) << "a list that clients keep";
-    LinuxPowerStatsHidl late(counters);
+    CountersHidl late(counters);
     EXPECT_EQ(rails(late), Got(Status::SUCCESS, 1));
     EXPECT_EQ(energies(late, {kZone}), Got(Status::INVALID_INPUT, 0)) << "never announced";
 
     mTree.remove(meter);
     mNow = std::chrono::seconds(20);
-    LinuxPowerStatsHidl ending(makeCounters());
+    CountersHidl ending(makeCounters());
     EXPECT_EQ(rails(ending), Got(Status::SUCCESS, 1));
     mNow = std::chrono::seconds(320);
     EXPECT_EQ(energies(ending), Got(Status::NOT_SUPPORTED, 0));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "hal/LinuxPowerStats.h"
+#include "hal/CounterServices.h"
 
 #include <algorithm>
 #include <utility>
@@ -47,9 +47,9 @@ PowerEntityType toHidl(EntityType type) {
     return PowerEntityType::PERIPHERAL;
 }
 
-PowerEntityStateSpace toHidl(const EntitySource& entity) {
+PowerEntityStateSpace toHidl(const Entity& entity) {
     std::vector<PowerEntityStateInfo> states;
-    for (const StateSource& state : entity.states) {
+    for (const State& state : entity.states) {
         states.push_back({static_cast<uint32_t>(state.id), state.name});
     }
     return {static_cast<uint32_t>(entity.id), states};
@@ -59,46 +59,48 @@ PowerEntityStateResidencyResult toHidl(const EntityResidency& entity) {
     std::vector<PowerEntityStateResidencyData> states;
     for (const auto& [id, residency] : entity.states) {
         states.push_back({static_cast<uint32_t>(id), static_cast<uint64_t>(residency.totalTimeMs),
-                          static_cast<uint64_t>(residency.entryCount), 0});
+                          static_cast<uint64_t>(residency.entryCount),
+                          static_cast<uint64_t>(residency.lastEntryMs)});
     }
     return {static_cast<uint32_t>(entity.id), states};
 }
 
 }  // namespace
 
-LinuxPowerStatsHidl::LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
-                                         HidlRails rails)
+CountersHidl::CountersHidl(std::shared_ptr<const Counters> counters, HidlRails rails)
     : mCounters(std::move(counters)) {
     if (rails == HidlRails::kNotServed) return;
-    for (const Rail& rail : mCounters->rails()) {
-        if (rail.source.counter->isSinceBoot()) mAnnouncedRails.insert(rail.id);
+    const std::vector<Rail>& all = mCounters->rails();
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (mCounters->isSinceBoot(i)) mAnnouncedRails.insert(all[i].id);
     }
 }
 
 /// The rails in the order of the counters; none when none is since boot any more.
-std::vector<const Rail*> LinuxPowerStatsHidl::announcedRails() const {
+std::vector<const Rail*> CountersHidl::announcedRails() const {
     std::vector<const Rail*> rails;
     bool anySinceBoot = false;
-    for (const Rail& rail : mCounters->rails()) {
-        if (mAnnouncedRails.count(rail.id) == 0) continue;
-        rails.push_back(&rail);
-        anySinceBoot = anySinceBoot || rail.source.counter->isSinceBoot();
+    const std::vector<Rail>& all = mCounters->rails();
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (mAnnouncedRails.count(all[i].id) == 0) continue;
+        rails.push_back(&all[i]);
+        anySinceBoot = anySinceBoot || mCounters->isSinceBoot(i);
     }
     if (!anySinceBoot) rails.clear();
     return rails;
 }
 
-Return<void> LinuxPowerStatsHidl::getRailInfo(getRailInfo_cb callback) {
+Return<void> CountersHidl::getRailInfo(getRailInfo_cb callback) {
     std::vector<RailInfo> infos;
     for (const Rail* rail : announcedRails()) {
-        infos.push_back({static_cast<uint32_t>(rail->id), rail->name, rail->source.subsystem, 0});
+        infos.push_back({static_cast<uint32_t>(rail->id), rail->name, rail->subsystem, 0});
     }
     callback(infos, infos.empty() ? Status::NOT_SUPPORTED : Status::SUCCESS);
     return Void();
 }
 
-Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIndices,
-                                                getEnergyData_cb callback) {
+Return<void> CountersHidl::getEnergyData(const hidl_vec<uint32_t>& railIndices,
+                                         getEnergyData_cb callback) {
     const std::vector<const Rail*> announced = announcedRails();
     if (announced.empty()) {
         callback({}, Status::NOT_SUPPORTED);
@@ -128,31 +130,31 @@ Return<void> LinuxPowerStatsHidl::getEnergyData(const hidl_vec<uint32_t>& railIn
     return Void();
 }
 
-Return<void> LinuxPowerStatsHidl::streamEnergyData(uint32_t /*timeMs*/, uint32_t /*samplingRate*/,
-                                                   streamEnergyData_cb callback) {
+Return<void> CountersHidl::streamEnergyData(uint32_t /*timeMs*/, uint32_t /*samplingRate*/,
+                                            streamEnergyData_cb callback) {
     callback(MQDescriptorSync<EnergyData>(), 0, 0, Status::NOT_SUPPORTED);
     return Void();
 }
 
-Return<void> LinuxPowerStatsHidl::getPowerEntityInfo(getPowerEntityInfo_cb callback) {
+Return<void> CountersHidl::getPowerEntityInfo(getPowerEntityInfo_cb callback) {
     std::vector<PowerEntityInfo> entities;
-    for (const EntitySource& entity : mCounters->entities()) {
+    for (const Entity& entity : mCounters->entities()) {
         entities.push_back({static_cast<uint32_t>(entity.id), entity.name, toHidl(entity.type)});
     }
     callback(entities, Status::SUCCESS);
     return Void();
 }
 
-Return<void> LinuxPowerStatsHidl::getPowerEntityStateInfo(const hidl_vec<uint32_t>& entityIds,
-                                                          getPowerEntityStateInfo_cb callback) {
-    const Answer<const EntitySource*> answer = mCounters->selectEntities(toIds(entityIds));
+Return<void> CountersHidl::getPowerEntityStateInfo(const hidl_vec<uint32_t>& entityIds,
+                                                   getPowerEntityStateInfo_cb callback) {
+    const Answer<const Entity*> answer = mCounters->selectEntities(toIds(entityIds));
     std::vector<PowerEntityStateSpace> spaces;
-    for (const EntitySource* entity : answer.records) spaces.push_back(toHidl(*entity));
+    for (const Entity* entity : answer.records) spaces.push_back(toHidl(*entity));
     callback(spaces, statusOf(answer));
     return Void();
 }
 
-Return<void> LinuxPowerStatsHidl::getPowerEntityStateResidencyData(
+Return<void> CountersHidl::getPowerEntityStateResidencyData(
     const hidl_vec<uint32_t>& entityIds, getPowerEntityStateResidencyData_cb callback) {
     const Answer<EntityResidency> answer = mCounters->readEntities(toIds(entityIds));
     std::vector<PowerEntityStateResidencyResult> results;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A Linux machine's counters as a power stats service, over either interface.
+// Counters as a power stats service, over either interface.
 
 #pragma once
 
@@ -12,29 +12,28 @@
 #include <unordered_set>
 #include <vector>
 
-#include "hal/LinuxCounters.h"
+#include "hal/Counters.h"
 
 namespace powerstats {
 
-/// A Linux machine's counters as the AIDL power stats service.
+/// Counters as the AIDL power stats service.
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are fails with EX_ILLEGAL_ARGUMENT and a
 /// message that says which. Rails and entities that cannot be read now are left out.
-class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowerStats {
+class CountersAidl : public aidl::android::hardware::power::stats::BnPowerStats {
   public:
-    explicit LinuxPowerStatsAidl(std::shared_ptr<const LinuxCounters> counters);
+    explicit CountersAidl(std::shared_ptr<const Counters> counters);
 
     ndk::ScopedAStatus getPowerEntityInfo(
         std::vector<aidl::android::hardware::power::stats::PowerEntity>* entities) override;
 
-    /// `lastEntryTimestampMs` is 0: the kernel does not tell when a state was entered.
     ndk::ScopedAStatus getStateResidency(
         const std::vector<int32_t>& entityIds,
         std::vector<aidl::android::hardware::power::stats::StateResidencyResult>* residencies)
         override;
 
-    /// There are none: a Linux kernel does not divide energy among consumers.
+    /// There are none: the counters do not divide energy among consumers.
     ndk::ScopedAStatus getEnergyConsumerInfo(
         std::vector<aidl::android::hardware::power::stats::EnergyConsumer>* consumers) override;
     ndk::ScopedAStatus getEnergyConsumed(
@@ -52,7 +51,7 @@ class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowe
         override;
 
   private:
-    const std::shared_ptr<const LinuxCounters> mCounters;
+    const std::shared_ptr<const Counters> mCounters;
 };
 
 /// Whether the HIDL service has rails. The system bus cannot guard a single HIDL method: a refusal
@@ -60,7 +59,7 @@ class LinuxPowerStatsAidl : public aidl::android::hardware::power::stats::BnPowe
 /// clients only, so there it is served over AIDL alone.
 enum class HidlRails { kServed, kNotServed };
 
-/// A Linux machine's counters as the HIDL 1.0 power stats service.
+/// Counters as the HIDL 1.0 power stats service.
 ///
 /// An empty list of ids asks for everything. Another list is answered in its order; one with an
 /// unknown id, a repeated id or more ids than there are is answered with INVALID_INPUT and no
@@ -71,12 +70,12 @@ enum class HidlRails { kServed, kNotServed };
 /// boot when this object is made are announced and known, and one that stops being so is left out
 /// of the answers. When none is left, or rails are not served, both calls for rails answer
 /// NOT_SUPPORTED.
-class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPowerStats {
+class CountersHidl : public android::hardware::power::stats::V1_0::IPowerStats {
   public:
-    explicit LinuxPowerStatsHidl(std::shared_ptr<const LinuxCounters> counters,
-                                 HidlRails rails = HidlRails::kServed);
+    explicit CountersHidl(std::shared_ptr<const Counters> counters,
+                          HidlRails rails = HidlRails::kServed);
 
-    /// `samplingRate` is 0: the kernel's counters have no rate of their own.
+    /// `samplingRate` is 0, because it is not known.
     android::hardware::Return<void> getRailInfo(getRailInfo_cb callback) override;
     android::hardware::Return<void> getEnergyData(
         const android::hardware::hidl_vec<uint32_t>& railIndices,
@@ -89,7 +88,6 @@ class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPower
     android::hardware::Return<void> getPowerEntityStateInfo(
         const android::hardware::hidl_vec<uint32_t>& entityIds,
         getPowerEntityStateInfo_cb callback) override;
-    /// `lastEntryTimestampMs` is 0: the kernel does not tell when a state was entered.
     android::hardware::Return<void> getPowerEntityStateResidencyData(
         const android::hardware::hidl_vec<uint32_t>& entityIds,
         getPowerEntityStateResidencyData_cb callback) override;
@@ -97,7 +95,7 @@ class LinuxPowerStatsHidl : public android::hardware::power::stats::V1_0::IPower
   private:
     std::vector<const Rail*> announcedRails() const;
 
-    const std::shared_ptr<const LinuxCounters> mCounters;
+    const std::shared_ptr<const Counters> mCounters;
     std::unordered_set<int32_t> mAnnouncedRails;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "hal/LinuxPowerStats.h"
+#include "hal/CounterServices.h"
 
 #include <string>
 #include <utility>
@@ -23,16 +23,16 @@ ScopedAStatus refused(const std::string& message) {
 
 }  // namespace
 
-LinuxPowerStatsAidl::LinuxPowerStatsAidl(std::shared_ptr<const LinuxCounters> counters)
+CountersAidl::CountersAidl(std::shared_ptr<const Counters> counters)
     : mCounters(std::move(counters)) {}
 
-ScopedAStatus LinuxPowerStatsAidl::getPowerEntityInfo(std::vector<PowerEntity>* entities) {
+ScopedAStatus CountersAidl::getPowerEntityInfo(std::vector<PowerEntity>* entities) {
     entities->clear();
-    for (const EntitySource& source : mCounters->entities()) {
+    for (const Entity& source : mCounters->entities()) {
         PowerEntity entity;
         entity.id = source.id;
         entity.name = source.name;
-        for (const StateSource& state : source.states) {
+        for (const State& state : source.states) {
             entity.states.emplace_back();
             entity.states.back().id = state.id;
             entity.states.back().name = state.name;
@@ -42,8 +42,8 @@ ScopedAStatus LinuxPowerStatsAidl::getPowerEntityInfo(std::vector<PowerEntity>* 
     return ScopedAStatus::ok();
 }
 
-ScopedAStatus LinuxPowerStatsAidl::getStateResidency(
-    const std::vector<int32_t>& entityIds, std::vector<StateResidencyResult>* residencies) {
+ScopedAStatus CountersAidl::getStateResidency(const std::vector<int32_t>& entityIds,
+                                              std::vector<StateResidencyResult>* residencies) {
     residencies->clear();
     const Answer<EntityResidency> answer = mCounters->readEntities(entityIds);
     if (answer.refusal) return refused(*answer.refusal);
@@ -55,37 +55,38 @@ ScopedAStatus LinuxPowerStatsAidl::getStateResidency(
             result.stateResidencyData.back().id = state.id;
             result.stateResidencyData.back().totalTimeInStateMs = state.residency.totalTimeMs;
             result.stateResidencyData.back().totalStateEntryCount = state.residency.entryCount;
+            result.stateResidencyData.back().lastEntryTimestampMs = state.residency.lastEntryMs;
         }
         residencies->push_back(std::move(result));
     }
     return ScopedAStatus::ok();
 }
 
-ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumerInfo(std::vector<EnergyConsumer>* consumers) {
+ScopedAStatus CountersAidl::getEnergyConsumerInfo(std::vector<EnergyConsumer>* consumers) {
     consumers->clear();
     return ScopedAStatus::ok();
 }
 
-ScopedAStatus LinuxPowerStatsAidl::getEnergyConsumed(const std::vector<int32_t>& consumerIds,
-                                                     std::vector<EnergyConsumerResult>* energies) {
+ScopedAStatus CountersAidl::getEnergyConsumed(const std::vector<int32_t>& consumerIds,
+                                              std::vector<EnergyConsumerResult>* energies) {
     energies->clear();
     if (!consumerIds.empty()) return refused("there are no energy consumers");
     return ScopedAStatus::ok();
 }
 
-ScopedAStatus LinuxPowerStatsAidl::getEnergyMeterInfo(std::vector<Channel>* channels) {
+ScopedAStatus CountersAidl::getEnergyMeterInfo(std::vector<Channel>* channels) {
     channels->clear();
     for (const Rail& rail : mCounters->rails()) {
         channels->emplace_back();
         channels->back().id = rail.id;
         channels->back().name = rail.name;
-        channels->back().subsystem = rail.source.subsystem;
+        channels->back().subsystem = rail.subsystem;
     }
     return ScopedAStatus::ok();
 }
 
-ScopedAStatus LinuxPowerStatsAidl::readEnergyMeter(const std::vector<int32_t>& channelIds,
-                                                   std::vector<EnergyMeasurement>* measurements) {
+ScopedAStatus CountersAidl::readEnergyMeter(const std::vector<int32_t>& channelIds,
+                                            std::vector<EnergyMeasurement>* measurements) {
     measurements->clear();
     const Answer<RailEnergy> answer = mCounters->readRails(channelIds);
     if (answer.refusal) return refused(*answer.refusal);
