@@ -90,6 +90,22 @@ int32_t PathIds::add(const std::string& path) {
     return static_cast<int32_t>(mBase + offset);
 }
 
+std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max) {
+    std::set<int64_t> taken(wishes.begin(), wishes.end());
+    std::set<int64_t> given;
+    std::vector<int64_t> numbers;
+    int64_t next = 0;
+    for (const int64_t wish : wishes) {
+        if (wish >= 0 && wish <= max && given.insert(wish).second) {
+            numbers.push_back(wish);
+            continue;
+        }
+        while (!taken.insert(next).second) ++next;
+        numbers.push_back(next);
+    }
+    return numbers;
+}
+
 std::vector<std::string> distinctNames(const std::vector<std::vector<std::string>>& choices) {
     std::vector<size_t> chosen(choices.size(), 0);
     const auto bytes = [&](size_t thing) { return choices[thing][chosen[thing]]; };

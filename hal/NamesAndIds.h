@@ -31,6 +31,11 @@ class PathIds {
     std::set<uint32_t> mGiven;
 };
 
+/// Gives each thing a number of its own: its wish where that is from 0 to `max` and no earlier
+/// thing has it, otherwise the least number that is nobody's wish and not given, in the order of
+/// the things.
+std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max);
+
 struct Utf8Character {
     uint32_t codePoint = 0;
     /// In bytes; 0 where the bytes are not UTF-8.
