@@ -12,6 +12,8 @@ namespace powerstats {
 
 /// Exit status of a program that cannot do as its arguments ask.
 constexpr int kUsage = 2;
+/// Exit status of a program that could not read anything, or not write it.
+constexpr int kFailed = 1;
 
 /// Prints one line on standard error, after the program's name. A line that cannot be written is
 /// lost.

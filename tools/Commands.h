@@ -9,9 +9,6 @@
 
 namespace powerstats {
 
-/// Exit status of a subcommand that could not read anything, or not write it.
-constexpr int kFailed = 1;
-
 /// A subcommand that was added to the program's command line, and a function that runs it after the
 /// arguments were parsed.
 struct Command {
@@ -21,6 +18,7 @@ struct Command {
 
 Command addDump(CLI::App* app);
 Command addWatch(CLI::App* app);
+Command addRecord(CLI::App* app);
 Command addRun(CLI::App* app);
 
 }  // namespace powerstats

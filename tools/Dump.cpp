@@ -7,6 +7,7 @@
 #include <host/JavaRuntime.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -122,7 +123,10 @@ int dump(const Arguments& arguments) {
         say(error + " (build the library, or name another file with --library)");
         return kUsage;
     }
-    openService(arguments.service);
+    const auto firstSample = [] { return std::chrono::nanoseconds(0); };
+    const int status = openService(arguments.service, firstSample);
+    // The library says itself that no service is on the bus.
+    if (status != 0 && !arguments.service.bus) return status;
 
     std::vector<Call> calls;
     if (all || arguments.rails) calls.push_back({Section::Kind::kRails, {}});

@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@
 #include "tools/RunReport.h"
 #include "tools/Service.h"
 #include "tools/Snapshot.h"
+#include "tools/TraceWriter.h"
 
 namespace powerstats {
 
@@ -40,6 +43,7 @@ struct Arguments {
     std::vector<std::string> limits;
     std::string format = "table";
     std::string output;
+    std::string record;
     std::vector<std::string> command;
 };
 
@@ -117,9 +121,63 @@ pid_t start(const std::vector<std::string>& command, int* error) {
     return 0;
 }
 
+/// The recording of a run, which has a sample every second, at the start and at the end.
+class Recorder {
+  public:
+    /// @return whether the file can be written. Otherwise one line says why.
+    bool open(const std::string& file) {
+        std::string error;
+        if (!file.empty() && (mWriter = TraceWriter::create(file, &error)) == nullptr) say(error);
+        return error.empty();
+    }
+    void add(const Snapshot& snapshot) {
+        if (mWriter == nullptr) return;
+        const Interval since = mLatest ? subtract(*mLatest, snapshot) : Interval();
+        std::string error;
+        if (mWriter->write(snapshot, mLatest ? &since : nullptr, &error)) {
+            mLatest = snapshot;
+            return;
+        }
+        say(error);
+        mWriter.reset();
+        mFailed = true;
+    }
+    bool isOn() const { return mWriter != nullptr; }
+    bool hasFailed() const { return mFailed; }
+
+  private:
+    std::unique_ptr<TraceWriter> mWriter;
+    std::optional<Snapshot> mLatest;
+    bool mFailed = false;
+};
+
+/// A descriptor that is readable when a process has ended. The C library's own declaration of this
+/// call has no C linkage.
+int openProcess(pid_t process) {
+    return static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+}
+
+/// Waits until a child has ended, and records meanwhile.
+void await(pid_t child, SnapshotReader* reader, Recorder* recorder) {
+    constexpr int kSampleMs = 1000;
+    const int descriptor = recorder->isOn() ? openProcess(child) : -1;
+    pollfd ended{descriptor, POLLIN, 0};
+    while (descriptor >= 0 && recorder->isOn()) {
+        const int count = poll(&ended, 1, kSampleMs);
+        if (count == 0) recorder->add(reader->read());
+        if (count > 0 || (count < 0 && errno != EINTR)) break;
+    }
+    if (descriptor >= 0) close(descriptor);
+    // The child stays a zombie until its number is not used any more.
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 &&
+           errno == EINTR) {
+    }
+}
+
 /// Runs the command to its end.
 /// @return its exit status; 128 and the number of the signal that ended it.
-int runToEnd(const std::vector<std::string>& command) {
+int runToEnd(const std::vector<std::string>& command, SnapshotReader* reader, Recorder* recorder) {
     int error = 0;
     const pid_t child = start(command, &error);
     if (child == 0) {
@@ -127,10 +185,7 @@ int runToEnd(const std::vector<std::string>& command) {
                         std::strerror(error)));
         return error == ENOENT ? kNotFound : kCannotExecute;
     }
-    // The child stays a zombie until its number is not used any more.
-    siginfo_t info;
-    while (waitid(P_PID, child, &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
-    }
+    await(child, reader, recorder);
     gCommand = 0;
     int status = 0;
     waitpid(child, &status, 0);
@@ -190,7 +245,7 @@ int run(const Arguments& arguments) {
                         std::strerror(errno)));
         return kUsage;
     }
-    if (!openService(arguments.service)) return kUsage;
+    if (openService(arguments.service) != 0) return kUsage;
     SnapshotReader reader;
     const std::string unreadable = findUnreadable(report.limits, reader.read());
     if (!unreadable.empty()) {
@@ -198,13 +253,19 @@ int run(const Arguments& arguments) {
         return kUsage;
     }
 
+    Recorder recorder;
+    if (!recorder.open(arguments.record)) return kUsage;
+
     forwardSignals();
     int status = 0;
     while (status == 0 && gSignal == 0 && static_cast<int>(report.runs.size()) < arguments.runs) {
         const Snapshot before = reader.read();
-        status = runToEnd(report.command);
+        recorder.add(before);
+        status = runToEnd(report.command, &reader, &recorder);
         if (status == kNotFound || status == kCannotExecute) break;
-        report.runs.push_back(subtract(before, reader.read()));
+        const Snapshot after = reader.read();
+        recorder.add(after);
+        report.runs.push_back(subtract(before, after));
     }
     const bool isComplete = status == 0 && static_cast<int>(report.runs.size()) == arguments.runs;
     if (!isComplete) report.limits.clear();
@@ -212,6 +273,7 @@ int run(const Arguments& arguments) {
         !writeReport(formatReport(report, arguments.format), arguments.output, stream)) {
         return status != 0 ? status : kFailed;
     }
+    if (isComplete && recorder.hasFailed()) return kFailed;
     if (isComplete) return judge(report);
     return status != 0 ? status : 128 + gSignal;
 }
@@ -243,6 +305,10 @@ Command addRun(CLI::App* app) {
         ->take_all();
     command->add_option("-o,--output", arguments->output,
                         "File of the report; standard error by default");
+    command
+        ->add_option("--record", arguments->record,
+                     "Also write readings to a file, one a second, as powerstats record does")
+        ->type_name("FILE");
     command->add_option("--format", arguments->format, "Format of the report")
         ->check(CLI::IsMember({"table", "csv", "json"}))
         ->capture_default_str();

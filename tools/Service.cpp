@@ -7,15 +7,11 @@
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
 
-#include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "hal/LinuxCounters.h"
 #include "hal/CounterServices.h"
 #include "tools/CommandLine.h"
 
@@ -29,23 +25,14 @@ namespace stats_V1_0 = android::hardware::power::stats::V1_0;
 /// The value of `--bus` when none is given.
 constexpr char kAnyBus[] = "any";
 
-std::atomic<bool> gDenied{false};
 std::shared_ptr<stats_aidl::IPowerStats> gOwnService;
+Replay gReplay;
 
-bool mentionsDenial(const std::string& text) {
-    return text.find(std::generic_category().message(EACCES)) != std::string::npos;
-}
-
-bool registerService(const ServiceOptions& options) {
+int registerService(const ServiceOptions& options, RecordedCounters::PlayingTime playingTime) {
     // A service on a bus must not answer in its place.
     host::setBusLookups({});
-    LinuxCounters::Options counterOptions;
-    counterOptions.root = options.sysfs;
-    counterOptions.warn = [](const std::string& text) {
-        say(text);
-        gDenied = gDenied || mentionsDenial(text);
-    };
-    const auto counters = std::make_shared<const LinuxCounters>(counterOptions);
+    const auto counters = openSource(options.source, std::move(playingTime), &gReplay);
+    if (counters == nullptr) return kUsage;
     const auto aidl = ndk::SharedRefBase::make<CountersAidl>(counters);
     gOwnService = aidl;
     bool registered = false;
@@ -56,8 +43,9 @@ bool registerService(const ServiceOptions& options) {
         registered =
             AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats) == STATUS_OK;
     }
-    if (!registered) say("the service could not be registered (this is a fault of this program)");
-    return registered;
+    if (registered) return 0;
+    say("the service could not be registered (this is a fault of this program)");
+    return kFailed;
 }
 
 std::vector<host::Bus> busesOf(const ServiceOptions& options) {
@@ -84,7 +72,7 @@ void explainAbsence(const ServiceOptions& options) {
     say(reasons);
 }
 
-bool awaitServiceOnBus(const ServiceOptions& options) {
+int awaitServiceOnBus(const ServiceOptions& options) {
     std::vector<std::string> names;
     if (options.hal != "hidl") names.emplace_back(host::kAidlPowerStats);
     if (options.hal != "aidl") names.emplace_back(host::kHidlPowerStats);
@@ -95,11 +83,11 @@ bool awaitServiceOnBus(const ServiceOptions& options) {
     while (findAidl() == nullptr && findHidl() == nullptr) {
         if (!(steady_clock::now() < until)) {  // so that NaN ends too
             explainAbsence(options);
-            return false;
+            return kFailed;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return true;
+    return 0;
 }
 
 }  // namespace
@@ -132,20 +120,26 @@ void addServiceOptions(CLI::App* command, ServiceOptions* options) {
                      "Seconds to wait for a service to appear on the bus")
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
-    const CLI::Option* const sysfs = addSysfsOption(command, &options->sysfs);
+    addSourceOptions(command, &options->source);
     command->add_flag_callback(
         "--verbose", [] { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); },
         "Log why calls and look-ups of the service fail");
-    command->final_callback([options, sysfs] {
-        if (options->bus && sysfs->count() != 0) {
+    command->final_callback([options] {
+        if (options->bus && options->source.isGiven()) {
             throw CLI::ValidationError(
-                "--sysfs", "not with --bus (the service on the bus reads its own counters)");
+                options->source.replay.empty() ? "--sysfs" : "--replay",
+                "not with --bus (the service on the bus has counters of its own)");
         }
     });
 }
 
-bool openService(const ServiceOptions& options) {
-    return options.bus ? awaitServiceOnBus(options) : registerService(options);
+int openService(const ServiceOptions& options, RecordedCounters::PlayingTime playingTime) {
+    return options.bus ? awaitServiceOnBus(options)
+                       : registerService(options, std::move(playingTime));
+}
+
+const Replay* ownReplay() {
+    return gReplay.counters != nullptr ? &gReplay : nullptr;
 }
 
 std::shared_ptr<stats_aidl::IPowerStats> findAidl() {
@@ -162,13 +156,11 @@ std::shared_ptr<stats_aidl::IPowerStats> ownService() {
 }
 
 std::string describe(const ServiceOptions& options) {
-    if (!options.bus) return options.sysfs == "/sys" ? "this machine" : options.sysfs;
+    const SourceOptions& source = options.source;
+    if (!options.bus && !source.replay.empty()) return source.replay;
+    if (!options.bus) return source.sysfs == "/sys" ? "this machine" : source.sysfs;
     return options.bus == kAnyBus ? "the session or the system bus"
                                   : "the " + *options.bus + " bus";
-}
-
-bool isDenied() {
-    return gDenied;
 }
 
 }  // namespace powerstats

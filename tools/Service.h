@@ -13,22 +13,29 @@
 #include <optional>
 #include <string>
 
+#include "tools/Source.h"
+
 namespace powerstats {
 
 struct ServiceOptions {
     std::string hal;                 ///< "aidl" or "hidl"; empty: AIDL if it is there
     std::optional<std::string> bus;  ///< "any", "session" or "system"; none: within this process
     double waitSeconds = 2;
-    std::string sysfs = "/sys";
+    SourceOptions source;  ///< served within this process
 };
 
 /// Adds the options that say which service is asked. Mistakes in them are mistakes of parsing.
 void addServiceOptions(CLI::App* command, ServiceOptions* options);
 
-/// Serves this machine's counters in this process, or waits until a service is on the bus. From
-/// then on look-ups find that service, and no other, in this process.
-/// @return whether a service is there. Otherwise one line on standard error says why.
-bool openService(const ServiceOptions& options);
+/// Serves a source of counters in this process, or waits until a service is on the bus. From then
+/// on look-ups find that service, and no other, in this process.
+/// @param playingTime [in] that of a recording; empty: the clock.
+/// @return 0 when a service is there. Otherwise, after one line, the exit status: kFailed when none
+///     is on the bus, kUsage when the recording cannot be used.
+int openService(const ServiceOptions& options, RecordedCounters::PlayingTime playingTime = {});
+
+/// The recording that the service plays back; null when there is none.
+const Replay* ownReplay();
 
 /// The service, or null when none is there now.
 std::shared_ptr<aidl::android::hardware::power::stats::IPowerStats> findAidl();
@@ -37,10 +44,7 @@ android::sp<android::hardware::power::stats::V1_0::IPowerStats> findHidl();
 /// The service within this process over AIDL, whichever interface clients find; null with `--bus`.
 std::shared_ptr<aidl::android::hardware::power::stats::IPowerStats> ownService();
 
-/// For a title: "this machine", "the session bus".
+/// For a title: "this machine", "the session bus", a file.
 std::string describe(const ServiceOptions& options);
-
-/// Whether this user may not read a file of the machine's counters.
-bool isDenied();
 
 }  // namespace powerstats

@@ -233,6 +233,10 @@ Snapshot SnapshotReader::read() {
     const milliseconds after = readClock(CLOCK_BOOTTIME);
     snapshot.timestampMs = ((before + after) / 2).count();
     snapshot.suspendedMs = (after - monotonic).count();
+    if (const Replay* const replay = ownReplay()) {
+        snapshot.timestampMs = replay->counters->timestampMs();
+        snapshot.suspendedMs = 0;  // not recorded
+    }
     if (snapshot.railsError == kGone || snapshot.entitiesError == kGone) {
         mAidl = nullptr;
         mHidl = nullptr;

@@ -57,7 +57,7 @@ struct Snapshot {
     std::string railsError;
     std::string entitiesError;
     /// The time of the residencies, which carry no stamp of their own: CLOCK_BOOTTIME half-way
-    /// through the call, in milliseconds.
+    /// through the call, in milliseconds. For a recording in this process, the recorded time.
     int64_t timestampMs = 0;
     /// For how long the machine has been suspended since boot, in milliseconds.
     int64_t suspendedMs = 0;

@@ -4,32 +4,24 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <functional>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
-#include <utility>
 
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/Interval.h"
 #include "tools/IntervalPrinter.h"
 #include "tools/LiveView.h"
-#include "tools/Service.h"
-#include "tools/Snapshot.h"
+#include "tools/Sampler.h"
 
 namespace powerstats {
 
 namespace {
 
-using std::chrono::steady_clock;
-
 struct Arguments {
-    ServiceOptions service;
-    double intervalSeconds = 1;
+    SamplerOptions sampler;
     std::optional<int> count;
     std::string format;  // empty: live on a terminal, otherwise table
 };
@@ -44,17 +36,11 @@ bool hasFigures(const Interval& interval) {
     return false;
 }
 
-int print(const Arguments& arguments, std::function<Interval()> read) {
+int print(const Arguments& arguments, Sampler* sampler) {
     IntervalPrinter printer(arguments.format);
-    const auto step = std::chrono::duration_cast<steady_clock::duration>(
-        std::chrono::duration<double>(arguments.intervalSeconds));
     bool any = false;
-    auto next = steady_clock::now();
-    for (int i = 0; !arguments.count || i < *arguments.count; ++i) {
-        // A reading that took longer than an interval makes no burst of readings after it.
-        next = std::max(next + step, steady_clock::now());
-        std::this_thread::sleep_until(next);
-        const Interval interval = read();
+    for (int i = 0; (!arguments.count || i < *arguments.count) && sampler->wait(); ++i) {
+        const Interval interval = sampler->read();
         any = any || hasFigures(interval);
         if (!writeOutput(printer.print(interval))) return kFailed;
     }
@@ -67,18 +53,18 @@ bool isOnTerminal() {
 
 int watch(Arguments arguments) {
     if (arguments.format.empty()) arguments.format = isOnTerminal() ? "live" : "table";
-    if (!openService(arguments.service)) return kFailed;
-    const auto reader = std::make_shared<SnapshotReader>();
-    const auto read = [reader, before = reader->read()]() mutable {
-        Snapshot after = reader->read();
-        Interval interval = subtract(before, after);
-        before = std::move(after);
-        return interval;
-    };
-    if (arguments.format != "live") return print(arguments, read);
-    const std::string title =
-        describe(arguments.service) + " over " + std::string(reader->interfaceName());
-    return showLive({title, arguments.intervalSeconds, arguments.count}, read);
+    int status = 0;
+    const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
+    if (sampler == nullptr) return status;
+    if (arguments.format == "live") {
+        status = showLive({sampler->title(), arguments.sampler.intervalSeconds, arguments.count},
+                          [sampler] { return sampler->read(); });
+        // A reading that does not return may still run, and nothing may be destroyed under it.
+        if (sampler.use_count() > 1) std::_Exit(status);
+    } else {
+        status = print(arguments, sampler.get());
+    }
+    return sampler->check() ? status : kFailed;
 }
 
 }  // namespace
@@ -92,12 +78,13 @@ Command addWatch(CLI::App* app) {
         "cores), so a sum over them says nothing. Shares are percent of the interval.\n"
         "docs/formats.md describes the formats.\n"
         "Exit status: 0 something was read, 1 nothing was or it could not be written,\n"
-        "2 bad argument.\n"
+        "2 bad argument, or a file that cannot be used.\n"
         "Example: powerstats watch --interval 0.1 --count 2 --format csv");
-    addServiceOptions(command, &arguments->service);
-    command->add_option("--interval", arguments->intervalSeconds, "Seconds from reading to reading")
-        ->check(CLI::Range(0.05, 86400.0))
-        ->capture_default_str();
+    addSamplerOptions(command, &arguments->sampler);
+    command
+        ->add_option("--record", arguments->sampler.record,
+                     "Also write the readings to a file, as powerstats record does")
+        ->type_name("FILE");
     command->add_option("--count", arguments->count, "Intervals to show; without end by default")
         ->check(CLI::PositiveNumber);
     command->add_option("--format", arguments->format, "Format of each interval")

@@ -11,8 +11,8 @@
 #include <string>
 
 #include "hal/CounterServices.h"
-#include "hal/LinuxCounters.h"
 #include "tools/CommandLine.h"
+#include "tools/Source.h"
 
 namespace powerstats {
 
@@ -21,7 +21,7 @@ namespace {
 struct Arguments {
     std::string hal;  // empty: the bus's default
     std::string bus = "system";
-    std::string sysfs = "/sys";
+    SourceOptions source;
 };
 
 int serve(const Arguments& arguments) {
@@ -39,10 +39,9 @@ int serve(const Arguments& arguments) {
         say(error);
         return kUsage;
     }
-    LinuxCounters::Options options;
-    options.root = arguments.sysfs;
-    options.warn = say;
-    const auto counters = std::make_shared<const LinuxCounters>(options);
+    Replay replay;
+    const auto counters = openSource(arguments.source, {}, &replay);
+    if (counters == nullptr) return kUsage;
     const bool aidl = hal != "hidl";
     const bool hidl = hal != "aidl";
     if ((aidl && !server->add(ndk::SharedRefBase::make<CountersAidl>(counters), &error)) ||
@@ -53,7 +52,8 @@ int serve(const Arguments& arguments) {
         return kUsage;
     }
     say(fmt::format("serving {} rails and {} power entities of {} over {} on the {} bus",
-                    counters->rails().size(), counters->entities().size(), arguments.sysfs,
+                    counters->rails().size(), counters->entities().size(),
+                    replay.counters != nullptr ? arguments.source.replay : arguments.source.sysfs,
                     aidl && hidl ? "AIDL and HIDL"
                     : aidl       ? "AIDL"
                                  : "HIDL",
@@ -66,8 +66,10 @@ int serve(const Arguments& arguments) {
 int run(int argc, char** argv) {
     Arguments arguments;
     CLI::App app(
-        "Serves this machine's power counters on D-Bus. Energy is in microwatt-seconds and\n"
-        "counts since boot; a rail counts since boot only if the daemon started at boot.",
+        "Serves this machine's power counters, or a recording's, on D-Bus. Energy is in\n"
+        "microwatt-seconds and counts since boot; a rail of this machine counts since boot only "
+        "if\n"
+        "the daemon started at boot.",
         "powerstatsd");
     app.set_version_flag("--version", "powerstatsd " POWERSTATS_VERSION);
     app.add_option("--hal", arguments.hal,
@@ -77,10 +79,10 @@ int run(int argc, char** argv) {
     app.add_option("--bus", arguments.bus, "Bus to serve on")
         ->check(CLI::IsMember({"session", "system"}))
         ->capture_default_str();
-    addSysfsOption(&app, &arguments.sysfs);
+    addSourceOptions(&app, &arguments.source);
     app.footer(
         "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
-        "bus or name that cannot be had.\n"
+        "bus, name or recording that cannot be had.\n"
         "Example: powerstatsd --bus session --sysfs share/sample-machine");
     if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
     return serve(arguments);

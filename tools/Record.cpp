@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// powerstats record: writes what a service reports to a file, as a trace.
+
+#include <cmath>
+#include <memory>
+#include <optional>
+
+#include "tools/CommandLine.h"
+#include "tools/Commands.h"
+#include "tools/Sampler.h"
+
+namespace powerstats {
+
+namespace {
+
+struct Arguments {
+    SamplerOptions sampler;
+    std::optional<double> durationSeconds;
+};
+
+int record(const Arguments& arguments) {
+    int status = 0;
+    const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
+    if (sampler == nullptr) return status;
+    // Rounded, so that 0.3 s has three intervals of 0.1 s.
+    const std::optional<double> intervals =
+        arguments.durationSeconds ? std::optional(std::round(*arguments.durationSeconds /
+                                                             arguments.sampler.intervalSeconds))
+                                  : std::nullopt;
+    for (double i = 0; (!intervals || i < *intervals) && sampler->wait(); ++i) sampler->read();
+    return sampler->check() ? 0 : kFailed;
+}
+
+}  // namespace
+
+Command addRecord(CLI::App* app) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command =
+        app->add_subcommand("record", "Write what a service reports to a file, for trace viewers.");
+    command->footer(
+        "The file is a protobuf trace with the readings, and with counters in milliwatts and\n"
+        "percent. It is readable at any moment, also after the program was killed. --replay plays\n"
+        "it back. docs/recordings.md describes it.\n"
+        "Exit status: 0 the duration or the recording that was played back is over, 1 no service,\n"
+        "or the file cannot be written on, 2 bad argument, or a file that exists or cannot be\n"
+        "created.\n"
+        "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace");
+    addSamplerOptions(command, &arguments->sampler);
+    command
+        ->add_option("-o,--output", arguments->sampler.record,
+                     "The file, which must not exist; only you can read it")
+        ->type_name("FILE")
+        ->required();
+    command
+        ->add_option("--duration", arguments->durationSeconds,
+                     "Seconds from the first reading to the last; without end by default")
+        ->check(CLI::Range(0.0, 1e9));
+    return {command, [arguments] { return record(*arguments); }};
+}
+
+}  // namespace powerstats

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "tools/Source.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "hal/LinuxCounters.h"
+#include "tools/CommandLine.h"
+
+namespace powerstats {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+
+std::atomic<bool> gDenied{false};
+
+/// The playing time at another speed. It stops before it overflows, after 290 years.
+nanoseconds scale(nanoseconds time, double speed) {
+    constexpr double kMax = 9.2e18;
+    return nanoseconds(std::llround(std::min(static_cast<double>(time.count()) * speed, kMax)));
+}
+
+}  // namespace
+
+void addSourceOptions(CLI::App* command, SourceOptions* options) {
+    CLI::Option* const sysfs = addSysfsOption(command, &options->sysfs);
+    CLI::Option* const replay =
+        command
+            ->add_option("--replay", options->replay,
+                         "Play a recording back instead of reading this machine's counters")
+            ->type_name("FILE")
+            ->excludes(sysfs);
+    command->add_option("--speed", options->speed, "Times as fast as it was recorded")
+        ->check(CLI::Range(0.001, 1e6))
+        ->capture_default_str()
+        ->needs(replay);
+    command->add_flag("--loop", options->loop, "Start the recording again after its end")
+        ->needs(replay);
+    options->isGiven = [sysfs, replay] { return sysfs->count() != 0 || replay->count() != 0; };
+}
+
+std::shared_ptr<const Counters> openSource(const SourceOptions& options,
+                                           RecordedCounters::PlayingTime playingTime,
+                                           Replay* replay) {
+    if (options.replay.empty()) {
+        LinuxCounters::Options counterOptions;
+        counterOptions.root = options.sysfs;
+        counterOptions.warn = [](const std::string& text) {
+            say(text);
+            if (text.find(std::generic_category().message(EACCES)) != std::string::npos) {
+                gDenied = true;
+            }
+        };
+        return std::make_shared<const LinuxCounters>(counterOptions);
+    }
+    std::string error;
+    std::optional<Recording> recording = Recording::read(
+        options.replay, [](const std::string& text) { say(text); }, &error);
+    if (!recording) {
+        say(error);
+        return nullptr;
+    }
+    replay->length = milliseconds(recording->samplesMs.back() - recording->samplesMs.front());
+    if (!playingTime) {
+        playingTime = [start = steady_clock::now()] { return steady_clock::now() - start; };
+    }
+    RecordedCounters::Options playing;
+    playing.loop = options.loop;
+    playing.playingTime = [playingTime = std::move(playingTime), speed = options.speed] {
+        return scale(playingTime(), speed);
+    };
+    replay->counters =
+        std::make_shared<const RecordedCounters>(std::move(*recording), std::move(playing));
+    return replay->counters;
+}
+
+bool isDenied() {
+    return gDenied;
+}
+
+}  // namespace powerstats
