@@ -71,6 +71,18 @@ TEST(Watch, ShowsThatTheServiceIsGoneAndIsThereAgain) {
     }
 }
 
+TEST(Watch, ShowsTheRecordedPowerOfADaemonThatPlaysARecording) {
+    const PrivateBus bus;
+    Process daemon({POWERSTATSD_PROGRAM, "--bus", "session", "--replay", PHONE_RECORDING});
+    ASSERT_TRUE(daemon.waitFor("serving 20 rails and 15 power entities of " PHONE_RECORDING));
+    for (const char* hal : {"aidl", "hidl"}) {
+        Process watch(powerstats("watch --bus --format jsonl --interval 0.3 --count 2 --hal " +
+                                 std::string(hal)));
+        EXPECT_EQ(watch.wait(), 0) << watch.text();
+        EXPECT_THAT(watch.text(), HasSubstr("\"power_mw\":510.0")) << "the display's";
+    }
+}
+
 TEST(Run, PassesSignalsOnAndReturnsTheCommandsStatusOrThatOfTheSignal) {
     for (const auto& [command, status] : {std::pair(9, 9), {0, 128 + SIGTERM}}) {
         std::vector<std::string> words = powerstats("run -r 3 -- sh -c");

@@ -228,6 +228,59 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
     EXPECT_THAT(readFile(tree.path("report")), StartsWith("{\n  \"command\": [\n    \"true\""));
 }
 
+TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
+    const TemporaryTree files;
+    const std::string copy = files.path("copy");
+    const Lines fast = {"--interval", "0.05", "--speed", "40"};
+    const auto play = [&](const std::string& subcommand, const std::string& file, Lines more) {
+        Lines arguments = {subcommand, "--replay", file};
+        arguments.insert(arguments.end(), fast.begin(), fast.end());
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return run(arguments);
+    };
+    // 301 samples by 0.2 s: a reading sees every tenth.
+    const Outcome all = play("watch", PHONE_RECORDING, {"--format", "csv", "--record", copy});
+    EXPECT_EQ(all.exitCode, 0) << all.errors;
+    EXPECT_EQ(linesOf(all.output).size(), 1u + 30) << "it ends with the recording";
+    EXPECT_EQ(play("watch", copy, {"--format", "csv"}).output, all.output);
+    // The 11th sample less the first, by 2 s.
+    const Outcome shown = play("watch", PHONE_RECORDING, {"--count", "1", "--format", "jsonl"});
+    EXPECT_THAT(shown.output, StartsWith("{\"timestamp_ms\":10814345,\"interval_ms\":2000,"));
+    EXPECT_THAT(shown.output, HasSubstr("\"name\":\"display\",\"subsystem\":\"display\","
+                                        "\"timestamp_ms\":10814345,\"interval_ms\":2000,"
+                                        "\"energy_uws\":1020000,\"power_mw\":510.0,"));
+    EXPECT_EQ(
+        linesOf(
+            play("watch", PHONE_RECORDING, {"--loop", "--count", "40", "--format", "csv"}).output)
+            .size(),
+        41u);
+
+    EXPECT_EQ(play("record", PHONE_RECORDING, {"-o", copy}).exitCode, 2) << "the file exists";
+    const std::string again = files.path("again");
+    EXPECT_EQ(play("record", PHONE_RECORDING, {"-o", again, "--duration", "0.1"}).exitCode, 0);
+    EXPECT_EQ(linesOf(play("watch", again, {"--format", "csv"}).output).size(), 1u + 2);
+    EXPECT_EQ(std::filesystem::status(again).permissions(), std::filesystem::perms(0600));
+
+    const std::string ran = files.path("ran");
+    EXPECT_EQ(run({"run", "--replay", PHONE_RECORDING, "--speed", "10", "--record", ran, "--max",
+                   "display=0.4", "--", "sleep", "1.2"})
+                  .exitCode,
+              3);
+    EXPECT_EQ(
+        run({"dump", "--replay", ran, "--rails", "--format", "binary"}).output.size(),
+        run({"dump", "--replay", PHONE_RECORDING, "--rails", "--format", "binary"}).output.size());
+    const Lines subcommands[] = {
+        {"dump"}, {"watch"}, {"run", "true"}, {"record", "-o", files.path("x")}};
+    for (Lines arguments : subcommands) {
+        arguments.insert(arguments.begin() + 1, {"--replay", GOLDEN_FILE});
+        const Outcome bad = run(arguments);
+        EXPECT_EQ(bad.exitCode, 2) << arguments[0];
+        EXPECT_THAT(bad.output, IsEmpty());
+        EXPECT_THAT(bad.errors, HasSubstr("sample-machine.txt: at byte 0: not a packet"));
+    }
+    EXPECT_EQ(run({"watch", "--replay", PHONE_RECORDING, "--bus"}).exitCode, 2);
+}
+
 TEST(Powerstats, HasAVersion) {
     EXPECT_THAT(run({"--version"}).output,
                 testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));
