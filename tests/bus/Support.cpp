@@ -107,7 +107,8 @@ std::string busResult(Call call, int generation, int namedAs) {
     const std::string names = std::to_string(namedAs != 0 ? namedAs : generation);
     return call == Call::kRails
                ? rail("VDD_CPU" + std::to_string(generation), generation)
-               : entity("SOC" + names, {residency("S0" + names, generation, 2L * generation)});
+               : entity("SOC" + names,
+                        {residency("S0" + names, {0, generation, 2L * generation, 0})});
 }
 
 std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments, bool untilReady) {

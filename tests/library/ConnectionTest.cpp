@@ -216,8 +216,8 @@ TEST_F(HidlReconnection, KeepsOldNamesAndAddsNewOnes) {
     restart({{},
              {},
              {{7, "renamed", {{0, "renamed"}, {1, "not merged"}}}, {8, "new", {{0, "first"}}}},
-             {{8, {{0, 1, 2, 3}}}, {7, {{0, 5000, 12, 777}}}}});
-    expectResult(entity("new", {residency("first", 1, 2)}) + mSmallResult);
+             {{8, {{0, 1, 2, 3}}}, {7, {kSmallState}}}});
+    expectResult(entity("new", {residency("first", {0, 1, 2, 3})}) + mSmallResult);
 }
 
 TEST_F(HidlReconnection, SucceedsWithOldNamesWhenNewOnesAreRefusedOrMissing) {
@@ -245,7 +245,7 @@ TEST_F(HidlReconnection, KeepsNamesThatCameBeforeAFailure) {
     host::failTransactions(host::kHidlPowerStats, "getPowerEntityStateInfo", kDead);
     EXPECT_EQ(call(Call::kResidencies).bytes, std::nullopt);
     hidl->tell({{}, {}, {{9, "late", {{0, "S0"}}}}, {{9, {{0, 1, 2, 3}}}}});
-    expectResult(entity("early", {residency("S0", 1, 2)}));
+    expectResult(entity("early", {residency("S0", {0, 1, 2, 3})}));
 }
 
 TEST_F(HidlReconnection, DoesNotKeepRefusedNames) {
@@ -253,7 +253,7 @@ TEST_F(HidlReconnection, DoesNotKeepRefusedNames) {
     refuseNames();
     call(Call::kResidencies);
     restart({{}, {}, {{9, "taken", {{0, "taken"}}}}, {{9, {{0, 1, 2, 3}}}}});
-    expectResult(entity("taken", {residency("taken", 1, 2)}));
+    expectResult(entity("taken", {residency("taken", {0, 1, 2, 3})}));
 }
 
 }  // namespace

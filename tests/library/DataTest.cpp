@@ -67,32 +67,35 @@ std::vector<DataCase> allDataCases() {
                     {{2, {{1, 10, 11, 0}}},
                      {1, {{2, 20, 21, 0}, {1, 30, 31, 0}, {2, 40, 41, 0}}},
                      {2, {{1, 5, 6, 0}}}},
-                    entity("a", {residency("z", 10, 11)}) +
-                        entity("b", {residency("x", 20, 21), residency("y", 30, 31),
-                                     residency("x", 40, 41)}) +
-                        entity("a", {residency("z", 5, 6)})),
+                    entity("a", {residency("z", {1, 10, 11, 0})}) +
+                        entity("b", {residency("x", {2, 20, 21, 0}), residency("y", {1, 30, 31, 0}),
+                                     residency("x", {2, 40, 41, 0})}) +
+                        entity("a", {residency("z", {1, 5, 6, 0})})),
         residencies("firstOfTwoEntitiesOrStatesWithOneId",
                     {{1, "first", {{1, "old"}, {1, "new"}}}, {1, "second", {{1, "other"}}}},
-                    {{1, {{1, 2, 3, 0}}}}, entity("first", {residency("old", 2, 3)})),
+                    {{1, {{1, 2, 3, 0}}}}, entity("first", {residency("old", {1, 2, 3, 0})})),
         residencies(
             "entityIdsOfAnyBits",
             {{INT32_MIN, "min", {{-1, "minus one"}, {INT32_MAX, "max"}}}, {-1, "last", {{0, "0"}}}},
             {{-1, {{0, 1, 2, 0}}}, {INT32_MIN, {{INT32_MAX, 5, 6, 0}, {-1, 3, 4, 0}}}},
-            entity("last", {residency("0", 1, 2)}) +
-                entity("min", {residency("max", 5, 6), residency("minus one", 3, 4)})),
-        residencies(
-            "entityWithoutStates", {{1, "none", {}}, {2, "some", {{1, "on"}}}},
-            {{1, {}}, {2, {}}, {2, {{1, 1, 1, 0}}}},
-            entity("none", {}) + entity("some", {}) + entity("some", {residency("on", 1, 1)})),
+            entity("last", {residency("0", {0, 1, 2, 0})}) +
+                entity("min", {residency("max", {INT32_MAX, 5, 6, 0}),
+                               residency("minus one", {-1, 3, 4, 0})})),
+        residencies("entityWithoutStates", {{1, "none", {}}, {2, "some", {{1, "on"}}}},
+                    {{1, {}}, {2, {}}, {2, {{1, 1, 1, 0}}}},
+                    entity("none", {}) + entity("some", {}) +
+                        entity("some", {residency("on", {1, 1, 1, 0})})),
         residencies("onlyAnEntityWithoutStates", {{1, "none", {}}}, {{1, {}}}, entity("none", {})),
-        residencies("totalsBitForBit", {{1, "SOC", {{1, "on"}}}},
-                    {{1, {{1, 0, 0, 9}, {1, INT64_MIN, -1, 9}, {1, INT64_MAX, INT64_MAX, 9}}},
-                     {1, {{1, 1234, 5, 0}, {1, 1234, 5, -1}}}},
-                    entity("SOC", {residency("on", 0, 0), residency("on", INT64_MIN, -1),
-                                   residency("on", INT64_MAX, INT64_MAX)}) +
-                        entity("SOC", {residency("on", 1234, 5), residency("on", 1234, 5)})),
+        residencies(
+            "totalsBitForBit", {{1, "SOC", {{1, "on"}}}},
+            {{1, {{1, 0, 0, 9}, {1, INT64_MIN, -1, 9}, {1, INT64_MAX, INT64_MAX, 9}}},
+             {1, {{1, 1234, 5, 0}, {1, 1234, 5, -1}}}},
+            entity("SOC", {residency("on", {1, 0, 0, 9}), residency("on", {1, INT64_MIN, -1, 9}),
+                           residency("on", {1, INT64_MAX, INT64_MAX, 9})}) +
+                entity("SOC",
+                       {residency("on", {1, 1234, 5, 0}), residency("on", {1, 1234, 5, -1})})),
         residencies("entityNameWithNuls", {{1, "a\0b\0"s, {{1, "a\0b\0"s}}}}, {{1, {{1, 2, 3, 0}}}},
-                    entity("a\0b\0"s, {residency("a\0b\0"s, 2, 3)})),
+                    entity("a\0b\0"s, {residency("a\0b\0"s, {1, 2, 3, 0})})),
     };
     const std::pair<const char*, std::string> names[] = {
         {"Empty", ""},
@@ -104,7 +107,8 @@ std::vector<DataCase> allDataCases() {
     for (const auto& [kind, name] : names) {
         all.push_back(rails("railName"s + kind, {{1, name}}, {{1, 1000}}, rail(name, 1)));
         all.push_back(residencies("entityName"s + kind, {{1, name, {{1, name}}}},
-                                  {{1, {{1, 2, 3, 0}}}}, entity(name, {residency(name, 2, 3)})));
+                                  {{1, {{1, 2, 3, 0}}}},
+                                  entity(name, {residency(name, {1, 2, 3, 0})})));
     }
     return all;
 }
@@ -245,8 +249,8 @@ TEST_P(BothBackends, OneTimestampReadAfterTheServiceAnswered) {
         EXPECT_EQ(rails.bytes, rail("rail", 1, at) + rail("rail", 2, at));
         EXPECT_EQ(std::count(rails.events.begin(), rails.events.end(), "clock"), 1);
         const Outcome residencies = call(Call::kResidencies);
-        EXPECT_EQ(residencies.bytes, entity("SOC", {residency("S0", 1, 2)}, at) +
-                                         entity("SOC", {residency("S0", 3, 4)}, at));
+        EXPECT_EQ(residencies.bytes, entity("SOC", {residency("S0", {0, 1, 2, 0})}, at) +
+                                         entity("SOC", {residency("S0", {0, 3, 4, 0})}, at));
         EXPECT_EQ(std::count(residencies.events.begin(), residencies.events.end(), "clock"), 1);
     }
 }

@@ -36,7 +36,7 @@ class Death : public testing::TestWithParam<Backend>, public Scenario {
     std::string otherResult(Call which) const {
         if (which == Call::kRails) return rail("other rail", 4500);
         if (mBackend == Backend::kHidl) return smallResult(which);
-        return entity("other entity", {residency("other state", 5000, 12)});
+        return entity("other entity", {residency("other state", kSmallState)});
     }
 
     const Backend mBackend = GetParam();

@@ -67,13 +67,15 @@ class AidlInternals : public testing::Test, public support::Scenario {
 
 TEST_F(AidlInternals, MissingStatesAreAskedFor) {
     gEntityNames = {{7, "old"}};
-    EXPECT_EQ(residencies(), support::entity("old", {support::residency("S0", 5000, 12)}));
+    EXPECT_EQ(residencies(),
+              support::entity("old", {support::residency("S0", support::kSmallState)}));
     EXPECT_EQ(host::lookups(host::kAidlPowerStats), 1);
 }
 
 TEST_F(AidlInternals, MissingEntitiesAreAskedFor) {
     gStateNames = {{7, {{0, "old"}}}};
-    EXPECT_EQ(residencies(), support::entity("SOC", {support::residency("old", 5000, 12)}));
+    EXPECT_EQ(residencies(),
+              support::entity("SOC", {support::residency("old", support::kSmallState)}));
 }
 
 TEST_F(AidlInternals, ServiceWithoutTheMissingNamesGivesNull) {

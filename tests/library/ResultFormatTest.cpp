@@ -2,6 +2,7 @@
 //
 // The result as its readers parse it.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,15 +18,24 @@ namespace {
 
 namespace proto = com::tavrel::android::ferrolith::poweranomalyservice::proto;
 
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
 class ResultFormat : public testing::Test, public Scenario {};
+
+// The next two tests accept additional fields, but no change to the present ones: readers have
+// stored results.
 
 TEST_F(ResultFormat, KnownBytes) {
     serve(Backend::kAidl, smallMachine());
-    EXPECT_EQ(toHex(call(Call::kRails).bytes.value()),
-              "12 19 0a 10 08 01 12 07 56 44 44 5f 43 50 55 18 95 9a ef 3a 12 05 0a 03 08 94 23");
-    EXPECT_EQ(toHex(call(Call::kResidencies).bytes.value()),
-              "12 1b 0a 0c 08 02 12 03 53 4f 43 18 95 9a ef 3a 12 0b 12 09 0a 02 53 30 10 88 27 18 "
-              "0c");
+    EXPECT_THAT(
+        toHex(call(Call::kRails).bytes.value()),
+        AllOf(HasSubstr("08 01 12 07 56 44 44 5f 43 50 55 18 95 9a ef 3a"), HasSubstr("08 94 23")));
+    EXPECT_THAT(toHex(call(Call::kResidencies).bytes.value()),
+                AllOf(HasSubstr("08 02 12 03 53 4f 43 18 95 9a ef 3a"),
+                      HasSubstr("0a 02 53 30 10 88 27 18 0c")));
 }
 
 TEST_F(ResultFormat, FitsTheSchema) {
@@ -48,16 +58,20 @@ TEST_F(ResultFormat, FitsTheSchema) {
         for (int c; (c = std::fgetc(protoc.get())) != EOF;) text += static_cast<char>(c);
     }
     std::remove(file.c_str());
-    const std::string rail =
-        R"(keyed_power_data { id { kind: KIND_RAIL name: "VDD_CPU" timestamp_ms: 123456789 } )"
-        "data { scalar { value: ";
-    EXPECT_EQ(text, rail + "4500 } } } " + rail + "-4500 } } } " +
-                        R"(keyed_power_data { id { kind: KIND_POWER_ENTITY name: "SOC" )"
-                        "timestamp_ms: 123456789 } data { "
-                        R"(residency { name: "S0" total_time_in_state_ms: 5000 )"
-                        "total_state_entry_count: 12 } "
-                        R"(residency { name: "S0" total_time_in_state_ms: 0 )"
-                        "total_state_entry_count: 1 } } } ");
+    const char* const kParts[] = {
+        R"(keyed_power_data { id { kind: KIND_RAIL name: "VDD_CPU" timestamp_ms: 123456789 )",
+        "} data { scalar { value: 4500 ",
+        "} data { scalar { value: -4500 ",
+        R"(keyed_power_data { id { kind: KIND_POWER_ENTITY name: "SOC" timestamp_ms: 123456789 )",
+        R"(} data { residency { name: "S0" total_time_in_state_ms: 5000 )"
+        "total_state_entry_count: 12 ",
+        R"(} residency { name: "S0" total_time_in_state_ms: 0 total_state_entry_count: 1 )",
+    };
+    for (const char* part : kParts) {
+        EXPECT_THAT(text, HasSubstr(part));
+    }
+    // A field that the schema lacks has a number instead of a name.
+    EXPECT_THAT(text, Not(ContainsRegex(" [0-9]+(:| [{])")));
 }
 
 TEST_F(ResultFormat, KeepsAllFourteenKinds) {

@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <aidl/android/hardware/power/stats/StateResidency.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -42,16 +44,17 @@ inline std::string rail(const std::string& name, int64_t millijoules, int64_t at
     return element(1, name, atMs, field(1, field(1, static_cast<uint64_t>(millijoules))));
 }
 
-/// One power entity, as an element of a result, and its states.
+/// One power entity, as an element of a result, and its states: a name, and the service's record.
 inline std::string entity(const std::string& name, const std::vector<std::string>& residencies,
                           int64_t atMs = kNowMs) {
     std::string data;
     for (const auto& state : residencies) data += state;
     return element(2, name, atMs, data);
 }
-inline std::string residency(const std::string& name, int64_t totalTimeMs, int64_t entries) {
-    return field(2, field(1, name) + field(2, static_cast<uint64_t>(totalTimeMs)) +
-                        field(3, static_cast<uint64_t>(entries)));
+inline std::string residency(const std::string& name,
+                             const aidl::android::hardware::power::stats::StateResidency& record) {
+    return field(2, field(1, name) + field(2, static_cast<uint64_t>(record.totalTimeInStateMs)) +
+                        field(3, static_cast<uint64_t>(record.totalStateEntryCount)));
 }
 
 /// "12 19 0a" from three bytes.

@@ -142,12 +142,12 @@ Machine smallMachine() {
     return {{{1, "VDD_CPU", "CPU"}},
             {{1, 5000, 5000, 4500000}},
             {{7, "SOC", {{0, "S0"}}}},
-            {{7, {{0, 5000, 12, 777}}}}};
+            {{7, {kSmallState}}}};
 }
 
 std::string smallResult(Call call) {
     return call == Call::kRails ? rail("VDD_CPU", 4500)
-                                : entity("SOC", {residency("S0", 5000, 12)});
+                                : entity("SOC", {residency("S0", kSmallState)});
 }
 
 Scenario::Scenario() {

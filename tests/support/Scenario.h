@@ -52,6 +52,8 @@ std::string firstTraffic(Backend backend, Call call);
 std::string reconnectTraffic(Backend backend, Call call);
 std::string steadyTraffic(Backend backend, Call call);
 
+/// The reading of the one state of the small machine.
+inline constexpr stats::StateResidency kSmallState{0, 5000, 12, 777};
 /// A machine with one rail and one entity, and the bytes of its results at kNowMs.
 Machine smallMachine();
 std::string smallResult(Call call);
