@@ -2,10 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Turns a run of powerstats_bench into tables of ratios, and into a JSON file to draw from.
 
-Usage: report.py RUN.json LIBRARY.json [WATCH.json] [--json FILE]
+Usage: report.py RUN.json LIBRARY.json [TOOLS.json] [--json FILE]
 
 RUN.json is Google Benchmark's output, LIBRARY.json the properties of the library's file that
-scripts/bench found, WATCH.json the output of bench/watch.py. Every figure is the median over the repetitions of a benchmark. Exits with 1 when a target is
+scripts/bench found, TOOLS.json the output of bench/tools.py. Every figure is the median over the repetitions of a benchmark. Exits with 1 when a target is
 missed.
 """
 
@@ -133,7 +133,7 @@ def growths(steady):
     return result
 
 
-def targets(results, library, watch):
+def targets(results, library, tools):
     """The targets, with the worst value of this run and its place."""
     steady = group_of(results, "steady")
     found = []
@@ -170,11 +170,16 @@ def targets(results, library, watch):
     at_most("stripped size, bytes", 128 * 1024, {"the library's file": library["stripped_bytes"]})
     at_most("static initialisers, the globals' and the messages'", 2,
             {"the library's file": library["initialisers"]})
-    for interval, limit in ((1, 0.1), (0.1, 1)):
-        at_most(f"watch --interval {interval}, percent of a CPU", limit,
-                {"this machine": watch[key] for key in [f"cpu_percent_{interval}"] if key in watch})
-    at_most("watch, growth of memory over 9,000 intervals, KiB", 64,
-            {"this machine": watch[key] for key in ["growth_kib"] if key in watch})
+    if tools:
+        for interval, limit in ((1, 0.1), (0.1, 1)):
+            at_most(f"watch --interval {interval}, percent of a CPU", limit,
+                    {"this machine": tools[f"watch_{interval}_cpu_percent"]})
+        at_most("record at 20 Hz, percent of a CPU", 1, {"100 rails, 100 states": tools["record_cpu_percent"]})
+        at_most("watch, growth of memory over 9,000 intervals, KiB", 64,
+                {"this machine": tools["watch_growth_kib"]})
+        at_most("opening a trace, compared with cat", 2,
+                {"1 GB": tools["trace_open_s"] / tools["trace_cat_s"]})
+        at_most("memory to open it, MiB", 64 + 10, {"1 GB, 10 MB of power data": tools["trace_resident_kib"] / 1024})
     return found
 
 
@@ -182,20 +187,20 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("run")
     parser.add_argument("library")
-    parser.add_argument("watch", nargs="?")
+    parser.add_argument("tools", nargs="?")
     parser.add_argument("--json")
     arguments = parser.parse_args()
     with open(arguments.run) as file:
         run = json.load(file)
     with open(arguments.library) as file:
         library = json.load(file)
-    watch = {}
-    if arguments.watch:
-        with open(arguments.watch) as file:
-            watch = json.load(file)
+    tools = None
+    if arguments.tools:
+        with open(arguments.tools) as file:
+            tools = json.load(file)
     results = read(run)
     print_tables(results, library)
-    found = targets(results, library, watch)
+    found = targets(results, library, tools)
     print("\nTargets\n")
     for target in found:
         print("{}  {target}: at most {limit:.4g}, worst {worst:.4g} ({where})".format(
