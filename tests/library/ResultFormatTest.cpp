@@ -63,8 +63,8 @@ TEST_F(ResultFormat, FitsTheSchema) {
         "} data { scalar { value: 4500 ",
         "} data { scalar { value: -4500 ",
         R"(keyed_power_data { id { kind: KIND_POWER_ENTITY name: "SOC" timestamp_ms: 123456789 )",
-        R"(} data { residency { name: "S0" total_time_in_state_ms: 5000 )"
-        "total_state_entry_count: 12 ",
+        "} data { residency { ",
+        R"(residency { name: "S0" total_time_in_state_ms: 5000 total_state_entry_count: 12 )",
         R"(} residency { name: "S0" total_time_in_state_ms: 0 total_state_entry_count: 1 )",
     };
     for (const char* part : kParts) {
