@@ -26,9 +26,17 @@ int64_t difference(int64_t before, int64_t after) {
 template <typename Thing>
 std::vector<std::pair<const Thing*, const Thing*>> pair(const std::vector<Thing>& before,
                                                         const std::vector<Thing>& after) {
+    std::vector<std::pair<const Thing*, const Thing*>> pairs;
+    // Nearly always the lists are the same.
+    const auto isSame = [](const Thing& one, const Thing& other) {
+        return one.id == other.id && one.name == other.name;
+    };
+    if (std::equal(before.begin(), before.end(), after.begin(), after.end(), isSame)) {
+        for (size_t i = 0; i < after.size(); ++i) pairs.emplace_back(&before[i], &after[i]);
+        return pairs;
+    }
     std::map<std::pair<int64_t, std::string>, const Thing*> left;
     for (const Thing& thing : before) left.emplace(std::pair(thing.id, thing.name), &thing);
-    std::vector<std::pair<const Thing*, const Thing*>> pairs;
     for (const Thing& thing : after) {
         const auto found = left.find({thing.id, thing.name});
         pairs.emplace_back(found == left.end() ? nullptr : found->second, &thing);

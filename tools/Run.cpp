@@ -157,18 +157,17 @@ int openProcess(pid_t process) {
     return static_cast<int>(syscall(SYS_pidfd_open, process, 0));
 }
 
-/// Waits until a child has ended, and records meanwhile.
+/// Waits until a child has ended, and records meanwhile. It stays a zombie, which keeps its number.
 void await(pid_t child, SnapshotReader* reader, Recorder* recorder) {
     constexpr int kSampleMs = 1000;
-    const int descriptor = recorder->isOn() ? openProcess(child) : -1;
+    const int descriptor = openProcess(child);
     pollfd ended{descriptor, POLLIN, 0};
-    while (descriptor >= 0 && recorder->isOn()) {
-        const int count = poll(&ended, 1, kSampleMs);
+    while (descriptor >= 0) {
+        const int count = poll(&ended, 1, recorder->isOn() ? kSampleMs : -1);
         if (count == 0) recorder->add(reader->read());
         if (count > 0 || (count < 0 && errno != EINTR)) break;
     }
     if (descriptor >= 0) close(descriptor);
-    // The child stays a zombie until its number is not used any more.
     siginfo_t info;
     while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 &&
            errno == EINTR) {

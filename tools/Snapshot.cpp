@@ -70,9 +70,17 @@ template <typename Thing, typename Record, typename GetId, typename Copy>
 bool join(std::vector<Thing>* things, const std::vector<Record>& records, const GetId& idOf,
           const Copy& copy) {
     std::unordered_map<int64_t, Thing*> byId;
-    for (Thing& thing : *things) byId.emplace(thing.id, &thing);
     bool allKnown = true;
-    for (const Record& record : records) {
+    for (size_t i = 0; i < records.size(); ++i) {
+        const Record& record = records[i];
+        // Nearly always the answer has the order of the names.
+        if (byId.empty() && i < things->size() && (*things)[i].id == idOf(record)) {
+            copy(record, &(*things)[i]);
+            continue;
+        }
+        if (byId.empty()) {
+            for (Thing& thing : *things) byId.emplace(thing.id, &thing);
+        }
         const auto found = byId.find(idOf(record));
         if (found == byId.end()) {
             allKnown = false;

@@ -70,7 +70,8 @@ bool TraceWriter::write(const Snapshot& snapshot, const Interval* since, std::st
     nameEntities(snapshot, &entities);
     addRails(snapshot, &rails);
     addEntities(snapshot, &entities);
-    Trace trace;
+    Trace& trace = mTrace;
+    trace.Clear();
     for (Packets* packets : {&rails, &entities}) {
         for (auto& [sequence, packet] : *packets) {
             packet.set_timestamp(toNanoseconds(snapshot.timestampMs));
@@ -181,18 +182,18 @@ void TraceWriter::addEntities(const Snapshot& snapshot, Packets* packets) {
 }
 
 void TraceWriter::addCounters(const Interval& interval, Trace* trace) {
+    const uint64_t allRails = findTrack({0, 0, "Power rails"}, nullptr, trace);
     for (const Interval::Rail& rail : interval.rails) {
         if (rail.trouble != Trouble::kNone) continue;
-        const uint64_t parent = findTrack(0, "Power rails", nullptr, trace);
-        addCounter(findTrack(parent, nameOf(rail.name, rail.id), "mW", trace),
+        addCounter(findTrack({allRails, rail.id, rail.name}, "mW", trace),
                    rail.timestampMs - rail.elapsedMs, rail.milliwatts, trace);
     }
+    const uint64_t allEntities = findTrack({0, 0, "Power entities"}, nullptr, trace);
     for (const Interval::Entity& entity : interval.entities) {
         if (entity.trouble != Trouble::kNone) continue;
-        const uint64_t all = findTrack(0, "Power entities", nullptr, trace);
-        const uint64_t parent = findTrack(all, nameOf(entity.name, entity.id), nullptr, trace);
+        const uint64_t parent = findTrack({allEntities, entity.id, entity.name}, nullptr, trace);
         for (const Interval::State& state : entity.states) {
-            addCounter(findTrack(parent, nameOf(state.name, state.id), "%", trace),
+            addCounter(findTrack({parent, state.id, state.name}, "%", trace),
                        interval.timestampMs - interval.elapsedMs, 100 * state.share, trace);
         }
     }
@@ -208,21 +209,22 @@ void TraceWriter::addCounter(uint64_t track, int64_t timestampMs, double value, 
 }
 
 /// Finds a track, and describes it when it is new.
-/// @param parent [in] 0 for none.
 /// @param unit [in] of a counter; null for a track that others are below.
-uint64_t TraceWriter::findTrack(uint64_t parent, const std::string& name, const char* unit,
-                                Trace* trace) {
-    const auto [track, isNew] = mTracks.emplace(std::make_pair(parent, name), mTracks.size() + 1);
-    if (!isNew) return track->second;
+uint64_t TraceWriter::findTrack(const TrackKey& key, const char* unit, Trace* trace) {
+    const auto known = mTracks.find(key);
+    if (known != mTracks.end()) return known->second;
+    const uint64_t uuid = mTracks.size() + 1;
+    mTracks.emplace(key, uuid);
+    const auto& [parent, id, name] = key;
     TracePacket* packet = trace->add_packet();
     packet->set_timestamp(toNanoseconds(mResidenciesMs));
     packet->set_trusted_packet_sequence_id(kTrackSequence);
     auto* descriptor = packet->mutable_track_descriptor();
-    descriptor->set_uuid(track->second);
-    descriptor->set_name(name);
+    descriptor->set_uuid(uuid);
+    descriptor->set_name(nameOf(name, id));
     if (parent != 0) descriptor->set_parent_uuid(parent);
     if (unit != nullptr) descriptor->mutable_counter()->set_unit_name(unit);
-    return track->second;
+    return uuid;
 }
 
 bool TraceWriter::append(const std::string& bytes, std::string* error) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -70,7 +71,9 @@ class TraceWriter {
     void addEntities(const Snapshot& snapshot, Packets* packets);
     void addCounters(const Interval& interval, Trace* trace);
     void addCounter(uint64_t track, int64_t timestampMs, double value, Trace* trace);
-    uint64_t findTrack(uint64_t parent, const std::string& name, const char* unit, Trace* trace);
+    /// The uuid of the parent, or 0, and the id and name of the thing.
+    using TrackKey = std::tuple<uint64_t, int64_t, std::string>;
+    uint64_t findTrack(const TrackKey& key, const char* unit, Trace* trace);
     bool append(const std::string& bytes, std::string* error);
 
     static Name keyOf(const Snapshot::Rail& rail) { return {rail.id, rail.name}; }
@@ -80,13 +83,15 @@ class TraceWriter {
     const std::string mPath;
     const int mDescriptor;
     int64_t mSize = 0;
+    /// That of the latest sample, kept for its memory.
+    Trace mTrace;
     /// The latest sequence in use.
     uint32_t mSequence;
     std::map<Name, RailSeries> mRails;
     std::map<EntityKey, EntitySeries> mEntities;
     int64_t mResidenciesMs = 0;
-    /// Their uuids, by parent and name.
-    std::map<std::pair<uint64_t, std::string>, uint64_t> mTracks;
+    /// Their uuids.
+    std::map<TrackKey, uint64_t> mTracks;
 };
 
 }  // namespace powerstats
