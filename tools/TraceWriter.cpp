@@ -67,9 +67,9 @@ bool TraceWriter::write(const Snapshot& snapshot, const Interval* since, std::st
     Packets rails;
     Packets entities;
     nameRails(snapshot, &rails);
-    nameEntities(snapshot, &entities);
+    const std::vector<EntitySeries*> series = nameEntities(snapshot, &entities);
     addRails(snapshot, &rails);
-    addEntities(snapshot, &entities);
+    addEntities(snapshot, series, &entities);
     Trace& trace = mTrace;
     trace.Clear();
     for (Packets* packets : {&rails, &entities}) {
@@ -128,14 +128,18 @@ TraceWriter::EntityKey TraceWriter::keyOf(const Snapshot::Entity& entity) {
 }
 
 /// Gives the new entities and their states their indices, in a new sequence.
-void TraceWriter::nameEntities(const Snapshot& snapshot, Packets* packets) {
+/// @return the series of all, in the order of the snapshot.
+std::vector<TraceWriter::EntitySeries*> TraceWriter::nameEntities(const Snapshot& snapshot,
+                                                                  Packets* packets) {
+    std::vector<EntitySeries*> all;
     std::vector<Snapshot::Entity> newEntities;
     for (const Snapshot::Entity& entity : snapshot.entities) {
-        const auto known = mEntities.find(keyOf(entity));
-        bool isNew = known == mEntities.end();
+        EntitySeries& known = mEntities[keyOf(entity)];
+        all.push_back(&known);
+        bool isNew = known.sequence == 0;
         for (size_t i = 0; !isNew && i < entity.states.size(); ++i) {
             const auto& residency = entity.states[i].residency;
-            isNew = residency && isSmaller(*residency, known->second.last[i]);
+            isNew = residency && isSmaller(*residency, known.last[i]);
         }
         if (isNew) newEntities.push_back(entity);
     }
@@ -158,13 +162,16 @@ void TraceWriter::nameEntities(const Snapshot& snapshot, Packets* packets) {
         }
         mEntities[keyOf(entity)] = std::move(series);
     }
+    return all;
 }
 
-void TraceWriter::addEntities(const Snapshot& snapshot, Packets* packets) {
+void TraceWriter::addEntities(const Snapshot& snapshot, const std::vector<EntitySeries*>& all,
+                              Packets* packets) {
     if (snapshot.timestampMs < mResidenciesMs) return;
     mResidenciesMs = snapshot.timestampMs;
-    for (const Snapshot::Entity& entity : snapshot.entities) {
-        EntitySeries& series = mEntities.at(keyOf(entity));
+    for (size_t place = 0; place < all.size(); ++place) {
+        const Snapshot::Entity& entity = snapshot.entities[place];
+        EntitySeries& series = *all[place];
         for (size_t i = 0; i < entity.states.size(); ++i) {
             const auto& residency = entity.states[i].residency;
             if (!residency || isSmaller(*residency, {})) continue;

@@ -66,9 +66,10 @@ class TraceWriter {
     /// The packets of one sample, by sequence.
     using Packets = std::map<uint32_t, TracePacket>;
     void nameRails(const Snapshot& snapshot, Packets* packets);
-    void nameEntities(const Snapshot& snapshot, Packets* packets);
+    std::vector<EntitySeries*> nameEntities(const Snapshot& snapshot, Packets* packets);
     void addRails(const Snapshot& snapshot, Packets* packets);
-    void addEntities(const Snapshot& snapshot, Packets* packets);
+    void addEntities(const Snapshot& snapshot, const std::vector<EntitySeries*>& all,
+                     Packets* packets);
     void addCounters(const Interval& interval, Trace* trace);
     void addCounter(uint64_t track, int64_t timestampMs, double value, Trace* trace);
     /// The uuid of the parent, or 0, and the id and name of the thing.
