@@ -78,6 +78,7 @@ void forwardSignals() {
 /// @return 0 when it cannot be started.
 pid_t start(const std::vector<std::string>& command, int* error) {
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
     // Closed by a successful exec; otherwise it carries the error.

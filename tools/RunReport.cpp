@@ -109,7 +109,7 @@ Statistics summarize(const Row<Thing>& row, const GetValue& valueOf) {
 
 /// "12.5" for one run, "12.5 ± 0.1" for several.
 std::string withDeviation(const Statistics& statistics, size_t runs, int digits) {
-    const std::string mean = fmt::format("{:.{}f}", statistics.mean, digits);
+    std::string mean = fmt::format("{:.{}f}", statistics.mean, digits);
     if (runs < 2) return mean;
     return fmt::format("{} ± {:.{}f}", mean, statistics.standardDeviation, digits);
 }

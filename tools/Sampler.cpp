@@ -22,7 +22,7 @@ void addSamplerOptions(CLI::App* command, SamplerOptions* options) {
 }
 
 std::shared_ptr<Sampler> Sampler::open(const SamplerOptions& options, int* status) {
-    const std::shared_ptr<Sampler> sampler(new Sampler(options));
+    std::shared_ptr<Sampler> sampler(new Sampler(options));
     const auto playingTime = [readings = sampler->mReadings,
                               interval = options.intervalSeconds * 1e9] {
         return nanoseconds(std::llround(static_cast<double>(*readings) * interval));

@@ -137,7 +137,7 @@ TEST(IntervalPrinter, WritesEveryFormatAsDocumented) {
     std::string text;
     for (const char* format : {"table", "csv", "jsonl"}) {
         Snapshot first = snapshotAt(0);
-        first.rails[0].name = "=1,\"\x1b[2J\xff\u202e";
+        first.rails[0].name = "=1,\"\x1b[2J\xff\u2028";
         Snapshot second = snapshotAt(1);
         second.rails[0].name = first.rails[0].name;
         second.rails.push_back({2, "gpu", "GPU", Snapshot::Energy{0, 0, 0}});
