@@ -17,6 +17,7 @@ struct Command {
 };
 
 Command addDump(CLI::App* app);
+Command addMetrics(CLI::App* app);
 Command addWatch(CLI::App* app);
 Command addRecord(CLI::App* app);
 Command addRun(CLI::App* app);

@@ -16,7 +16,8 @@ int run(int argc, char** argv) {
         "Shows the energy of rails and the times that power entities spend in their states.",
         "powerstats");
     app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
-    const Command commands[] = {addDump(&app), addWatch(&app), addRun(&app), addRecord(&app)};
+    const Command commands[] = {addDump(&app), addWatch(&app), addRun(&app), addRecord(&app),
+                                addMetrics(&app)};
     app.footer(
         "Exit status: that of the subcommand; 2 for a bad argument.\n"
         "Example: powerstats dump --format json --sysfs share/sample-machine");
