@@ -27,7 +27,7 @@ using host::HostJniEnv;
 using host::JavaBytes;
 using host::LoadedLibrary;
 
-struct Arguments {
+struct DumpArguments {
     ServiceOptions service;
     std::string format = "table";
     std::string library = LoadedLibrary::defaultFile();
@@ -106,7 +106,7 @@ bool format(const std::vector<Call>& calls, const std::string& form, std::string
     return true;
 }
 
-int dump(const Arguments& arguments) {
+int dump(const DumpArguments& arguments) {
     const bool all = arguments.rails == arguments.residencies;
     if (all && arguments.format == "binary") {
         say("--format binary: the bytes of one call only (give --rails or --residencies)");
@@ -152,7 +152,7 @@ int dump(const Arguments& arguments) {
 }  // namespace
 
 Command addDump(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<DumpArguments>();
     CLI::App* const command =
         app->add_subcommand("dump", "Call the library once and print its result.");
     command->footer(

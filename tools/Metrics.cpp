@@ -27,7 +27,7 @@ namespace powerstats {
 
 namespace {
 
-struct Arguments {
+struct MetricsArguments {
     ServiceOptions service;
     std::string format = "prometheus";
     bool noRails = false;
@@ -59,7 +59,7 @@ bool replaceFile(const std::string& path, const std::string& text) {
 /// Reads the service. Says why when a part of it cannot be read.
 /// @param text [out] the metrics that could be read; std::nullopt when there are none.
 /// @return the exit status.
-int collect(const Arguments& arguments, std::optional<std::string>* text) {
+int collect(const MetricsArguments& arguments, std::optional<std::string>* text) {
     const auto firstSample = [] { return std::chrono::nanoseconds(0); };
     const int status = openService(arguments.service, firstSample);
     if (status != 0) return status;
@@ -78,7 +78,7 @@ int collect(const Arguments& arguments, std::optional<std::string>* text) {
     return noEntities || noRails ? kFailed : 0;
 }
 
-int metrics(const Arguments& arguments) {
+int metrics(const MetricsArguments& arguments) {
     std::optional<std::string> text;
     const int status = collect(arguments, &text);
     const auto write = [&] {
@@ -105,7 +105,7 @@ std::string checkOutput(const std::string& path) {
 }  // namespace
 
 Command addMetrics(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<MetricsArguments>();
     CLI::App* const command =
         app->add_subcommand("metrics", "Print the totals of a service once, for Prometheus.");
     command->footer(

@@ -14,12 +14,12 @@ namespace powerstats {
 
 namespace {
 
-struct Arguments {
+struct RecordArguments {
     SamplerOptions sampler;
     std::optional<double> durationSeconds;
 };
 
-int record(const Arguments& arguments) {
+int record(const RecordArguments& arguments) {
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;
@@ -35,7 +35,7 @@ int record(const Arguments& arguments) {
 }  // namespace
 
 Command addRecord(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<RecordArguments>();
     CLI::App* const command =
         app->add_subcommand("record", "Write what a service reports to a file, for trace viewers.");
     command->footer(

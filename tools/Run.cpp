@@ -37,7 +37,7 @@ constexpr int kCannotExecute = 126;
 constexpr int kOverLimit = 3;
 constexpr int kUnclear = 4;
 
-struct Arguments {
+struct RunArguments {
     ServiceOptions service;
     int runs = 1;
     std::vector<std::string> limits;
@@ -226,7 +226,7 @@ bool writeReport(const std::string& text, const std::string& file, std::FILE* st
     return false;
 }
 
-int run(const Arguments& arguments) {
+int run(const RunArguments& arguments) {
     RunReport report;
     report.command = arguments.command;
     for (const std::string& text : arguments.limits) {
@@ -281,7 +281,7 @@ int run(const Arguments& arguments) {
 }  // namespace
 
 Command addRun(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<RunArguments>();
     CLI::App* const command =
         app->add_subcommand("run", "Run a command, and show its energy, power and shares of time.");
     command->footer(

@@ -20,7 +20,7 @@ namespace powerstats {
 
 namespace {
 
-struct Arguments {
+struct WatchArguments {
     SamplerOptions sampler;
     std::optional<int> count;
     std::string format;  // empty: live on a terminal, otherwise table
@@ -36,7 +36,7 @@ bool hasFigures(const Interval& interval) {
     return false;
 }
 
-int print(const Arguments& arguments, Sampler* sampler) {
+int print(const WatchArguments& arguments, Sampler* sampler) {
     IntervalPrinter printer(arguments.format);
     bool any = false;
     for (int i = 0; (!arguments.count || i < *arguments.count) && sampler->wait(); ++i) {
@@ -51,7 +51,7 @@ bool isOnTerminal() {
     return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
 }
 
-int watch(Arguments arguments) {
+int watch(WatchArguments arguments) {
     if (arguments.format.empty()) arguments.format = isOnTerminal() ? "live" : "table";
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
@@ -70,7 +70,7 @@ int watch(Arguments arguments) {
 }  // namespace
 
 Command addWatch(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<WatchArguments>();
     CLI::App* const command =
         app->add_subcommand("watch", "Show power and shares of time, interval by interval.");
     command->footer(

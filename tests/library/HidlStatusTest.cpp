@@ -13,7 +13,7 @@ namespace {
 using Status = FakeHidl::Status;
 
 const char kNoRails[] = "W: Rail names are empty because rail energy is not supported.";
-const char kNoEntities[] =
+const char kEntitiesFailed[] =
     "E: getResidenciesV1_0 failed: No residences were obtained from PowerStats HAL.";
 const char kRails[] = "getRailInfo";
 const char kEnergy[] = "getEnergyData";
@@ -27,10 +27,10 @@ const Outcome kRailsNotSupported =
 const Outcome kWithoutRails = nothing({kNoRails}, "hidl:getRailInfo");
 const Outcome kEnergyFailed = nothing({"E: Error getting rail energy data."}, kBoth);
 const Outcome kResidenciesUsed = array(smallResult(Call::kResidencies), kOne);
-const Outcome kWithoutEntities{"", {"clock", kNoEntities, "NewByteArray(0)"}, kOne};
+const Outcome kWithoutEntities{"", {"clock", kEntitiesFailed, "NewByteArray(0)"}, kOne};
 const Outcome kUnsupported{
     "",
-    {"W: getPowerEntityStateResidencyData is not supported.", kNoEntities, "NewByteArray(0)"},
+    {"W: getPowerEntityStateResidencyData is not supported.", kEntitiesFailed, "NewByteArray(0)"},
     kOne};
 
 struct StatusCase {
@@ -62,11 +62,11 @@ const StatusCase kStatusCases[] = {
     {"residenciesResources", kResidencies, Status::INSUFFICIENT_RESOURCES, false, kResidenciesUsed},
 };
 
-class HidlStatus : public testing::TestWithParam<StatusCase>, public Scenario {};
-INSTANTIATE_TEST_SUITE_P(All, HidlStatus, testing::ValuesIn(kStatusCases),
+class HidlStatuses : public testing::TestWithParam<StatusCase>, public Scenario {};
+INSTANTIATE_TEST_SUITE_P(All, HidlStatuses, testing::ValuesIn(kStatusCases),
                          testing::PrintToStringParamName());
 
-TEST_P(HidlStatus, DecidesOnItsOwnCallOnly) {
+TEST_P(HidlStatuses, DecidesOnItsOwnCallOnly) {
     const StatusCase& test = GetParam();
     const Call which = test.method == kResidencies ? Call::kResidencies : Call::kRails;
     serve(Backend::kHidl, smallMachine());
@@ -85,7 +85,7 @@ TEST_P(HidlStatus, DecidesOnItsOwnCallOnly) {
     EXPECT_EQ(call(which), array(smallResult(which), steadyTraffic(Backend::kHidl, which)));
 }
 
-TEST_F(HidlStatus, EveryCallAsksForRailNames) {
+TEST_F(HidlStatuses, EveryCallAsksForRailNames) {
     serve(Backend::kHidl, smallMachine());
     call(Call::kRails);
     hidl->rails[0].railName = "renamed";
