@@ -169,7 +169,8 @@ Command addDump(CLI::App* app) {
         ->check(CLI::IsMember({"table", "json", "binary"}))
         ->capture_default_str();
     command->add_option("--library", arguments->library, "The library's file")
-        ->capture_default_str();
+        ->type_name("FILE")
+        ->default_str("the one installed with this program");
     return {command, [arguments] { return dump(*arguments); }};
 }
 

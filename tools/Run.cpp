@@ -303,8 +303,10 @@ Command addRun(CLI::App* app) {
                      "RAIL=WATTS, the greatest average power of a rail; may be repeated")
         ->expected(1)
         ->take_all();
-    command->add_option("-o,--output", arguments->output,
-                        "File of the report; standard error by default");
+    command
+        ->add_option("-o,--output", arguments->output,
+                     "File of the report; standard error by default")
+        ->type_name("FILE");
     command
         ->add_option("--record", arguments->record,
                      "Also write readings to a file, one a second, as powerstats record does")
