@@ -33,6 +33,12 @@ public final class PowerDataReader {
                 System.out.println(ReaderOptions.HELP);
                 return;
             }
+            if (options.version) {
+                // The jar's manifest has it.
+                String version = PowerDataReader.class.getPackage().getImplementationVersion();
+                System.out.println("powerstats-reader " + version);
+                return;
+            }
             PowerDataReader reader = new PowerDataReader(options);
             reader.run();
             if (!reader.collected) System.exit(EXIT_NOTHING_COLLECTED);

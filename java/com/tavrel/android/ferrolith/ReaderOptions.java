@@ -23,6 +23,7 @@ final class ReaderOptions {
                     "  --pause-ms M    wait M milliseconds between collections (1000)",
                     "  --format F      table, or tsv for tab separated lines (table)",
                     "  --help          print this and exit",
+                    "  --version       print the version and exit",
                     "",
                     "The times of the calls are milliseconds since boot.",
                     "Exit status: 0 something was collected, 1 nothing was or the output could not",
@@ -44,6 +45,7 @@ final class ReaderOptions {
     int pauseMs = 1000;
     Format format = Format.TABLE;
     boolean help;
+    boolean version;
 
     static ReaderOptions parse(List<String> arguments) throws BadArgument {
         ReaderOptions options = new ReaderOptions();
@@ -72,6 +74,9 @@ final class ReaderOptions {
                 break;
             case "--help":
                 help = true;
+                break;
+            case "--version":
+                version = true;
                 break;
             default:
                 throw new BadArgument(
