@@ -130,7 +130,10 @@ std::string LoadedLibrary::defaultFile() {
     const std::filesystem::path folder =
         std::filesystem::path(platform.dli_fname != nullptr ? platform.dli_fname : "")
             .parent_path();
-    return (folder / "libpowerstatshaldataprovider.so").string();
+    const char name[] = "libpowerstatshaldataprovider.so";
+    const std::filesystem::path installed = folder.parent_path() / "jni" / name;
+    std::error_code error;
+    return (std::filesystem::exists(installed, error) ? installed : folder / name).string();
 }
 
 std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std::string* error) {

@@ -59,7 +59,8 @@ class LoadedLibrary {
   public:
     using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
 
-    /// The library next to libandroid_host.so, wherever the program found that.
+    /// The library in the folder jni/ next to libandroid_host.so's folder, as installed, or else in
+    /// that folder itself, as built.
     static std::string defaultFile();
 
     /// Loads the library and finds its two native methods.
