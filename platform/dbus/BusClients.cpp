@@ -71,7 +71,12 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
             mPeer->owner, kAidlBusName, method, signature,
             [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(*records); });
-        return failure ? toAidlStatus(*failure) : ScopedAStatus::ok();
+        if (!failure) return ScopedAStatus::ok();
+        // A service in another process can tell of an exception only by its error's name.
+        if (failure->transactionError == android::BAD_VALUE) {
+            failure->exceptionCode = EX_ILLEGAL_ARGUMENT;
+        }
+        return toAidlStatus(*failure);
     }
 
     const std::shared_ptr<BusPeer> mPeer;
@@ -183,6 +188,7 @@ class Buses : public OtherProcesses {
         return {};
     }
     void noticeDeaths() override { BusConnection::noticeDeaths(); }
+    void useOwnConnections() override { BusConnection::useOwn(); }
     std::string findTrouble(Bus bus) override {
         UniqueBus opened;
         int result = openBus(bus, &opened);

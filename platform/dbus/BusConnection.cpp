@@ -60,8 +60,10 @@ Failure failureOf(const sd_bus_error& error, bool late) {
         {SD_BUS_ERROR_TIMEOUT, android::TIMED_OUT},
         {SD_BUS_ERROR_ACCESS_DENIED, android::PERMISSION_DENIED},
         {SD_BUS_ERROR_UNKNOWN_METHOD, android::UNKNOWN_TRANSACTION},
+        {SD_BUS_ERROR_INVALID_ARGS, android::BAD_VALUE},
     };
-    const std::string text = error.message != nullptr ? error.message : error.name;
+    const bool hasText = error.message != nullptr && *error.message != '\0';
+    const std::string text = error.name + (hasText ? std::string(": ") + error.message : "");
     for (const auto& entry : kErrors) {
         if (sd_bus_error_has_name(&error, entry.name) == 0) continue;
         const bool timedOut = late && entry.transactionError == android::DEAD_OBJECT;
@@ -162,8 +164,29 @@ struct BusConnection::Watched {
     }
 };
 
+/// The connections of one thread, which no other thread gets.
+struct BusConnection::OwnConnections : Connections {
+    ~OwnConnections() {
+        for (const auto& connection : of) {
+            if (connection == nullptr) continue;
+            connection->post([used = connection.get()] { sd_bus_close(used->mBus.get()); });
+        }
+    }
+    bool areUsed = false;
+};
+
+BusConnection::OwnConnections& BusConnection::ownConnections() {
+    static thread_local OwnConnections connections;
+    return connections;
+}
+
+void BusConnection::useOwn() {
+    ownConnections().areUsed = true;
+}
+
 std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
-    Connections& connections = neverDestroyed<Connections>();
+    OwnConnections& own = ownConnections();
+    Connections& connections = own.areUsed ? own : neverDestroyed<Connections>();
     std::lock_guard<std::mutex> lock(connections.mutex);
     auto& current = connections.of[static_cast<int>(bus)];
     if (current != nullptr && current->isOpen()) return current;

@@ -90,6 +90,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
 
+    /// From then on to() gives the calling thread connections that no other thread gets. They are
+    /// closed when the thread ends.
+    static void useOwn();
+
     /// Returns once every death that a bus knew of before this call has been noticed.
     static void noticeDeaths();
 
@@ -121,7 +125,9 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   private:
     struct Call;
     struct Watched;
+    struct OwnConnections;
 
+    static OwnConnections& ownConnections();
     bool start();
     bool post(std::function<void()> job);
     void run();

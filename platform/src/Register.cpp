@@ -156,6 +156,10 @@ std::string findBusTrouble(Bus bus) {
                              : "this program is built without D-Bus (set POWERSTATS_DBUS)";
 }
 
+void useOwnBusConnections() {
+    if (otherProcesses() != nullptr) otherProcesses()->useOwnConnections();
+}
+
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
     Register& all = neverDestroyed<Register>();
     std::lock_guard<std::mutex> lock(all.mutex);

@@ -71,6 +71,8 @@ class OtherProcesses {
     virtual void noticeDeaths() = 0;
     /// @return one line about a bus that cannot be reached, with the remedy; empty when it can.
     virtual std::string findTrouble(Bus bus) = 0;
+    /// Gives the calling thread connections of its own.
+    virtual void useOwnConnections() = 0;
 };
 
 /// @param others [in] lives as long as the process.

@@ -92,6 +92,10 @@ enum class Bus { kSession, kSystem };
 void setBusLookups(std::vector<Bus> buses,
                    std::vector<std::string> names = {kAidlPowerStats, kHidlPowerStats});
 
+/// Gives the calling thread connections to the buses that no other thread uses. They serve the
+/// services that this thread looks up from then on, and are closed when it ends.
+void useOwnBusConnections();
+
 /// Limits the time of a call to a service on a bus; 25 s in a fresh process. A call that takes
 /// longer is a failed transaction.
 void setBusTimeLimit(double seconds);
