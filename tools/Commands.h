@@ -21,5 +21,6 @@ Command addMetrics(CLI::App* app);
 Command addWatch(CLI::App* app);
 Command addRecord(CLI::App* app);
 Command addRun(CLI::App* app);
+Command addCheck(CLI::App* app);
 
 }  // namespace powerstats

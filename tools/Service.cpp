@@ -54,6 +54,13 @@ std::vector<host::Bus> busesOf(const ServiceOptions& options) {
     return {host::Bus::kSession, host::Bus::kSystem};
 }
 
+std::string nobodyOwns(const ServiceOptions& options) {
+    constexpr char kAidl[] = "android.hardware.power.stats.IPowerStats";
+    constexpr char kHidl[] = "android.hardware.power.stats.V1_0.IPowerStats";
+    if (options.hal.empty()) return fmt::format("nobody owns the name {} or {}", kAidl, kHidl);
+    return fmt::format("nobody owns the name {}", options.hal == "hidl" ? kHidl : kAidl);
+}
+
 /// Says why no service was found: no bus can be reached, or no service is on one.
 void explainAbsence(const ServiceOptions& options) {
     std::string reasons;
@@ -61,10 +68,10 @@ void explainAbsence(const ServiceOptions& options) {
         const std::string trouble = host::findBusTrouble(bus);
         if (trouble.empty()) {
             say(fmt::format(
-                "no power stats service{} on {} (start powerstatsd, or wait longer with --wait "
+                "no power stats service{} on {}: {} (start powerstatsd, or wait longer with --wait "
                 "SECONDS)",
-                options.hal.empty() ? "" : " with the interface " + options.hal,
-                describe(options)));
+                options.hal.empty() ? "" : " with the interface " + options.hal, describe(options),
+                nobodyOwns(options)));
             return;
         }
         reasons += (reasons.empty() ? "" : "; ") + trouble;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// powerstats: shows the figures of a power stats service, once or over time.
+// powerstats: shows the figures of a power stats service, once or over time, and checks it.
 
 #include <CLI/CLI.hpp>
 
@@ -16,8 +16,8 @@ int run(int argc, char** argv) {
         "Shows the energy of rails and the times that power entities spend in their states.",
         "powerstats");
     app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
-    const Command commands[] = {addDump(&app), addWatch(&app), addRun(&app), addRecord(&app),
-                                addMetrics(&app)};
+    const Command commands[] = {addDump(&app),   addWatch(&app),   addRun(&app),
+                                addRecord(&app), addMetrics(&app), addCheck(&app)};
     app.footer(
         "Exit status: that of the subcommand; 2 for a bad argument.\n"
         "Example: powerstats dump --format json --sysfs share/sample-machine");

@@ -9,6 +9,7 @@
 
 #include <host/BusServer.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -24,11 +25,20 @@ namespace {
 
 /// @param variant [in] a number: the machine of that generation, which busResult() describes;
 ///     "late": smallMachine(), counted from 2 s after boot; "watts": smallMachine() with 2.5 W, and
-///     in its state for a quarter of the time.
+///     in its state for a quarter of the time; "faults": the same with stamps in seconds, a count
+///     of entries that falls, and a rail that is not announced; "many": smallMachine() with 2000
+///     rails, of which each two share an id, and names with control characters.
 Machine machineOf(const std::string& variant) {
     Machine machine = smallMachine();
+    if (variant == "many") {
+        for (int i = 0; i < 2000; ++i) {
+            machine.rails.push_back({i / 2, "\a\n" + std::to_string(i), "\x1b[31m"});
+            machine.energies.push_back({i / 2, -i, i, i});
+        }
+        return machine;
+    }
     if (variant == "late") machine.energies[0].durationMs -= 2000;
-    if (variant == "late" || variant == "watts") return machine;
+    if (variant == "late" || variant == "watts" || variant == "faults") return machine;
     const int generation = std::stoi(variant);
     machine.rails[0].name += variant;
     machine.energies[0].energyUWs = generation * 1000L;
@@ -42,15 +52,21 @@ int serve(const std::string& hal, const std::string& variant, const std::string&
     const auto aidl = ndk::SharedRefBase::make<FakeAidl>();
     const android::sp<FakeHidl> hidl = new FakeHidl;
     aidl->machine = machineOf(variant);
+    aidl->answersIds = hidl->answersIds = true;
+    const bool isFaulty = variant == "faults";
     hidl->tell(aidl->machine);
     aidl->onCall = hidl->onCall = [&](const std::string& method) {
         if (method == lastMethod) raise(SIGKILL);
-        if (variant != "watts") return;
+        if (variant != "watts" && !isFaulty) return;
+        // This program's CLOCK_BOOTTIME is its own.
         timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
+        syscall(SYS_clock_gettime, CLOCK_BOOTTIME, &now);
         const int64_t ms = now.tv_sec * 1000 + now.tv_nsec / 1000000;
-        aidl->machine.energies[0] = {1, ms, ms, ms * 2500};
-        aidl->machine.totals[0].stateResidencyData[0] = {0, ms / 4, ms / 10, ms};
+        const int64_t stamp = isFaulty ? ms / 1000 : ms;
+        aidl->machine.energies = {{1, stamp, stamp, ms * 2500}};
+        if (isFaulty) aidl->machine.energies.push_back({900, stamp, stamp, 0});
+        const int64_t entries = isFaulty ? 1'000'000'000'000 - ms / 10 : ms / 10;
+        aidl->machine.totals[0].stateResidencyData[0] = {0, ms / 4, entries, ms / 10 * 10};
         hidl->tell(aidl->machine);
     };
     std::string error;

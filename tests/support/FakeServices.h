@@ -30,7 +30,34 @@ struct Machine {
 /// Called with a method's name, "readEnergyMeter".
 using Hook = std::function<void(const std::string& method)>;
 
-// The library asks for everything with an empty list of ids. Any other list ends the process.
+// The library asks for everything with an empty list of ids. Any other list ends the process,
+// unless `answersIds` is set.
+
+template <typename Record>
+auto idOf(const Record& record) -> decltype(record.id) {
+    return record.id;
+}
+template <typename Record>
+auto idOf(const Record& record) -> decltype(record.index) {
+    return record.index;
+}
+template <typename Record>
+auto idOf(const Record& record) -> decltype(record.powerEntityId) {
+    return record.powerEntityId;
+}
+
+/// Selects the records of a list of ids.
+/// @return none when one is unknown.
+template <typename Record, typename Ids, typename Records>
+std::vector<Record> select(const Ids& ids, const Records& all) {
+    std::vector<Record> selected;
+    for (const auto id : ids) {
+        for (const Record& record : all) {
+            if (idOf(record) == id) selected.push_back(record);
+        }
+    }
+    return selected.size() == ids.size() ? selected : std::vector<Record>();
+}
 
 class FakeAidl : public stats::BnPowerStats {
   public:
@@ -38,6 +65,7 @@ class FakeAidl : public stats::BnPowerStats {
     using Ids = std::vector<int32_t>;
 
     Machine machine;
+    bool answersIds = false;
     /// Called in every transaction before it is answered.
     Hook onCall;
     /// Methods that do not answer OK. Their answer is written all the same.
@@ -68,9 +96,10 @@ class FakeAidl : public stats::BnPowerStats {
     template <typename Record>
     Status give(const char* method, const Ids& ids, const std::vector<Record>& all,
                 std::vector<Record>* answer) const {
-        if (!ids.empty()) std::abort();
+        if (!ids.empty() && !answersIds) std::abort();
         if (onCall) onCall(method);
-        *answer = all;
+        *answer = ids.empty() ? all : select<Record>(ids, all);
+        if (answer->size() < ids.size()) return Status::fromExceptionCode(EX_ILLEGAL_ARGUMENT);
         const auto failure = failing.find(method);
         return failure != failing.end() ? failure->second() : Status::ok();
     }
@@ -88,6 +117,7 @@ class FakeHidl : public stats_V1_0::IPowerStats {
     /// Replaces all records by those of a machine.
     void tell(const Machine& machine);
 
+    bool answersIds = false;
     Vector<stats_V1_0::RailInfo> rails;
     Vector<stats_V1_0::EnergyData> energies;
     Vector<stats_V1_0::PowerEntityInfo> entities;
@@ -123,8 +153,13 @@ class FakeHidl : public stats_V1_0::IPowerStats {
     template <typename Record, typename Callback>
     Result give(const char* method, const Ids& ids, const Vector<Record>& all,
                 const Callback& callback) const {
-        if (ids.size() != 0) std::abort();
+        if (ids.size() != 0 && !answersIds) std::abort();
         if (onCall) onCall(method);
+        if (ids.size() != 0) {
+            const std::vector<Record> selected = select<Record>(ids, all);
+            callback(selected, selected.empty() ? Status::INVALID_INPUT : Status::SUCCESS);
+            return android::hardware::Void();
+        }
         const auto status = statuses.find(method);
         callback(all, status != statuses.end() ? status->second : Status::SUCCESS);
         if (onAnswered) onAnswered(method);

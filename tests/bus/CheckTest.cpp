@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// powerstats check, against services on a bus whose faults are known.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/bus/Support.h"
+
+namespace support {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(Check, FindsTheFaultsOfAServiceAndNoOther) {
+    const struct {
+        std::vector<std::string> peer;
+        int status;
+        std::vector<const char*> lines;
+    } cases[] = {
+        {{"serve", "aidl", "watts"},
+         0,
+         {" 0 broken, 0 legal, ", "Library: Java receives 1 rail and 1 power"}},
+        {{"serve", "hidl", "watts"}, 0, {" 0 broken, 0 legal, "}},
+        {{"serve", "aidl", "faults"},
+         1,
+         {" 4 broken, ", "; it looks like seconds;", "state-entries-monotonic          broken",
+          "readEnergyMeter, rail 900 at ", "so this library's process would end",
+          "Library: signal 6 ended the process: out_of_range"}},
+        {{"serve", "aidl", "many"},
+         1,
+         {"rail-ids-unique                * broken",
+          "getEnergyMeterInfo, rail 2 \"\\x07\\x0A4\" at "}},
+        {{"serve", "aidl", "watts", "getStateResidency"},
+         1,
+         {"DEAD_OBJECT", "Library: not called"}},
+        {{"answer", "error"},
+         1,
+         {" 1 broken, ", "com.example.No: not today", "Library: Java receives null"}},
+        {{"answer", "signature"}, 1, {"its signature is \"s\", not \"a(iss)\""}},
+        {{"answer", "never"}, 1, {"TIMED_OUT", "Library: not called"}},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.peer.back());
+        const PrivateBus bus;
+        const auto peer = startPeer(test.peer);
+        const bool isSilent = test.peer.back() == "never";
+        Process check({POWERSTATS_PROGRAM, "check", "--bus", "--duration", "0.2", "--timeout",
+                       isSilent ? "0.3" : "20"});
+        EXPECT_EQ(check.wait(), test.status) << check.text();
+        for (const char* line : test.lines) EXPECT_THAT(check.text(), HasSubstr(line));
+    }
+}
+
+TEST(Check, NamesAServiceThatIsNotThere) {
+    const PrivateBus bus;
+    Process check({POWERSTATS_PROGRAM, "check", "--bus", "session", "--wait", "0"});
+    EXPECT_EQ(check.wait(), 2);
+    EXPECT_THAT(check.text(), HasSubstr("nobody owns the name android.hardware.power.stats."));
+}
+
+}  // namespace
+}  // namespace support
