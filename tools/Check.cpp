@@ -24,7 +24,7 @@ namespace powerstats {
 
 namespace {
 
-struct Arguments {
+struct CheckArguments {
     ServiceOptions service;
     double durationSeconds = 5;
     double timeoutSeconds = 25;
@@ -203,7 +203,7 @@ bool contains(const std::vector<std::string>& names, const char* name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-int check(const Arguments& arguments) {
+int check(const CheckArguments& arguments) {
     if (openService(arguments.service) != 0) return kUsage;
     if (arguments.service.bus) host::setBusTimeLimit(arguments.timeoutSeconds);
 
@@ -249,7 +249,7 @@ int check(const Arguments& arguments) {
 }  // namespace
 
 Command addCheck(CLI::App* app) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<CheckArguments>();
     CLI::App* const command = app->add_subcommand(
         "check", "Check whether a service keeps the promises of its interface.");
     command->footer(
