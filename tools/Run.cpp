@@ -208,13 +208,13 @@ std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& sna
 }
 
 int judge(const RunReport& report) {
-    const auto any = [&](Verdict verdict) {
+    const auto any = [&](LimitVerdict verdict) {
         return std::any_of(report.limits.begin(), report.limits.end(), [&](const Limit& limit) {
             return judge(limit, report.runs).verdict == verdict;
         });
     };
-    if (any(Verdict::kOver)) return kOverLimit;
-    return any(Verdict::kUnclear) ? kUnclear : 0;
+    if (any(LimitVerdict::kOver)) return kOverLimit;
+    return any(LimitVerdict::kUnclear) ? kUnclear : 0;
 }
 
 bool writeReport(const std::string& text, const std::string& file, std::FILE* stream) {

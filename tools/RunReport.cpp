@@ -114,12 +114,12 @@ std::string withDeviation(const Statistics& statistics, size_t runs, int digits)
     return fmt::format("{} ± {:.{}f}", mean, statistics.standardDeviation, digits);
 }
 
-std::string describe(const Limit& limit, const Judgement& judgement) {
+std::string describe(const Limit& limit, const LimitJudgement& judgement) {
     const std::string name = safeName(limit.rail, SIZE_MAX);
     if (!judgement.mean) return fmt::format("{}: not read in every run", name);
-    const char* const verdict = judgement.verdict == Verdict::kKept   ? "kept"
-                                : judgement.verdict == Verdict::kOver ? "exceeded"
-                                                                      : "too noisy to tell";
+    const char* const verdict = judgement.verdict == LimitVerdict::kKept   ? "kept"
+                                : judgement.verdict == LimitVerdict::kOver ? "exceeded"
+                                                                           : "too noisy to tell";
     const std::string interval =
         !judgement.margin
             ? ""
@@ -263,15 +263,15 @@ std::string formatJson(const RunReport& report) {
              {"trouble", toText(row.trouble)}});
     }
     for (const Limit& limit : report.limits) {
-        const Judgement judgement = judge(limit, report.runs);
+        const LimitJudgement judgement = judge(limit, report.runs);
         json["limits"].push_back(
             {{"rail", safeName(limit.rail, SIZE_MAX)},
              {"max_w", limit.watts},
              {"mean_w", judgement.mean ? ordered_json(*judgement.mean) : ordered_json()},
              {"margin_w", judgement.margin ? ordered_json(*judgement.margin) : ordered_json()},
-             {"verdict", judgement.verdict == Verdict::kKept   ? "kept"
-                         : judgement.verdict == Verdict::kOver ? "exceeded"
-                                                               : "unclear"}});
+             {"verdict", judgement.verdict == LimitVerdict::kKept   ? "kept"
+                         : judgement.verdict == LimitVerdict::kOver ? "exceeded"
+                                                                    : "unclear"}});
     }
     IntervalPrinter printer("jsonl");
     for (const Interval& run : report.runs) {
@@ -292,7 +292,7 @@ std::optional<Limit> parseLimit(const std::string& text) {
     return Limit{text.substr(0, equals), watts};
 }
 
-Judgement judge(const Limit& limit, const std::vector<Interval>& runs) {
+LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
     std::vector<double> watts;
     for (const Interval& run : runs) {
         for (const Interval::Rail& rail : run.rails) {
@@ -304,15 +304,15 @@ Judgement judge(const Limit& limit, const std::vector<Interval>& runs) {
     if (watts.empty() || watts.size() != runs.size()) return {};
     const Statistics statistics = summarize(watts);
     if (runs.size() < 3) {
-        return {statistics.mean <= limit.watts ? Verdict::kKept : Verdict::kOver, statistics.mean,
-                std::nullopt};
+        return {statistics.mean <= limit.watts ? LimitVerdict::kKept : LimitVerdict::kOver,
+                statistics.mean, std::nullopt};
     }
     const auto count = static_cast<double>(runs.size());
     const double margin =
         studentsT(runs.size() - 1) * statistics.standardDeviation / std::sqrt(count);
-    Verdict verdict = Verdict::kUnclear;
-    if (statistics.mean + margin < limit.watts) verdict = Verdict::kKept;
-    if (statistics.mean - margin > limit.watts) verdict = Verdict::kOver;
+    LimitVerdict verdict = LimitVerdict::kUnclear;
+    if (statistics.mean + margin < limit.watts) verdict = LimitVerdict::kKept;
+    if (statistics.mean - margin > limit.watts) verdict = LimitVerdict::kOver;
     return {verdict, statistics.mean, margin};
 }
 

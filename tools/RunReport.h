@@ -19,11 +19,11 @@ struct Limit {
 /// Parses "RAIL=WATTS"; the name may contain "=" itself.
 std::optional<Limit> parseLimit(const std::string& text);
 
-enum class Verdict { kKept, kOver, kUnclear };
+enum class LimitVerdict { kKept, kOver, kUnclear };
 
 /// A limit against the runs' average powers, in watts.
-struct Judgement {
-    Verdict verdict = Verdict::kUnclear;
+struct LimitJudgement {
+    LimitVerdict verdict = LimitVerdict::kUnclear;
     /// Absent where a run has no figures of the rail.
     std::optional<double> mean;
     /// Half the width of the 95 % interval of the mean; from three runs on.
@@ -34,7 +34,7 @@ struct Judgement {
 /// limit it is kept, wholly above it is exceeded, and otherwise the runs differ too much to tell.
 /// The interval is the mean plus and minus Student's t times the standard deviation by the root of
 /// the number of runs. With fewer runs the mean decides.
-Judgement judge(const Limit& limit, const std::vector<Interval>& runs);
+LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs);
 
 /// The runs of a command.
 struct RunReport {

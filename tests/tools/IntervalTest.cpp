@@ -162,32 +162,32 @@ TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
     const struct {
         std::vector<double> milliwatts;
         double limit;
-        Verdict verdict;
+        LimitVerdict verdict;
         double margin;
     } cases[] = {
-        {{2000}, 2, Verdict::kKept, 0},
-        {{2000, 2001}, 2, Verdict::kOver, 0},
+        {{2000}, 2, LimitVerdict::kKept, 0},
+        {{2000, 2001}, 2, LimitVerdict::kOver, 0},
         // The mean is 2 W, the deviation 0.1 W: 4.303 x 0.1 / sqrt(3).
-        {{1900, 2000, 2100}, 2.24, Verdict::kUnclear, 0.2484},
-        {{1900, 2000, 2100}, 2.25, Verdict::kKept, 0.2484},
-        {{1900, 2000, 2100}, 1.75, Verdict::kOver, 0.2484},
-        {{2000, 2000, 2000}, 2, Verdict::kUnclear, 0},
+        {{1900, 2000, 2100}, 2.24, LimitVerdict::kUnclear, 0.2484},
+        {{1900, 2000, 2100}, 2.25, LimitVerdict::kKept, 0.2484},
+        {{1900, 2000, 2100}, 1.75, LimitVerdict::kOver, 0.2484},
+        {{2000, 2000, 2000}, 2, LimitVerdict::kUnclear, 0},
         // 19 degrees of freedom: 2.093.
         {std::vector<double>{1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100,
                              1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100},
-         2, Verdict::kUnclear, 0.0480},
+         2, LimitVerdict::kUnclear, 0.0480},
     };
     for (const auto& test : cases) {
         std::vector<Interval> runs(test.milliwatts.size());
         for (size_t i = 0; i < runs.size(); ++i) {
             runs[i].rails = {{1, "soc", "", Trouble::kNone, 0, 1000, 0, test.milliwatts[i]}};
         }
-        const Judgement judgement = judge({"soc", test.limit}, runs);
+        const LimitJudgement judgement = judge({"soc", test.limit}, runs);
         EXPECT_EQ(judgement.verdict, test.verdict) << test.limit;
         EXPECT_THAT(judgement.margin.value_or(0), DoubleNear(test.margin, 0.0001)) << test.limit;
         EXPECT_EQ(judgement.margin.has_value(), runs.size() >= 3);
         runs.back().rails[0].trouble = Trouble::kNotRead;
-        EXPECT_EQ(judge({"soc", 1000}, runs).verdict, Verdict::kUnclear);
+        EXPECT_EQ(judge({"soc", 1000}, runs).verdict, LimitVerdict::kUnclear);
     }
     EXPECT_EQ(parseLimit("a=b=1.5")->rail, "a=b");
     for (const char* wrong : {"", "=1", "soc", "soc=", "soc=1W", "soc=nan", "soc=-1"}) {

@@ -14,7 +14,6 @@ namespace powerstats {
 namespace {
 
 using Hal = Survey::Hal;
-using Outcome = Survey::Outcome;
 using Request = Survey::Request;
 
 constexpr int64_t kStartMs = 10'000'000;
@@ -71,7 +70,7 @@ Survey makeSurvey(Hal hal) {
         unknown.request = Request::kUnknown;
         unknown.ids = {99};
         unknown.records.clear();
-        unknown.outcome = Outcome::kIllegalArgument;
+        unknown.outcome = Survey::Outcome::kIllegalArgument;
         answers->push_back(some);
         answers->push_back(unknown);
     };
@@ -184,13 +183,13 @@ const Fault kFaults[] = {
     {"names-utf8", changeEntities([](auto* entity) { entity->states[0].name = "\xff"; })},
     {"calls-answered",
      [](Survey* survey) {
-         survey->energies[1].outcome = Outcome::kFailed;
+         survey->energies[1].outcome = Survey::Outcome::kFailed;
          survey->energies[1].records.clear();
          survey->energies[1].error = "com.example.No: not today";
      },
      "com.example.No: not today"},
     {"calls-at-once-answered",
-     [](Survey* survey) { survey->energies.back().outcome = Outcome::kFailed; }},
+     [](Survey* survey) { survey->energies.back().outcome = Survey::Outcome::kFailed; }},
     {"rail-request-exact", [](Survey* survey) { survey->energies[kSome].records[0].id = 2; }},
     {"entity-request-exact",
      [](Survey* survey) {
@@ -200,10 +199,10 @@ const Fault kFaults[] = {
     {"state-list-request-exact",
      [](Survey* survey) { survey->stateLists[kSome].records[0].id = 8; }, "", Hal::kHidl},
     {"unknown-id-refused",
-     [](Survey* survey) { survey->residencies[kUnknown].outcome = Outcome::kAnswered; }},
+     [](Survey* survey) { survey->residencies[kUnknown].outcome = Survey::Outcome::kAnswered; }},
     {"known-ids-accepted",
      [](Survey* survey) {
-         survey->energies[kSome].outcome = Outcome::kIllegalArgument;
+         survey->energies[kSome].outcome = Survey::Outcome::kIllegalArgument;
          survey->energies[kSome].records.clear();
      }},
     {"rail-ids-announced", [](Survey* survey) { survey->energies[kLast].records[1].id = 3; }},
@@ -218,12 +217,12 @@ const Fault kFaults[] = {
     {"states-complete",
      [](Survey* survey) { survey->residencies[kLast].records[0].states.pop_back(); }},
     {"status-matches-records",
-     [](Survey* survey) { survey->energies[kUnknown].outcome = Outcome::kAnswered; }, "",
+     [](Survey* survey) { survey->energies[kUnknown].outcome = Survey::Outcome::kAnswered; }, "",
      Hal::kHidl},
     {"rails-not-supported",
      [](Survey* survey) {
          for (auto& list : survey->rails) {
-             list.outcome = Outcome::kOtherStatus;
+             list.outcome = Survey::Outcome::kOtherStatus;
              list.records.clear();
          }
          survey->energies.clear();
