@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <cerrno>
 #include <cstdio>

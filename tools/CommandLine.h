@@ -4,9 +4,14 @@
 
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
+
+// Declared here, because compiling the whole parser takes long.
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace powerstats {
 

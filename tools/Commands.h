@@ -4,8 +4,11 @@
 
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
+
+namespace CLI {
+class App;
+}
 
 namespace powerstats {
 

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 #include <host/JavaRuntime.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <chrono>

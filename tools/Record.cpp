@@ -2,6 +2,7 @@
 //
 // powerstats record: writes what a service reports to a file, as a trace.
 
+#include <CLI/CLI.hpp>
 #include <cmath>
 #include <memory>
 #include <optional>

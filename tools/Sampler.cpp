@@ -2,6 +2,7 @@
 
 #include "tools/Sampler.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <thread>

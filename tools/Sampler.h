@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -13,6 +12,10 @@
 #include "tools/Service.h"
 #include "tools/Snapshot.h"
 #include "tools/TraceWriter.h"
+
+namespace CLI {
+class App;
+}
 
 namespace powerstats {
 

@@ -6,6 +6,7 @@
 #include <android/log.h>
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
+#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <thread>

@@ -8,12 +8,15 @@
 #include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "tools/Source.h"
+
+namespace CLI {
+class App;
+}
 
 namespace powerstats {
 

@@ -2,6 +2,7 @@
 
 #include "tools/Source.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>

@@ -4,13 +4,16 @@
 
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "hal/RecordedCounters.h"
+
+namespace CLI {
+class App;
+}
 
 namespace powerstats {
 

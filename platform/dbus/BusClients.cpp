@@ -189,6 +189,7 @@ class Buses : public OtherProcesses {
     }
     void noticeDeaths() override { BusConnection::noticeDeaths(); }
     void useOwnConnections() override { BusConnection::useOwn(); }
+    void setTimeLimit(double seconds) override { BusConnection::setTimeLimit(seconds); }
     std::string findTrouble(Bus bus) override {
         UniqueBus opened;
         int result = openBus(bus, &opened);

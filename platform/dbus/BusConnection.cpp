@@ -21,19 +21,10 @@
 #include "NeverDestroyed.h"
 
 namespace host {
+namespace dbus {
 namespace {
 
 std::atomic<uint64_t> gTimeLimitUs{25'000'000};
-
-}  // namespace
-
-void setBusTimeLimit(double seconds) {
-    // 0 would be sd-bus's own limit.
-    gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
-}
-
-namespace dbus {
-namespace {
 
 using std::chrono::steady_clock;
 
@@ -182,6 +173,11 @@ BusConnection::OwnConnections& BusConnection::ownConnections() {
 
 void BusConnection::useOwn() {
     ownConnections().areUsed = true;
+}
+
+void BusConnection::setTimeLimit(double seconds) {
+    // 0 would be sd-bus's own limit.
+    gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
 }
 
 std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {

@@ -94,6 +94,9 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// closed when the thread ends.
     static void useOwn();
 
+    /// Limits the time of every call from then on.
+    static void setTimeLimit(double seconds);
+
     /// Returns once every death that a bus knew of before this call has been noticed.
     static void noticeDeaths();
 

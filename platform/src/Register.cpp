@@ -157,7 +157,11 @@ std::string findBusTrouble(Bus bus) {
 }
 
 void useOwnBusConnections() {
-    if (otherProcesses() != nullptr) otherProcesses()->useOwnConnections();
+    if (OtherProcesses* others = otherProcesses()) others->useOwnConnections();
+}
+
+void setBusTimeLimit(double seconds) {
+    if (OtherProcesses* others = otherProcesses()) others->setTimeLimit(seconds);
 }
 
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {

@@ -73,6 +73,8 @@ class OtherProcesses {
     virtual std::string findTrouble(Bus bus) = 0;
     /// Gives the calling thread connections of its own.
     virtual void useOwnConnections() = 0;
+    /// Limits the time of every call from then on.
+    virtual void setTimeLimit(double seconds) = 0;
 };
 
 /// @param others [in] lives as long as the process.
