@@ -4,8 +4,8 @@
 
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <map>

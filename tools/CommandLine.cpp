@@ -7,8 +7,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -5,8 +5,8 @@
 
 #include <fmt/format.h>
 #include <host/JavaRuntime.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <memory>

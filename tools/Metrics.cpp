@@ -8,8 +8,8 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>

@@ -6,8 +6,8 @@
 #include <android/log.h>
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <chrono>
 #include <thread>
 #include <utility>

@@ -3,8 +3,8 @@
 // powerstats watch: the average power of rails and the shares of states, interval by interval.
 
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <memory>
 #include <optional>
