@@ -119,8 +119,7 @@ std::string describe(const Survey::Library& library) {
         return fmt::format("signal {} ended the process: {}", library.signal, log);
     }
     if (!library.wasCalled) return safeName(library.result, SIZE_MAX);
-    const bool isComplete = library.result.find("null") == std::string::npos;
-    return "Java receives " + library.result + (isComplete ? "" : ": " + log);
+    return "Java receives " + library.result + (log.empty() ? "" : ": " + log);
 }
 
 std::string formatEvidence(const Judgement& judgement) {

@@ -83,7 +83,7 @@ std::string describeResult(const std::string& json) {
     if (!result.is_object()) return "nothing that can be read";
     const auto count = [&](const char* list, const char* one, const char* many) {
         if (!result.contains(list) || !result[list].is_array()) {
-            return fmt::format("null instead of {}", many);
+            return fmt::format("null for the {}", many);
         }
         const size_t size = result[list].size();
         return fmt::format("{} {}", size, size == 1 ? one : many);
