@@ -25,11 +25,11 @@ int record(const RecordArguments& arguments) {
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;
     // Rounded, so that 0.3 s has three intervals of 0.1 s.
-    const std::optional<double> intervals =
-        arguments.durationSeconds ? std::optional(std::round(*arguments.durationSeconds /
-                                                             arguments.sampler.intervalSeconds))
-                                  : std::nullopt;
-    for (double i = 0; (!intervals || i < *intervals) && sampler->wait(); ++i) sampler->read();
+    const double intervals =
+        arguments.durationSeconds
+            ? std::round(*arguments.durationSeconds / arguments.sampler.intervalSeconds)
+            : HUGE_VAL;
+    for (double i = 0; i < intervals && sampler->wait(); ++i) sampler->read();
     return sampler->check() ? 0 : kFailed;
 }
 

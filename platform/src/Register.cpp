@@ -133,7 +133,8 @@ RegisteredService findService(const std::string& name) {
         const auto& names = all.namesOnBus;
         if (std::find(names.begin(), names.end(), name) != names.end()) buses = all.buses;
     }
-    for (const Bus bus : otherProcesses() != nullptr ? buses : std::vector<Bus>()) {
+    if (otherProcesses() == nullptr) return {};
+    for (const Bus bus : buses) {
         RegisteredService service = otherProcesses()->find(bus, name);
         if (service.peer == nullptr) continue;
         service.peer->setStats(&ServiceStats::of(name));
