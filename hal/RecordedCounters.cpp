@@ -3,6 +3,7 @@
 #include "hal/RecordedCounters.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -51,7 +52,8 @@ RecordedCounters::Position RecordedCounters::position() const {
     const auto next = std::upper_bound(
         samples.begin(), samples.end(), playedMs,
         [&](int64_t played, int64_t sample) { return played < sample - samples.front(); });
-    return {round, *std::prev(next)};
+    const auto sample = std::prev(next);
+    return {round, *sample, static_cast<size_t>(sample - samples.begin())};
 }
 
 /// Finds the reading in view.
@@ -60,9 +62,17 @@ RecordedCounters::Position RecordedCounters::position() const {
 template <typename Reading>
 const Reading* RecordedCounters::find(const std::vector<Reading>& readings,
                                       Position* position) const {
-    const auto next = std::upper_bound(
-        readings.begin(), readings.end(), position->timeMs,
-        [](int64_t timeMs, const Reading& reading) { return timeMs < reading.timestampMs; });
+    const auto isLater = [timeMs = position->timeMs](const Reading& reading) {
+        return reading.timestampMs > timeMs;
+    };
+    // Nearly always each sample has a reading of each thing.
+    auto next =
+        readings.begin() + static_cast<ptrdiff_t>(std::min(position->sample + 1, readings.size()));
+    const bool isFound = next != readings.begin() && !isLater(*std::prev(next)) &&
+                         (next == readings.end() || isLater(*next));
+    if (!isFound) {
+        next = std::partition_point(readings.begin(), readings.end(), std::not_fn(isLater));
+    }
     if (next != readings.begin()) return &*std::prev(next);
     if (position->round == 0) return nullptr;
     --position->round;

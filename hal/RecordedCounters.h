@@ -49,6 +49,7 @@ class RecordedCounters : public Counters {
     struct Position {
         int64_t round;
         int64_t timeMs;
+        size_t sample;  ///< its index
     };
     Position position() const;
     template <typename Reading>

@@ -31,6 +31,7 @@ std::vector<std::pair<const Thing*, const Thing*>> pair(const std::vector<Thing>
     const auto isSame = [](const Thing& one, const Thing& other) {
         return one.id == other.id && one.name == other.name;
     };
+    pairs.reserve(after.size());
     if (std::equal(before.begin(), before.end(), after.begin(), after.end(), isSame)) {
         for (size_t i = 0; i < after.size(); ++i) pairs.emplace_back(&before[i], &after[i]);
         return pairs;
@@ -85,6 +86,7 @@ Trouble measure(const Snapshot::Entity& before, const Snapshot::Entity& after, i
     // Each total, and the clock, is cut to whole milliseconds.
     double roundingMs = 1;
     std::vector<Interval::State> states;
+    states.reserve(after.states.size());
     for (const auto& [first, second] : pair(before.states, after.states)) {
         // With a state more or less, the others say nothing of the time that none of them has.
         if (first == nullptr) return Trouble::kCame;
@@ -153,6 +155,7 @@ Interval subtract(const Snapshot& before, const Snapshot& after) {
     const int64_t suspendedMs = after.suspendedMs - before.suspendedMs;
     interval.suspendedMs = suspendedMs > kClockToleranceMs ? suspendedMs : 0;
 
+    interval.rails.reserve(after.rails.size());
     for (const auto& [first, second] : pair(before.rails, after.rails)) {
         const Snapshot::Rail& known = second != nullptr ? *second : *first;
         Interval::Rail rail{known.id, known.name, known.subsystem};
@@ -161,11 +164,13 @@ Interval subtract(const Snapshot& before, const Snapshot& after) {
         if (rail.trouble == Trouble::kNone) rail.trouble = measure(*first, *second, &rail);
         interval.rails.push_back(std::move(rail));
     }
+    interval.entities.reserve(after.entities.size());
     for (const auto& [first, second] : pair(before.entities, after.entities)) {
         const Snapshot::Entity& known = second != nullptr ? *second : *first;
         Interval::Entity entity{known.id, known.name};
         entity.trouble = troubleOf(first != nullptr, second != nullptr, before.entitiesError,
                                    after.entitiesError);
+        entity.states.reserve(known.states.size());
         for (const Snapshot::State& state : known.states) {
             entity.states.push_back({state.id, state.name});
         }

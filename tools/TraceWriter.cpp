@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <google/protobuf/arena.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,57 +64,72 @@ TraceWriter::~TraceWriter() {
     close(mDescriptor);
 }
 
+TraceWriter::TracePacket* TraceWriter::Packets::of(uint32_t sequence) {
+    TracePacket*& packet = bySequence[sequence];
+    if (packet == nullptr) {
+        packet = trace->add_packet();
+        packet->set_trusted_packet_sequence_id(sequence);
+    }
+    return packet;
+}
+
 bool TraceWriter::write(const Snapshot& snapshot, const Interval* since, std::string* error) {
-    Packets rails;
-    Packets entities;
-    nameRails(snapshot, &rails);
-    const std::vector<EntitySeries*> series = nameEntities(snapshot, &entities);
-    addRails(snapshot, &rails);
-    addEntities(snapshot, series, &entities);
-    Trace& trace = mTrace;
-    trace.Clear();
-    for (Packets* packets : {&rails, &entities}) {
-        for (auto& [sequence, packet] : *packets) {
-            packet.set_timestamp(toNanoseconds(snapshot.timestampMs));
-            packet.set_trusted_packet_sequence_id(sequence);
+    // A sample has hundreds of small messages, which are released together.
+    google::protobuf::Arena arena;
+    Trace* const trace = google::protobuf::Arena::CreateMessage<Trace>(&arena);
+    Packets rails{trace, {}};
+    Packets entities{trace, {}};
+    const std::vector<RailSeries*> railSeries = nameRails(snapshot, &rails);
+    const std::vector<EntitySeries*> entitySeries = nameEntities(snapshot, &entities);
+    addRails(snapshot, railSeries, &rails);
+    addEntities(snapshot, entitySeries, &entities);
+    for (const Packets* packets : {&rails, &entities}) {
+        for (const auto& [sequence, packet] : packets->bySequence) {
+            packet->set_timestamp(toNanoseconds(snapshot.timestampMs));
             mSequence = std::max(mSequence, sequence);
-            *trace.add_packet() = std::move(packet);
         }
     }
-    if (since != nullptr) addCounters(*since, &trace);
-    return append(trace.SerializeAsString(), error);
+    if (since != nullptr) addCounters(*since, trace);
+    return append(trace->SerializeAsString(), error);
 }
 
 /// Gives the new rails their indices, in a new sequence.
-void TraceWriter::nameRails(const Snapshot& snapshot, Packets* packets) {
+/// @return the series of all, in the order of the snapshot.
+std::vector<TraceWriter::RailSeries*> TraceWriter::nameRails(const Snapshot& snapshot,
+                                                             Packets* packets) {
+    std::vector<RailSeries*> all;
     std::vector<Snapshot::Rail> newRails;
     for (const Snapshot::Rail& rail : snapshot.rails) {
-        const auto known = mRails.find(keyOf(rail));
-        const bool isReset = known != mRails.end() && rail.energy && rail.energy->energyUWs >= 0 &&
-                             rail.energy->energyUWs < known->second.last.energyUWs;
-        if (known == mRails.end() || isReset) newRails.push_back(rail);
+        RailSeries& known = mRails[keyOf(rail)];
+        all.push_back(&known);
+        const bool isReset = rail.energy && rail.energy->energyUWs >= 0 &&
+                             rail.energy->energyUWs < known.last.energyUWs;
+        if (known.sequence == 0 || isReset) newRails.push_back(rail);
     }
     const auto indices = distinctNumbers(idsOf(newRails), std::numeric_limits<uint32_t>::max());
     for (size_t i = 0; i < newRails.size(); ++i) {
         const Snapshot::Rail& rail = newRails[i];
         const auto index = static_cast<uint32_t>(indices[i]);
         mRails[keyOf(rail)] = {mSequence + 1, index, {}};
-        auto* descriptor = (*packets)[mSequence + 1].mutable_power_rails()->add_rail_descriptor();
+        auto* descriptor = packets->of(mSequence + 1)->mutable_power_rails()->add_rail_descriptor();
         descriptor->set_index(index);
         descriptor->set_rail_name(nameOf(rail.name, rail.id));
         descriptor->set_subsys_name(safeName(rail.subsystem));
     }
+    return all;
 }
 
-void TraceWriter::addRails(const Snapshot& snapshot, Packets* packets) {
-    for (const Snapshot::Rail& rail : snapshot.rails) {
-        RailSeries& series = mRails.at(keyOf(rail));
+void TraceWriter::addRails(const Snapshot& snapshot, const std::vector<RailSeries*>& all,
+                           Packets* packets) {
+    for (size_t place = 0; place < all.size(); ++place) {
+        const Snapshot::Rail& rail = snapshot.rails[place];
+        RailSeries& series = *all[place];
         if (!rail.energy || rail.energy->energyUWs < 0 ||
             rail.energy->timestampMs < series.last.timestampMs) {
             continue;
         }
         series.last = *rail.energy;
-        auto* data = (*packets)[series.sequence].mutable_power_rails()->add_energy_data();
+        auto* data = packets->of(series.sequence)->mutable_power_rails()->add_energy_data();
         data->set_index(series.index);
         data->set_timestamp_ms(static_cast<uint64_t>(rail.energy->timestampMs));
         data->set_energy(static_cast<uint64_t>(rail.energy->energyUWs));
@@ -152,8 +168,8 @@ std::vector<TraceWriter::EntitySeries*> TraceWriter::nameEntities(const Snapshot
         for (const int64_t index : distinctNumbers(idsOf(entity.states), kGreatest)) {
             const Snapshot::State& state = entity.states[series.stateIndices.size()];
             series.stateIndices.push_back(static_cast<int32_t>(index));
-            auto* names = (*packets)[series.sequence]
-                              .mutable_entity_state_residency()
+            auto* names = packets->of(series.sequence)
+                              ->mutable_entity_state_residency()
                               ->add_power_entity_state();
             names->set_entity_index(series.index);
             names->set_state_index(series.stateIndices.back());
@@ -177,7 +193,7 @@ void TraceWriter::addEntities(const Snapshot& snapshot, const std::vector<Entity
             if (!residency || isSmaller(*residency, {})) continue;
             series.last[i] = *residency;
             auto* data =
-                (*packets)[series.sequence].mutable_entity_state_residency()->add_residency();
+                packets->of(series.sequence)->mutable_entity_state_residency()->add_residency();
             data->set_entity_index(series.index);
             data->set_state_index(series.stateIndices[i]);
             data->set_total_time_in_state_ms(static_cast<uint64_t>(residency->totalTimeMs));
@@ -217,18 +233,23 @@ void TraceWriter::addCounter(uint64_t track, int64_t timestampMs, double value, 
 
 /// Finds a track, and describes it when it is new.
 /// @param unit [in] of a counter; null for a track that others are below.
-uint64_t TraceWriter::findTrack(const TrackKey& key, const char* unit, Trace* trace) {
+uint64_t TraceWriter::findTrack(const TrackView& key, const char* unit, Trace* trace) {
+    // Nearly always the tracks of a sample have the order of the sample before, in which they were
+    // new.
+    if (mLatestTrack == mTrackKeys.size()) mLatestTrack = 0;
+    if (mLatestTrack < mTrackKeys.size() && *mTrackKeys[mLatestTrack] == key) return ++mLatestTrack;
     const auto known = mTracks.find(key);
-    if (known != mTracks.end()) return known->second;
+    if (known != mTracks.end()) return mLatestTrack = known->second;
     const uint64_t uuid = mTracks.size() + 1;
-    mTracks.emplace(key, uuid);
     const auto& [parent, id, name] = key;
+    mTrackKeys.push_back(&mTracks.emplace(TrackKey(parent, id, name), uuid).first->first);
+    mLatestTrack = uuid;
     TracePacket* packet = trace->add_packet();
     packet->set_timestamp(toNanoseconds(mResidenciesMs));
     packet->set_trusted_packet_sequence_id(kTrackSequence);
     auto* descriptor = packet->mutable_track_descriptor();
     descriptor->set_uuid(uuid);
-    descriptor->set_name(nameOf(name, id));
+    descriptor->set_name(nameOf(std::string(name), id));
     if (parent != 0) descriptor->set_parent_uuid(parent);
     if (unit != nullptr) descriptor->mutable_counter()->set_unit_name(unit);
     return uuid;

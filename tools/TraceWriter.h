@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -63,18 +65,25 @@ class TraceWriter {
     };
 
     TraceWriter(std::string path, int descriptor);
-    /// The packets of one sample, by sequence.
-    using Packets = std::map<uint32_t, TracePacket>;
-    void nameRails(const Snapshot& snapshot, Packets* packets);
+    /// Packets of one sample with readings of one kind, by sequence.
+    struct Packets {
+        Trace* const trace;
+        std::map<uint32_t, TracePacket*> bySequence;
+
+        /// The packet of a sequence, added to the trace when it is new.
+        TracePacket* of(uint32_t sequence);
+    };
+    std::vector<RailSeries*> nameRails(const Snapshot& snapshot, Packets* packets);
     std::vector<EntitySeries*> nameEntities(const Snapshot& snapshot, Packets* packets);
-    void addRails(const Snapshot& snapshot, Packets* packets);
+    void addRails(const Snapshot& snapshot, const std::vector<RailSeries*>& all, Packets* packets);
     void addEntities(const Snapshot& snapshot, const std::vector<EntitySeries*>& all,
                      Packets* packets);
     void addCounters(const Interval& interval, Trace* trace);
     void addCounter(uint64_t track, int64_t timestampMs, double value, Trace* trace);
     /// The uuid of the parent, or 0, and the id and name of the thing.
     using TrackKey = std::tuple<uint64_t, int64_t, std::string>;
-    uint64_t findTrack(const TrackKey& key, const char* unit, Trace* trace);
+    using TrackView = std::tuple<uint64_t, int64_t, std::string_view>;
+    uint64_t findTrack(const TrackView& key, const char* unit, Trace* trace);
     bool append(const std::string& bytes, std::string* error);
 
     static Name keyOf(const Snapshot::Rail& rail) { return {rail.id, rail.name}; }
@@ -84,15 +93,16 @@ class TraceWriter {
     const std::string mPath;
     const int mDescriptor;
     int64_t mSize = 0;
-    /// That of the latest sample, kept for its memory.
-    Trace mTrace;
     /// The latest sequence in use.
     uint32_t mSequence;
     std::map<Name, RailSeries> mRails;
     std::map<EntityKey, EntitySeries> mEntities;
     int64_t mResidenciesMs = 0;
-    /// Their uuids.
-    std::map<TrackKey, uint64_t> mTracks;
+    /// Their uuids, which count from 1.
+    std::map<TrackKey, uint64_t, std::less<>> mTracks;
+    /// The keys by uuid, and the uuid of the track found last.
+    std::vector<const TrackKey*> mTrackKeys;
+    uint64_t mLatestTrack = 0;
 };
 
 }  // namespace powerstats
