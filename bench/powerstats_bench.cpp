@@ -25,6 +25,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -206,6 +207,8 @@ void measureSelecting(State& state, Subject& subject) {
 void measureThreads(State& state, Subject& subject, int threads) {
     constexpr int kCalls = 16;
     subject.load();
+    if (subject.bare) subject.client->connect(false);
+    std::mutex mutex;  // a bare client's, as the library has one
     for (auto _ : state) {
         std::atomic<int> ready{0};
         std::promise<void> start;
@@ -215,7 +218,14 @@ void measureThreads(State& state, Subject& subject, int threads) {
         for (int i = 0; i < threads; ++i) {
             callers.emplace_back([&] {
                 HostJniEnv env;
-                const auto call = [&] { collect(*subject.library, subject.workload.call, &env); };
+                const auto call = [&] {
+                    if (subject.bare) {
+                        const std::lock_guard<std::mutex> lock(mutex);
+                        subject.client->collect(*subject.bare, bootTimeMs(), &env);
+                    } else {
+                        collect(*subject.library, subject.workload.call, &env);
+                    }
+                };
                 call();  // so that the thread has a heap
                 ++ready;
                 started.wait();
@@ -362,15 +372,18 @@ void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus
     steady("limit", first, Step::kLimit);
     if (workload.nameLength != 12) return;
     if (workload.elements == 1000 && workload.call == Call::kResidencies) {
-        for (const Build& build : builds) {
-            for (const int threads : {1, 2, 4, 8}) {
-                const auto measure = [threads](State& state, Subject& subject) {
-                    measureThreads(state, subject, threads);
-                };
-                alone(add("threads", workload, build.subject + "/" + std::to_string(threads),
-                          with(build, measure)),
+        for (const int threads : {1, 2, 4, 8}) {
+            const auto measure = [threads](State& state, Subject& subject) {
+                measureThreads(state, subject, threads);
+            };
+            const auto addThreads = [&](const std::string& subject, const Build& build,
+                                        std::optional<Step> bare) {
+                alone(add("threads", workload, subject + "/" + std::to_string(threads),
+                          with(build, measure, bare)),
                       1);
-            }
+            };
+            for (const Build& build : builds) addThreads(build.subject, build, {});
+            addThreads("floor", first, Step::kFloor);
         }
     }
     if (!ordinary) return;

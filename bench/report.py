@@ -107,10 +107,13 @@ def print_tables(results, library):
     rows = []
     for (group, workload, threads), subjects in results.items():
         if group == "threads":
-            alone = results[group, workload, 1]["library"]["items_per_second"]
-            ours = subjects["library"]["items_per_second"]
-            rows.append([f"{workload}, {threads}", shown(ours, 0), shown(ours / alone)])
-    table("Threads calling at once", ["", "calls/s", "of one thread's"], rows)
+            alone = results[group, workload, 1]
+            row = [f"{workload}, {threads}", shown(subjects["library"]["items_per_second"], 0)]
+            for subject in "library", "floor":
+                row.append(shown(subjects[subject]["items_per_second"] / alone[subject]["items_per_second"]))
+            rows.append(row)
+    table("Threads calling at once (the floor is the bare client under a mutex)",
+          ["", "calls/s", "of one thread's", "floor's"], rows)
 
     print("\nThe library's file: {stripped_bytes} bytes stripped; {relocations} relocations "
           "({symbolic} by symbol); static initialisers: {initialisers}".format(**library))
@@ -160,9 +163,8 @@ def targets(results, library, tools):
     at_most("growth, compared with the floor's", 1.2,
             {kind: ours / floor for kind, (ours, floor) in growths(steady).items()})
     at_most("first call, compared with its floor", 1.2, ratios("first"))
-    at_most("one thread's throughput, compared with that of 8", 1 / 0.9,
-            {key[1]: results["threads", key[1], 1]["library"]["items_per_second"] /
-             subjects["library"]["items_per_second"]
+    at_most("throughput of 8 threads, the floor's compared with it", 1 / 0.9,
+            {key[1]: subjects["floor"]["items_per_second"] / subjects["library"]["items_per_second"]
              for key, subjects in results.items() if key[0] == "threads" and key[2] == 8})
     at_most("counters of /sys, compared with bare preads", 1.5,
             {workload: subjects["service"]["ns"] / subjects["floor"]["ns"]
