@@ -65,7 +65,7 @@ const Reading* RecordedCounters::find(const std::vector<Reading>& readings,
     const auto isLater = [timeMs = position->timeMs](const Reading& reading) {
         return reading.timestampMs > timeMs;
     };
-    // Nearly always each sample has a reading of each thing.
+    // Nearly always each sample has a reading of each thing, so the indices are the same.
     auto next =
         readings.begin() + static_cast<ptrdiff_t>(std::min(position->sample + 1, readings.size()));
     const bool isFound = next != readings.begin() && !isLater(*std::prev(next)) &&

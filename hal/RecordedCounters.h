@@ -49,7 +49,7 @@ class RecordedCounters : public Counters {
     struct Position {
         int64_t round;
         int64_t timeMs;
-        size_t sample;  ///< its index
+        size_t sample;  ///< the index of the sample at that time
     };
     Position position() const;
     template <typename Reading>
