@@ -239,7 +239,7 @@ void measureThreads(State& state, Subject& subject, int threads) {
         const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
         state.SetIterationTime(time.count());
     }
-    state.SetItemsProcessed(state.iterations() * kCalls);
+    state.counters["size"] = kCalls;
 }
 
 /// @param build [in] of the library; null for the bare calls of a collection.
@@ -348,8 +348,8 @@ std::vector<Workload> allWorkloads() {
 
 /// Registers the benchmarks of a workload. `builds` outlive them.
 void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus) {
-    // A machine that is slow for a moment makes a whole repetition slow. Many short ones leave
-    // their median alone.
+    // A machine that is slow for a moment makes a whole repetition slow. Of many short ones, enough
+    // stay fast.
     constexpr int kShortRepetitions = 61;
     const auto alone = [](benchmark::internal::Benchmark* benchmark, int iterations = 50) {
         benchmark->UseManualTime()->Iterations(iterations)->Repetitions(kShortRepetitions);
