@@ -362,14 +362,14 @@ void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus
     };
     const Build& first = builds.front();
     const bool ordinary = workload.elements < 1000;  // as many as a device of today has
-    const auto steady = [&](const std::string& subject, const Build& build,
+    const auto steady = [&](const char* group, const std::string& subject, const Build& build,
                             std::optional<Step> bare) {
-        auto* const benchmark = add("steady", workload, subject, with(build, measureSteady, bare));
+        auto* const benchmark = add(group, workload, subject, with(build, measureSteady, bare));
         if (ordinary) benchmark->MinTime(0.005)->Repetitions(kShortRepetitions);
     };
-    for (const Build& build : builds) steady(build.subject, build, {});
-    steady("floor", first, Step::kFloor);
-    steady("limit", first, Step::kLimit);
+    for (const Build& build : builds) steady("steady", build.subject, build, {});
+    steady("steady", "floor", first, Step::kFloor);
+    steady("steady", "limit", first, Step::kLimit);
     if (workload.nameLength != 12) return;
     if (workload.elements == 1000 && workload.call == Call::kResidencies) {
         for (const int threads : {1, 2, 4, 8}) {
@@ -388,9 +388,7 @@ void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus
     }
     if (!ordinary) return;
     const char* const steps[] = {"transaction", "tree", "sizes", "bytes"};
-    for (int i = 0; i < 4; ++i) {
-        add("steps", workload, steps[i], with(first, measureSteady, static_cast<Step>(i)));
-    }
+    for (int i = 0; i < 4; ++i) steady("steps", steps[i], first, static_cast<Step>(i));
     const auto addBus = [&](const std::string& subject, const Build* build) {
         const auto measure = [=](State& state) { measureBus(state, workload, build); };
         if (bus) add("bus", workload, subject, measure)->UseRealTime();

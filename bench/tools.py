@@ -4,10 +4,11 @@
 
 Usage: tools.py POWERSTATS
 
-CPU times are the process's own, its start included, as a share of one CPU over 60 s: `watch` of this machine's counters
-at two intervals, and `record` of 100 rails and 100 states, which are played back from a file, at 20 Hz. The growth of resident
-memory is that of 9,000 intervals of `watch`. A trace of 1 GB with 1 % power data, in packets of 1,000 bytes and in the
-page cache, is opened by `dump`; that is compared with `cat`, both best of five.
+CPU times are the process's own, its start included, as a share of one CPU over 60 s: `watch` of this
+machine's counters at two intervals, and `record` of 100 rails and 100 states, which are played back
+from a file, at 20 Hz. The growth of resident memory is that of 9,000 intervals of `watch`. A trace
+of 1 GB with 1 % power data, in packets of 1,000 bytes and in the page cache, is opened by `dump`;
+that is compared with `cat`, both best of five.
 """
 
 import json
