@@ -135,10 +135,12 @@ std::vector<std::string> notesOf(const Interval& interval) {
         notes.push_back(
             fmt::format("the machine was suspended for {} ms of it", interval.suspendedMs));
     }
+    const bool isShared = interval.railsError == interval.entitiesError;
     if (!interval.railsError.empty()) {
-        notes.push_back("rails: " + safeName(interval.railsError, SIZE_MAX));
+        notes.push_back((isShared ? "rails and power entities: " : "rails: ") +
+                        safeName(interval.railsError, SIZE_MAX));
     }
-    if (!interval.entitiesError.empty() && interval.entitiesError != interval.railsError) {
+    if (!interval.entitiesError.empty() && !isShared) {
         notes.push_back("power entities: " + safeName(interval.entitiesError, SIZE_MAX));
     }
     for (const Interval::Entity& entity : interval.entities) {
@@ -169,17 +171,18 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
         known.emplace(column, std::move(figure));
     }
     std::string text;
-    const bool anyIsNew = std::any_of(columns.begin(), columns.end(), [&](const auto& column) {
-        return std::find(mColumns.begin(), mColumns.end(), column) == mColumns.end();
-    });
-    if (anyIsNew || mColumns.empty()) {
+    const bool allKnown =
+        mColumns && std::all_of(columns.begin(), columns.end(), [&](const auto& column) {
+            return std::find(mColumns->begin(), mColumns->end(), column) != mColumns->end();
+        });
+    if (!allKnown) {
         mColumns = columns;
         text = "timestamp_ms,interval_ms,suspended_ms";
-        for (const std::string& column : mColumns) text += ',' + csvField(column);
+        for (const std::string& column : *mColumns) text += ',' + csvField(column);
         text += ",notes\n";
     }
     text += fmt::format("{},{},{}", interval.timestampMs, interval.elapsedMs, interval.suspendedMs);
-    for (const std::string& column : mColumns) text += ',' + known[column];
+    for (const std::string& column : *mColumns) text += ',' + known[column];
     std::vector<std::string> notes = notesOf(interval);
     for (const Interval::Rail& rail : interval.rails) {
         if (rail.trouble != Trouble::kNone) notes.push_back(rail.name + ' ' + toText(rail.trouble));

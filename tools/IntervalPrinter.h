@@ -23,8 +23,8 @@ class IntervalPrinter {
     std::string printCsv(const Interval& interval);
 
     const std::string mFormat;
-    /// The columns of rails and states, as the last header has them.
-    std::vector<std::string> mColumns;
+    /// The columns of rails and states, as the last header has them; std::nullopt before the first.
+    std::optional<std::vector<std::string>> mColumns;
 };
 
 /// What keeps figures out of an interval, or makes them doubtful: one text for each cause.

@@ -14,6 +14,7 @@ namespace support {
 namespace {
 
 using testing::HasSubstr;
+using testing::MatchesRegex;
 
 std::vector<std::string> powerstats(const std::string& arguments) {
     std::vector<std::string> words = {POWERSTATS_PROGRAM};
@@ -81,6 +82,18 @@ TEST(Watch, ShowsTheRecordedPowerOfADaemonThatPlaysARecording) {
         EXPECT_EQ(watch.wait(), 0) << watch.text();
         EXPECT_THAT(watch.text(), HasSubstr("\"power_mw\":510.0")) << "the display's";
     }
+}
+
+TEST(Watch, FailsWhenNothingWasRead) {
+    const PrivateBus bus;
+    const auto peer = startPeer({"answer", "error"});
+    Process watch(powerstats("watch --bus --format csv --interval 0.05 --count 2"));
+    EXPECT_EQ(watch.wait(), 1) << watch.text();
+    // One header.
+    EXPECT_THAT(watch.text(),
+                MatchesRegex("timestamp_ms,interval_ms,suspended_ms,notes\n"
+                             "([0-9]+,[0-9]+,0,\"rails and power entities: [^\"\n]*not today'\"\n)"
+                             "{2}"));
 }
 
 TEST(Run, PassesSignalsOnAndReturnsTheCommandsStatusOrThatOfTheSignal) {
