@@ -117,20 +117,20 @@ class Collector {
         *mError = mFile.at(offset, text);
         return false;
     }
-    static std::string describe(const Source& source, const std::string& kind);
+    static std::string describe(const Source& source, const char* kind);
 
     Source makeSource(int64_t index) const { return {mSequence, index, mOffset, ""}; }
     RecordedRail* rail(uint32_t index);
     RecordedEntity* entity(int32_t index);
     RecordedState* state(int32_t entityIndex, int32_t index);
-    bool setName(Source* source, const std::string& kind, const std::string& name) const;
+    bool setName(Source* source, const char* kind, const std::string& name) const;
     template <typename Reading>
-    bool append(Readings<Reading>* readings, const std::string& kind, const Reading& reading);
+    bool append(Readings<Reading>* readings, const char* kind, const Reading& reading);
     bool addRails(const PowerRails& packet);
     bool addResidencies(const EntityStateResidency& packet, int64_t timestampMs);
 
     bool serves(const Source& source, std::map<std::string, uint32_t>* sequences);
-    bool checkName(const Source& source, const std::string& kind) const;
+    bool checkName(const Source& source, const char* kind) const;
     bool finishRails(Recording* recording);
     bool finishEntities(Recording* recording);
     void findSamples(Recording* recording);
@@ -159,9 +159,9 @@ class Collector {
     size_t mTwins = 0;
 };
 
-std::string Collector::describe(const Source& source, const std::string& kind) {
+std::string Collector::describe(const Source& source, const char* kind) {
     const std::string name = source.name.empty() ? "" : " (" + safeName(source.name) + ")";
-    return kind + " " + std::to_string(source.index) + name + " of packet sequence " +
+    return std::string(kind) + " " + std::to_string(source.index) + name + " of packet sequence " +
            std::to_string(source.sequence);
 }
 
@@ -199,7 +199,7 @@ RecordedState* Collector::state(int32_t entityIndex, int32_t index) {
     return &mStates[place];
 }
 
-bool Collector::setName(Source* source, const std::string& kind, const std::string& name) const {
+bool Collector::setName(Source* source, const char* kind, const std::string& name) const {
     if (!source->name.empty() && name != source->name) {
         return fail(mOffset, describe(*source, kind) + " is also called " + safeName(name) +
                                  " (the file is damaged: record it again)");
@@ -209,8 +209,7 @@ bool Collector::setName(Source* source, const std::string& kind, const std::stri
 }
 
 template <typename Reading>
-bool Collector::append(Readings<Reading>* readings, const std::string& kind,
-                       const Reading& reading) {
+bool Collector::append(Readings<Reading>* readings, const char* kind, const Reading& reading) {
     const auto [first, second] = totals(reading);
     if (first < 0 || second < 0 || reading.timestampMs < 0) {
         return fail(mOffset, describe(*readings, kind) +
@@ -303,7 +302,7 @@ bool Collector::serves(const Source& source, std::map<std::string, uint32_t>* se
     return false;
 }
 
-bool Collector::checkName(const Source& source, const std::string& kind) const {
+bool Collector::checkName(const Source& source, const char* kind) const {
     return !source.name.empty() ||
            fail(source.offset, describe(source, kind) +
                                    " has no name (names are in the first packet of a sequence: "
