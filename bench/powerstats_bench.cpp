@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -27,6 +28,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -256,6 +258,8 @@ void measureBus(State& state, const Workload& workload, const Build* build) {
     });
 }
 
+constexpr int kMostCounters = 1280;
+
 /// `count` paths below /sys of the times that devices were active and suspended; repeated when the
 /// machine has fewer, and none when it has none.
 std::vector<std::string> counterFiles(size_t count) {
@@ -300,15 +304,18 @@ void measureCounters(State& state, const std::vector<std::string>& paths, bool f
     state.counters["size"] = static_cast<double>(paths.size());
 }
 
-void addCounters() {
-    for (const size_t count : {40, 1280}) {
-        const std::vector<std::string> paths = counterFiles(count);
-        if (paths.empty()) continue;
-        for (const bool floor : {false, true}) {
+/// @param files [in] kMostCounters of them, or none.
+void addCounters(const std::vector<std::string>& files, std::mt19937* random) {
+    if (files.empty()) return;
+    for (const int count : {40, kMostCounters}) {
+        const std::vector<std::string> paths(files.begin(), files.begin() + count);
+        const bool floorFirst = (*random)() % 2 == 0;
+        for (const bool floor : {floorFirst, !floorFirst}) {
             const std::string name = "counters/sysfs/numbers/" + std::to_string(count) + "/0/" +
                                      (floor ? "floor" : "service");
-            benchmark::RegisterBenchmark(
-                name.c_str(), [=](State& state) { measureCounters(state, paths, floor); });
+            benchmark::RegisterBenchmark(name.c_str(), [=](State& state) {
+                measureCounters(state, paths, floor);
+            })->Iterations(10'000 / count);
         }
     }
 }
@@ -346,62 +353,72 @@ std::vector<Workload> allWorkloads() {
     return all;
 }
 
-/// Registers the benchmarks of a workload. `builds` outlive them.
-void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus) {
-    // A machine that is slow for a moment makes a whole repetition slow. Of many short ones, enough
-    // stay fast.
-    constexpr int kShortRepetitions = 61;
-    const auto alone = [](benchmark::internal::Benchmark* benchmark, int iterations = 50) {
-        benchmark->UseManualTime()->Iterations(iterations)->Repetitions(kShortRepetitions);
-    };
-    const auto with = [workload](const Build& build, auto measure, std::optional<Step> bare = {}) {
-        return [=, &build](State& state) {
-            Subject subject(workload, build, bare);
-            measure(state, subject);
+/// A bare client that goes as far as a step.
+struct Bare {
+    const char* subject;
+    Step step;
+};
+
+/// Registers a repetition of a workload's benchmarks. The subjects of a comparison follow one
+/// another within a moment, so that a machine that is slow for a moment slows all of them, and in
+/// random order, so that none always finds the caches that the same one left. `builds` outlive
+/// them.
+/// @param thorough [in] also large collections, and calls over a bus. A quarter of the repetitions
+///     is enough for these.
+void addAll(const std::vector<Build>& builds, const Workload& workload, bool bus, bool thorough,
+            std::mt19937* random) {
+    const auto compare = [&](const std::string& group, const std::string& suffix,
+                             const std::vector<Bare>& bares, int iterations, const auto& measure) {
+        std::vector<std::pair<std::string, std::function<void(State&)>>> subjects;
+        const auto addSubject = [&](const std::string& name, const Build& build,
+                                    std::optional<Step> bare) {
+            subjects.emplace_back(name + suffix, [=, &build](State& state) {
+                Subject subject(workload, build, bare);
+                measure(state, subject);
+            });
         };
+        for (const Build& build : builds) addSubject(build.subject, build, {});
+        for (const auto& [name, step] : bares) addSubject(name, builds.front(), step);
+        std::shuffle(subjects.begin(), subjects.end(), *random);
+        for (const auto& [name, run] : subjects) {
+            auto* const benchmark = add(group, workload, name, run)->Iterations(iterations);
+            if (group != "steady") benchmark->UseManualTime();
+        }
     };
-    const Build& first = builds.front();
-    const bool ordinary = workload.elements < 1000;  // as many as a device of today has
-    const auto steady = [&](const char* group, const std::string& subject, const Build& build,
-                            std::optional<Step> bare) {
-        auto* const benchmark = add(group, workload, subject, with(build, measureSteady, bare));
-        if (ordinary) benchmark->MinTime(0.005)->Repetitions(kShortRepetitions);
-    };
-    for (const Build& build : builds) steady("steady", build.subject, build, {});
-    steady("steady", "floor", first, Step::kFloor);
-    steady("steady", "limit", first, Step::kLimit);
-    if (workload.nameLength != 12) return;
+    const bool isOrdinary = workload.elements < 1000;  // as many as a device of today has
+    const bool isShort = workload.nameLength == 12;
+    std::vector<Bare> bares = {{"floor", Step::kFloor}, {"limit", Step::kLimit}};
+    if (isOrdinary && isShort) {
+        bares.insert(bares.end(), {{"transaction", Step::kTransaction},
+                                   {"tree", Step::kTree},
+                                   {"sizes", Step::kSizes},
+                                   {"bytes", Step::kBytes}});
+    }
+    // A few milliseconds.
+    const int iterations = std::max(20'000 / workload.size(), 1);
+    if (isOrdinary || thorough) compare("steady", "", bares, iterations, measureSteady);
+    if (!isShort) return;
+    const std::vector<Bare> floor = {{"floor", Step::kFloor}};
     if (workload.elements == 1000 && workload.call == Call::kResidencies) {
         for (const int threads : {1, 2, 4, 8}) {
-            const auto measure = [threads](State& state, Subject& subject) {
-                measureThreads(state, subject, threads);
-            };
-            const auto addThreads = [&](const std::string& subject, const Build& build,
-                                        std::optional<Step> bare) {
-                alone(add("threads", workload, subject + "/" + std::to_string(threads),
-                          with(build, measure, bare)),
-                      1);
-            };
-            for (const Build& build : builds) addThreads(build.subject, build, {});
-            addThreads("floor", first, Step::kFloor);
+            compare("threads", "/" + std::to_string(threads), floor, 1,
+                    [threads](State& state, Subject& subject) {
+                        measureThreads(state, subject, threads);
+                    });
         }
     }
-    if (!ordinary) return;
-    const char* const steps[] = {"transaction", "tree", "sizes", "bytes"};
-    for (int i = 0; i < 4; ++i) steady("steps", steps[i], first, static_cast<Step>(i));
+    if (!isOrdinary) return;
+    compare("first", "", floor, 50, measureFirst);
+    compare("reconnect", "", floor, 50, measureReconnect);
+    compare("loading", "", {}, 50, measureLoading);
+    compare("selecting", "", {}, 50, measureSelecting);
+    if (!bus || !thorough) return;
     const auto addBus = [&](const std::string& subject, const Build* build) {
-        const auto measure = [=](State& state) { measureBus(state, workload, build); };
-        if (bus) add("bus", workload, subject, measure)->UseRealTime();
+        add("bus", workload, subject, [=](State& state) { measureBus(state, workload, build); })
+            ->Iterations(50)
+            ->UseRealTime();
     };
-    for (const Build& build : builds) {
-        alone(add("first", workload, build.subject, with(build, measureFirst)));
-        alone(add("loading", workload, build.subject, with(build, measureLoading)));
-        alone(add("reconnect", workload, build.subject, with(build, measureReconnect)));
-        alone(add("selecting", workload, build.subject, with(build, measureSelecting)));
-        addBus(build.subject, &build);
-    }
-    alone(add("first", workload, "floor", with(first, measureFirst, Step::kFloor)));
-    alone(add("reconnect", workload, "floor", with(first, measureReconnect, Step::kFloor)));
+    for (const Build& build : builds) addBus(build.subject, &build);
     addBus("floor", nullptr);
 }
 
@@ -413,11 +430,15 @@ int run(int argc, char** argv) {
     std::string file = LoadedLibrary::defaultFile();
     std::string against;
     bool bus = false;
+    int repetitions = 1;
     std::vector<int> served;
     app.add_option("--library", file, "The library's file")->check(CLI::ExistingFile);
     app.add_option("--against", against, "Another build of the library, measured in the same run")
         ->check(CLI::ExistingFile);
     app.add_flag("--bus", bus, "Measure collections over the session bus too");
+    app.add_option("--repetitions", repetitions,
+                   "Of each benchmark; of large collections and those over a bus a quarter")
+        ->check(CLI::PositiveNumber);
     app.add_option("--serve", served)->expected(5)->group("");  // see BusService
     if (const auto ended = powerstats::parseArguments(&app, argc, argv)) return *ended;
     if (!served.empty()) {
@@ -448,9 +469,15 @@ int run(int argc, char** argv) {
     for (const Build& build : builds) {
         for (const Workload& workload : workloads) check(build, workload);
     }
-    for (const Workload& workload : workloads) addAll(builds, workload, bus);
     powerstats::raiseOpenFileLimit();  // for more than a thousand counters
-    addCounters();
+    const std::vector<std::string> counters = counterFiles(kMostCounters);
+    std::mt19937 random(std::random_device{}());
+    for (int i = 0; i < repetitions; ++i) {
+        for (const Workload& workload : workloads) {
+            addAll(builds, workload, bus, i % 4 == 0, &random);
+        }
+        addCounters(counters, &random);
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
