@@ -25,7 +25,7 @@ MEASURED["counters"] = "service"
 
 
 def read(run):
-    """The figures: {(group, workload, threads): {subject: {"ns", "runs", counters...}}}."""
+    """The figures: {(group, workload, threads): {subject: {"ns", "runs" (by repetition), counters...}}}."""
     runs = defaultdict(list)
     for row in run["benchmarks"]:
         if row["run_type"] != "iteration":
