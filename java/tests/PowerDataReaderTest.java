@@ -27,70 +27,73 @@ public final class PowerDataReaderTest {
         return KeyedPowerData.newBuilder().setId(id).setData(data).build();
     }
 
-    private static String rail(Format format, String name, long timestampMs, long millijoules) {
-        PowerData.Builder data =
-                PowerData.newBuilder().setScalar(Scalar.newBuilder().setValue(millijoules));
-        PowerDataResult.Builder result =
-                PowerDataResult.newBuilder().addKeyedPowerData(element(name, timestampMs, data));
-        return format.available(Section.RAILS, result.build());
+    private static String text(KeyedPowerData... elements) throws Exception {
+        PowerDataResult.Builder result = PowerDataResult.newBuilder();
+        for (KeyedPowerData element : elements) result.addKeyedPowerData(element);
+        return PowerDataReader.text("Title", result.build().toByteArray());
     }
 
-    private static void testFormats() {
+    private static void testText() throws Exception {
+        PowerData.Builder scalar =
+                PowerData.newBuilder().setScalar(Scalar.newBuilder().setValue(Long.MIN_VALUE));
+        PowerData.Builder none = PowerData.newBuilder();
         Residency.Builder state =
                 Residency.newBuilder()
-                        .setName("deep sleep")
+                        .setName("deep\u007fsleep")
                         .setTotalTimeInStateMs(123456)
                         .setTotalStateEntryCount(9);
-        PowerDataResult entities =
-                PowerDataResult.newBuilder()
-                        .addKeyedPowerData(
-                                element("CPU", 77, PowerData.newBuilder().addResidency(state)))
-                        .addKeyedPowerData(element("GPU", 77, PowerData.newBuilder()))
-                        .build();
-        expect(
-                "residencies",
-                "residency\t77\tCPU\tdeep sleep\t123456\t9\nresidency\t77\tGPU\t\t\t\n"
-                        + "State residencies, 77 ms after boot\n"
-                        + "  entity  state           ms  entries\n"
-                        + "  CPU     deep sleep  123456        9\n"
-                        + "  GPU",
-                Format.TSV.available(Section.RESIDENCIES, entities)
-                        + "\n"
-                        + Format.TABLE.available(Section.RESIDENCIES, entities));
-        String unknown = "Rail energy, time unknown\n  rail  millijoules\n  A              -1";
-        expect("time unknown", unknown, rail(Format.TABLE, "A", 0, -1));
-        String escaped = "rail\t1\ta\\u0009b\\u000a\\u001b[2J\\\\u0085\t2";
-        expect("hostile name", escaped, rail(Format.TSV, "a\tb\n\u001b[2J\\u0085", 1, 2));
-        String longName = "a".repeat(50) + "b".repeat(50);
-        String cut = rail(Format.TABLE, longName, 1, Long.MIN_VALUE).split("\n")[2];
-        expect("width", 80, cut.length());
-        expect("both ends of the name", true, cut.matches(" +a+\\.\\.\\.b+ +-\\d+"));
-        for (Format format : Format.values()) {
-            String none = format.available(Section.RAILS, PowerDataResult.getDefaultInstance());
-            expect("an empty result", false, format.unavailable(Section.RAILS).equals(none));
-        }
-        String pair = "\ud83d\udd0b";
-        for (String odd : List.of("", "a")) {
-            String row = rail(Format.TABLE, odd + pair.repeat(100), 1, 2).split("\n")[2];
-            expect("width in pairs", 80, row.codePointCount(0, row.length()));
-            expect("no pair is split", false, row.replace(pair, "").matches(".*\\p{Cs}.*"));
-        }
+        String[][] cases = {
+            {
+                "null",
+                "Title: not available (the log says why)\n",
+                PowerDataReader.text("Title", null)
+            },
+            {"empty", "Title: none reported\n", text()},
+            {
+                "time unknown",
+                "Title, time unknown\n  A: -9223372036854775808 mJ\n",
+                text(element("A", 0, scalar))
+            },
+            {
+                "hostile name",
+                "Title, 1 ms after boot\n"
+                        + "  \ud83d\udd0ba\\u0009b\\u000a\\u001b[2J$1\\u0085: no states\n",
+                text(element("\ud83d\udd0ba\tb\n\u001b[2J$1\u0085", 1, none))
+            },
+            {
+                "states",
+                "Title, 77 ms after boot\n  CPU, deep\\u007fsleep: 123456 ms, 9 entries\n"
+                        + "  CPU, deep\\u007fsleep: 123456 ms, 9 entries\n  GPU: no states\n",
+                text(
+                        element(
+                                "CPU",
+                                77,
+                                PowerData.newBuilder().addResidency(state).addResidency(state)),
+                        element("GPU", 77, none))
+            },
+        };
+        for (String[] row : cases) expect(row[0], row[1], row[2]);
     }
 
-    private static void testWithoutLibrary() throws Exception {
-        String java = System.getProperty("java.home") + "/bin/java";
+    /** Runs the reader and expects its exit status and a part of its message. */
+    private static void testFailure(String message, String... arguments) throws Exception {
         String path = System.getProperty("java.class.path");
-        String reader = PowerDataReader.class.getName();
-        Process process =
-                new ProcessBuilder(java, "-Djava.library.path=/x", "-cp", path, reader).start();
+        String[] command = {
+            System.getProperty("java.home") + "/bin/java", "-Djava.library.path=/x", "-cp", path
+        };
+        ProcessBuilder builder = new ProcessBuilder(command);
+        builder.command().add(PowerDataReader.class.getName());
+        builder.command().addAll(List.of(arguments));
+        Process process = builder.start();
         String errors = new String(process.getErrorStream().readAllBytes());
-        expect("remedy: " + errors, true, errors.contains("-Djava.library.path=FOLDER"));
-        expect("exit status without library", 2, process.waitFor());
+        expect(errors + " has " + message, true, errors.contains(message));
+        expect("exit status: " + message, 2, process.waitFor());
     }
 
     public static void main(String[] arguments) throws Exception {
-        testWithoutLibrary();
-        testFormats();
+        testFailure("-Djava.library.path=FOLDER");
+        testFailure("takes no arguments", "--rails");
+        testText();
         if (failures > 0) System.exit(1);
     }
 }

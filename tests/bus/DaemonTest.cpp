@@ -114,20 +114,22 @@ TEST_F(Daemon, IsReadFromJavaAndTheCheckOfJniCallsFindsNoFault) {
     mTree.writeDevice("pci0/usb1", 321, 654);
     for (const std::string hal : {"aidl", "hidl"}) {
         const auto daemon = startDaemon(hal, mTree.root());
-        std::istringstream lines(run(
-            0, {JAVA_PROGRAM, "-Xcheck:jni", libraryPath, "-jar", READER_JAR, "--format", "tsv"}));
+        std::istringstream lines(
+            run(0, {JAVA_PROGRAM, "-Xcheck:jni", libraryPath, "-jar", READER_JAR}));
         // The library's choice, the system's times, and a warning of newer virtual machines about
         // Java's own protobuf runtime.
         const std::regex other(
-            R"(.*Native\(.*: Using power.stats .*|.*\tsystem\t.*|.*(sun.misc.Unsafe|com.google.protobuf).*)");
+            R"(.*Native\(.*: Using power.stats .*|  system, .*|.*(sun.misc.Unsafe|com.google.protobuf).*)");
         std::string facts;
         for (std::string line; std::getline(lines, line);) {
             if (std::regex_match(line, other)) continue;
-            facts += std::regex_replace(line, std::regex("\t[0-9]+\t(.*)"), " $1\n");
+            facts += std::regex_replace(line, std::regex(", [0-9]+ ms after boot"), " now") + '\n';
         }
         EXPECT_EQ(facts,
-                  "rail package-0\t4500\nrail package-0/core\t1\nresidency cpu0\tC2\t5000\t12\n"
-                  "residency pci0/usb1\tactive\t321\t0\nresidency pci0/usb1\tsuspended\t654\t0\n")
+                  "Rail energy now\n  package-0: 4500 mJ\n  package-0/core: 1 mJ\n"
+                  "State residencies now\n  cpu0, C2: 5000 ms, 12 entries\n"
+                  "  pci0/usb1, active: 321 ms, 0 entries\n"
+                  "  pci0/usb1, suspended: 654 ms, 0 entries\n")
             << hal;
     }
 #endif

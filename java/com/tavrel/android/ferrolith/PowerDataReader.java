@@ -3,57 +3,50 @@
 package com.tavrel.android.ferrolith;
 
 import com.google.protobuf.InvalidProtocolBufferException;
+import com.tavrel.android.ferrolith.poweranomalyservice.proto.KeyedPowerData;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult;
+import com.tavrel.android.ferrolith.poweranomalyservice.proto.Residency;
 import java.io.FileDescriptor;
 import java.io.FileOutputStream;
 import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
-import java.util.List;
+import java.util.regex.Pattern;
 
-/** Prints the power stats service's measurements; {@link ReaderOptions#HELP} is its manual. */
+/**
+ * Prints the energy of all rails and the time of all power entities in their states.
+ *
+ * <p>Exit status: 0 something was collected, 1 nothing was or the output could not be written, 2 an
+ * argument or no library.
+ */
 public final class PowerDataReader {
-    private static final int EXIT_NOTHING_COLLECTED = 1;
-    private static final int EXIT_BAD_ARGUMENT = 2;
-
-    private final ReaderOptions options;
-    // Names are UTF-8 in every locale, as in the messages they come from.
-    private final PrintStream out =
+    // Control characters would break lines, and could steer a terminal.
+    private static final Pattern CONTROL = Pattern.compile("\\p{Cc}");
+    // Names are UTF-8 in every locale, as in the messages that they come from.
+    private static final PrintStream OUT =
             new PrintStream(
                     new FileOutputStream(FileDescriptor.out), false, StandardCharsets.UTF_8);
-    private boolean collected;
 
-    private PowerDataReader(ReaderOptions options) {
-        this.options = options;
-    }
+    private PowerDataReader() {}
 
-    public static void main(String[] arguments) throws InterruptedException {
+    public static void main(String[] arguments) {
+        if (arguments.length > 0) fail("takes no arguments (java/README.md says more)", 2);
         try {
-            ReaderOptions options = ReaderOptions.parse(List.of(arguments));
-            if (options.help) {
-                System.out.println(ReaderOptions.HELP);
-                return;
-            }
-            if (options.version) {
-                // The jar's manifest has it.
-                String version = PowerDataReader.class.getPackage().getImplementationVersion();
-                System.out.println("powerstats-reader " + version);
-                return;
-            }
-            PowerDataReader reader = new PowerDataReader(options);
-            reader.run();
-            if (!reader.collected) System.exit(EXIT_NOTHING_COLLECTED);
-        } catch (ReaderOptions.BadArgument e) {
-            fail(e.getMessage(), EXIT_BAD_ARGUMENT);
+            // The second call may end the process, so the first result is printed before it.
+            boolean rails =
+                    print("Rail energy", TavrelPowerStatsHalDataProvider.getRailEnergyNative());
+            boolean entities =
+                    print(
+                            "State residencies",
+                            TavrelPowerStatsHalDataProvider.getResidenciesNative());
+            if (!rails && !entities) System.exit(1);
         } catch (UnsatisfiedLinkError e) {
-            fail(
-                    e.getMessage() + " (run java with -Djava.library.path=FOLDER of the library)",
-                    EXIT_BAD_ARGUMENT);
+            fail(e.getMessage() + " (run java with -Djava.library.path=FOLDER of the library)", 2);
         } catch (InvalidProtocolBufferException e) {
             fail(
                     "result of the library: "
                             + e.getMessage()
                             + " (build the library and this program from the same schema)",
-                    EXIT_NOTHING_COLLECTED);
+                    1);
         }
     }
 
@@ -62,23 +55,40 @@ public final class PowerDataReader {
         System.exit(exitStatus);
     }
 
-    private void run() throws InterruptedException, InvalidProtocolBufferException {
-        for (int call = 0; call < options.count; ++call) {
-            if (call > 0) Thread.sleep(options.pauseMs);
-            for (Section section : options.sections) print(section);
-        }
+    /** Prints a result of the library and returns whether it has any element. */
+    private static boolean print(String title, byte[] bytes)
+            throws InvalidProtocolBufferException {
+        OUT.print(text(title, bytes));
+        if (OUT.checkError()) fail("standard output: cannot write (has its reader gone?)", 1);
+        return bytes != null && bytes.length > 0;
     }
 
-    private void print(Section section) throws InvalidProtocolBufferException {
-        byte[] bytes = section.collect();
-        collected |= bytes != null && bytes.length > 0;
-        out.println(
-                bytes == null
-                        ? options.format.unavailable(section)
-                        : options.format.available(section, PowerDataResult.parseFrom(bytes)));
-        // Flush now: the next call may end the process, and these lines must not be lost.
-        if (out.checkError()) {
-            fail("standard output: cannot write (has its reader gone?)", EXIT_NOTHING_COLLECTED);
+    /** Returns the lines that show a result of the library. */
+    static String text(String title, byte[] bytes) throws InvalidProtocolBufferException {
+        if (bytes == null) return title + ": not available (the log says why)\n";
+        PowerDataResult result = PowerDataResult.parseFrom(bytes);
+        if (result.getKeyedPowerDataCount() == 0) return title + ": none reported\n";
+        long timestampMs = result.getKeyedPowerData(0).getId().getTimestampMs();
+        StringBuilder text = new StringBuilder(title);
+        text.append(timestampMs == 0 ? ", time unknown" : ", " + timestampMs + " ms after boot");
+        for (KeyedPowerData element : result.getKeyedPowerDataList()) {
+            String name = "\n  " + visible(element.getId().getName());
+            if (element.getData().hasScalar()) {
+                text.append(name + ": " + element.getData().getScalar().getValue() + " mJ");
+            } else if (element.getData().getResidencyCount() == 0) {
+                text.append(name + ": no states");
+            }
+            for (Residency state : element.getData().getResidencyList()) {
+                text.append(name + ", " + visible(state.getName()) + ": ");
+                text.append(state.getTotalTimeInStateMs() + " ms, ");
+                text.append(state.getTotalStateEntryCount() + " entries");
+            }
         }
+        return text + "\n";
+    }
+
+    private static String visible(String name) {
+        return CONTROL.matcher(name)
+                .replaceAll(match -> String.format("\\\\u%04x", (int) match.group().charAt(0)));
     }
 }
