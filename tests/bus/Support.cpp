@@ -12,8 +12,37 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
 
 namespace support {
+namespace {
+
+constexpr char kNoBus[] = "unix:path=/nonexistent/bus";
+
+/// The programs and files of tests are named relative to the build folder, so that a copy of it
+/// works wherever it is.
+const bool kInBuildFolder = [] {
+    const auto program = std::filesystem::read_symlink("/proc/self/exe");
+    std::filesystem::current_path(program.parent_path().parent_path());
+    return true;
+}();
+
+/// Writes the configuration of a system bus into a folder. Root of the installed policy is the user
+/// who runs the test.
+/// @return the file.
+std::string writeSystemBusConfig(const std::string& folder) {
+    const std::string file = folder + "/bus.conf";
+    std::filesystem::copy_file(SOURCE_FOLDER "/tests/bus/system-bus.conf", file);
+    std::ostringstream policy;
+    policy << std::ifstream(SOURCE_FOLDER "/packaging/powerstats.conf").rdbuf();
+    std::ofstream(folder + "/powerstats.conf") << std::regex_replace(
+        policy.str(), std::regex("user=\"root\""), "user=\"" + std::to_string(geteuid()) + '"');
+    return file;
+}
+
+}  // namespace
 
 Process::Process(const std::vector<std::string>& arguments) {
     int pipes[2];
@@ -43,7 +72,7 @@ bool Process::waitFor(const std::string& text, size_t from) {
     pollfd readable{mPipe, POLLIN, 0};
     char buffer[4096];
     while (mText.find(text, from) == std::string::npos) {
-        if (poll(&readable, 1, 30'000) <= 0) return false;
+        if (poll(&readable, 1, 300'000) <= 0) return false;
         const ssize_t count = read(mPipe, buffer, sizeof(buffer));
         if (count <= 0) return false;
         mText.append(buffer, static_cast<size_t>(count));
@@ -68,8 +97,6 @@ void Process::kill() {
     mEnded = waitpid(mPid, &mStatus, 0) == mPid;
 }
 
-static constexpr char kNoBus[] = "unix:path=/nonexistent/bus";
-
 PrivateBus::PrivateBus(host::Bus bus)
     : mVariable(bus == host::Bus::kSession ? "DBUS_SESSION_BUS_ADDRESS"
                                            : "DBUS_SYSTEM_BUS_ADDRESS") {
@@ -82,7 +109,8 @@ PrivateBus::PrivateBus(host::Bus bus)
     mAddress = "unix:path=" + mFolder + "/socket";
     mDaemon = std::make_unique<Process>(std::vector<std::string>{
         "dbus-daemon", "--nofork", "--print-address=2", "--address=" + mAddress,
-        bus == host::Bus::kSession ? "--session" : "--config-file=" SYSTEM_BUS_CONFIG});
+        bus == host::Bus::kSession ? "--session"
+                                   : "--config-file=" + writeSystemBusConfig(mFolder)});
     EXPECT_TRUE(mDaemon->waitFor("unix:path=")) << mDaemon->text();
     setenv(mVariable, mAddress.c_str(), 1);
 }

@@ -24,7 +24,7 @@ class Process {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    /// Reads until the text arrives, the output ends or nothing comes for 30 s.
+    /// Reads until the text arrives, the output ends or nothing comes for 300 s.
     /// @param from [in] where in the output to look for it.
     /// @return whether the text arrived.
     bool waitFor(const std::string& text, size_t from = 0);
@@ -48,7 +48,8 @@ class Process {
 };
 
 /// A bus of this test's own, in place of the session's or the system's bus. The latter has the
-/// rules and limits of a system bus, and the policy that is installed.
+/// rules and limits of a system bus, and the policy that is installed, with this user in the place
+/// of root.
 class PrivateBus {
   public:
     explicit PrivateBus(host::Bus bus = host::Bus::kSession);
