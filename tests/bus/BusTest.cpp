@@ -82,7 +82,7 @@ TEST(Lookup, WithoutABusOrAServiceFindsNothingAtOnce) {
             const auto bus = hasBus ? std::make_unique<PrivateBus>() : nullptr;
             BusScenario scenario;
             auto call = std::async(std::launch::async, [&] { return scenario.call(Call::kRails); });
-            ASSERT_EQ(call.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+            ASSERT_EQ(call.wait_for(std::chrono::seconds(300)), std::future_status::ready);
             EXPECT_EQ(call.get().events, (Lines{chosenLine(Backend::kHidl),
                                                 "E: Unable to get power stats HAL service!",
                                                 "E: Power stats HAL not loaded!"}));
@@ -150,7 +150,7 @@ TEST(AidlBus, LinkToAProcessThatIsGoneIsToldAtOnceAndOnce) {
     const ndk::ScopedAIBinder_DeathRecipient recipient(AIBinder_DeathRecipient_new(
         [](void* cookie) { static_cast<std::promise<void>*>(cookie)->set_value(); }));
     EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_OK);
-    EXPECT_EQ(told.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(told.get_future().wait_for(std::chrono::seconds(300)), std::future_status::ready);
     EXPECT_TRUE(host::waitForDeathNotices());
     EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_DEAD_OBJECT);
     EXPECT_EQ(stats::IPowerStats::fromBinder(binder), nullptr);

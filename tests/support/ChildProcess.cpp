@@ -50,7 +50,7 @@ Ended runInChild(const std::function<void()>& run) {
         dup2(ends[1], STDERR_FILENO);
         const rlimit noCore{0, 0};
         setrlimit(RLIMIT_CORE, &noCore);
-        alarm(30);
+        alarm(300);
         signal(SIGABRT, onAbort);
         try {
             run();
