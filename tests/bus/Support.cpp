@@ -33,7 +33,7 @@ const bool kInBuildFolder = [] {
 /// who runs the test.
 /// @return the file.
 std::string writeSystemBusConfig(const std::string& folder) {
-    const std::string file = folder + "/bus.conf";
+    std::string file = folder + "/bus.conf";
     std::filesystem::copy_file(SOURCE_FOLDER "/tests/bus/system-bus.conf", file);
     std::ostringstream policy;
     policy << std::ifstream(SOURCE_FOLDER "/packaging/powerstats.conf").rdbuf();
