@@ -5,18 +5,16 @@
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "hal/NamesAndIds.h"
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
+#include "tools/Json.h"
 #include "tools/Rules.h"
 #include "tools/Service.h"
 #include "tools/Survey.h"
@@ -162,41 +160,44 @@ std::string formatTable(const Report& report) {
     return text + "Library: " + describe(report.library) + "\n";
 }
 
+Json toJson(const Judgement& judgement) {
+    std::vector<Json> evidence;
+    for (const Evidence& one : evidenceOf(judgement).first) {
+        evidence.push_back(Json::object({{"method", one.method},
+                                         {"thing", one.thing},
+                                         {"read_ms", one.readMs},
+                                         {"found", one.found},
+                                         {"expected", one.expected}}));
+    }
+    return Json::object({{"name", judgement.rule->name},
+                         {"verdict", nameOf(judgement)},
+                         {"published_test", judgement.rule->isPublishedTest},
+                         {"sentence", judgement.rule->sentence},
+                         {"consequence", consequenceOf(judgement)},
+                         {"evidence", Json::array(evidence)},
+                         {"findings", evidenceOf(judgement).count}});
+}
+
 std::string formatJson(const Report& report) {
-    nlohmann::ordered_json json;
-    json["title"] = report.title;
-    json["rules"] = nlohmann::ordered_json::array();
-    for (const Judgement& judgement : report.judgements) {
-        nlohmann::ordered_json rule = {{"name", judgement.rule->name},
-                                       {"verdict", nameOf(judgement)},
-                                       {"published_test", judgement.rule->isPublishedTest},
-                                       {"sentence", judgement.rule->sentence},
-                                       {"consequence", consequenceOf(judgement)},
-                                       {"evidence", nlohmann::ordered_json::array()},
-                                       {"findings", evidenceOf(judgement).count}};
-        for (const Evidence& one : evidenceOf(judgement).first) {
-            rule["evidence"].push_back({{"method", one.method},
-                                        {"thing", one.thing},
-                                        {"read_ms", one.readMs},
-                                        {"found", one.found},
-                                        {"expected", one.expected}});
-        }
-        json["rules"].push_back(std::move(rule));
-    }
-    json["calls"] = nlohmann::ordered_json::array();
+    std::vector<Json> rules, calls;
+    for (const Judgement& judgement : report.judgements) rules.push_back(toJson(judgement));
     for (const auto& [method, timing] : report.timings) {
-        json["calls"].push_back({{"method", method},
-                                 {"number", timing.tookMs.size()},
-                                 {"median_ms", timing.percentile(0.5)},
-                                 {"percentile_99_ms", timing.percentile(0.99)},
-                                 {"bytes", timing.mostBytes},
-                                 {"records", timing.mostRecords}});
+        calls.push_back(Json::object({{"method", method},
+                                      {"number", timing.tookMs.size()},
+                                      {"median_ms", timing.percentile(0.5)},
+                                      {"percentile_99_ms", timing.percentile(0.99)},
+                                      {"bytes", timing.mostBytes},
+                                      {"records", timing.mostRecords}}));
     }
-    json["notes"] = report.notes;
-    json["library"] = {{"called", report.library.wasCalled},
-                       {"signal", report.library.signal},
-                       {"text", describe(report.library)}};
-    return json.dump(2) + "\n";
+    const Json json =
+        Json::object({{"title", report.title},
+                      {"rules", Json::array(rules)},
+                      {"calls", Json::array(calls)},
+                      {"notes", Json::array({report.notes.begin(), report.notes.end()})},
+                      {"library", Json::object({{"called", report.library.wasCalled},
+                                                {"signal", report.library.signal},
+                                                {"text", describe(report.library)}})}});
+    return json.toText(2) + "\n";
 }
 
 bool contains(const std::vector<std::string>& names, const char* name) {
@@ -248,44 +249,37 @@ int check(const CheckArguments& arguments) {
 
 }  // namespace
 
-Command addCheck(CLI::App* app) {
+Command addCheck(CommandLine program) {
     const auto arguments = std::make_shared<CheckArguments>();
-    CLI::App* const command = app->add_subcommand(
+    CommandLine command = program.addSubcommand(
         "check", "Check whether a service keeps the promises of its interface.");
-    command->footer(
+    command.addFooter(
         "Prints a line for each rule, and for a broken one the evidence. Times are milliseconds\n"
         "since boot, for --replay those of the recording. A rule's name stays for ever.\n"
         "Exit status: 0 no rule is broken, 1 a rule is broken, 2 bad argument, no service, or the\n"
         "report could not be written.\n"
-        "Example: powerstats check --duration 1 --replay share/recordings/phone.pftrace");
+        "Example: powerstats check --duration 1");
     addServiceOptions(command, &arguments->service);
-    std::vector<std::string> names;
-    for (const Rule& rule : allRules()) names.emplace_back(rule.name);
-    command->add_option("--duration", arguments->durationSeconds, "Seconds to go on reading")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-    command
-        ->add_option("--timeout", arguments->timeoutSeconds,
-                     "Seconds that a call on a bus may take")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
+    command.addOption("--duration", "Seconds to go on reading",
+                      number(&arguments->durationSeconds, {0, 86400}));
+    command.addOption("--timeout", "Seconds that a call on a bus may take",
+                      number(&arguments->timeoutSeconds, {0.001, 86400}));
     const auto addRules = [&](const char* option, std::vector<std::string>* rules,
                               const char* text) {
-        command->add_option(option, *rules, text)
-            ->expected(1)
-            ->take_all()
-            ->type_name("RULE")
-            ->check([names](const std::string& name) {
-                return contains(names, name.c_str())
-                           ? std::string()
+        const auto take = [rules](const std::string& name) {
+            rules->push_back(name);
+            const auto& all = allRules();
+            const bool isKnown = std::any_of(all.begin(), all.end(),
+                                             [&](const Rule& rule) { return rule.name == name; });
+            return isKnown ? ""
                            : name + ": no rule has this name (powerstats check prints the names)";
-            });
+        };
+        command.addOption(option, text, {"RULE", "", "", take}).repeat();
     };
     addRules("--only", &arguments->only, "Judge by this rule only; may be repeated");
     addRules("--except", &arguments->except, "Do not judge by this rule; may be repeated");
-    command->add_option("--format", arguments->format, "Format of the report")
-        ->check(CLI::IsMember({"table", "json"}))
-        ->capture_default_str();
+    command.addOption("--format", "Format of the report",
+                      choice(&arguments->format, {"table", "json"}));
     return {command, [arguments] { return check(*arguments); }};
 }
 

@@ -6,24 +6,22 @@
 
 #include <functional>
 
-namespace CLI {
-class App;
-}
+#include "tools/CommandLine.h"
 
 namespace powerstats {
 
 /// A subcommand that was added to the program's command line, and a function that runs it after the
 /// arguments were parsed.
 struct Command {
-    CLI::App* app;
+    CommandLine line;
     std::function<int()> run;
 };
 
-Command addDump(CLI::App* app);
-Command addMetrics(CLI::App* app);
-Command addWatch(CLI::App* app);
-Command addRecord(CLI::App* app);
-Command addRun(CLI::App* app);
-Command addCheck(CLI::App* app);
+Command addDump(CommandLine program);
+Command addMetrics(CommandLine program);
+Command addWatch(CommandLine program);
+Command addRecord(CommandLine program);
+Command addRun(CommandLine program);
+Command addCheck(CommandLine program);
 
 }  // namespace powerstats

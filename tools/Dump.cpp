@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 #include <host/JavaRuntime.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -14,7 +13,6 @@
 #include <vector>
 
 #include "hal/NamesAndIds.h"
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/ResultPrinter.h"
 #include "tools/Service.h"
@@ -152,26 +150,27 @@ int dump(const DumpArguments& arguments) {
 
 }  // namespace
 
-Command addDump(CLI::App* app) {
+Command addDump(CommandLine program) {
     const auto arguments = std::make_shared<DumpArguments>();
-    CLI::App* const command =
-        app->add_subcommand("dump", "Call the library once and print its result.");
-    command->footer(
+    CommandLine command =
+        program.addSubcommand("dump", "Call the library once and print its result.");
+    command.addFooter(
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
         "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a library that cannot be loaded.\n"
-        "Example: powerstats dump --sysfs share/sample-machine --rails");
+        "Example: powerstats dump --residencies");
     addServiceOptions(command, &arguments->service);
-    command->add_flag("--rails", arguments->rails, "Energy of the rails only");
-    command->add_flag("--residencies", arguments->residencies, "States of the power entities only");
-    command->add_option("--format", arguments->format, "binary: the library's own bytes")
-        ->check(CLI::IsMember({"table", "json", "binary"}))
-        ->capture_default_str();
-    command->add_option("--library", arguments->library, "The library's file")
-        ->type_name("FILE")
-        ->default_str("the one installed with this program");
+    command.addFlag("--rails", "Energy of the rails only",
+                    [arguments] { arguments->rails = true; });
+    command.addFlag("--residencies", "States of the power entities only",
+                    [arguments] { arguments->residencies = true; });
+    command.addOption("--format", "binary: the library's own bytes",
+                      choice(&arguments->format, {"table", "json", "binary"}));
+    Value library = text(&arguments->library, "FILE");
+    library.byDefault = "the one installed with this program";
+    command.addOption("--library", "The library's file", library);
     return {command, [arguments] { return dump(*arguments); }};
 }
 

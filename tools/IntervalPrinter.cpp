@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "hal/NamesAndIds.h"
@@ -15,8 +14,6 @@
 namespace powerstats {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 std::string percent(double share) {
     return fmt::format("{:.1f}", share * 100);
@@ -65,45 +62,8 @@ std::string printTable(const Interval& interval) {
     return text + '\n';
 }
 
-ordered_json nullUnless(bool condition, const ordered_json& value) {
-    return condition ? value : ordered_json();
-}
-
-std::string printJson(const Interval& interval) {
-    ordered_json json = {
-        {"timestamp_ms", interval.timestampMs}, {"interval_ms", interval.elapsedMs},
-        {"suspended_ms", interval.suspendedMs}, {"rails", ordered_json::array()},
-        {"entities", ordered_json::array()},    {"notes", notesOf(interval)}};
-    for (const Interval::Rail& rail : interval.rails) {
-        const bool isKnown = rail.trouble == Trouble::kNone;
-        json["rails"].push_back({{"id", rail.id},
-                                 {"name", safeName(rail.name, SIZE_MAX)},
-                                 {"subsystem", safeName(rail.subsystem, SIZE_MAX)},
-                                 {"timestamp_ms", nullUnless(isKnown, rail.timestampMs)},
-                                 {"interval_ms", nullUnless(isKnown, rail.elapsedMs)},
-                                 {"energy_uws", nullUnless(isKnown, rail.energyUWs)},
-                                 {"power_mw", nullUnless(isKnown, rail.milliwatts)},
-                                 {"trouble", toText(rail.trouble)}});
-    }
-    for (const Interval::Entity& entity : interval.entities) {
-        const bool isKnown = entity.trouble == Trouble::kNone;
-        ordered_json states = ordered_json::array();
-        for (const Interval::State& state : entity.states) {
-            states.push_back({{"id", state.id},
-                              {"name", safeName(state.name, SIZE_MAX)},
-                              {"time_ms", nullUnless(isKnown, state.timeMs)},
-                              {"share_percent", nullUnless(isKnown, state.share * 100)},
-                              {"entries", nullUnless(isKnown, state.entries)},
-                              {"entries_per_s", nullUnless(isKnown, state.entriesPerSecond)}});
-        }
-        json["entities"].push_back(
-            {{"id", entity.id},
-             {"name", safeName(entity.name, SIZE_MAX)},
-             {"states", std::move(states)},
-             {"none_of_these_percent", nullUnless(isKnown, entity.noneShare * 100)},
-             {"trouble", toText(entity.trouble)}});
-    }
-    return json.dump() + '\n';
+Json nullUnless(bool condition, const Json& value) {
+    return condition ? value : Json();
 }
 
 /// The figures of an interval by their columns, in order; an empty text where one is not known.
@@ -149,6 +109,48 @@ std::vector<std::string> notesOf(const Interval& interval) {
                         ": more time in states than passed (a stay is counted when it ends)");
     }
     return notes;
+}
+
+Json toJson(const Interval& interval) {
+    std::vector<Json> rails;
+    for (const Interval::Rail& rail : interval.rails) {
+        const bool isKnown = rail.trouble == Trouble::kNone;
+        rails.push_back(Json::object({{"id", rail.id},
+                                      {"name", safeName(rail.name, SIZE_MAX)},
+                                      {"subsystem", safeName(rail.subsystem, SIZE_MAX)},
+                                      {"timestamp_ms", nullUnless(isKnown, rail.timestampMs)},
+                                      {"interval_ms", nullUnless(isKnown, rail.elapsedMs)},
+                                      {"energy_uws", nullUnless(isKnown, rail.energyUWs)},
+                                      {"power_mw", nullUnless(isKnown, rail.milliwatts)},
+                                      {"trouble", toText(rail.trouble)}}));
+    }
+    std::vector<Json> entities;
+    for (const Interval::Entity& entity : interval.entities) {
+        const bool isKnown = entity.trouble == Trouble::kNone;
+        std::vector<Json> states;
+        for (const Interval::State& state : entity.states) {
+            states.push_back(
+                Json::object({{"id", state.id},
+                              {"name", safeName(state.name, SIZE_MAX)},
+                              {"time_ms", nullUnless(isKnown, state.timeMs)},
+                              {"share_percent", nullUnless(isKnown, state.share * 100)},
+                              {"entries", nullUnless(isKnown, state.entries)},
+                              {"entries_per_s", nullUnless(isKnown, state.entriesPerSecond)}}));
+        }
+        entities.push_back(
+            Json::object({{"id", entity.id},
+                          {"name", safeName(entity.name, SIZE_MAX)},
+                          {"states", Json::array(states)},
+                          {"none_of_these_percent", nullUnless(isKnown, entity.noneShare * 100)},
+                          {"trouble", toText(entity.trouble)}}));
+    }
+    const std::vector<std::string> notes = notesOf(interval);
+    return Json::object({{"timestamp_ms", interval.timestampMs},
+                         {"interval_ms", interval.elapsedMs},
+                         {"suspended_ms", interval.suspendedMs},
+                         {"rails", Json::array(rails)},
+                         {"entities", Json::array(entities)},
+                         {"notes", Json::array({notes.begin(), notes.end()})}});
 }
 
 std::string csvField(const std::string& name) {
@@ -199,7 +201,7 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
 
 std::string IntervalPrinter::print(const Interval& interval) {
     if (mFormat == "csv") return printCsv(interval);
-    return mFormat == "jsonl" ? printJson(interval) : printTable(interval);
+    return mFormat == "jsonl" ? toJson(interval).toText(-1) + '\n' : printTable(interval);
 }
 
 }  // namespace powerstats

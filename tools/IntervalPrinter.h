@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/Interval.h"
+#include "tools/Json.h"
 
 namespace powerstats {
 
@@ -29,6 +30,9 @@ class IntervalPrinter {
 
 /// What keeps figures out of an interval, or makes them doubtful: one text for each cause.
 std::vector<std::string> notesOf(const Interval& interval);
+
+/// The object of JSON for an interval.
+Json toJson(const Interval& interval);
 
 /// A field of CSV: a safe name, quoted where it must be. A name that a spreadsheet would take for a
 /// formula begins with an escape.

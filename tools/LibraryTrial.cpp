@@ -10,12 +10,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "tools/CommandLine.h"
+#include "tools/Json.h"
 #include "tools/Survey.h"
 
 namespace powerstats {
@@ -79,14 +79,12 @@ std::string summarize(const std::string& log, bool isEnded) {
 
 /// Says how many rails and entities are in the output of "dump --format json".
 std::string describeResult(const std::string& json) {
-    const auto result = nlohmann::json::parse(json, nullptr, false);
-    if (!result.is_object()) return "nothing that can be read";
+    const std::optional<Json> result = Json::parse(json);
+    if (!result) return "nothing that can be read";
     const auto count = [&](const char* list, const char* one, const char* many) {
-        if (!result.contains(list) || !result[list].is_array()) {
-            return fmt::format("null for the {}", many);
-        }
-        const size_t size = result[list].size();
-        return fmt::format("{} {}", size, size == 1 ? one : many);
+        const std::optional<size_t> size = result->arraySize(list);
+        return size ? fmt::format("{} {}", *size, *size == 1 ? one : many)
+                    : fmt::format("null for the {}", many);
     };
     return count("rails", "rail", "rails") + " and " +
            count("entities", "power entity", "power entities");

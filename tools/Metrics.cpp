@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -19,7 +18,6 @@
 #include <optional>
 #include <string>
 
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/MetricsText.h"
 #include "tools/Service.h"
@@ -105,26 +103,28 @@ std::string checkOutput(const std::string& path) {
 
 }  // namespace
 
-Command addMetrics(CLI::App* app) {
+Command addMetrics(CommandLine program) {
     const auto arguments = std::make_shared<MetricsArguments>();
-    CLI::App* const command =
-        app->add_subcommand("metrics", "Print the totals of a service once, for Prometheus.");
-    command->footer(
+    CommandLine command =
+        program.addSubcommand("metrics", "Print the totals of a service once, for Prometheus.");
+    command.addFooter(
         "Energy is in joules and time in seconds, at full precision. Rails that were not measured\n"
-        "since boot are there too. docs/fleet.md has the way to Prometheus.\n"
+        "since boot are there too. The document fleet.md has the way to Prometheus.\n"
         "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
         "the metrics could not be written, 2 bad argument. When nothing could be read or written,\n"
         "the file of --output is removed, because old totals would mislead.\n"
-        "Example: powerstats metrics --sysfs share/sample-machine --no-rails");
+        "Example: powerstats metrics --no-rails");
     addServiceOptions(command, &arguments->service);
-    command->add_option("--format", arguments->format, "The text format")
-        ->check(CLI::IsMember({"prometheus", "openmetrics"}))
-        ->capture_default_str();
-    command->add_flag("--no-rails", arguments->noRails, "Leave out energy");
-    command
-        ->add_option("--output", arguments->output,
-                     "Replace this file as a whole; only you and your group can read it")
-        ->check(checkOutput, "FILE");
+    command.addOption("--format", "The text format",
+                      choice(&arguments->format, {"prometheus", "openmetrics"}));
+    command.addFlag("--no-rails", "Leave out energy", [arguments] { arguments->noRails = true; });
+    const auto takeOutput = [arguments](const std::string& path) {
+        arguments->output = path;
+        return checkOutput(path);
+    };
+    command.addOption("--output",
+                      "Replace this file as a whole; only you and your group can read it",
+                      {"FILE", "", "", takeOutput});
     return {command, [arguments] { return metrics(*arguments); }};
 }
 

@@ -2,12 +2,10 @@
 //
 // powerstats record: writes what a service reports to a file, as a trace.
 
-#include <CLI/CLI.hpp>
 #include <cmath>
 #include <memory>
 #include <optional>
 
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/Sampler.h"
 
@@ -35,28 +33,26 @@ int record(const RecordArguments& arguments) {
 
 }  // namespace
 
-Command addRecord(CLI::App* app) {
+Command addRecord(CommandLine program) {
     const auto arguments = std::make_shared<RecordArguments>();
-    CLI::App* const command =
-        app->add_subcommand("record", "Write what a service reports to a file, for trace viewers.");
-    command->footer(
+    CommandLine command = program.addSubcommand(
+        "record", "Write what a service reports to a file, for trace viewers.");
+    command.addFooter(
         "The file is a protobuf trace with the readings, and with counters in milliwatts and\n"
         "percent. It is readable at any moment, also after the program was killed. --replay plays\n"
-        "it back. docs/recordings.md describes it.\n"
+        "it back. The document recordings.md describes it.\n"
         "Exit status: 0 the duration or the recording that was played back is over, 1 no service,\n"
         "or the file cannot be written on, 2 bad argument, or a file that exists or cannot be\n"
         "created.\n"
         "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace");
     addSamplerOptions(command, &arguments->sampler);
     command
-        ->add_option("-o,--output", arguments->sampler.record,
-                     "The file, which must not exist; only you can read it")
-        ->type_name("FILE")
-        ->required();
-    command
-        ->add_option("--duration", arguments->durationSeconds,
-                     "Seconds from the first reading to the last; without end by default")
-        ->check(CLI::Range(0.0, 1e9));
+        .addOption("-o,--output", "The file, which must not exist; only you can read it",
+                   text(&arguments->sampler.record, "FILE"))
+        .require();
+    command.addOption("--duration",
+                      "Seconds from the first reading to the last; without end by default",
+                      number(&arguments->durationSeconds, {0, 1e9}));
     return {command, [arguments] { return record(*arguments); }};
 }
 

@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 
+#include "tools/Json.h"
 #include "tools/TextTable.h"
 
 namespace powerstats {
@@ -14,7 +14,6 @@ namespace powerstats {
 namespace {
 
 namespace proto = com::tavrel::android::ferrolith::poweranomalyservice::proto;
-using nlohmann::ordered_json;
 
 std::string railRows(const PowerDataResult& result) {
     std::string text = tableRow(kIndent, "rail", {"energy (mJ)"});
@@ -48,20 +47,21 @@ std::string table(const Section& section) {
                        isRails ? railRows(result) : entityRows(result));
 }
 
-ordered_json toJson(const proto::KeyedPowerData& element, Section::Kind kind) {
-    ordered_json json = {{"name", element.id().name()},
-                         {"timestamp_ms", element.id().timestamp_ms()}};
+Json toJson(const proto::KeyedPowerData& element, Section::Kind kind) {
+    std::vector<Json::Member> members = {{"name", element.id().name()},
+                                         {"timestamp_ms", element.id().timestamp_ms()}};
     if (kind == Section::Kind::kRails) {
-        json["energy_mj"] = element.data().scalar().value();
-        return json;
+        members.emplace_back("energy_mj", element.data().scalar().value());
+        return Json::object(members);
     }
-    ordered_json& states = json["states"] = ordered_json::array();
+    std::vector<Json> states;
     for (const proto::Residency& state : element.data().residency()) {
-        states.push_back({{"name", state.name()},
-                          {"time_ms", state.total_time_in_state_ms()},
-                          {"entries", state.total_state_entry_count()}});
+        states.push_back(Json::object({{"name", state.name()},
+                                       {"time_ms", state.total_time_in_state_ms()},
+                                       {"entries", state.total_state_entry_count()}}));
     }
-    return json;
+    members.emplace_back("states", Json::array(states));
+    return Json::object(members);
 }
 
 }  // namespace
@@ -76,17 +76,20 @@ std::string formatTable(const std::vector<Section>& sections) {
 }
 
 std::string formatJson(const std::vector<Section>& sections) {
-    ordered_json json = ordered_json::object();
+    std::vector<Json::Member> members;
     for (const Section& section : sections) {
-        ordered_json& list = json[section.kind == Section::Kind::kRails ? "rails" : "entities"] =
-            nullptr;
+        Json& list =
+            members
+                .emplace_back(section.kind == Section::Kind::kRails ? "rails" : "entities", nullptr)
+                .second;
         if (!section.result) continue;
-        list = ordered_json::array();
+        std::vector<Json> elements;
         for (const proto::KeyedPowerData& element : section.result->keyed_power_data()) {
-            list.push_back(toJson(element, section.kind));
+            elements.push_back(toJson(element, section.kind));
         }
+        list = Json::array(elements);
     }
-    return json.dump(2, ' ', false, ordered_json::error_handler_t::replace) + '\n';
+    return Json::object(members).toText(2) + '\n';
 }
 
 }  // namespace powerstats

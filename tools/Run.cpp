@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -21,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/Interval.h"
 #include "tools/RunReport.h"
@@ -281,14 +279,14 @@ int run(const RunArguments& arguments) {
 
 }  // namespace
 
-Command addRun(CLI::App* app) {
+Command addRun(CommandLine program) {
     const auto arguments = std::make_shared<RunArguments>();
-    CLI::App* const command =
-        app->add_subcommand("run", "Run a command, and show its energy, power and shares of time.");
-    command->footer(
+    CommandLine command = program.addSubcommand(
+        "run", "Run a command, and show its energy, power and shares of time.");
+    command.addFooter(
         "Energy is in joules and power in watts. Rails overlap (a package contains its cores), so\n"
         "a sum over them says nothing. Other programs that run at the time count too. A signal\n"
-        "reaches the command. docs/formats.md describes the formats.\n"
+        "reaches the command. The document formats.md describes the formats.\n"
         "Limits are judged only if every run exits 0. From three runs on, a limit is kept or\n"
         "exceeded when the 95 % interval of the mean lies wholly on one side of it.\n"
         "Exit status: that of the command; 128 and the number of the signal that ended it; 126 or\n"
@@ -296,28 +294,20 @@ Command addRun(CLI::App* app) {
         "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"
         "Example: powerstats run -r 3 -- sleep 0.1");
     addServiceOptions(command, &arguments->service);
-    command->add_option("-r,--runs", arguments->runs, "Times to run the command")
-        ->check(CLI::Range(1, 1000000))
-        ->capture_default_str();
+    command.addOption("-r,--runs", "Times to run the command",
+                      wholeNumber(&arguments->runs, {1, 1e6}));
     command
-        ->add_option("--max", arguments->limits,
-                     "RAIL=WATTS, the greatest average power of a rail; may be repeated")
-        ->expected(1)
-        ->take_all();
-    command
-        ->add_option("-o,--output", arguments->output,
-                     "File of the report; standard error by default")
-        ->type_name("FILE");
-    command
-        ->add_option("--record", arguments->record,
-                     "Also write readings to a file, one a second, as powerstats record does")
-        ->type_name("FILE");
-    command->add_option("--format", arguments->format, "Format of the report")
-        ->check(CLI::IsMember({"table", "csv", "json"}))
-        ->capture_default_str();
-    command->add_option("COMMAND", arguments->command, "The command and its arguments")->required();
-    // Options after the command are its own.
-    command->positionals_at_end();
+        .addOption("--max", "RAIL=WATTS, the greatest average power of a rail; may be repeated",
+                   texts(&arguments->limits, "TEXT"))
+        .repeat();
+    command.addOption("-o,--output", "File of the report; standard error by default",
+                      text(&arguments->output, "FILE"));
+    command.addOption("--record",
+                      "Also write readings to a file, one a second, as powerstats record does",
+                      text(&arguments->record, "FILE"));
+    command.addOption("--format", "Format of the report",
+                      choice(&arguments->format, {"table", "csv", "json"}));
+    command.addCommand("The command and its arguments", &arguments->command);
     return {command, [arguments] { return run(*arguments); }};
 }
 

@@ -7,18 +7,16 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "hal/NamesAndIds.h"
+#include "tools/CommandLine.h"
 #include "tools/IntervalPrinter.h"
 #include "tools/TextTable.h"
 
 namespace powerstats {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 double wattsOf(const Interval::Rail& rail) {
     return rail.milliwatts / 1000;
@@ -240,44 +238,45 @@ std::string formatCsv(const RunReport& report) {
     return text;
 }
 
-ordered_json toJson(const Statistics& statistics) {
-    return {{"mean", statistics.mean}, {"standard_deviation", statistics.standardDeviation}};
+Json toJson(const Statistics& statistics) {
+    return Json::object(
+        {{"mean", statistics.mean}, {"standard_deviation", statistics.standardDeviation}});
+}
+
+Json toJson(const std::optional<double>& number) {
+    return number ? Json(*number) : Json();
 }
 
 std::string formatJson(const RunReport& report) {
-    ordered_json json = {{"command", ordered_json::array()},
-                         {"elapsed_s", toJson(elapsedOf(report))},
-                         {"rails", ordered_json::array()},
-                         {"limits", ordered_json::array()},
-                         {"runs", ordered_json::array()}};
-    for (const std::string& word : report.command) {
-        json["command"].push_back(safeName(word, SIZE_MAX));
-    }
+    std::vector<Json> command, rails, limits, runs;
+    for (const std::string& word : report.command) command.emplace_back(safeName(word, SIZE_MAX));
     for (const Row<Interval::Rail>& row : rowsOf(report.runs, &Interval::rails)) {
         const bool isKnown = row.trouble == Trouble::kNone;
-        json["rails"].push_back(
-            {{"id", row.first->id},
-             {"name", safeName(row.first->name, SIZE_MAX)},
-             {"energy_j", isKnown ? toJson(summarize(row, joulesOf)) : ordered_json()},
-             {"power_w", isKnown ? toJson(summarize(row, wattsOf)) : ordered_json()},
-             {"trouble", toText(row.trouble)}});
+        rails.push_back(
+            Json::object({{"id", row.first->id},
+                          {"name", safeName(row.first->name, SIZE_MAX)},
+                          {"energy_j", isKnown ? toJson(summarize(row, joulesOf)) : Json()},
+                          {"power_w", isKnown ? toJson(summarize(row, wattsOf)) : Json()},
+                          {"trouble", toText(row.trouble)}}));
     }
     for (const Limit& limit : report.limits) {
         const LimitJudgement judgement = judge(limit, report.runs);
-        json["limits"].push_back(
-            {{"rail", safeName(limit.rail, SIZE_MAX)},
-             {"max_w", limit.watts},
-             {"mean_w", judgement.mean ? ordered_json(*judgement.mean) : ordered_json()},
-             {"margin_w", judgement.margin ? ordered_json(*judgement.margin) : ordered_json()},
-             {"verdict", judgement.verdict == LimitVerdict::kKept   ? "kept"
-                         : judgement.verdict == LimitVerdict::kOver ? "exceeded"
-                                                                    : "unclear"}});
+        const char* const verdict = judgement.verdict == LimitVerdict::kKept   ? "kept"
+                                    : judgement.verdict == LimitVerdict::kOver ? "exceeded"
+                                                                               : "unclear";
+        limits.push_back(Json::object({{"rail", safeName(limit.rail, SIZE_MAX)},
+                                       {"max_w", limit.watts},
+                                       {"mean_w", toJson(judgement.mean)},
+                                       {"margin_w", toJson(judgement.margin)},
+                                       {"verdict", verdict}}));
     }
-    IntervalPrinter printer("jsonl");
-    for (const Interval& run : report.runs) {
-        json["runs"].push_back(ordered_json::parse(printer.print(run)));
-    }
-    return json.dump(2) + '\n';
+    for (const Interval& run : report.runs) runs.push_back(toJson(run));
+    const Json json = Json::object({{"command", Json::array(command)},
+                                    {"elapsed_s", toJson(elapsedOf(report))},
+                                    {"rails", Json::array(rails)},
+                                    {"limits", Json::array(limits)},
+                                    {"runs", Json::array(runs)}});
+    return json.toText(2) + '\n';
 }
 
 }  // namespace
@@ -285,11 +284,10 @@ std::string formatJson(const RunReport& report) {
 std::optional<Limit> parseLimit(const std::string& text) {
     const size_t equals = text.rfind('=');
     if (equals == std::string::npos || equals == 0) return std::nullopt;
-    const std::string number = text.substr(equals + 1);
-    char* end = nullptr;
-    const double watts = std::strtod(number.c_str(), &end);
-    if (number.empty() || *end != '\0' || !std::isfinite(watts) || watts < 0) return std::nullopt;
-    return Limit{text.substr(0, equals), watts};
+    constexpr double kMostWatts = 1e9;
+    const std::optional<double> watts = parseNumber(text.substr(equals + 1), {0, kMostWatts});
+    if (!watts) return std::nullopt;
+    return Limit{text.substr(0, equals), *watts};
 }
 
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {

@@ -2,24 +2,20 @@
 
 #include "tools/Sampler.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <thread>
 #include <utility>
-
-#include "tools/CommandLine.h"
 
 namespace powerstats {
 
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
-void addSamplerOptions(CLI::App* command, SamplerOptions* options) {
+void addSamplerOptions(CommandLine command, SamplerOptions* options) {
     addServiceOptions(command, &options->service);
-    command->add_option("--interval", options->intervalSeconds, "Seconds from reading to reading")
-        ->check(CLI::Range(0.05, 86400.0))
-        ->capture_default_str();
+    command.addOption("--interval", "Seconds from reading to reading",
+                      number(&options->intervalSeconds, {0.05, 86400}));
 }
 
 std::shared_ptr<Sampler> Sampler::open(const SamplerOptions& options, int* status) {

@@ -13,10 +13,6 @@
 #include "tools/Snapshot.h"
 #include "tools/TraceWriter.h"
 
-namespace CLI {
-class App;
-}
-
 namespace powerstats {
 
 struct SamplerOptions {
@@ -26,7 +22,7 @@ struct SamplerOptions {
 };
 
 /// Adds `--interval` and the options of the service.
-void addSamplerOptions(CLI::App* command, SamplerOptions* options);
+void addSamplerOptions(CommandLine command, SamplerOptions* options);
 
 /// Reads a service at equal intervals, and records what it reads.
 class Sampler {

@@ -7,14 +7,12 @@
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "hal/CounterServices.h"
-#include "tools/CommandLine.h"
 
 namespace powerstats {
 
@@ -89,7 +87,7 @@ int awaitServiceOnBus(const ServiceOptions& options) {
     using std::chrono::steady_clock;
     const auto until = steady_clock::now() + std::chrono::duration<double>(options.waitSeconds);
     while (findAidl() == nullptr && findHidl() == nullptr) {
-        if (!(steady_clock::now() < until)) {  // so that NaN ends too
+        if (steady_clock::now() >= until) {
             explainAbsence(options);
             return kFailed;
         }
@@ -100,44 +98,35 @@ int awaitServiceOnBus(const ServiceOptions& options) {
 
 }  // namespace
 
-void addServiceOptions(CLI::App* command, ServiceOptions* options) {
-    // "--hal bus" is the older name of "--bus".
+void addServiceOptions(CommandLine command, ServiceOptions* options) {
     const auto setHal = [options](const std::string& hal) {
+        // "--hal bus" is the older name of "--bus".
         if (hal != "bus") {
             options->hal = hal;
         } else if (!options->bus) {
             options->bus = kAnyBus;
         }
     };
-    const auto setBus = [options](const std::string& bus) {
-        options->bus = bus.empty() ? kAnyBus : bus;
+    command.addOption("--hal", "Interface; the AIDL service first, when none is given",
+                      choice({"aidl", "hidl", "bus"}, setHal));
+    Value bus = choice({kAnyBus, "session", "system"},
+                       [options](const std::string& name) { options->bus = name; });
+    bus.take = [take = bus.take](const std::string& name) {
+        return take(name.empty() ? kAnyBus : name);
     };
     command
-        ->add_option_function<std::string>("--hal", setHal,
-                                           "Interface; the AIDL service first, when none is given")
-        ->check(CLI::IsMember({"aidl", "hidl", "bus"}));
-    // Without a value too; then CLI11 hands over an empty text.
-    command
-        ->add_option_function<std::string>("--bus", setBus,
-                                           "Ask a service on a bus; on either, session first, "
-                                           "when none is named")
-        ->expected(0, 1)
-        ->check(CLI::IsMember({"", kAnyBus, "session", "system"}));
-    command
-        ->add_option("--wait", options->waitSeconds,
-                     "Seconds to wait for a service to appear on the bus")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
+        .addOption("--bus", "Ask a service on a bus; on either, session first, when none is named",
+                   bus)
+        .letValueLack();
+    command.addOption("--wait", "Seconds to wait for a service to appear on the bus",
+                      number(&options->waitSeconds, {0, 86400}));
     addSourceOptions(command, &options->source);
-    command->add_flag_callback(
-        "--verbose", [] { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); },
-        "Log why calls and look-ups of the service fail");
-    command->final_callback([options] {
-        if (options->bus && options->source.isGiven()) {
-            throw CLI::ValidationError(
-                options->source.replay.empty() ? "--sysfs" : "--replay",
-                "not with --bus (the service on the bus has counters of its own)");
-        }
+    command.addFlag("--verbose", "Log why calls and look-ups of the service fail",
+                    [] { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); });
+    command.checkAtEnd([options]() -> std::string {
+        if (!options->bus || !options->source.isGiven()) return "";
+        return fmt::format("{}: not with --bus (the service on the bus has counters of its own)",
+                           options->source.replay.empty() ? "--sysfs" : "--replay");
     });
 }
 

@@ -14,10 +14,6 @@
 
 #include "tools/Source.h"
 
-namespace CLI {
-class App;
-}
-
 namespace powerstats {
 
 struct ServiceOptions {
@@ -28,7 +24,7 @@ struct ServiceOptions {
 };
 
 /// Adds the options that say which service is asked. Mistakes in them are mistakes of parsing.
-void addServiceOptions(CLI::App* command, ServiceOptions* options);
+void addServiceOptions(CommandLine command, ServiceOptions* options);
 
 /// Serves a source of counters in this process, or waits until a service is on the bus. From then
 /// on look-ups find that service, and no other, in this process.

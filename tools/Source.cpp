@@ -2,7 +2,6 @@
 
 #include "tools/Source.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -12,7 +11,6 @@
 #include <utility>
 
 #include "hal/LinuxCounters.h"
-#include "tools/CommandLine.h"
 
 namespace powerstats {
 
@@ -32,21 +30,24 @@ nanoseconds scale(nanoseconds time, double speed) {
 
 }  // namespace
 
-void addSourceOptions(CLI::App* command, SourceOptions* options) {
-    CLI::Option* const sysfs = addSysfsOption(command, &options->sysfs);
-    CLI::Option* const replay =
+void addSourceOptions(CommandLine command, SourceOptions* options) {
+    const Option sysfs =
+        command.addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
+    const Option replay =
         command
-            ->add_option("--replay", options->replay,
-                         "Play a recording back instead of reading this machine's counters")
-            ->type_name("FILE")
-            ->excludes(sysfs);
-    command->add_option("--speed", options->speed, "Times as fast as it was recorded")
-        ->check(CLI::Range(0.001, 1e6))
-        ->capture_default_str()
-        ->needs(replay);
-    command->add_flag("--loop", options->loop, "Start the recording again after its end")
-        ->needs(replay);
-    options->isGiven = [sysfs, replay] { return sysfs->count() != 0 || replay->count() != 0; };
+            .addOption("--replay",
+                       "Play a recording back instead of reading this machine's counters",
+                       text(&options->replay, "FILE"))
+            .excludes(sysfs);
+    command
+        .addOption("--speed", "Times as fast as it was recorded",
+                   number(&options->speed, {0.001, 1e6}))
+        .needs(replay);
+    command
+        .addFlag("--loop", "Start the recording again after its end",
+                 [options] { options->loop = true; })
+        .needs(replay);
+    options->isGiven = [sysfs, replay] { return sysfs.isGiven() || replay.isGiven(); };
 }
 
 std::shared_ptr<const Counters> openSource(const SourceOptions& options,

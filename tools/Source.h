@@ -10,10 +10,7 @@
 #include <string>
 
 #include "hal/RecordedCounters.h"
-
-namespace CLI {
-class App;
-}
+#include "tools/CommandLine.h"
 
 namespace powerstats {
 
@@ -27,7 +24,7 @@ struct SourceOptions {
 };
 
 /// Adds `--sysfs`, and `--replay` with `--speed` and `--loop`.
-void addSourceOptions(CLI::App* command, SourceOptions* options);
+void addSourceOptions(CommandLine command, SourceOptions* options);
 
 /// A recording that is played back.
 struct Replay {

@@ -4,13 +4,11 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/Interval.h"
 #include "tools/IntervalPrinter.h"
@@ -70,27 +68,25 @@ int watch(WatchArguments arguments) {
 
 }  // namespace
 
-Command addWatch(CLI::App* app) {
+Command addWatch(CommandLine program) {
     const auto arguments = std::make_shared<WatchArguments>();
-    CLI::App* const command =
-        app->add_subcommand("watch", "Show power and shares of time, interval by interval.");
-    command->footer(
+    CommandLine command =
+        program.addSubcommand("watch", "Show power and shares of time, interval by interval.");
+    command.addFooter(
         "Power is the average of an interval in milliwatts. Rails overlap (a package contains its\n"
         "cores), so a sum over them says nothing. Shares are percent of the interval.\n"
-        "docs/formats.md describes the formats.\n"
+        "The document formats.md describes the formats.\n"
         "Exit status: 0 something was read, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a file that cannot be used.\n"
         "Example: powerstats watch --interval 0.1 --count 2 --format csv");
     addSamplerOptions(command, &arguments->sampler);
-    command
-        ->add_option("--record", arguments->sampler.record,
-                     "Also write the readings to a file, as powerstats record does")
-        ->type_name("FILE");
-    command->add_option("--count", arguments->count, "Intervals to show; without end by default")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--format", arguments->format, "Format of each interval")
-        ->check(CLI::IsMember({"live", "table", "csv", "jsonl"}))
-        ->default_str("live on a terminal, otherwise table");
+    command.addOption("--record", "Also write the readings to a file, as powerstats record does",
+                      text(&arguments->sampler.record, "FILE"));
+    command.addOption("--count", "Intervals to show; without end by default",
+                      wholeNumber(&arguments->count, {1, 1e9}));
+    Value format = choice(&arguments->format, {"live", "table", "csv", "jsonl"});
+    format.byDefault = "live on a terminal, otherwise table";
+    command.addOption("--format", "Format of each interval", format);
     return {command, [arguments] { return watch(*arguments); }};
 }
 

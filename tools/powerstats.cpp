@@ -2,8 +2,6 @@
 //
 // powerstats: shows the figures of a power stats service, once or over time, and checks it.
 
-#include <CLI/CLI.hpp>
-
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
 
@@ -12,18 +10,17 @@ namespace powerstats {
 namespace {
 
 int run(int argc, char** argv) {
-    CLI::App app(
-        "Shows the energy of rails and the times that power entities spend in their states.",
-        "powerstats");
-    app.set_version_flag("--version", "powerstats " POWERSTATS_VERSION);
-    const Command commands[] = {addDump(&app),   addWatch(&app),   addRun(&app),
-                                addRecord(&app), addMetrics(&app), addCheck(&app)};
-    app.footer(
+    CommandLine program(
+        "powerstats", POWERSTATS_VERSION,
+        "Shows the energy of rails and the times that power entities spend in their states.");
+    const Command commands[] = {addDump(program),   addWatch(program),   addRun(program),
+                                addRecord(program), addMetrics(program), addCheck(program)};
+    program.addFooter(
         "Exit status: that of the subcommand; 2 for a bad argument.\n"
-        "Example: powerstats dump --format json --sysfs share/sample-machine");
-    if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
+        "Example: powerstats dump --format json");
+    if (const auto exitCode = program.parse(argc, argv)) return *exitCode;
     for (const Command& command : commands) {
-        if (command.app->parsed()) return command.run();
+        if (command.line.isGiven()) return command.run();
     }
     // Not left to CLI11, which would say so too where a subcommand is misspelt.
     say("A subcommand is required (see powerstats --help)");

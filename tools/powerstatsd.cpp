@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <host/BusServer.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <memory>
 #include <string>
@@ -65,26 +64,22 @@ int serve(const Arguments& arguments) {
 
 int run(int argc, char** argv) {
     Arguments arguments;
-    CLI::App app(
+    CommandLine program(
+        "powerstatsd", POWERSTATS_VERSION,
         "Serves this machine's power counters, or a recording's, on D-Bus. Energy is in\n"
         "microwatt-seconds and counts since boot; a rail of this machine counts since boot only "
         "if\n"
-        "the daemon started at boot.",
-        "powerstatsd");
-    app.set_version_flag("--version", "powerstatsd " POWERSTATS_VERSION);
-    app.add_option("--hal", arguments.hal,
-                   "Interfaces to serve; HIDL has no rails on the system bus")
-        ->check(CLI::IsMember({"aidl", "hidl", "both"}))
-        ->default_str("both on the session bus, aidl on the system bus");
-    app.add_option("--bus", arguments.bus, "Bus to serve on")
-        ->check(CLI::IsMember({"session", "system"}))
-        ->capture_default_str();
-    addSourceOptions(&app, &arguments.source);
-    app.footer(
+        "the daemon started at boot.");
+    Value hal = choice(&arguments.hal, {"aidl", "hidl", "both"});
+    hal.byDefault = "both on the session bus, aidl on the system bus";
+    program.addOption("--hal", "Interfaces to serve; HIDL has no rails on the system bus", hal);
+    program.addOption("--bus", "Bus to serve on", choice(&arguments.bus, {"session", "system"}));
+    addSourceOptions(program, &arguments.source);
+    program.addFooter(
         "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
         "bus, name or recording that cannot be had.\n"
-        "Example: powerstatsd --bus session --sysfs share/sample-machine");
-    if (const auto exitCode = parseArguments(&app, argc, argv)) return *exitCode;
+        "Example: powerstatsd --bus session");
+    if (const auto exitCode = program.parse(argc, argv)) return *exitCode;
     return serve(arguments);
 }
 
