@@ -17,6 +17,7 @@
 #include "tools/Json.h"
 #include "tools/Rules.h"
 #include "tools/Service.h"
+#include "tools/Snapshot.h"
 #include "tools/Survey.h"
 
 namespace powerstats {
@@ -93,6 +94,8 @@ const char* nameOf(const Judgement& judgement) {
             return "broken";
         case Verdict::kLegal:
             return judgement.rule->isPublishedTest ? "legal, but fails published tests" : "legal";
+        case Verdict::kNotJudged:
+            return "not judged";
         case Verdict::kNotApplicable:
             break;
     }
@@ -143,10 +146,12 @@ std::string formatTable(const Report& report) {
                             judgement.rule->isPublishedTest ? "* " : "  ", nameOf(judgement));
         if (evidenceOf(judgement).count > 0) text += formatEvidence(judgement);
     }
+    const size_t notJudged = report.count(Verdict::kNotJudged);
     text += fmt::format(
         "  (*: the interface's published tests check it)\n"
-        "{} rules kept, {} broken, {} legal, {} not applicable\n\n",
+        "{} rules kept, {} broken, {} legal, {}{} not applicable\n\n",
         report.count(Verdict::kKept), report.count(Verdict::kBroken), report.count(Verdict::kLegal),
+        notJudged > 0 ? fmt::format("{} not judged, ", notJudged) : "",
         report.count(Verdict::kNotApplicable));
     text += fmt::format("{:<34}{:>7}{:>11}{:>9}{:>9}{:>8}\n", "Calls", "number", "median ms",
                         "99 % ms", "bytes", "records");
@@ -231,6 +236,9 @@ int check(const CheckArguments& arguments) {
     }
     report.timings = measure(survey);
     report.notes = takeNotes(survey);
+    for (const std::string& method : refusedMethods(survey)) {
+        report.notes.push_back(fmt::format("{}: {}", method, kRefusedByBus));
+    }
     if (!survey.isGone) {
         report.notes.emplace_back(fmt::format("{} threads called at once{}", kThreadsAtOnce,
                                               arguments.service.bus

@@ -14,6 +14,7 @@
 
 #include "hal/NamesAndIds.h"
 #include "tools/Commands.h"
+#include "tools/NoEnergy.h"
 #include "tools/ResultPrinter.h"
 #include "tools/Service.h"
 #include "tools/Snapshot.h"
@@ -41,23 +42,22 @@ struct Call {
 };
 
 /// Says of each call that returned null why it did, with the remedy.
-void explainMissing(const std::vector<Call>& calls) {
+void explainMissing(const ServiceOptions& options, const std::vector<Call>& calls) {
     Snapshot snapshot = SnapshotReader().read();
     for (const Call& call : calls) {
-        if (call.bytes) continue;
         const bool rails = call.kind == Section::Kind::kRails;
+        const std::string noEnergy = rails ? whyNoEnergy(options, snapshot) : "";
         std::string reason = rails ? snapshot.railsError : snapshot.entitiesError;
-        if (isDenied()) {
-            reason = fmt::format("this user may not read the kernel's counters (sudo {} dump --{})",
-                                 programPath(), rails ? "rails" : "residencies");
-        } else if (reason == kNoService) {
-            continue;  // said when it was looked for
-        } else if (reason.empty()) {
-            reason = (rails ? snapshot.rails.empty() : snapshot.entities.empty())
-                         ? "the service has none (this machine may measure nothing)"
-                         : "the service failed, and answers again now";
+        if (!noEnergy.empty()) {
+            say(noEnergy);
+        } else if (!call.bytes && reason != kNoService) {  // said when it was looked for
+            if (reason.empty()) {
+                reason = (rails ? snapshot.rails.empty() : snapshot.entities.empty())
+                             ? "the service has none"
+                             : "the service failed, and answers again now";
+            }
+            say(fmt::format("{}: {}", rails ? "rails" : "power entities", reason));
         }
-        say(fmt::format("{}: {}", rails ? "rails" : "power entities", reason));
     }
 }
 
@@ -140,7 +140,7 @@ int dump(const DumpArguments& arguments) {
         return kFailed;
     }
     if (!writeOutput(text)) return kFailed;
-    explainMissing(calls);
+    explainMissing(arguments.service, calls);
     if (calls.front().kind == Section::Kind::kRails) explainLeftOut();
     const bool any = std::any_of(calls.begin(), calls.end(), [](const Call& call) {
         return call.bytes && !call.bytes->empty();

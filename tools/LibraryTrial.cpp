@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -62,7 +63,8 @@ class Output {
     const int mDescriptor;
 };
 
-/// Returns the last line of a process that was ended; of another one its messages, in one line.
+/// Returns the last line of a process that was ended; of another one its messages, in one line and
+/// without the remedies in brackets, which are not for the author of a service.
 std::string summarize(const std::string& log, bool isEnded) {
     constexpr char kPrefix[] = "powerstats: ";
     std::string summary;
@@ -71,6 +73,7 @@ std::string summarize(const std::string& log, bool isEnded) {
         if (isEnded) {
             summary = line;
         } else if (line.rfind(kPrefix, 0) == 0) {
+            if (line.back() == ')') line.resize(std::min(line.size(), line.rfind(" (")));
             summary += (summary.empty() ? "" : "; ") + line.substr(std::strlen(kPrefix));
         }
     }

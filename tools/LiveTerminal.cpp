@@ -153,6 +153,14 @@ class LiveSignals {
     std::map<int, struct sigaction> mBefore;
 };
 
+bool LiveTerminal::canDraw() {
+    int error = 0;
+    if (setupterm(nullptr, STDOUT_FILENO, &error) != OK) return false;
+    const bool canMove = has("cup");
+    del_curterm(cur_term);
+    return canMove;
+}
+
 LiveTerminal::LiveTerminal(int wake) {
     if (tcgetattr(STDIN_FILENO, &gTerminal.settings) != 0) return;
     gTerminal.wake = wake;

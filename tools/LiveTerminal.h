@@ -53,6 +53,9 @@ class LiveTerminal {
     LiveTerminal(const LiveTerminal&) = delete;
     LiveTerminal& operator=(const LiveTerminal&) = delete;
 
+    /// Whether standard output is a terminal whose cursor can be moved.
+    static bool canDraw();
+
     /// False when the terminal cannot be drawn on. Nothing else may be called then.
     bool isOpen() const { return mScreen != nullptr; }
 

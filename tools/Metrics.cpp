@@ -20,6 +20,7 @@
 
 #include "tools/Commands.h"
 #include "tools/MetricsText.h"
+#include "tools/NoEnergy.h"
 #include "tools/Service.h"
 
 namespace powerstats {
@@ -67,6 +68,10 @@ int collect(const MetricsArguments& arguments, std::optional<std::string>* text)
     const bool noEntities = !snapshot.entitiesError.empty();
     const bool noRails = !arguments.noRails && !snapshot.railsError.empty();
     if (noRails) say("rails: " + snapshot.railsError);
+    // Not in the journal of a timer, each minute.
+    if (!noRails && !arguments.noRails && isatty(STDERR_FILENO) != 0) {
+        sayWhyNoEnergy(arguments.service, snapshot);
+    }
     if (noEntities) say("power entities: " + snapshot.entitiesError);
     if (arguments.noRails) snapshot.rails.clear();
     if (!noEntities || (!noRails && !arguments.noRails)) {

@@ -165,6 +165,10 @@ void namesUtf8(const Survey& survey, Findings* findings) {
 
 // Requests and answers.
 
+std::string countOf(size_t records) {
+    return records == 1 ? "1 record" : fmt::format("{} records", records);
+}
+
 /// Returns the methods that fail when one client asks for everything.
 std::set<std::string> failingMethods(const Survey& survey) {
     std::set<std::string> failing;
@@ -247,8 +251,7 @@ void unknownRefused(const Survey& survey, Findings* findings) {
         if (findings->keeps(call.outcome == Outcome::kIllegalArgument)) return;
         findings->broken.add(
             call, fmt::format("id {}, which is not announced", call.ids.front()),
-            call.error.empty() ? fmt::format("an answer with {} records", records)
-                               : textOf(call.error),
+            call.error.empty() ? "an answer with " + countOf(records) : textOf(call.error),
             "EX_ILLEGAL_ARGUMENT, on a bus org.freedesktop.DBus.Error.InvalidArgs");
     });
 }
@@ -319,7 +322,7 @@ void statusMatches(const Survey& survey, Findings* findings) {
     forCalls(survey, [&](const Call& call, size_t records) {
         if (call.outcome == Outcome::kFailed) return;
         if (findings->keeps((call.outcome == Outcome::kAnswered) == (records > 0))) return;
-        findings->broken.add(call, "", fmt::format("{} with {} records", statusOf(call), records),
+        findings->broken.add(call, "", statusOf(call) + " with " + countOf(records),
                              "SUCCESS with records, or another status without any");
     });
 }
@@ -726,6 +729,28 @@ const std::vector<Rule> kRules = {
      kLibraryEnds, libraryGoesOn},
 };
 
+template <typename Record>
+bool isRefused(const Answers<Record>& answers) {
+    return std::any_of(answers.begin(), answers.end(),
+                       [](const Call& call) { return call.outcome == Outcome::kRefused; });
+}
+
+/// Whether the bus refused the list, or the readings, of the things that a rule is about. Its name
+/// tells these: rails and their energy, or power entities.
+bool lacksThings(const Rule& rule, const Survey& survey) {
+    const std::string_view name = rule.name;
+    const bool isOfRails = name.rfind("rail-", 0) == 0 || name.rfind("energy-", 0) == 0;
+    if (isOfRails) {
+        const auto* const list = announced(survey.rails);
+        return list == nullptr ? isRefused(survey.rails)
+                               : !list->empty() && isRefused(survey.energies);
+    }
+    const auto* const list = announced(survey.entities);
+    return list == nullptr
+               ? isRefused(survey.entities)
+               : !list->empty() && (isRefused(survey.residencies) || isRefused(survey.stateLists));
+}
+
 }  // namespace
 
 }  // namespace rules
@@ -758,7 +783,24 @@ Verdict judge(const Rule& rule, const Survey& survey, Findings* findings) {
     if (applies) rule.judge(survey, findings);
     if (findings->broken.count > 0) return Verdict::kBroken;
     if (findings->legal.count > 0) return Verdict::kLegal;
-    return findings->judged > 0 ? Verdict::kKept : Verdict::kNotApplicable;
+    if (findings->judged > 0) return Verdict::kKept;
+    return applies && rules::lacksThings(rule, survey) ? Verdict::kNotJudged
+                                                       : Verdict::kNotApplicable;
+}
+
+std::set<std::string> refusedMethods(const Survey& survey) {
+    std::set<std::string> methods;
+    const auto addAll = [&](const auto& answers) {
+        for (const auto& answer : answers) {
+            if (answer.outcome == Survey::Outcome::kRefused) methods.insert(answer.method);
+        }
+    };
+    addAll(survey.rails);
+    addAll(survey.entities);
+    addAll(survey.stateLists);
+    addAll(survey.energies);
+    addAll(survey.residencies);
+    return methods;
 }
 
 std::vector<std::string> takeNotes(const Survey& survey) {
@@ -767,9 +809,9 @@ std::vector<std::string> takeNotes(const Survey& survey) {
     const std::set<std::string> failing = failingMethods(survey);
     forCalls(survey, [&](const Call& call, size_t records) {
         if (call.request == Request::kRepeated && failing.count(call.method) == 0) {
-            notes.insert(fmt::format("{} with an id twice: {}", call.method,
-                                     call.error.empty() ? fmt::format("{} records", records)
-                                                        : "refused, " + textOf(call.error)));
+            notes.insert(fmt::format(
+                "{} with an id twice: {}", call.method,
+                call.error.empty() ? countOf(records) : "refused, " + textOf(call.error)));
         }
         if (call.outcome == Outcome::kNotSupported) {
             notes.insert(fmt::format("{}: {}", call.method, call.error));

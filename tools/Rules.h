@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -48,7 +49,9 @@ struct Findings {
     List legal;
 };
 
-enum class Verdict { kKept, kBroken, kLegal, kNotApplicable };
+/// A rule is not judged when the bus refused the calls for its things, and not applicable when
+/// there is nothing to judge.
+enum class Verdict { kKept, kBroken, kLegal, kNotJudged, kNotApplicable };
 
 enum class Interfaces { kBoth, kAidl, kHidl };
 
@@ -68,6 +71,9 @@ const std::vector<Rule>& allRules();
 
 /// Judges a survey by one rule.
 Verdict judge(const Rule& rule, const Survey& survey, Findings* findings);
+
+/// Returns the methods that the bus refused to this user.
+std::set<std::string> refusedMethods(const Survey& survey);
 
 /// Things that are worth knowing and break no rule, one sentence each.
 std::vector<std::string> takeNotes(const Survey& survey);

@@ -20,8 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "hal/NamesAndIds.h"
 #include "tools/Commands.h"
 #include "tools/Interval.h"
+#include "tools/NoEnergy.h"
 #include "tools/RunReport.h"
 #include "tools/Service.h"
 #include "tools/Snapshot.h"
@@ -197,13 +199,31 @@ std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& sna
         const auto rail = std::find_if(snapshot.rails.begin(), snapshot.rails.end(),
                                        [&](const auto& known) { return known.name == limit.rail; });
         if (rail != snapshot.rails.end() && rail->energy) continue;
-        const std::string reason = !snapshot.railsError.empty()   ? snapshot.railsError
-                                   : rail == snapshot.rails.end() ? "no such rail"
-                                                                  : "this rail cannot be read now";
-        return fmt::format("--max {}: {} (powerstats watch --count 1 shows the rails)", limit.rail,
-                           reason);
+        std::string reason = snapshot.railsError;
+        if (reason.empty() && rail != snapshot.rails.end()) reason = "this rail cannot be read now";
+        if (reason.empty()) {
+            std::vector<std::string> names;
+            for (const auto& known : snapshot.rails) names.push_back(safeName(known.name));
+            reason = names.empty()
+                         ? "no such rail (there are none)"
+                         : fmt::format("no such rail (there are {})", fmt::join(names, ", "));
+        }
+        return fmt::format("--max {}: {}", limit.rail, reason);
     }
     return "";
+}
+
+/// Says why the runs ended before their number was reached, or before limits could be judged.
+/// @param status [in] of the command in the last run.
+void explainEnd(const RunArguments& arguments, size_t run, int status) {
+    const bool isLast = static_cast<int>(run) == arguments.runs;
+    if (isLast && arguments.limits.empty()) return;
+    say(fmt::format("{} in run {} of {}, so {}{}{}",
+                    status != 0 ? fmt::format("the command failed with status {}", status)
+                                : fmt::format("signal {} came", gSignal),
+                    run, arguments.runs, isLast ? "" : "it did not run again",
+                    isLast || arguments.limits.empty() ? "" : " and ",
+                    arguments.limits.empty() ? "" : "limits were not judged"));
 }
 
 int judge(const RunReport& report) {
@@ -246,7 +266,9 @@ int run(const RunArguments& arguments) {
     }
     if (openService(arguments.service) != 0) return kUsage;
     SnapshotReader reader;
-    const std::string unreadable = findUnreadable(report.limits, reader.read());
+    const Snapshot first = reader.read();
+    sayWhyNoEnergy(arguments.service, first);
+    const std::string unreadable = findUnreadable(report.limits, first);
     if (!unreadable.empty()) {
         say(unreadable);
         return kUsage;
@@ -268,6 +290,7 @@ int run(const RunArguments& arguments) {
     }
     const bool isComplete = status == 0 && static_cast<int>(report.runs.size()) == arguments.runs;
     if (!isComplete) report.limits.clear();
+    if (!isComplete && !report.runs.empty()) explainEnd(arguments, report.runs.size(), status);
     if (!report.runs.empty() &&
         !writeReport(formatReport(report, arguments.format), arguments.output, stream)) {
         return status != 0 ? status : kFailed;

@@ -112,9 +112,26 @@ std::string withDeviation(const Statistics& statistics, size_t runs, int digits)
     return fmt::format("{} ± {:.{}f}", mean, statistics.standardDeviation, digits);
 }
 
-std::string describe(const Limit& limit, const LimitJudgement& judgement) {
+/// Says in which run a rail has no figures, and why.
+std::string findUnread(const std::string& name, const std::vector<Interval>& runs) {
+    for (size_t i = 0; i < runs.size(); ++i) {
+        const auto rail = std::find_if(runs[i].rails.begin(), runs[i].rails.end(),
+                                       [&](const auto& known) { return known.name == name; });
+        const Trouble trouble = rail == runs[i].rails.end() ? Trouble::kWent : rail->trouble;
+        if (trouble == Trouble::kNone) continue;
+        return trouble == Trouble::kNoTime
+                   ? fmt::format("run {} was shorter than one reading of this rail", i + 1)
+                   : fmt::format("in run {} it {}", i + 1, toText(trouble));
+    }
+    return "";
+}
+
+std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
+    const LimitJudgement judgement = judge(limit, runs);
     const std::string name = safeName(limit.rail, SIZE_MAX);
-    if (!judgement.mean) return fmt::format("{}: not read in every run", name);
+    if (!judgement.mean) {
+        return fmt::format("{}: not read in every run ({})", name, findUnread(limit.rail, runs));
+    }
     const char* const verdict = judgement.verdict == LimitVerdict::kKept   ? "kept"
                                 : judgement.verdict == LimitVerdict::kOver ? "exceeded"
                                                                            : "too noisy to tell";
@@ -198,7 +215,7 @@ std::string formatTable(const RunReport& report) {
         }
     }
     for (const Limit& limit : report.limits) {
-        text += "  " + describe(limit, judge(limit, report.runs)) + '\n';
+        text += "  " + describe(limit, report.runs) + '\n';
     }
     return text;
 }

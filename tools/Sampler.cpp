@@ -7,6 +7,8 @@
 #include <thread>
 #include <utility>
 
+#include "tools/NoEnergy.h"
+
 namespace powerstats {
 
 using std::chrono::nanoseconds;
@@ -36,6 +38,7 @@ std::shared_ptr<Sampler> Sampler::open(const SamplerOptions& options, int* statu
         }
     }
     sampler->mLatest = sampler->mReader.read();
+    sayWhyNoEnergy(options.service, sampler->mLatest);
     sampler->record(nullptr);
     return sampler;
 }

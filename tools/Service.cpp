@@ -7,7 +7,9 @@
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
 
+#include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -26,11 +28,14 @@ constexpr char kAnyBus[] = "any";
 
 std::shared_ptr<stats_aidl::IPowerStats> gOwnService;
 Replay gReplay;
+std::vector<std::string> gDenied;
+/// Where openService() found the service.
+std::optional<host::Bus> gBus;
 
 int registerService(const ServiceOptions& options, RecordedCounters::PlayingTime playingTime) {
     // A service on a bus must not answer in its place.
     host::setBusLookups({});
-    const auto counters = openSource(options.source, std::move(playingTime), &gReplay);
+    const auto counters = openSource(options.source, std::move(playingTime), &gReplay, &gDenied);
     if (counters == nullptr) return kUsage;
     const auto aidl = ndk::SharedRefBase::make<CountersAidl>(counters);
     gOwnService = aidl;
@@ -53,47 +58,93 @@ std::vector<host::Bus> busesOf(const ServiceOptions& options) {
     return {host::Bus::kSession, host::Bus::kSystem};
 }
 
-std::string nobodyOwns(const ServiceOptions& options) {
-    constexpr char kAidl[] = "android.hardware.power.stats.IPowerStats";
-    constexpr char kHidl[] = "android.hardware.power.stats.V1_0.IPowerStats";
-    if (options.hal.empty()) return fmt::format("nobody owns the name {} or {}", kAidl, kHidl);
-    return fmt::format("nobody owns the name {}", options.hal == "hidl" ? kHidl : kAidl);
+std::string nameOf(host::Bus bus) {
+    return bus == host::Bus::kSession ? "the session bus" : "the system bus";
+}
+
+/// Returns how many letters have to be added, removed or replaced to make one text of the other.
+size_t distance(const std::string& one, const std::string& other) {
+    std::vector<size_t> row(other.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 0; i < one.size(); ++i) {
+        size_t diagonal = row[0]++;
+        for (size_t j = 0; j < other.size(); ++j) {
+            const size_t replaced = diagonal + (one[i] != other[j] ? 1 : 0);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+/// Says which names of a service have no owner on a bus, and which owned ones are similar.
+std::string nobodyOwns(const ServiceOptions& options, host::Bus bus) {
+    constexpr size_t kSimilar = 2;
+    std::vector<std::string> wanted;
+    if (options.hal != "hidl") wanted.emplace_back("android.hardware.power.stats.IPowerStats");
+    if (options.hal != "aidl") wanted.emplace_back("android.hardware.power.stats.V1_0.IPowerStats");
+    std::string text = fmt::format("nobody owns the name {}", fmt::join(wanted, " or "));
+    for (const std::string& name : host::listBusNames(bus)) {
+        const auto isSimilar = [&](const std::string& one) {
+            const size_t letters = distance(one, name);
+            return letters > 0 && letters <= kSimilar;
+        };
+        if (std::any_of(wanted.begin(), wanted.end(), isSimilar)) {
+            text += fmt::format(", but somebody owns {}", name);
+        }
+    }
+    return text;
 }
 
 /// Says why no service was found: no bus can be reached, or no service is on one.
 void explainAbsence(const ServiceOptions& options) {
-    std::string reasons;
+    std::string absences, troubles;
     for (const host::Bus bus : busesOf(options)) {
         const std::string trouble = host::findBusTrouble(bus);
-        if (trouble.empty()) {
-            say(fmt::format(
-                "no power stats service{} on {}: {} (start powerstatsd, or wait longer with --wait "
-                "SECONDS)",
-                options.hal.empty() ? "" : " with the interface " + options.hal, describe(options),
-                nobodyOwns(options)));
-            return;
-        }
-        reasons += (reasons.empty() ? "" : "; ") + trouble;
+        std::string& list = trouble.empty() ? absences : troubles;
+        if (!list.empty()) list += "; ";
+        list += !trouble.empty()
+                    ? trouble
+                    : fmt::format("no power stats service{} on {}: {}",
+                                  options.hal.empty() ? "" : " with the interface " + options.hal,
+                                  nameOf(bus), nobodyOwns(options, bus));
     }
-    say(reasons);
+    say(absences.empty() ? troubles
+                         : absences +
+                               " (start a service, such as powerstatsd, or wait longer with "
+                               "--wait SECONDS)");
+}
+
+/// Finds the service as every look-up does: on each bus, AIDL before HIDL.
+/// @return the bus that it is on; std::nullopt when there is none.
+std::optional<host::Bus> findBus(const std::vector<host::Bus>& buses,
+                                 const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        for (const host::Bus bus : buses) {
+            host::setBusLookups({bus}, {name});
+            if (name == host::kAidlPowerStats ? findAidl() != nullptr : findHidl() != nullptr) {
+                return bus;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 int awaitServiceOnBus(const ServiceOptions& options) {
     std::vector<std::string> names;
     if (options.hal != "hidl") names.emplace_back(host::kAidlPowerStats);
     if (options.hal != "aidl") names.emplace_back(host::kHidlPowerStats);
-    host::setBusLookups(busesOf(options), std::move(names));
+    const std::vector<host::Bus> buses = busesOf(options);
 
     using std::chrono::steady_clock;
     const auto until = steady_clock::now() + std::chrono::duration<double>(options.waitSeconds);
-    while (findAidl() == nullptr && findHidl() == nullptr) {
-        if (steady_clock::now() >= until) {
-            explainAbsence(options);
-            return kFailed;
-        }
+    while (!(gBus = findBus(buses, names)) && steady_clock::now() < until) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return 0;
+    host::setBusLookups(buses, names);
+    if (gBus) return 0;
+    explainAbsence(options);
+    return kFailed;
 }
 
 }  // namespace
@@ -152,12 +203,15 @@ std::shared_ptr<stats_aidl::IPowerStats> ownService() {
     return gOwnService;
 }
 
+const std::vector<std::string>& deniedCounters() {
+    return gDenied;
+}
+
 std::string describe(const ServiceOptions& options) {
     const SourceOptions& source = options.source;
     if (!options.bus && !source.replay.empty()) return source.replay;
     if (!options.bus) return source.sysfs == "/sys" ? "this machine" : source.sysfs;
-    return options.bus == kAnyBus ? "the session or the system bus"
-                                  : "the " + *options.bus + " bus";
+    return gBus ? nameOf(*gBus) : "no bus";
 }
 
 }  // namespace powerstats

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/Source.h"
 
@@ -43,7 +44,12 @@ android::sp<android::hardware::power::stats::V1_0::IPowerStats> findHidl();
 /// The service within this process over AIDL, whichever interface clients find; null with `--bus`.
 std::shared_ptr<aidl::android::hardware::power::stats::IPowerStats> ownService();
 
-/// For a title: "this machine", "the session bus", a file.
+/// The counters of energy that the service within this process may not read. openService() said
+/// nothing about them.
+const std::vector<std::string>& deniedCounters();
+
+/// For a title: "this machine", a file, "the session bus". That is the bus on which openService()
+/// found the service.
 std::string describe(const ServiceOptions& options);
 
 }  // namespace powerstats

@@ -24,15 +24,12 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 constexpr char kGone[] = "the service is gone";
-constexpr char kRefused[] =
-    "the bus's policy refuses them (run as root, or join the group: sudo usermod -aG powerstats "
-    "NAME, and log in again)";
 
 /// Why a call of a service fails; the empty text when it succeeds.
 std::string reasonOf(const ndk::ScopedAStatus& status) {
     if (status.isOk()) return "";
     if (status.getStatus() == android::DEAD_OBJECT) return kGone;
-    if (status.getStatus() == android::PERMISSION_DENIED) return kRefused;
+    if (status.getStatus() == android::PERMISSION_DENIED) return kRefusedByBus;
     return status.getDescription();
 }
 
@@ -40,10 +37,10 @@ std::string reasonOf(const android::hardware::Return<void>& result, stats_V1_0::
     if (!result.isOk()) {
         if (result.isDeadObject()) return kGone;
         const std::string text = result.description();
-        return text.find("PERMISSION_DENIED") != std::string::npos ? kRefused : text;
+        return text.find("PERMISSION_DENIED") != std::string::npos ? kRefusedByBus : text;
     }
     if (status == stats_V1_0::Status::SUCCESS) return "";
-    if (status == stats_V1_0::Status::NOT_SUPPORTED) return "not supported";
+    if (status == stats_V1_0::Status::NOT_SUPPORTED) return kNotSupported;
     return fmt::format("the service answered status {}", static_cast<int>(status));
 }
 

@@ -66,6 +66,13 @@ struct Snapshot {
 /// The error of both halves when no service is there.
 constexpr char kNoService[] = "no power stats service";
 
+/// The error of a half that the bus does not let this user read.
+constexpr char kRefusedByBus[] =
+    "refused by the bus's policy (join the group: sudo usermod -aG powerstats NAME, and log in "
+    "again; or run as root)";
+/// The error of a HIDL service without rails.
+constexpr char kNotSupported[] = "not supported";
+
 /// Takes snapshots of a power stats service through its client interface: AIDL where it is
 /// registered, otherwise HIDL. Finds the service again after its death. For one thread.
 class SnapshotReader {

@@ -20,7 +20,15 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
-std::atomic<bool> gDenied{false};
+/// Returns the counter of energy that a warning says this user may not read; empty for other
+/// warnings.
+std::string deniedCounter(const std::string& warning) {
+    const size_t end = warning.find(": " + std::generic_category().message(EACCES));
+    if (end == std::string::npos) return "";
+    std::string file = warning.substr(0, end);
+    const bool isEnergy = file.find("energy", file.rfind('/') + 1) != std::string::npos;
+    return isEnergy ? file : "";
+}
 
 /// The playing time at another speed. It stops before it overflows, after 290 years.
 nanoseconds scale(nanoseconds time, double speed) {
@@ -52,17 +60,22 @@ void addSourceOptions(CommandLine command, SourceOptions* options) {
 
 std::shared_ptr<const Counters> openSource(const SourceOptions& options,
                                            RecordedCounters::PlayingTime playingTime,
-                                           Replay* replay) {
+                                           Replay* replay, std::vector<std::string>* denied) {
     if (options.replay.empty()) {
         LinuxCounters::Options counterOptions;
         counterOptions.root = options.sysfs;
-        counterOptions.warn = [](const std::string& text) {
-            say(text);
-            if (text.find(std::generic_category().message(EACCES)) != std::string::npos) {
-                gDenied = true;
+        const auto isOpening = std::make_shared<std::atomic<bool>>(true);
+        counterOptions.warn = [isOpening, denied](const std::string& text) {
+            std::string file = deniedCounter(text);
+            if (*isOpening && denied != nullptr && !file.empty()) {
+                denied->push_back(std::move(file));
+            } else {
+                say(text);
             }
         };
-        return std::make_shared<const LinuxCounters>(counterOptions);
+        auto counters = std::make_shared<const LinuxCounters>(counterOptions);
+        *isOpening = false;
+        return counters;
     }
     std::string error;
     std::optional<Recording> recording = Recording::read(
@@ -83,10 +96,6 @@ std::shared_ptr<const Counters> openSource(const SourceOptions& options,
     replay->counters =
         std::make_shared<const RecordedCounters>(std::move(*recording), std::move(playing));
     return replay->counters;
-}
-
-bool isDenied() {
-    return gDenied;
 }
 
 }  // namespace powerstats

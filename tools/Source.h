@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "hal/RecordedCounters.h"
 #include "tools/CommandLine.h"
@@ -37,12 +38,12 @@ struct Replay {
 /// @param playingTime [in] how long a recording has played, before `--speed`; empty: since now, by
 ///     the clock.
 /// @param replay [out] the recording; its counters are null for this machine.
+/// @param denied [out] the counters of energy that this user may not read, in place of lines about
+///     them; may be null.
 /// @return null, after one line, when the recording cannot be used.
 std::shared_ptr<const Counters> openSource(const SourceOptions& options,
                                            RecordedCounters::PlayingTime playingTime,
-                                           Replay* replay);
-
-/// Whether this user may not read a file of the machine's counters.
-bool isDenied();
+                                           Replay* replay,
+                                           std::vector<std::string>* denied = nullptr);
 
 }  // namespace powerstats

@@ -308,6 +308,8 @@ class Client {
         fail(status.getDescription(), call);
         if (status.getExceptionCode() == EX_ILLEGAL_ARGUMENT) {
             call->outcome = Outcome::kIllegalArgument;
+        } else if (status.getStatus() == STATUS_PERMISSION_DENIED) {
+            call->outcome = Outcome::kRefused;
         }
     }
     void note(const android::hardware::Return<void>& result, Survey::Call* call) {
@@ -315,6 +317,9 @@ class Client {
             fail(result.description(), call);
             if (result.isDeadObject() || call->error.find("TIMED_OUT") != std::string::npos) {
                 mProgress->isGone = true;
+            }
+            if (call->error.find("PERMISSION_DENIED") != std::string::npos) {
+                call->outcome = Outcome::kRefused;
             }
             return;
         }

@@ -27,6 +27,7 @@ struct Survey {
         kIllegalArgument,  ///< AIDL EX_ILLEGAL_ARGUMENT, HIDL INVALID_INPUT
         kNotSupported,     ///< HIDL
         kOtherStatus,      ///< HIDL
+        kRefused,          ///< by the bus's policy, and so not by the service
         kFailed,           ///< no answer of the interface: an exception, or a failed transaction
     };
 

@@ -108,11 +108,14 @@ inline std::string nameOfState(const Survey& survey, int64_t entity, int64_t sta
 
 // Walks over a survey.
 
-/// Calls a function with each answer of each method.
+/// Calls a function with each answer of each method. A call that the bus refused has none, and says
+/// nothing about the service.
 template <typename Function>
 void forCalls(const Survey& survey, const Function& function) {
     const auto forAll = [&](const auto& answers) {
-        for (const auto& answer : answers) function(answer, answer.records.size());
+        for (const auto& answer : answers) {
+            if (answer.outcome != Outcome::kRefused) function(answer, answer.records.size());
+        }
     };
     forAll(survey.rails);
     forAll(survey.entities);

@@ -12,6 +12,7 @@
 #include "tools/Commands.h"
 #include "tools/Interval.h"
 #include "tools/IntervalPrinter.h"
+#include "tools/LiveTerminal.h"
 #include "tools/LiveView.h"
 #include "tools/Sampler.h"
 
@@ -22,7 +23,7 @@ namespace {
 struct WatchArguments {
     SamplerOptions sampler;
     std::optional<int> count;
-    std::string format;  // empty: live on a terminal, otherwise table
+    std::string format;  // empty: live where the terminal can, otherwise table
 };
 
 bool hasFigures(const Interval& interval) {
@@ -46,12 +47,12 @@ int print(const WatchArguments& arguments, Sampler* sampler) {
     return any ? 0 : kFailed;
 }
 
-bool isOnTerminal() {
-    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+bool canShowLive() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0 && LiveTerminal::canDraw();
 }
 
 int watch(WatchArguments arguments) {
-    if (arguments.format.empty()) arguments.format = isOnTerminal() ? "live" : "table";
+    if (arguments.format.empty()) arguments.format = canShowLive() ? "live" : "table";
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;

@@ -6,6 +6,7 @@
 #include <aidl/android/hardware/power/stats/BnPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -196,6 +197,20 @@ class Buses : public OtherProcesses {
         const char* unique = nullptr;
         if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
         return result < 0 ? describeTrouble(bus, result) : "";
+    }
+    std::vector<std::string> listNames(Bus bus) override {
+        UniqueBus opened;
+        char** names = nullptr;
+        if (openBus(bus, &opened) < 0 || sd_bus_list_names(opened.get(), &names, nullptr) < 0) {
+            return {};
+        }
+        std::vector<std::string> list;
+        for (char** name = names; *name != nullptr; ++name) {
+            if (**name != ':') list.emplace_back(*name);
+            std::free(*name);
+        }
+        std::free(names);
+        return list;
     }
 };
 

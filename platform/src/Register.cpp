@@ -157,6 +157,11 @@ std::string findBusTrouble(Bus bus) {
                              : "this program is built without D-Bus (set POWERSTATS_DBUS)";
 }
 
+std::vector<std::string> listBusNames(Bus bus) {
+    OtherProcesses* const others = otherProcesses();
+    return others != nullptr ? others->listNames(bus) : std::vector<std::string>();
+}
+
 void useOwnBusConnections() {
     if (OtherProcesses* others = otherProcesses()) others->useOwnConnections();
 }

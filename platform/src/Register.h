@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -71,6 +72,8 @@ class OtherProcesses {
     virtual void noticeDeaths() = 0;
     /// @return one line about a bus that cannot be reached, with the remedy; empty when it can.
     virtual std::string findTrouble(Bus bus) = 0;
+    /// @return the names that processes own; none when the bus cannot be reached.
+    virtual std::vector<std::string> listNames(Bus bus) = 0;
     /// Gives the calling thread connections of its own.
     virtual void useOwnConnections() = 0;
     /// Limits the time of every call from then on.

@@ -104,4 +104,8 @@ void setBusTimeLimit(double seconds);
 /// @return one line with the remedy; empty when it can be reached.
 std::string findBusTrouble(Bus bus);
 
+/// Returns the names that processes own on a bus, without the bus's own ":1.5"; none when it cannot
+/// be reached.
+std::vector<std::string> listBusNames(Bus bus);
+
 }  // namespace host
