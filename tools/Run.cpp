@@ -193,21 +193,22 @@ int runToEnd(const std::vector<std::string>& command, SnapshotReader* reader, Re
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+/// @param noEnergy [in] why there is no energy, if there is none.
 /// @return one line about a limit that cannot be judged; empty when all can.
-std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& snapshot) {
+std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& snapshot,
+                           const std::string& noEnergy) {
     for (const Limit& limit : limits) {
         const auto rail = std::find_if(snapshot.rails.begin(), snapshot.rails.end(),
                                        [&](const auto& known) { return known.name == limit.rail; });
         if (rail != snapshot.rails.end() && rail->energy) continue;
-        std::string reason = snapshot.railsError;
-        if (reason.empty() && rail != snapshot.rails.end()) reason = "this rail cannot be read now";
-        if (reason.empty()) {
-            std::vector<std::string> names;
-            for (const auto& known : snapshot.rails) names.push_back(safeName(known.name));
-            reason = names.empty()
-                         ? "no such rail (there are none)"
-                         : fmt::format("no such rail (there are {})", fmt::join(names, ", "));
-        }
+        std::vector<std::string> names;
+        for (const auto& known : snapshot.rails) names.push_back(safeName(known.name));
+        const std::string list = names.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "));
+        const std::string reason = !snapshot.railsError.empty()   ? snapshot.railsError
+                                   : rail != snapshot.rails.end() ? "it cannot be read now"
+                                   : names.empty() && !noEnergy.empty()
+                                       ? noEnergy
+                                       : fmt::format("no such rail (there are {})", list);
         return fmt::format("--max {}: {}", limit.rail, reason);
     }
     return "";
@@ -218,12 +219,13 @@ std::string findUnreadable(const std::vector<Limit>& limits, const Snapshot& sna
 void explainEnd(const RunArguments& arguments, size_t run, int status) {
     const bool isLast = static_cast<int>(run) == arguments.runs;
     if (isLast && arguments.limits.empty()) return;
-    say(fmt::format("{} in run {} of {}, so {}{}{}",
-                    status != 0 ? fmt::format("the command failed with status {}", status)
-                                : fmt::format("signal {} came", gSignal),
-                    run, arguments.runs, isLast ? "" : "it did not run again",
-                    isLast || arguments.limits.empty() ? "" : " and ",
-                    arguments.limits.empty() ? "" : "limits were not judged"));
+    const std::string cause = status != 0 ? fmt::format("the command failed with status {}", status)
+                                          : fmt::format("signal {} came", gSignal);
+    const char* const consequence = isLast                     ? "limits were not judged"
+                                    : arguments.limits.empty() ? "it did not run again"
+                                                               : "it did not run again, and "
+                                                                 "limits were not judged";
+    say(fmt::format("{} in run {} of {}, so {}", cause, run, arguments.runs, consequence));
 }
 
 int judge(const RunReport& report) {
@@ -267,12 +269,13 @@ int run(const RunArguments& arguments) {
     if (openService(arguments.service) != 0) return kUsage;
     SnapshotReader reader;
     const Snapshot first = reader.read();
-    sayWhyNoEnergy(arguments.service, first);
-    const std::string unreadable = findUnreadable(report.limits, first);
+    const std::string noEnergy = whyNoEnergy(arguments.service, first);
+    const std::string unreadable = findUnreadable(report.limits, first, noEnergy);
     if (!unreadable.empty()) {
         say(unreadable);
         return kUsage;
     }
+    if (!noEnergy.empty()) say(noEnergy);
 
     Recorder recorder;
     if (!recorder.open(arguments.record)) return kUsage;
@@ -290,11 +293,11 @@ int run(const RunArguments& arguments) {
     }
     const bool isComplete = status == 0 && static_cast<int>(report.runs.size()) == arguments.runs;
     if (!isComplete) report.limits.clear();
-    if (!isComplete && !report.runs.empty()) explainEnd(arguments, report.runs.size(), status);
     if (!report.runs.empty() &&
         !writeReport(formatReport(report, arguments.format), arguments.output, stream)) {
         return status != 0 ? status : kFailed;
     }
+    if (!isComplete && !report.runs.empty()) explainEnd(arguments, report.runs.size(), status);
     if (isComplete && recorder.hasFailed()) return kFailed;
     if (isComplete) return judge(report);
     return status != 0 ? status : 128 + gSignal;

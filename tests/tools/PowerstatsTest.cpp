@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <functional>
 #include <regex>
 #include <sstream>
 
@@ -98,6 +100,30 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"dump", "--format", "binary"}, "--rails or --residencies"},
         {{"dump", "--sysfs", "/no/such"}, "/no/such: not a folder"},
         {{"dump", "--library", "no-such.so"}, "no-such.so: cannot open"},
+        // The range is in words, and the help is that of the subcommand.
+        {{"watch", "--count", "0"},
+         "--count: 0 is not a whole number from 1 to 1000000000 (see powerstats watch --help)"},
+        {{"watch", "--count", "1.5"}, "1.5 is not a whole number"},
+        {{"watch", "--interval", "inf"}, "inf is not a number from 0.05 to 86400"},
+        {{"watch", "--interval", "1s"}, "1s is not a number"},
+        {{"watch", "--interval", ""}, "\"\" is not a number"},
+        {{"watch", "--interval"}, "--interval: its value is missing"},
+        {{"watch", "--count", "1", "--count", "2"}, "--count: given more than once"},
+        {{"watch", "--bus", "--wait", "nan"}, "nan is not a number from 0 to 86400"},
+        {{"watch", "--replay", PHONE_RECORDING, "--speed", "nan"}, "--speed: nan is not"},
+        {{"check", "--duration", "nan"}, "nan is not a number from 0 to 86400"},
+        {{"check", "--timeout", "-inf"}, "-inf is not a number from 0.001 to 86400"},
+        {{"check", "--only", "no-rule"}, "no-rule: no rule has this name"},
+        {{"record", "--duration", "1"}, "--output is required (see powerstats record --help)"},
+        {{"run", "--runs", "0", "--", "true"}, "0 is not a whole number from 1 to 1000000"},
+        {{"run", "--max", "fans=nan", "--", "true"}, "--max fans=nan: not a limit"},
+        {{"run"}, "COMMAND is required (see powerstats run --help)"},
+        {{"watch", "--cuont", "3"}, "unknown argument: --cuont (see powerstats watch --help)"},
+        {{"wach"}, "unknown argument: wach (see powerstats --help)"},
+        {{"watch", "--format", "xml"}, "xml is not one of live, table, csv, jsonl"},
+        {{"dump", "--bus", "--sysfs", "/"}, "--sysfs: not with --bus"},
+        {{"run", "--sysfs", SAMPLE_MACHINE, "--max", "cpu=1", "--", "true"},
+         "--max cpu: no such rail (there are fans, "},
     };
     for (const auto& test : cases) {
         const Outcome result = run(test.arguments);
@@ -144,6 +170,53 @@ TEST(Powerstats, SaysThatAMachineHasNoRails) {
         EXPECT_EQ(binary.exitCode, 1);
         EXPECT_THAT(binary.output, IsEmpty());
     }
+}
+
+TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
+    const TemporaryTree tree;
+    const std::string folder = tree.path("class/powercap").string();
+    const std::string file = tree.path("class/powercap/rapl:0/energy_uj").string();
+    const struct {
+        std::function<void()> change;
+        std::string reason;
+    } causes[] = {
+        {[] {}, "no energy: there is no folder " + folder},
+        {[&] { std::filesystem::create_directories(folder + "/rapl:0"); },
+         "no energy: " + folder + " has no counters"},
+        {[&] { tree.write("class/powercap/rapl:0/energy_uj", "garbage"); },
+         "no energy: no counter in " + folder + " can be read (a line above says why)"},
+        {[&] {
+             tree.write("class/powercap/rapl:0/energy_uj", "5");
+             std::filesystem::permissions(file, std::filesystem::perms::none);
+         },
+         "energy left out: this user may not read " + file},
+        {[&] { std::filesystem::permissions(file, std::filesystem::perms::owner_read); }, ""},
+    };
+    const Lines subcommands[] = {{"dump", "--rails"},
+                                 {"watch", "--count", "1", "--interval", "0.05"},
+                                 {"record", "--duration", "0", "-o", tree.path("record")},
+                                 {"run", "true"}};
+    for (const auto& cause : causes) {
+        cause.change();
+        // The superuser may read every file.
+        if (geteuid() == 0 && cause.reason.find("may not") != std::string::npos) continue;
+        for (Lines arguments : subcommands) {
+            SCOPED_TRACE(arguments[0] + ": " + cause.reason);
+            std::filesystem::remove(tree.path("record"));
+            arguments.insert(arguments.begin() + 1, {"--sysfs", tree.root()});
+            const std::string errors = run(arguments).errors;
+            const Lines lines = linesOf(errors);
+            EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                    [](const std::string& line) {
+                                        return line.rfind("powerstats: no energy", 0) == 0 ||
+                                               line.rfind("powerstats: energy left out", 0) == 0;
+                                    }),
+                      cause.reason.empty() ? 0 : 1)
+                << errors;
+            EXPECT_THAT(errors, HasSubstr(cause.reason));
+        }
+    }
+    EXPECT_THAT(run({"metrics", "--sysfs", "/"}).errors, IsEmpty()) << "its timer runs each minute";
 }
 
 TEST(Powerstats, PrintsAnyNameSafelyAndWithin80Columns) {
@@ -194,16 +267,27 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         {{}, "exit 7", 7, "1 run of "},
         {{}, "kill -9 $$", 137, ""},
         {{}, "kill -PIPE $$; exit 1", 141, ""},  // powerstats itself ignores this signal
-        {{"-r", "3"}, "echo >>" + runs + "; test $(wc -l <" + runs + ") != 2", 1, "2 runs of"},
-        {{"--max", rail + "=1"}, "exit 5", 5, ""},
+        {{"-r", "3"},
+         "echo >>" + runs + "; test $(wc -l <" + runs + ") != 2",
+         1,
+         "the command failed with status 1 in run 2 of 3, so it did not run again\n"},
+        {{"--max", rail + "=1"},
+         "exit 5",
+         5,
+         "status 5 in run 1 of 1, so limits were not judged\n"},
         {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
         {{"--max", rail + "=0"}, add, 3, "at most 0 W: exceeded"},
         {{"-r", "3", "--max", rail + "=0"}, "sleep 0.01", 4, "too noisy to tell"},
-        {{"--max", rail + "=1"}, ": >" + meter, 4, "fans: not read in every run"},
+        // One that is exceeded comes before one that cannot be judged.
+        {{"-r", "3", "--max", "still=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
+        {{"--max", rail + "=1"},
+         ": >" + meter,
+         4,
+         "not read in every run (in run 1 it was not read)"},
         {{"--max", "nope=1"},
          "echo >" + tree.path("never").string(),
          2,
-         "--max nope: no such rail"},
+         "--max nope: no such rail (there are fans, still)"},
         {{"-o", "/no/such/file"}, "true", 2, "/no/such/file: No such file"},
     };
     for (const auto& test : cases) {

@@ -299,5 +299,18 @@ TEST(Rules, ThatAreLegalToBreakAreReportedAsSuch) {
     EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");
 }
 
+TEST(Rules, AreNotJudgedByCallsThatTheBusRefuses) {
+    Survey survey = makeSurvey(Hal::kAidl);
+    for (auto& reading : survey.energies) {
+        reading.outcome = Survey::Outcome::kRefused;
+        reading.records.clear();
+    }
+    EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");
+    EXPECT_EQ(rulesWith(Verdict::kNotJudged, survey),
+              "rail-request-exact rail-ids-announced energy-stamp-boottime energy-stamp-monotonic "
+              "energy-duration-within-stamp energy-duration-grows energy-not-negative "
+              "energy-monotonic energy-power-plausible");
+}
+
 }  // namespace
 }  // namespace powerstats
