@@ -16,7 +16,6 @@
 #include "Binder.h"
 #include "BusConnection.h"
 #include "BusNames.h"
-#include "Hidl.h"
 #include "NeverDestroyed.h"
 #include "Records.h"
 #include "Register.h"
@@ -74,10 +73,10 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
             [&](Reader& read) { return read(*records); });
         if (!failure) return ScopedAStatus::ok();
         // A service in another process can tell of an exception only by its error's name.
-        if (failure->transactionError == android::BAD_VALUE) {
-            failure->exceptionCode = EX_ILLEGAL_ARGUMENT;
-        }
-        return toAidlStatus(*failure);
+        const char* const message = failure->message.c_str();
+        return failure->error == android::BAD_VALUE
+                   ? ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_ARGUMENT, message)
+                   : ScopedAStatus(newTransactionStatus(failure->error, message));
     }
 
     const std::shared_ptr<BusPeer> mPeer;
@@ -122,7 +121,10 @@ class HidlBusClient : public stats_V1_0::IPowerStats {
             mPeer->owner, kHidlBusName, method, signature,
             [&](Writer& write) { return write(ids...); },
             [&](Reader& read) { return read(records, status); });
-        if (failure) return toTransportStatus(*failure);
+        if (failure) {
+            return ::android::hardware::Status::fromStatusT(failure->error,
+                                                            failure->message.c_str());
+        }
         callback(records, status);
         return Void();
     }

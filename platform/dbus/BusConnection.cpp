@@ -3,7 +3,6 @@
 #include "BusConnection.h"
 
 #include <android/log.h>
-#include <host/ServiceControl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -31,13 +30,6 @@ using std::chrono::steady_clock;
 constexpr char kBusName[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
-Failure failure(int32_t transactionError, std::string message) {
-    Failure failure;
-    failure.transactionError = transactionError;
-    failure.message = std::move(message);
-    return failure;
-}
-
 /// Translates an error by its name. A peer killed during a call and our own time limit give the
 /// same name; only the time distinguishes them.
 Failure failureOf(const sd_bus_error& error, bool late) {
@@ -58,9 +50,9 @@ Failure failureOf(const sd_bus_error& error, bool late) {
     for (const auto& entry : kErrors) {
         if (sd_bus_error_has_name(&error, entry.name) == 0) continue;
         const bool timedOut = late && entry.transactionError == android::DEAD_OBJECT;
-        return failure(timedOut ? android::TIMED_OUT : entry.transactionError, text);
+        return Failure{timedOut ? android::TIMED_OUT : entry.transactionError, text};
     }
-    return failure(android::FAILED_TRANSACTION, text);
+    return Failure{android::FAILED_TRANSACTION, text};
 }
 
 bool isFrom(sd_bus_message* message, const char* name) {
@@ -126,12 +118,12 @@ struct BusConnection::Call {
         if (read(reader) < 0) return misfit(reader.error);
         return std::nullopt;
     } catch (const std::bad_alloc&) {
-        return failure(android::NO_MEMORY, "no memory");  // short, because it must not allocate
+        return Failure{android::NO_MEMORY, "no memory"};  // short, because it must not allocate
     }
 
     Failure misfit(const std::string& why) const {
-        return failure(android::FAILED_TRANSACTION,
-                       std::string("the reply to ") + method + " cannot be used: " + why);
+        return Failure{android::FAILED_TRANSACTION,
+                       std::string("the reply to ") + method + " cannot be used: " + why};
     }
 };
 
@@ -248,7 +240,7 @@ std::optional<Failure> BusConnection::call(const std::string& owner, const char*
                                            const Write& write, const Read& read) {
     Call call{this, owner, interface, method, replySignature, write, read};
     auto done = call.done.get_future();
-    if (!post([&call] { call.connection->begin(&call); })) return deadObject();
+    if (!post([&call] { call.connection->begin(&call); })) return Failure{android::DEAD_OBJECT};
     return done.get();
 }
 
@@ -331,7 +323,7 @@ void BusConnection::lose() {
         entry.second->die();
         entry.second->tell(true);
     }
-    for (Call* call : std::exchange(mCalls, {})) finish(call, deadObject());
+    for (Call* call : std::exchange(mCalls, {})) finish(call, Failure{android::DEAD_OBJECT});
     mBus.reset();
 }
 
@@ -353,13 +345,13 @@ void BusConnection::begin(Call* call) try {
         result = sd_bus_call_async(mBus.get(), nullptr, request.get(), replied, call, limitUs);
     }
     if (result == -EINVAL) {
-        finish(call, failure(android::FAILED_TRANSACTION, "the request holds a text with a NUL"));
+        finish(call, Failure{android::FAILED_TRANSACTION, "the request holds a text with a NUL"});
     } else if (result < 0) {
         // Running out of buffers counts as a loss too: such a connection does not recover.
         sd_bus_close(mBus.get());
     }
 } catch (const std::bad_alloc&) {
-    finish(call, failure(android::NO_MEMORY, "no memory"));
+    finish(call, Failure{android::NO_MEMORY, "no memory"});
 }
 
 void BusConnection::finish(Call* call, std::optional<Failure> failure) {

@@ -51,6 +51,12 @@ std::string describeTrouble(Bus bus, int result);
 /// @return a negative errno when there is no such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);
 
+/// A transaction that failed in the transport.
+struct Failure {
+    android::status_t error;
+    std::string message = {};  ///< part of the status's description
+};
+
 class BusConnection;
 
 /// The process behind one connection to a bus.

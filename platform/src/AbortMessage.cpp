@@ -1,24 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <android/set_abort_message.h>
-#include <host/ServiceControl.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <cstring>
-
-namespace {
-
-std::atomic<char*> gMessage{nullptr};
-
-}  // namespace
-
-extern "C" void android_set_abort_message(const char* msg) {
-    char* const copy = strdup(msg);
-    char* none = nullptr;
-    if (!gMessage.compare_exchange_strong(none, copy)) free(copy);
-}
-
-const char* host::abortMessage() {
-    return gMessage;
+extern "C" void android_set_abort_message(const char* /*msg*/) {
+    // A Linux process leaves no crash report that could carry the message.
 }

@@ -20,7 +20,6 @@ const AIBinder_Class* host::aidlPowerStatsClass() {
 namespace aidl::android::hardware::power::stats {
 namespace {
 
-using host::Method;
 using ::ndk::ScopedAStatus;
 
 /// The proxy. It forwards to the service while that lives and answers STATUS_DEAD_OBJECT once it is
@@ -29,16 +28,14 @@ using ::ndk::ScopedAStatus;
 class BpPowerStats : public ::ndk::BpCInterface<IPowerStats> {
   public:
     using BpCInterface::BpCInterface;
-    ~BpPowerStats() override { host::observe(host::Event::kAidlProxyDestroyed); }
 
     ScopedAStatus getPowerEntityInfo(std::vector<PowerEntity>* _aidl_return) override {
-        return transact<&IPowerStats::getPowerEntityInfo>(Method::kAidlGetPowerEntityInfo,
-                                                          _aidl_return);
+        return transact<&IPowerStats::getPowerEntityInfo>("getPowerEntityInfo", _aidl_return);
     }
     ScopedAStatus getStateResidency(const std::vector<int32_t>& in_powerEntityIds,
                                     std::vector<StateResidencyResult>* _aidl_return) override {
-        return transact<&IPowerStats::getStateResidency>(Method::kAidlGetStateResidency,
-                                                         _aidl_return, in_powerEntityIds);
+        return transact<&IPowerStats::getStateResidency>("getStateResidency", _aidl_return,
+                                                         in_powerEntityIds);
     }
     ScopedAStatus getEnergyConsumerInfo(std::vector<EnergyConsumer>*) override {
         return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
@@ -48,35 +45,34 @@ class BpPowerStats : public ::ndk::BpCInterface<IPowerStats> {
         return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
     }
     ScopedAStatus getEnergyMeterInfo(std::vector<Channel>* _aidl_return) override {
-        return transact<&IPowerStats::getEnergyMeterInfo>(Method::kAidlGetEnergyMeterInfo,
-                                                          _aidl_return);
+        return transact<&IPowerStats::getEnergyMeterInfo>("getEnergyMeterInfo", _aidl_return);
     }
     ScopedAStatus readEnergyMeter(const std::vector<int32_t>& in_channelIds,
                                   std::vector<EnergyMeasurement>* _aidl_return) override {
-        return transact<&IPowerStats::readEnergyMeter>(Method::kAidlReadEnergyMeter, _aidl_return,
+        return transact<&IPowerStats::readEnergyMeter>("readEnergyMeter", _aidl_return,
                                                        in_channelIds);
     }
 
   private:
     /// Makes one call of the service, and logs why it failed if it did.
     template <auto kCall, typename Records, typename... Ids>
-    ScopedAStatus transact(Method method, Records* records, const Ids&... ids) {
-        ScopedAStatus status = transactUnlogged<kCall>(method, records, ids...);
+    ScopedAStatus transact(const char* method, Records* records, const Ids&... ids) {
+        ScopedAStatus status = transactUnlogged<kCall>(records, ids...);
         if (!status.isOk()) {
-            host::logFailure(method,
+            host::logFailure(descriptor, method,
                              status.get() != nullptr ? status.getDescription() : "no status");
         }
         return status;
     }
 
     template <auto kCall, typename Records, typename... Ids>
-    ScopedAStatus transactUnlogged(Method method, Records* records, const Ids&... ids) {
+    ScopedAStatus transactUnlogged(Records* records, const Ids&... ids) {
         host::Peer& peer = *mBinder.get()->peer;
-        if (auto failure = peer.begin(method)) return host::toAidlStatus(*failure);
+        if (!peer.isAlive()) return ScopedAStatus::fromStatus(STATUS_DEAD_OBJECT);
         auto* service = static_cast<IPowerStats*>(::ndk::ICInterface::fromUserData(mBinder.get()));
         Records received;
         ScopedAStatus status = (service->*kCall)(ids..., &received);
-        if (!peer.isAlive()) return host::toAidlStatus(host::deadObject());
+        if (!peer.isAlive()) return ScopedAStatus::fromStatus(STATUS_DEAD_OBJECT);
         if (status.isOk()) *records = std::move(received);
         return status;
     }

@@ -50,16 +50,6 @@ AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Pee
     return binder;
 }
 
-ndk::ScopedAStatus toAidlStatus(const Failure& failure) {
-    if (failure.withoutStatus) return ndk::ScopedAStatus();
-    if (failure.exceptionCode == EX_TRANSACTION_FAILED) {
-        return ndk::ScopedAStatus(
-            newTransactionStatus(failure.transactionError, failure.message.c_str()));
-    }
-    return ndk::ScopedAStatus::fromExceptionCodeWithMessage(failure.exceptionCode,
-                                                            failure.message.c_str());
-}
-
 }  // namespace host
 
 extern "C" {
@@ -81,7 +71,6 @@ void AIBinder_incStrong(AIBinder* binder) {
 
 void AIBinder_decStrong(AIBinder* binder) {
     if (binder == nullptr) return;
-    host::observe(host::Event::kBinderReleased);
     if (--binder->strong != 0) return;
     {
         auto& table = host::neverDestroyed<BinderTable>();

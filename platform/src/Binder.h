@@ -40,7 +40,4 @@ const AIBinder_Class* aidlPowerStatsClass();
 /// Returns the status of a failed transaction; the caller owns it.
 AStatus* newTransactionStatus(binder_status_t status, const char* message);
 
-/// Returns the status that an AIDL client gets for a failure of the transport.
-ndk::ScopedAStatus toAidlStatus(const Failure& failure);
-
 }  // namespace host

@@ -70,13 +70,11 @@ extern "C" {
 
 AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
     AIBinder_DeathRecipient_onBinderDied onBinderDied) {
-    host::observe(host::Event::kAidlRecipientCreated);
     return new AIBinder_DeathRecipient{std::make_shared<RecipientState>(onBinderDied)};
 }
 
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
     if (recipient == nullptr) return;
-    host::observe(host::Event::kAidlRecipientDeleted);
     recipient->state->remove();
     delete recipient;
 }
@@ -84,7 +82,6 @@ void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
 binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                      void* cookie) {
     if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
-    if (auto failure = binder->peer->beginLink()) return failure->transactionError;
     auto link = std::make_shared<AidlDeathLink>(binder, recipient, cookie, recipient->state);
     return binder->peer->link(std::move(link));
 }

@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <system_error>
 
-#include "Peer.h"
-
 namespace android {
 
 namespace {
@@ -57,14 +55,6 @@ std::string statusToString(status_t status) {
 }
 
 namespace hardware {
-
-hidl_death_recipient::hidl_death_recipient() {
-    host::observe(host::Event::kHidlRecipientCreated);
-}
-
-hidl_death_recipient::~hidl_death_recipient() {
-    host::observe(host::Event::kHidlRecipientDestroyed);
-}
 
 Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
     const bool failed = exceptionCode == EX_TRANSACTION_FAILED;

@@ -5,24 +5,13 @@
 #include <memory>
 #include <utility>
 
-#include "Hidl.h"
 #include "Peer.h"
 #include "Register.h"
-
-::android::hardware::Status host::toTransportStatus(const Failure& failure) {
-    using ::android::hardware::Status;
-    if (failure.exceptionCode == Status::EX_TRANSACTION_FAILED) {
-        return Status::fromStatusT(failure.transactionError, failure.message.c_str());
-    }
-    return Status::fromExceptionCode(failure.exceptionCode, failure.message.c_str());
-}
 
 namespace android::hardware::power::stats::V1_0 {
 namespace {
 
 using TransportStatus = ::android::hardware::Status;
-using host::Method;
-using host::toTransportStatus;
 
 class HidlDeathLink : public host::DeathLink {
   public:
@@ -47,13 +36,9 @@ class BpHwPowerStats : public IPowerStats {
     BpHwPowerStats(const sp<IPowerStats>& service, std::shared_ptr<host::Peer> peer)
         : mService(service), mPeer(std::move(peer)) {}
 
-    ~BpHwPowerStats() override {
-        mPeer->unlinkAll(identity());
-        host::observe(host::Event::kHidlProxyDestroyed);
-    }
+    ~BpHwPowerStats() override { mPeer->unlinkAll(identity()); }
 
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
-        if (auto failure = mPeer->beginLink()) return toTransportStatus(*failure);
         auto link = std::make_shared<HidlDeathLink>(this, recipient, cookie);
         return mPeer->link(std::move(link)) == OK;
     }
@@ -63,30 +48,28 @@ class BpHwPowerStats : public IPowerStats {
     }
 
     Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getRailInfo>(Method::kHidlGetRailInfo, _hidl_cb);
+        return transact<&IPowerStats::getRailInfo>("getRailInfo", _hidl_cb);
     }
     Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
                                getEnergyData_cb _hidl_cb) override {
-        return transact<&IPowerStats::getEnergyData>(Method::kHidlGetEnergyData, _hidl_cb,
-                                                     railIndices);
+        return transact<&IPowerStats::getEnergyData>("getEnergyData", _hidl_cb, railIndices);
     }
     Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
         return TransportStatus::fromStatusT(UNKNOWN_TRANSACTION);
     }
     Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getPowerEntityInfo>(Method::kHidlGetPowerEntityInfo,
-                                                          _hidl_cb);
+        return transact<&IPowerStats::getPowerEntityInfo>("getPowerEntityInfo", _hidl_cb);
     }
     Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
                                          getPowerEntityStateInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getPowerEntityStateInfo>(Method::kHidlGetPowerEntityStateInfo,
-                                                               _hidl_cb, powerEntityIds);
+        return transact<&IPowerStats::getPowerEntityStateInfo>("getPowerEntityStateInfo", _hidl_cb,
+                                                               powerEntityIds);
     }
     Return<void> getPowerEntityStateResidencyData(
         const hidl_vec<uint32_t>& powerEntityIds,
         getPowerEntityStateResidencyData_cb _hidl_cb) override {
         return transact<&IPowerStats::getPowerEntityStateResidencyData>(
-            Method::kHidlGetPowerEntityStateResidencyData, _hidl_cb, powerEntityIds);
+            "getPowerEntityStateResidencyData", _hidl_cb, powerEntityIds);
     }
 
   private:
@@ -95,15 +78,15 @@ class BpHwPowerStats : public IPowerStats {
 
     /// Makes one call of the service, and logs why it failed if it did.
     template <auto kCall, typename Callback, typename... Ids>
-    Return<void> transact(Method method, const Callback& callback, const Ids&... ids) {
-        Return<void> result = transactUnlogged<kCall>(method, callback, ids...);
-        if (!result.isOkUnchecked()) host::logFailure(method, result.description());
+    Return<void> transact(const char* method, const Callback& callback, const Ids&... ids) {
+        Return<void> result = transactUnlogged<kCall>(callback, ids...);
+        if (!result.isOkUnchecked()) host::logFailure(descriptor, method, result.description());
         return result;
     }
 
     template <auto kCall, typename Callback, typename... Ids>
-    Return<void> transactUnlogged(Method method, const Callback& callback, const Ids&... ids) {
-        if (auto failure = mPeer->begin(method)) return toTransportStatus(*failure);
+    Return<void> transactUnlogged(const Callback& callback, const Ids&... ids) {
+        if (!mPeer->isAlive()) return TransportStatus::fromStatusT(DEAD_OBJECT);
         struct {
             const host::Peer& peer;
             const Callback& callback;
@@ -117,7 +100,7 @@ class BpHwPowerStats : public IPowerStats {
                 transaction.callback(records, status);
             });
         if (transaction.answered || !result.isOkUnchecked()) return result;
-        if (!mPeer->isAlive()) return toTransportStatus(host::deadObject());
+        if (!mPeer->isAlive()) return TransportStatus::fromStatusT(DEAD_OBJECT);
         return TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer");
     }
 

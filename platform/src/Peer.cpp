@@ -5,14 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "NeverDestroyed.h"
-#include "Register.h"
-
 namespace host {
-
-ServiceStats* Peer::unnamed() {
-    return &neverDestroyed<ServiceStats>();
-}
 
 void Peer::die() {
     bool linked;
@@ -22,18 +15,6 @@ void Peer::die() {
         linked = !mLinks.empty();
     }
     if (linked) deliverNotices(shared_from_this());
-}
-
-std::optional<Failure> Peer::begin(Method method) {
-    stats().transactions[static_cast<size_t>(method)]++;
-    if (auto scripted = stats().nextTransaction(method)) return scripted;
-    if (!isAlive()) return deadObject();
-    return std::nullopt;
-}
-
-std::optional<Failure> Peer::beginLink() {
-    stats().links++;
-    return stats().nextLink();
 }
 
 android::status_t Peer::link(std::shared_ptr<DeathLink> link) {
@@ -71,7 +52,6 @@ size_t Peer::end(const Matches& matches, size_t most) {
 
 android::status_t Peer::unlink(const void* owner, const void* recipient,
                                std::optional<uint64_t> cookie) {
-    stats().unlinks++;
     auto matches = [=](const DeathLink& link) {
         return link.owner == owner && link.recipient == recipient &&
                link.cookie == cookie.value_or(link.cookie);

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A service's process as its clients see it: whether it is alive, the links to its death, and the
-// counts of its clients' requests. Both AIDL's and HIDL's binders are built on it.
+// A service's process as its clients see it: whether it is alive, and the links to its death. Both
+// AIDL's and HIDL's binders are built on it.
 
 #pragma once
 
-#include <host/ServiceControl.h>
 #include <utils/Errors.h>
 
 #include <atomic>
@@ -20,22 +19,6 @@ namespace host {
 
 /// The tag of the stand-ins' own log lines.
 inline constexpr const char* kLogTag = "android_host";
-
-class ServiceStats;
-
-/// The methods of both interfaces that the host can call.
-enum class Method {
-    kAidlGetPowerEntityInfo,
-    kAidlGetStateResidency,
-    kAidlGetEnergyMeterInfo,
-    kAidlReadEnergyMeter,
-    kHidlGetRailInfo,
-    kHidlGetEnergyData,
-    kHidlGetPowerEntityInfo,
-    kHidlGetPowerEntityStateInfo,
-    kHidlGetPowerEntityStateResidencyData,
-    kCount,
-};
 
 /// One link to a death, made through one proxy.
 class DeathLink {
@@ -65,14 +48,6 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Marks the process as ended: later transactions fail, and the links get their notices.
     void die();
 
-    /// Counts a transaction.
-    /// @return how it fails, if it fails before it reaches the service.
-    std::optional<Failure> begin(Method method);
-
-    /// Counts a link.
-    /// @return how it fails, if it is scripted to fail.
-    std::optional<Failure> beginLink();
-
     /// Adds a link. A dead peer whose death has not been reported yet accepts it, and its notice
     /// follows at once.
     /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
@@ -89,10 +64,6 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Delivers the notices. REQUIRES: this is the delivering thread
     void report();
 
-    /// Returns the counts and scripts of the peer's registered name.
-    ServiceStats& stats() const { return *mStats.load(); }
-    void setStats(ServiceStats* stats) { mStats = stats; }
-
   protected:
     /// Watching starts before the first link and stops after the last. Starting twice is harmless.
     virtual bool startWatching() { return true; }
@@ -103,9 +74,6 @@ class Peer : public std::enable_shared_from_this<Peer> {
     size_t end(const Matches& matches, size_t most);
 
     std::atomic<bool> mAlive{true};
-    std::atomic<ServiceStats*> mStats{unnamed()};
-    static ServiceStats* unnamed();
-
     void stopWatchingUnlessLinked();
 
     std::mutex mWatchMutex;  // held while watching starts or stops; taken before mMutex
@@ -128,8 +96,5 @@ bool startThread(std::function<void()> function);
 
 /// Lets the delivering thread report the death of a peer. Starts the thread if needed.
 void deliverNotices(std::shared_ptr<Peer> peer);
-
-/// Calls the observer, if there is one.
-void observe(Event event);
 
 }  // namespace host

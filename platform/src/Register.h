@@ -1,49 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The services of this process by name, and the counts and scripts of each name.
+// The services of this process by name.
 
 #pragma once
 
-#include "Peer.h"
+#include <host/ServiceControl.h>
 
-#include <array>
-#include <atomic>
-#include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "Peer.h"
+
 namespace host {
-
-/// The counts and scripts of one name. An object lives as long as the process.
-class ServiceStats {
-  public:
-    std::atomic<int64_t> lookups{0};
-    std::atomic<int64_t> links{0};
-    std::atomic<int64_t> unlinks{0};
-    std::array<std::atomic<int64_t>, static_cast<size_t>(Method::kCount)> transactions{};
-
-    void scriptTransaction(Method method, const Failure& failure, int times);
-    void scriptLink(const Failure& failure, int times);
-    /// Return the scripted failure of the next call, if there is one.
-    std::optional<Failure> nextTransaction(Method method);
-    std::optional<Failure> nextLink();
-
-    static ServiceStats& of(const std::string& name);
-
-  private:
-    struct Script {
-        Failure failure;
-        std::atomic<int> times{0};
-    };
-    std::optional<Failure> next(Script* script);
-
-    std::mutex mMutex;  // guards the scripts' failures
-    std::array<Script, static_cast<size_t>(Method::kCount)> mTransactionScripts;
-    Script mLinkScript;
-};
 
 /// A service in the register: an AIBinder, or a HIDL interface, and the process it stands for.
 struct RegisteredService {
@@ -52,12 +21,13 @@ struct RegisteredService {
 };
 
 /// Logs, at DEBUG, why a transaction failed, because its caller may ignore the reason.
-void logFailure(Method method, const std::string& reason);
+/// @param interface [in] the full name of the method's interface.
+void logFailure(const char* interface, const char* method, const std::string& reason);
 
 /// Puts a service in the register and replaces one of the same name.
 void registerService(const std::string& name, RegisteredService service);
 
-/// Counts a look-up, and finds the service of that name in this process, or else on a bus.
+/// Finds the service of that name in this process, or else on a bus.
 /// @return one whose object is null when there is none.
 RegisteredService findService(const std::string& name);
 

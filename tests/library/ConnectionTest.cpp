@@ -21,8 +21,8 @@ const char kNoEntities[] = "E: Failed to get power entity info.";
 const char kNoStates[] = "E: Failed to get state info.";
 const std::string kUnavailable =
     "E: Failed to init state info: requested HAL service not available. Description: ";
-const host::Failure kDead{-129, -32, "gone"};
-const host::Failure kTransport{-129, -74, "odd"};
+const Failure kDead{-129, -32, "gone"};
+const Failure kTransport{-129, -74, "odd"};
 
 /// One method of a call, and the result of its failure.
 struct Query {
@@ -69,10 +69,10 @@ struct Trouble {
     const char* description = nullptr;
 };
 
-Trouble unreached(const char* name, const host::Failure& failure, const char* description) {
+Trouble unreached(const char* name, const Failure& failure, const char* description) {
     return {name,
             [=](Scenario&, const Query& query) {
-                host::failTransactions(nameOf(query.backend), query.method, failure);
+                failNext(requestOf(query.backend, query.method), failure);
             },
             description};
 }
@@ -166,7 +166,7 @@ TEST_P(FailedQuery, GivesNullAndIsMadeAgainByTheNextCall) {
 TEST(FailedLink, OfAidlIsIgnoredAndTheDeathIsMissed) {
     Scenario scenario;
     scenario.serve(Backend::kAidl, smallMachine());
-    host::failLinks(host::kAidlPowerStats, {EX_TRANSACTION_FAILED, STATUS_FAILED_TRANSACTION});
+    failNext("aidl:link", {EX_TRANSACTION_FAILED, STATUS_FAILED_TRANSACTION});
     EXPECT_EQ(scenario.call(Call::kRails),
               array(smallResult(Call::kRails), firstTraffic(Backend::kAidl, Call::kRails),
                     {chosenLine(Backend::kAidl)}));
@@ -205,7 +205,7 @@ class HidlReconnection : public testing::Test, public Scenario {
 
 TEST_F(HidlReconnection, LogsAndIgnoresALinkThatFails) {
     restart(smallMachine());
-    host::failLinks(host::kHidlPowerStats, {-129, -32, "no link"});
+    failNext("hidl:link", {-129, -32, "no link"});
     expectResult(mSmallResult, {"E: Transaction error in linking to PowerStatsHAL death: "
                                 "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: no link'"});
     EXPECT_EQ(call(Call::kResidencies),
@@ -234,15 +234,15 @@ TEST_F(HidlReconnection, FailsWithAQueryThatFailsInSpiteOfOldNames) {
     restart(smallMachine());
     const Lines log{kUnavailable + "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'",
                     kNotLoaded};
-    host::failTransactions(host::kHidlPowerStats, "getPowerEntityInfo", kTransport);
+    failNext("hidl:getPowerEntityInfo", kTransport);
     EXPECT_EQ(call(Call::kResidencies), nothing(log, kHidlAgain));
-    host::failTransactions(host::kHidlPowerStats, "getPowerEntityStateInfo", kTransport);
+    failNext("hidl:getPowerEntityStateInfo", kTransport);
     EXPECT_EQ(call(Call::kResidencies), nothing(log, kHidlAgain + " hidl:getPowerEntityStateInfo"));
 }
 
 TEST_F(HidlReconnection, KeepsNamesThatCameBeforeAFailure) {
     restart({{}, {}, {{9, "early", {{0, "S0"}}}}, {}});
-    host::failTransactions(host::kHidlPowerStats, "getPowerEntityStateInfo", kDead);
+    failNext("hidl:getPowerEntityStateInfo", kDead);
     EXPECT_EQ(call(Call::kResidencies).bytes, std::nullopt);
     hidl->tell({{}, {}, {{9, "late", {{0, "S0"}}}}, {{9, {{0, 1, 2, 3}}}}});
     expectResult(entity("early", {residency("S0", {0, 1, 2, 3})}));

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include "tests/support/Scenario.h"
 
 namespace support {
@@ -48,17 +46,13 @@ TEST_P(Death, DropsTheConnectionAtOnceAndTheNextCallReconnects) {
     serve(mBackend, smallMachine());
     for (const Call which : kCalls) call(which);
     for (const Call which : {Call::kRails, Call::kResidencies, Call::kRails}) {
-        const auto proxyDestroyed = mBackend == Backend::kAidl ? host::Event::kAidlProxyDestroyed
-                                                               : host::Event::kHidlProxyDestroyed;
-        std::atomic<int> destroyed{0};  // counted on two threads
-        host::setObserver([&](host::Event event) { destroyed += event == proxyDestroyed ? 1 : 0; });
+        EXPECT_EQ(proxies(mBackend), 1);
         kill(mBackend);
-        host::setObserver(nullptr);
-        EXPECT_EQ(destroyed, 1);
+        EXPECT_EQ(proxies(mBackend), 0);
         EXPECT_EQ(takeEvents(), Lines{}) << "a death is not logged";
         expectRecovery(which);
     }
-    EXPECT_EQ(host::unlinks(nameOf(mBackend)), mBackend == Backend::kAidl ? 0 : 3);
+    EXPECT_EQ(requestCount(requestOf(mBackend, "unlink")), mBackend == Backend::kAidl ? 0 : 3);
     // The names of the other call are gone as well.
     const std::string names = mBackend == Backend::kAidl ? "aidl:getPowerEntityInfo " : "";
     EXPECT_EQ(call(Call::kResidencies), array(otherResult(Call::kResidencies),
@@ -92,7 +86,7 @@ TEST_P(Death, AfterTheLastAnswerDoesNotHarmTheCall) {
         // The notice drops the connection before or after the traffic is compared.
         outcome.traffic = steadyTraffic(mBackend, which);
         EXPECT_EQ(outcome, array(smallResult(which), outcome.traffic));
-        EXPECT_EQ(host::unlinks(nameOf(mBackend)), ++unlinks);
+        EXPECT_EQ(requestCount(requestOf(mBackend, "unlink")), ++unlinks);
         expectRecovery(which);
         kill(mBackend);
         ++unlinks;

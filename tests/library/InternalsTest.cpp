@@ -69,7 +69,7 @@ TEST_F(AidlInternals, MissingStatesAreAskedFor) {
     gEntityNames = {{7, "old"}};
     EXPECT_EQ(residencies(),
               support::entity("old", {support::residency("S0", support::kSmallState)}));
-    EXPECT_EQ(host::lookups(host::kAidlPowerStats), 1);
+    EXPECT_EQ(support::requestCount("aidl:lookup"), 1);
 }
 
 TEST_F(AidlInternals, MissingEntitiesAreAskedFor) {

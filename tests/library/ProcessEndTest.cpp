@@ -75,7 +75,7 @@ std::string writtenToNull(Call call) {
 }
 std::function<void(Scenario&, Machine&)> unreached(const char* method) {
     return [=](Scenario&, Machine&) {
-        host::failTransactions(host::kHidlPowerStats, method, {-129, -32, "gone"});
+        failNext(requestOf(Backend::kHidl, method), {-129, -32, "gone"});
     };
 }
 

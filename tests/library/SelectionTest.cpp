@@ -140,7 +140,8 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
         };
         load();
         takeEvents();
-        const int64_t lookups = host::lookups(nameOf(backend));
+        const std::string lookup = requestOf(backend, "lookup");
+        const int64_t lookups = requestCount(lookup);
         std::atomic<int> ready{0};
         std::optional<std::string> results[2];
         const auto run = [&](Call call) {
@@ -156,8 +157,8 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
         }
         const Lines events = takeEvents();
         EXPECT_EQ(std::count(events.begin(), events.end(), chosenLine(backend)), 1);
-        EXPECT_EQ(host::lookups(nameOf(backend)) - lookups, backend == Backend::kAidl ? 2 : 1);
-        EXPECT_EQ(host::links(nameOf(backend)), 1);
+        EXPECT_EQ(requestCount(lookup) - lookups, backend == Backend::kAidl ? 2 : 1);
+        EXPECT_EQ(requestCount(requestOf(backend, "link")), 1);
         EXPECT_EQ(most, 1);
         unload();
         kill(backend);

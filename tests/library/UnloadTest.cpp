@@ -18,8 +18,6 @@
 namespace support {
 namespace {
 
-using host::Event;
-
 class Unload : public testing::TestWithParam<Backend>, public Scenario {
   protected:
     static void expectGone() {
@@ -68,32 +66,43 @@ TEST_P(Unload, AThousandTimesLeavesNothingBehindAndStartsAfresh) {
 #ifndef POWERSTATS_MEMORY_UNJUDGED
     EXPECT_LT(kib, 64);
 #endif
-    EXPECT_EQ(host::unlinks(nameOf(GetParam())), 0);
+    EXPECT_EQ(requestCount(requestOf(GetParam(), "unlink")), 0);
     // A thousand links outlived the library that made them.
     kill(GetParam());
 }
 
+using HidlRecipient = android::hardware::hidl_death_recipient;
+
+/// Returns the library's recipient of HIDL notices; null before it is constructed.
+HidlRecipient* hidlRecipient() {
+    // The library may be in the middle of its loading. It is not unloaded here.
+    const std::unique_ptr<void, int (*)(void*)> library(
+        dlopen(POWERSTATS_LIBRARY, RTLD_NOW | RTLD_NOLOAD), dlclose);
+    const void* const recipient = dlsym(library.get(), "_ZN9ferrolith19gDeathRecipientV1_0E");
+    return static_cast<const android::sp<HidlRecipient>*>(recipient)->get();
+}
+
 TEST_P(Unload, DestroysInReverseOrderOfConstruction) {
     serve(GetParam(), smallMachine());
-    std::vector<Event> events;
-    host::setObserver([&](Event event) { events.push_back(event); });
+    Lines events;
+    android::wp<HidlRecipient> recipient;
+    onReference = [&](const std::string& event) {
+        if (event == "AIDL recipient created") recipient = hidlRecipient();
+        const bool lives = recipient.promote() != nullptr;
+        events.push_back(event + (lives ? "" : ", no HIDL recipient"));
+    };
     load();
-    EXPECT_EQ(events,
-              (std::vector<Event>{Event::kHidlRecipientCreated, Event::kAidlRecipientCreated}));
+    EXPECT_EQ(events, Lines{"AIDL recipient created"});
     call(Call::kRails);
     call(Call::kResidencies);
     events.clear();
     unload();
-    host::setObserver(nullptr);
-    if (GetParam() == Backend::kAidl) {
-        EXPECT_EQ(events,
-                  (std::vector<Event>{Event::kAidlRecipientDeleted, Event::kAidlProxyDestroyed,
-                                      Event::kBinderReleased, Event::kHidlRecipientDestroyed}));
-    } else {
-        EXPECT_EQ(events,
-                  (std::vector<Event>{Event::kAidlRecipientDeleted, Event::kHidlRecipientDestroyed,
-                                      Event::kHidlProxyDestroyed}));
-    }
+    onReference = nullptr;
+    EXPECT_EQ(events,
+              GetParam() == Backend::kAidl
+                  ? (Lines{"AIDL recipient deleted", "AIDL proxy destroyed", "binder released"})
+                  : (Lines{"AIDL recipient deleted", "HIDL proxy destroyed, no HIDL recipient"}));
+    EXPECT_EQ(recipient.promote(), nullptr);
 }
 
 TEST(Exports, AreTheEntryPointsAndTheGlobalStateOnly) {

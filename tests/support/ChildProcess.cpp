@@ -4,14 +4,12 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <host/ServiceControl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 
 namespace support {
 namespace {
@@ -28,17 +26,6 @@ void writeCoverage() {
 #endif
 }
 
-/// Runs last in a child that aborts.
-void onAbort(int /*signal*/) {
-    writeCoverage();
-    const char* message = host::abortMessage();
-    if (message == nullptr) return;
-    // In a signal handler only the calls that are safe there.
-    for (const char* part : {"abort message: ", message, "\n"}) {
-        if (write(STDERR_FILENO, part, std::strlen(part)) < 0) return;
-    }
-}
-
 }  // namespace
 
 Ended runInChild(const std::function<void()>& run) {
@@ -51,7 +38,7 @@ Ended runInChild(const std::function<void()>& run) {
         const rlimit noCore{0, 0};
         setrlimit(RLIMIT_CORE, &noCore);
         alarm(300);
-        signal(SIGABRT, onAbort);
+        signal(SIGABRT, [](int) { writeCoverage(); });
         try {
             run();
         } catch (...) {

@@ -12,7 +12,7 @@ namespace support {
 struct Ended {
     int signal = 0;    ///< that ended it, or 0
     int exitCode = 0;  ///< kReturned when `run` returned
-    /// Its standard error, and "abort message: " with the message for a crash report.
+    /// Its standard error, with "abort message: " and a message for the crash report.
     std::string errors;
 };
 

@@ -31,34 +31,13 @@ void recordLog(const __android_log_message* message) {
     record(priority + (ours ? "" : std::string("/") + message->tag) + ": " + message->message);
 }
 
-/// The platform's counts of both services, in the order of an outcome's traffic.
-std::vector<std::pair<std::string, int64_t>> readCounters() {
-    static const Lines kMethods[] = {
-        {"getEnergyMeterInfo", "readEnergyMeter", "getPowerEntityInfo", "getStateResidency"},
-        {"getPowerEntityInfo", "getPowerEntityStateInfo", "getRailInfo", "getEnergyData",
-         "getPowerEntityStateResidencyData"}};
-    std::vector<std::pair<std::string, int64_t>> counters;
-    for (const Backend backend : kBackends) {
-        const std::string hal = backend == Backend::kAidl ? "aidl:" : "hidl:";
-        const char* const service = nameOf(backend);
-        counters.emplace_back(hal + "lookup", host::lookups(service));
-        counters.emplace_back(hal + "link", host::links(service));
-        counters.emplace_back(hal + "unlink", host::unlinks(service));
-        for (const auto& method : kMethods[static_cast<int>(backend)]) {
-            counters.emplace_back(hal + method, host::transactions(service, method));
-        }
-    }
-    return counters;
-}
-
-std::string trafficSince(const std::vector<std::pair<std::string, int64_t>>& before) {
+std::string trafficSince(const std::vector<RequestCount>& before) {
     std::string text;
-    const auto now = readCounters();
+    const auto now = requestCounts();
     for (size_t i = 0; i < now.size(); ++i) {
-        const auto& [name, value] = now[i];
-        const int64_t count = value - before[i].second;
+        const int64_t count = now[i].count - before[i].count;
         if (count == 0) continue;
-        text += (text.empty() ? "" : " ") + name;
+        text += (text.empty() ? "" : " ") + std::string(now[i].request);
         if (count != 1) text += '*' + std::to_string(count);
     }
     return text;
@@ -199,7 +178,7 @@ std::optional<std::string> toText(const host::JavaBytes& bytes) {
 
 Outcome Scenario::call(Call call) {
     if (library == nullptr) load();
-    const auto before = readCounters();
+    const auto before = requestCounts();
     takeEvents();
     Outcome outcome{toText(callBare(call)), takeEvents(), trafficSince(before)};
     EXPECT_EQ(env.arrays(), 0u) << "an array was made and not returned";

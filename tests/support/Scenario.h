@@ -16,6 +16,7 @@
 
 #include "tests/support/Encoder.h"
 #include "tests/support/FakeServices.h"
+#include "tests/support/PlatformCalls.h"
 
 namespace support {
 

@@ -8,8 +8,8 @@
 extern "C" {
 #endif
 
-/// Keeps the reason for an abort that follows. The first message of a process stays.
-/// @param msg [in] copied.
+/// Gives the crash report the reason for an abort that follows. The host makes no such report, and
+/// drops the message.
 void android_set_abort_message(const char* msg);
 
 #ifdef __cplusplus

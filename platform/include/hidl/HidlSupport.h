@@ -21,9 +21,6 @@ namespace android::hardware {
 
 /// A receiver of notices that the process of a HIDL service has died.
 struct hidl_death_recipient : public virtual RefBase {
-    hidl_death_recipient();
-    ~hidl_death_recipient() override;
-
     /// The platform calls this on a thread of its own, once for every link.
     /// @param cookie [in] as given when the link was made.
     /// @param who [in] the proxy whose service died.
