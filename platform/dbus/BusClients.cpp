@@ -16,7 +16,6 @@
 #include "Binder.h"
 #include "BusConnection.h"
 #include "BusNames.h"
-#include "NeverDestroyed.h"
 #include "Records.h"
 #include "Register.h"
 
@@ -183,44 +182,36 @@ RegisteredService findHidl(Bus bus) {
     return {std::shared_ptr<void>(held, held->get()), peer};
 }
 
-class Buses : public OtherProcesses {
-  public:
-    RegisteredService find(Bus bus, const std::string& name) override {
-        if (name == kAidlPowerStats) return findAidl(bus);
-        if (name == kHidlPowerStats) return findHidl(bus);
-        return {};
-    }
-    void noticeDeaths() override { BusConnection::noticeDeaths(); }
-    void useOwnConnections() override { BusConnection::useOwn(); }
-    void setTimeLimit(double seconds) override { BusConnection::setTimeLimit(seconds); }
-    std::string findTrouble(Bus bus) override {
-        UniqueBus opened;
-        int result = openBus(bus, &opened);
-        const char* unique = nullptr;
-        if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
-        return result < 0 ? describeTrouble(bus, result) : "";
-    }
-    std::vector<std::string> listNames(Bus bus) override {
-        UniqueBus opened;
-        char** names = nullptr;
-        if (openBus(bus, &opened) < 0 || sd_bus_list_names(opened.get(), &names, nullptr) < 0) {
-            return {};
-        }
-        std::vector<std::string> list;
-        for (char** name = names; *name != nullptr; ++name) {
-            if (**name != ':') list.emplace_back(*name);
-            std::free(*name);
-        }
-        std::free(names);
-        return list;
-    }
-};
-
-[[maybe_unused]] const bool gPluggedIn = [] {
-    plugIn(&neverDestroyed<Buses>());
-    return true;
-}();
-
 }  // namespace
 }  // namespace dbus
+
+RegisteredService findOnBus(Bus bus, const std::string& name) {
+    if (name == kAidlPowerStats) return dbus::findAidl(bus);
+    if (name == kHidlPowerStats) return dbus::findHidl(bus);
+    return {};
+}
+
+std::string findBusTrouble(Bus bus) {
+    dbus::UniqueBus opened;
+    int result = dbus::openBus(bus, &opened);
+    const char* unique = nullptr;
+    if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
+    return result < 0 ? dbus::describeTrouble(bus, result) : "";
+}
+
+std::vector<std::string> listBusNames(Bus bus) {
+    dbus::UniqueBus opened;
+    char** names = nullptr;
+    if (dbus::openBus(bus, &opened) < 0 || sd_bus_list_names(opened.get(), &names, nullptr) < 0) {
+        return {};
+    }
+    std::vector<std::string> list;
+    for (char** name = names; *name != nullptr; ++name) {
+        if (**name != ':') list.emplace_back(*name);
+        std::free(*name);
+    }
+    std::free(names);
+    return list;
+}
+
 }  // namespace host

@@ -70,6 +70,18 @@ struct Connections {
     std::shared_ptr<BusConnection> of[2];
 };
 
+/// The connections of one thread, which no other thread gets.
+struct OwnConnections : Connections {
+    ~OwnConnections() {
+        for (const auto& connection : of) {
+            if (connection != nullptr) connection->disconnect();
+        }
+    }
+    bool areUsed = false;
+};
+
+thread_local OwnConnections gOwnConnections;
+
 }  // namespace
 
 const char* nameOf(Bus bus) {
@@ -147,34 +159,9 @@ struct BusConnection::Watched {
     }
 };
 
-/// The connections of one thread, which no other thread gets.
-struct BusConnection::OwnConnections : Connections {
-    ~OwnConnections() {
-        for (const auto& connection : of) {
-            if (connection == nullptr) continue;
-            connection->post([used = connection.get()] { sd_bus_close(used->mBus.get()); });
-        }
-    }
-    bool areUsed = false;
-};
-
-BusConnection::OwnConnections& BusConnection::ownConnections() {
-    static thread_local OwnConnections connections;
-    return connections;
-}
-
-void BusConnection::useOwn() {
-    ownConnections().areUsed = true;
-}
-
-void BusConnection::setTimeLimit(double seconds) {
-    // 0 would be sd-bus's own limit.
-    gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
-}
-
 std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
-    OwnConnections& own = ownConnections();
-    Connections& connections = own.areUsed ? own : neverDestroyed<Connections>();
+    Connections& connections =
+        gOwnConnections.areUsed ? gOwnConnections : neverDestroyed<Connections>();
     std::lock_guard<std::mutex> lock(connections.mutex);
     auto& current = connections.of[static_cast<int>(bus)];
     if (current != nullptr && current->isOpen()) return current;
@@ -188,22 +175,6 @@ std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
     auto connection = std::make_shared<BusConnection>(std::move(opened));
     if (connection->start()) current = std::move(connection);
     return current;
-}
-
-void BusConnection::noticeDeaths() {
-    Connections& connections = neverDestroyed<Connections>();
-    for (const Bus bus : {Bus::kSession, Bus::kSystem}) {
-        std::shared_ptr<BusConnection> connection;
-        {
-            std::lock_guard<std::mutex> lock(connections.mutex);
-            connection = connections.of[static_cast<int>(bus)];
-        }
-        if (connection == nullptr) continue;
-        // The bus answers in order: the first answer follows all its signals, and the second one
-        // follows the answers to the questions that those signals caused.
-        connection->ownerOf(kBusName);
-        connection->ownerOf(kBusName);
-    }
 }
 
 bool BusConnection::start() {
@@ -221,6 +192,10 @@ BusConnection::~BusConnection() {
 bool BusConnection::isOpen() {
     std::lock_guard<std::mutex> lock(mMutex);
     return mWakeUp >= 0;
+}
+
+void BusConnection::disconnect() {
+    post([this] { sd_bus_close(mBus.get()); });
 }
 
 std::string BusConnection::ownerOf(const std::string& name) {
@@ -473,4 +448,30 @@ void BusPeer::stopWatching() {
 }
 
 }  // namespace dbus
+
+void useOwnBusConnections() {
+    dbus::gOwnConnections.areUsed = true;
+}
+
+void setBusTimeLimit(double seconds) {
+    // 0 would be sd-bus's own limit.
+    dbus::gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
+}
+
+void noticeDeathsOnBuses() {
+    auto& connections = neverDestroyed<dbus::Connections>();
+    for (const Bus bus : {Bus::kSession, Bus::kSystem}) {
+        std::shared_ptr<dbus::BusConnection> connection;
+        {
+            std::lock_guard<std::mutex> lock(connections.mutex);
+            connection = connections.of[static_cast<int>(bus)];
+        }
+        if (connection == nullptr) continue;
+        // The bus answers in order: the first answer follows all its signals, and the second one
+        // follows the answers to the questions that those signals caused.
+        connection->ownerOf(dbus::kBusName);
+        connection->ownerOf(dbus::kBusName);
+    }
+}
+
 }  // namespace host

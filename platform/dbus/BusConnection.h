@@ -92,24 +92,17 @@ class BusPeer : public Peer {
 class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:
     /// Returns the open connection to a bus, a new one if there is none.
+    /// After useOwnBusConnections, no other thread gets it.
     /// @return null when there is no such bus, or no descriptor or thread is left. A later call
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
-
-    /// From then on to() gives the calling thread connections that no other thread gets. They are
-    /// closed when the thread ends.
-    static void useOwn();
-
-    /// Limits the time of every call from then on.
-    static void setTimeLimit(double seconds);
-
-    /// Returns once every death that a bus knew of before this call has been noticed.
-    static void noticeDeaths();
 
     explicit BusConnection(UniqueBus bus);
     ~BusConnection();
 
     bool isOpen();
+    /// Loses the connection soon. Does not wait.
+    void disconnect();
 
     /// Returns the unique name of a service's connection; empty when the name has no owner.
     std::string ownerOf(const std::string& name);
@@ -134,9 +127,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
   private:
     struct Call;
     struct Watched;
-    struct OwnConnections;
 
-    static OwnConnections& ownConnections();
     bool start();
     bool post(std::function<void()> job);
     void run();

@@ -118,7 +118,7 @@ void deliverNotices(std::shared_ptr<Peer> peer) {
 }
 
 bool waitForDeathNotices(double seconds) {
-    if (OtherProcesses* others = otherProcesses()) others->noticeDeaths();
+    noticeDeathsOnBuses();
     return neverDestroyed<DeathNotices>().waitUntilDone(seconds);
 }
 

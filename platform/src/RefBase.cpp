@@ -21,11 +21,6 @@ void RefBase::decStrong(const void* /*id*/) const {
     if (mRefs->mStrong.fetch_sub(1) == 1) delete this;
 }
 
-int32_t RefBase::getStrongCount() const {
-    const int32_t count = mRefs->mStrong;
-    return count >= weakref_type::kNeverHeld ? count - weakref_type::kNeverHeld : count;
-}
-
 RefBase::weakref_type* RefBase::createWeak(const void* id) const {
     mRefs->incWeak(id);
     return mRefs;

@@ -5,10 +5,7 @@
 #include <android/log.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
-#include <string_view>
+#include <mutex>
 #include <unordered_map>
 #include <utility>
 
@@ -20,22 +17,9 @@ namespace {
 struct Register {
     std::mutex mutex;
     std::unordered_map<std::string, RegisteredService> services;
-    std::atomic<OtherProcesses*> others{nullptr};
     std::vector<Bus> buses{Bus::kSession, Bus::kSystem};                    // of look-ups
     std::vector<std::string> namesOnBus{kAidlPowerStats, kHidlPowerStats};  // of look-ups
 };
-
-/// Takes a service out of the register.
-/// @return the service; its object is null when there was none.
-RegisteredService remove(const std::string& name) {
-    Register& all = neverDestroyed<Register>();
-    std::lock_guard<std::mutex> lock(all.mutex);
-    auto entry = all.services.find(name);
-    if (entry == all.services.end()) return {};
-    RegisteredService service = std::move(entry->second);
-    all.services.erase(entry);
-    return service;
-}
 
 }  // namespace
 
@@ -63,39 +47,11 @@ RegisteredService findService(const std::string& name) {
         const auto& names = all.namesOnBus;
         if (std::find(names.begin(), names.end(), name) != names.end()) buses = all.buses;
     }
-    if (otherProcesses() == nullptr) return {};
     for (const Bus bus : buses) {
-        RegisteredService service = otherProcesses()->find(bus, name);
+        RegisteredService service = findOnBus(bus, name);
         if (service.peer != nullptr) return service;
     }
     return {};
-}
-
-void plugIn(OtherProcesses* others) {
-    neverDestroyed<Register>().others = others;
-}
-
-OtherProcesses* otherProcesses() {
-    return neverDestroyed<Register>().others;
-}
-
-std::string findBusTrouble(Bus bus) {
-    OtherProcesses* const others = otherProcesses();
-    return others != nullptr ? others->findTrouble(bus)
-                             : "this program is built without D-Bus (set POWERSTATS_DBUS)";
-}
-
-std::vector<std::string> listBusNames(Bus bus) {
-    OtherProcesses* const others = otherProcesses();
-    return others != nullptr ? others->listNames(bus) : std::vector<std::string>();
-}
-
-void useOwnBusConnections() {
-    if (OtherProcesses* others = otherProcesses()) others->useOwnConnections();
-}
-
-void setBusTimeLimit(double seconds) {
-    if (OtherProcesses* others = otherProcesses()) others->setTimeLimit(seconds);
 }
 
 void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
@@ -106,8 +62,15 @@ void setBusLookups(std::vector<Bus> buses, std::vector<std::string> names) {
 }
 
 bool killService(const std::string& name) {
-    RegisteredService service = remove(name);
-    if (service.object == nullptr) return false;
+    Register& all = neverDestroyed<Register>();
+    RegisteredService service;  // released without the lock
+    {
+        std::lock_guard<std::mutex> lock(all.mutex);
+        auto entry = all.services.find(name);
+        if (entry == all.services.end()) return false;
+        service = std::move(entry->second);
+        all.services.erase(entry);
+    }
     service.peer->die();
     return true;
 }

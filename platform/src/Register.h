@@ -31,29 +31,14 @@ void registerService(const std::string& name, RegisteredService service);
 /// @return one whose object is null when there is none.
 RegisteredService findService(const std::string& name);
 
-/// Finds services of other processes. The bus plugs itself in here; the register knows no bus.
-class OtherProcesses {
-  public:
-    virtual ~OtherProcesses() = default;
+// The bus. `dbus/` has these functions and the settings of host/ServiceControl.h, and src/NoBus.cpp
+// has them for a build without a bus.
 
-    /// @return a service whose object is null when there is none, or no such bus.
-    virtual RegisteredService find(Bus bus, const std::string& name) = 0;
-    /// Returns once every death that a bus knows of has been noticed.
-    virtual void noticeDeaths() = 0;
-    /// @return one line about a bus that cannot be reached, with the remedy; empty when it can.
-    virtual std::string findTrouble(Bus bus) = 0;
-    /// @return the names that processes own; none when the bus cannot be reached.
-    virtual std::vector<std::string> listNames(Bus bus) = 0;
-    /// Gives the calling thread connections of its own.
-    virtual void useOwnConnections() = 0;
-    /// Limits the time of every call from then on.
-    virtual void setTimeLimit(double seconds) = 0;
-};
+/// Finds a service of another process.
+/// @return one whose object is null when there is none, or no such bus.
+RegisteredService findOnBus(Bus bus, const std::string& name);
 
-/// @param others [in] lives as long as the process.
-void plugIn(OtherProcesses* others);
-
-/// Returns the plugged-in object; null in a build without a bus.
-OtherProcesses* otherProcesses();
+/// Returns once every death that a bus knows of has been noticed.
+void noticeDeathsOnBuses();
 
 }  // namespace host

@@ -50,8 +50,6 @@ class SpAIBinder {
     }
 
     AIBinder* get() const { return mBinder; }
-    /// Returns the place where a function may write a reference that it gives away.
-    AIBinder** getR() { return &mBinder; }
     bool operator==(const SpAIBinder& other) const { return mBinder == other.mBinder; }
 
   private:
