@@ -266,7 +266,10 @@ Command addCheck(CommandLine program) {
         "since boot, for --replay those of the recording. A rule's name stays for ever.\n"
         "Exit status: 0 no rule is broken, 1 a rule is broken, 2 bad argument, no service, or the\n"
         "report could not be written.\n"
-        "Example: powerstats check --duration 1");
+        "A kernel counts a stay in an idle state when the stay ends, so this machine may break "
+        "the\n"
+        "rule state-time-within-interval.\n"
+        "Example: powerstats check --duration 1 --except state-time-within-interval");
     addServiceOptions(command, &arguments->service);
     command.addOption("--duration", "Seconds to go on reading",
                       number(&arguments->durationSeconds, {0, 86400}));
