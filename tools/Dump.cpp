@@ -7,17 +7,19 @@
 #include <host/JavaRuntime.h>
 
 #include <algorithm>
-#include <chrono>
+#include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
-#include "hal/NamesAndIds.h"
+#include "power/service/ServiceSource.h"
+#include "power/text/Names.h"
+#include "power/text/Page.h"
+#include "proto/power_data_result.pb.h"
 #include "tools/Commands.h"
-#include "tools/NoEnergy.h"
-#include "tools/ResultPrinter.h"
-#include "tools/Service.h"
-#include "tools/Snapshot.h"
+#include "tools/LocalService.h"
 
 namespace powerstats {
 
@@ -35,77 +37,134 @@ struct DumpArguments {
     bool residencies = false;
 };
 
+using PowerDataResult =
+    com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
+
 /// One of the library's methods that is to be called, and the bytes that it returned.
 struct Call {
-    Section::Kind kind;
+    bool isRails;
     JavaBytes bytes;
 };
 
-/// Says of each call that returned null why it did, with the remedy.
-void explainMissing(const ServiceOptions& options, const std::vector<Call>& calls) {
-    Snapshot snapshot = SnapshotReader().read();
+/// Says why there is no energy, and of each call that returned null why it did, with the remedy.
+void explainMissing(const std::vector<Call>& calls, const Reading& reading, bool isOwnHidl) {
     for (const Call& call : calls) {
-        const bool rails = call.kind == Section::Kind::kRails;
-        const std::string noEnergy = rails ? whyNoEnergy(options, snapshot) : "";
-        std::string reason = rails ? snapshot.railsError : snapshot.entitiesError;
-        if (!noEnergy.empty()) {
-            say(noEnergy);
-        } else if (!call.bytes && reason != kNoService) {  // said when it was looked for
-            if (reason.empty()) {
-                reason = (rails ? snapshot.rails.empty() : snapshot.entities.empty())
-                             ? "the service has none"
-                             : "the service failed, and answers again now";
-            }
-            say(fmt::format("{}: {}", rails ? "rails" : "power entities", reason));
+        const Failure& failure = call.isRails ? reading.railsFailure : reading.entitiesFailure;
+        if (call.isRails && (failure.kind == Failure::Kind::kNotMeasured ||
+                             failure.kind == Failure::Kind::kRefused)) {
+            sayWhyNoRails(reading);
+            continue;
         }
+        // The lack of a service was said when it was looked for.
+        if (call.bytes || failure.kind == Failure::Kind::kNoService) continue;
+        const bool hasNone = !call.isRails && reading.lists->entities.empty();
+        say(fmt::format("{}: {}", call.isRails ? "rails" : "power entities",
+                        failure.kind == Failure::Kind::kHidlOnly
+                            ? "the service answered nothing over HIDL (--verbose logs why)"
+                        : failure ? failure.text
+                        : call.isRails && isOwnHidl
+                            ? "none over HIDL, because no rail is counted since boot "
+                              "(give --hal aidl)"
+                        : hasNone ? "the service has none"
+                                  : "the service failed, and answers again now"));
     }
 }
 
 /// Says which rails the library leaves out because they are not measured since boot.
-void explainLeftOut() {
+void explainLeftOut(const Reading& reading) {
     std::string names;
-    int64_t sinceMs = 0;
-    for (const Snapshot::Rail& rail : SnapshotReader(ownService()).read().rails) {
-        if (!rail.energy || rail.energy->durationMs == rail.energy->timestampMs) continue;
-        sinceMs = std::max(sinceMs, rail.energy->timestampMs - rail.energy->durationMs);
-        names += (names.empty() ? "" : ", ") + safeName(rail.name);
+    nanoseconds since{};
+    for (size_t i = 0; i < reading.rails.size(); ++i) {
+        const std::optional<Energy>& energy = reading.rails[i];
+        if (!energy || energy->isSinceBoot()) continue;
+        since = std::max(since, energy->time - energy->duration);
+        names += (names.empty() ? "" : ", ") + reading.lists->rails[i].name;
     }
     if (names.empty()) return;
     say(
         fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
                     "powerstatsd at boot; after a restart of it, at the next boot)",
-                    sinceMs / 1000, names));
+                    toMilliseconds(since) / 1000, names));
 }
 
 void callLibrary(const LoadedLibrary& library, std::vector<Call>* calls) {
     HostJniEnv env;
     for (Call& call : *calls) {
-        call.bytes = call.kind == Section::Kind::kRails ? library.railEnergy(&env)
-                                                        : library.residencies(&env);
+        call.bytes = call.isRails ? library.railEnergy(&env) : library.residencies(&env);
     }
 }
 
-bool parse(const Call& call, Section* section) {
-    section->kind = call.kind;
-    if (!call.bytes) return true;
-    section->result.emplace();
-    if (section->result->ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
-        return true;
-    }
-    say("the library's result cannot be read (build the library and this program together)");
-    return false;
-}
+/// A result of the library, and the safe names in it.
+struct Result {
+    Section section;
+    nanoseconds time{};
+    std::deque<std::string> names = {};
+};
 
-bool format(const std::vector<Call>& calls, const std::string& form, std::string* text) {
-    std::vector<Section> sections(calls.size());
-    for (size_t i = 0; i < calls.size(); ++i) {
-        if (!parse(calls[i], &sections[i])) return false;
+/// @return whether the bytes are a result. Otherwise one line says so.
+bool parse(const Call& call, Result* result) {
+    result->section =
+        call.isRails ? Section{"rails", "rail", {{"timestamp_ms"}, {"energy_mj", "energy (mJ)"}}}
+                     : Section{"entities",
+                               "entity and state",
+                               {{"timestamp_ms"}},
+                               {{"time_ms", "time (ms)"}, {"entries", "entries"}},
+                               {},
+                               1};
+    PowerDataResult message;
+    if (call.bytes &&
+        !message.ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
+        say("the library's result cannot be read (build the library and this program together)");
+        return false;
     }
-    *text = form == "json" ? formatJson(sections) : formatTable(sections);
+    const auto safe = [&](const std::string& name) {
+        return std::string_view(result->names.emplace_back(safeName(name, SIZE_MAX)));
+    };
+    for (const auto& element : message.keyed_power_data()) {
+        Row& row = result->section.rows.emplace_back();
+        row.name = safe(element.id().name());
+        row.cells = {element.id().timestamp_ms()};
+        if (call.isRails) row.cells.emplace_back(element.data().scalar().value());
+        for (const auto& state : element.data().residency()) {
+            row.states.push_back(
+                {safe(state.name()),
+                 {},
+                 {},
+                 {state.total_time_in_state_ms(), state.total_state_entry_count()}});
+        }
+        result->time = fromMilliseconds(element.id().timestamp_ms());
+    }
     return true;
 }
 
-int dump(const DumpArguments& arguments) {
+bool format(const std::vector<Call>& calls, const std::string& form, std::string* text) {
+    Json::Object json;
+    for (const Call& call : calls) {
+        Result result{};
+        if (!parse(call, &result)) return false;
+        json.emplace_back(result.section.key, call.bytes ? toJson(result.section) : Json());
+        const char* const title = call.isRails ? "Rails" : "Power entities";
+        if (form == "json") continue;
+        if (!text->empty()) *text += '\n';
+        if (!call.bytes) {
+            *text += fmt::format("{}: not available\n", title);
+        } else if (result.section.rows.empty()) {
+            *text += fmt::format("{}: none reported\n", title);
+        } else {
+            *text += fmt::format("{} at {}\n{}", title, afterBoot(result.time),
+                                 formatTable(result.section));
+        }
+    }
+    if (form == "json") *text = Json(std::move(json)).print(2) + '\n';
+    return true;
+}
+
+/// What a client of the same service sees, to explain the library's answers.
+Reading readDirectly(Source* own) {
+    return own != nullptr ? own->read() : ServiceSource().read();
+}
+
+int dump(DumpArguments arguments) {
     const bool all = arguments.rails == arguments.residencies;
     if (all && arguments.format == "binary") {
         say("--format binary: the bytes of one call only (give --rails or --residencies)");
@@ -122,14 +181,14 @@ int dump(const DumpArguments& arguments) {
         say(error + " (build the library, or name another file with --library)");
         return kUsage;
     }
-    const auto firstSample = [] { return std::chrono::nanoseconds(0); };
-    const int status = openService(arguments.service, firstSample);
+    std::shared_ptr<Source> own;
+    const int status = openService(&arguments.service, stayAtFirstSample, &own);
     // The library says itself that no service is on the bus.
-    if (status != 0 && !arguments.service.bus) return status;
+    if (status != 0 && !arguments.service.source.bus) return status;
 
     std::vector<Call> calls;
-    if (all || arguments.rails) calls.push_back({Section::Kind::kRails, {}});
-    if (all || arguments.residencies) calls.push_back({Section::Kind::kEntities, {}});
+    if (all || arguments.rails) calls.push_back({true, {}});
+    if (all || arguments.residencies) calls.push_back({false, {}});
     callLibrary(*library, &calls);
 
     std::string text;
@@ -140,8 +199,9 @@ int dump(const DumpArguments& arguments) {
         return kFailed;
     }
     if (!writeOutput(text)) return kFailed;
-    explainMissing(arguments.service, calls);
-    if (calls.front().kind == Section::Kind::kRails) explainLeftOut();
+    const Reading reading = readDirectly(own.get());
+    explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");
+    if (calls.front().isRails) explainLeftOut(reading);
     const bool any = std::any_of(calls.begin(), calls.end(), [](const Call& call) {
         return call.bytes && !call.bytes->empty();
     });

@@ -27,8 +27,11 @@ int record(const RecordArguments& arguments) {
         arguments.durationSeconds
             ? std::round(*arguments.durationSeconds / arguments.sampler.intervalSeconds)
             : HUGE_VAL;
-    for (double i = 0; i < intervals && sampler->wait(); ++i) sampler->read();
-    return sampler->check() ? 0 : kFailed;
+    double taken = 0;
+    if (intervals > 0) sampler->run([&](const Interval&) { return ++taken < intervals; });
+    if (sampler->failure().empty()) return 0;
+    say(sampler->failure());
+    return kFailed;
 }
 
 }  // namespace

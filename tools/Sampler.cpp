@@ -4,30 +4,30 @@
 
 #include <algorithm>
 #include <cmath>
-#include <thread>
+#include <optional>
 #include <utility>
 
-#include "tools/NoEnergy.h"
+#include "tools/CommandLine.h"
 
 namespace powerstats {
 
-using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
 void addSamplerOptions(CommandLine command, SamplerOptions* options) {
-    addServiceOptions(command, &options->service);
+    addSourceOptions(command, &options->source);
     command.addOption("--interval", "Seconds from reading to reading",
                       number(&options->intervalSeconds, {0.05, 86400}));
 }
 
-std::shared_ptr<Sampler> Sampler::open(const SamplerOptions& options, int* status) {
-    std::shared_ptr<Sampler> sampler(new Sampler(options));
-    const auto playingTime = [readings = sampler->mReadings,
-                              interval = options.intervalSeconds * 1e9] {
-        return nanoseconds(std::llround(static_cast<double>(*readings) * interval));
+std::shared_ptr<Sampler> Sampler::open(SamplerOptions options, int* status) {
+    std::shared_ptr<Sampler> sampler(new Sampler);
+    sampler->mStep = nanoseconds(std::llround(options.intervalSeconds * 1e9));
+    const auto playingTime = [readings = sampler->mReadings, step = sampler->mStep] {
+        return readings->load() * step;
     };
-    *status = openService(options.service, playingTime);
-    if (*status != 0) return nullptr;
+    sampler->mSource = openSource(&options.source, playingTime, status);
+    if (sampler->mSource == nullptr) return nullptr;
+    sampler->mTitle = describe(options.source);
     if (!options.record.empty()) {
         std::string error;
         sampler->mWriter = TraceWriter::create(options.record, &error);
@@ -37,48 +37,44 @@ std::shared_ptr<Sampler> Sampler::open(const SamplerOptions& options, int* statu
             return nullptr;
         }
     }
-    sampler->mLatest = sampler->mReader.read();
-    sayWhyNoEnergy(options.service, sampler->mLatest);
-    sampler->record(nullptr);
+    sampler->mLatest = sampler->mSource->read();
+    sayWhyNoRails(sampler->mLatest);
+    sampler->record(sampler->mLatest, nullptr);
     return sampler;
 }
 
-bool Sampler::wait() {
-    if (!mError.empty()) return false;
-    const SourceOptions& source = mOptions.service.source;
-    const double playedMs = static_cast<double>(*mReadings) * mOptions.intervalSeconds * 1000;
-    if (ownReplay() != nullptr && !source.loop &&
-        playedMs * source.speed >= static_cast<double>(ownReplay()->length.count())) {
-        return false;
+Sampler::End Sampler::run(const std::function<bool(Interval interval)>& take) {
+    auto tick = steady_clock::now();
+    while (mFailure.empty()) {
+        if (mSource->isOver()) return End::kOver;
+        // Readings that took too long leave ticks out, and the others stay where they are.
+        tick += (std::max(steady_clock::now() - tick, steady_clock::duration::zero()) / mStep + 1) *
+                mStep;
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            if (mStopped.wait_until(lock, tick, [this] { return mIsStopping; })) return End::kTaken;
+        }
+        ++*mReadings;
+        Reading reading = mSource->read();
+        const std::optional<Reading> toRecord =
+            mWriter != nullptr ? std::optional(reading) : std::nullopt;
+        keepFigures(mLatest, &reading);
+        Interval interval = subtract(mLatest, reading);
+        mLatest = std::move(reading);
+        const bool isRecorded = !toRecord || record(*toRecord, &interval);
+        if (!take(std::move(interval)) && isRecorded) return End::kTaken;
     }
-    const auto step = std::chrono::duration_cast<steady_clock::duration>(
-        std::chrono::duration<double>(mOptions.intervalSeconds));
-    mNext = std::max(mNext + step, steady_clock::now());
-    std::this_thread::sleep_until(mNext);
-    return true;
+    return End::kFailed;
 }
 
-Interval Sampler::read() {
-    ++*mReadings;
-    Snapshot after = mReader.read();
-    Interval interval = subtract(mLatest, after);
-    mLatest = std::move(after);
-    record(&interval);
-    return interval;
+void Sampler::stop() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mIsStopping = true;
+    mStopped.notify_all();
 }
 
-void Sampler::record(const Interval* since) {
-    if (mWriter != nullptr && !mWriter->write(mLatest, since, &mError)) mWriter.reset();
-}
-
-bool Sampler::check() {
-    if (mError.empty()) return true;
-    say(std::exchange(mError, {}));
-    return false;
-}
-
-std::string Sampler::title() const {
-    return describe(mOptions.service) + " over " + mReader.interfaceName();
+bool Sampler::record(const Reading& reading, const Interval* since) {
+    return mWriter == nullptr || mWriter->write(reading, since, &mFailure);
 }
 
 }  // namespace powerstats

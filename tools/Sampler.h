@@ -3,63 +3,76 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
-#include "tools/Interval.h"
-#include "tools/Service.h"
-#include "tools/Snapshot.h"
-#include "tools/TraceWriter.h"
+#include "power/Interval.h"
+#include "power/Source.h"
+#include "power/trace/TraceWriter.h"
+#include "tools/SourceOptions.h"
 
 namespace powerstats {
 
 struct SamplerOptions {
-    ServiceOptions service;
+    SourceOptions source;
     double intervalSeconds = 1;
-    std::string record;  ///< the file to write snapshots to; empty: none
+    std::string record;  ///< the file to write readings to; empty: none
 };
 
-/// Adds `--interval` and the options of the service.
+/// Adds `--interval` and the options of the source.
 void addSamplerOptions(CommandLine command, SamplerOptions* options);
 
-/// Reads a service at equal intervals, and records what it reads.
+/// The loop of every subcommand that reads a source over time: waits for a tick, reads, records,
+/// and hands over the interval since the reading before.
 class Sampler {
   public:
-    /// Opens the service and the file, and takes the first snapshot. A recording plays by the
-    /// number of readings and not by the clock, so its output repeats exactly.
+    /// Opens the source and the file, and takes the first reading. A recording plays by the number
+    /// of readings and not by the clock, so its output repeats exactly.
     /// @param status [out] the exit status, after one line, when the result is null.
-    static std::shared_ptr<Sampler> open(const SamplerOptions& options, int* status);
+    static std::shared_ptr<Sampler> open(SamplerOptions options, int* status);
 
-    /// Waits for the next tick. A reading that took longer than an interval makes no burst of
-    /// readings after it.
-    /// @return false, at once, when the recording that is played back has ended or the file cannot
-    ///     be written.
-    bool wait();
+    enum class End {
+        kTaken,   ///< `take` returned false, or stop() was called
+        kOver,    ///< the recording that is played back has ended
+        kFailed,  ///< the file cannot be written; failure() says why
+    };
 
-    /// Takes a snapshot.
-    /// @return the interval since the one before.
-    Interval read();
+    /// Runs the loop. Ticks are multiples of the interval after the first reading; those that pass
+    /// during a slow reading are left out. When a rail or entity cannot be read, its next figures
+    /// are those since its last reading.
+    /// @param take [in] gets each interval; false ends the loop.
+    End run(const std::function<bool(Interval interval)>& take);
 
-    /// Whether the file could be written. If not, one line says why, once.
-    bool check();
-    /// Such as "this machine over AIDL".
-    std::string title() const;
+    /// Ends the loop from another thread, at once if it waits. A reading in progress goes on.
+    void stop();
+
+    /// One line that says why the file cannot be written; empty when it can.
+    const std::string& failure() const { return mFailure; }
+
+    /// Such as "this machine" or "the session bus".
+    const std::string& title() const { return mTitle; }
 
   private:
-    explicit Sampler(const SamplerOptions& options) : mOptions(options) {}
-    void record(const Interval* since);
+    Sampler() = default;
+    bool record(const Reading& reading, const Interval* since);
 
-    const SamplerOptions mOptions;
+    std::string mTitle;
+    nanoseconds mStep{};
     /// The number of readings after the first, which the playing time of a recording follows.
     const std::shared_ptr<std::atomic<int64_t>> mReadings =
         std::make_shared<std::atomic<int64_t>>(0);
+    std::shared_ptr<Source> mSource;
     std::unique_ptr<TraceWriter> mWriter;
-    std::string mError;
-    SnapshotReader mReader;
-    Snapshot mLatest;
-    std::chrono::steady_clock::time_point mNext = std::chrono::steady_clock::now();
+    std::string mFailure;
+    /// The latest reading, with the last figures of everything.
+    Reading mLatest;
+    std::mutex mMutex;
+    std::condition_variable mStopped;
+    bool mIsStopping = false;
 };
 
 }  // namespace powerstats

@@ -9,12 +9,11 @@
 #include <optional>
 #include <string>
 
+#include "power/text/Page.h"
 #include "tools/Commands.h"
-#include "tools/Interval.h"
-#include "tools/IntervalPrinter.h"
-#include "tools/LiveTerminal.h"
-#include "tools/LiveView.h"
 #include "tools/Sampler.h"
+#include "tools/live/LiveTerminal.h"
+#include "tools/live/LiveView.h"
 
 namespace powerstats {
 
@@ -26,25 +25,18 @@ struct WatchArguments {
     std::string format;  // empty: live where the terminal can, otherwise table
 };
 
-bool hasFigures(const Interval& interval) {
-    for (const auto& rail : interval.rails) {
-        if (rail.trouble == Trouble::kNone) return true;
-    }
-    for (const auto& entity : interval.entities) {
-        if (entity.trouble == Trouble::kNone) return true;
-    }
-    return false;
-}
-
 int print(const WatchArguments& arguments, Sampler* sampler) {
     IntervalPrinter printer(arguments.format);
     bool any = false;
-    for (int i = 0; (!arguments.count || i < *arguments.count) && sampler->wait(); ++i) {
-        const Interval interval = sampler->read();
+    bool isWritten = true;
+    int count = 0;
+    const Sampler::End end = sampler->run([&](const Interval& interval) {
         any = any || hasFigures(interval);
-        if (!writeOutput(printer.print(interval))) return kFailed;
-    }
-    return any ? 0 : kFailed;
+        isWritten = writeOutput(printer.print(interval));
+        return isWritten && (!arguments.count || ++count < *arguments.count);
+    });
+    if (end == Sampler::End::kFailed) say(sampler->failure());
+    return any && isWritten && end != Sampler::End::kFailed ? 0 : kFailed;
 }
 
 bool canShowLive() {
@@ -56,15 +48,11 @@ int watch(WatchArguments arguments) {
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;
-    if (arguments.format == "live") {
-        status = showLive({sampler->title(), arguments.sampler.intervalSeconds, arguments.count},
-                          [sampler] { return sampler->read(); });
-        // A reading that does not return may still run, and nothing may be destroyed under it.
-        if (sampler.use_count() > 1) std::_Exit(status);
-    } else {
-        status = print(arguments, sampler.get());
-    }
-    return sampler->check() ? status : kFailed;
+    if (arguments.format != "live") return print(arguments, sampler.get());
+    status = showLive({arguments.sampler.intervalSeconds, arguments.count}, sampler);
+    // A reading that does not return may still run, and nothing may be destroyed under it.
+    if (sampler.use_count() > 1) std::_Exit(status);
+    return status;
 }
 
 }  // namespace

@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
-#include "hal/CounterServices.h"
+#include "power/service/Services.h"
 #include "tools/CommandLine.h"
-#include "tools/Source.h"
+#include "tools/SourceOptions.h"
 
 namespace powerstats {
 
@@ -23,7 +23,7 @@ struct Arguments {
     SourceOptions source;
 };
 
-int serve(const Arguments& arguments) {
+int serve(Arguments arguments) {
     std::signal(SIGHUP, SIG_IGN);  // the end of a terminal is not the end of a daemon
     const bool session = arguments.bus == "session";
     // A single HIDL method cannot be guarded on the system bus, so energy is served over AIDL
@@ -38,25 +38,29 @@ int serve(const Arguments& arguments) {
         say(error);
         return kUsage;
     }
-    Replay replay;
-    const auto counters = openSource(arguments.source, {}, &replay);
-    if (counters == nullptr) return kUsage;
+    int status = 0;
+    const std::shared_ptr<Source> source = openSource(&arguments.source, {}, &status);
+    if (source == nullptr) return status;
+    const Reading reading = source->read();
+    const auto& lists = reading.lists;
     const bool aidl = hal != "hidl";
     const bool hidl = hal != "aidl";
-    if ((aidl && !server->add(ndk::SharedRefBase::make<CountersAidl>(counters), &error)) ||
-        (hidl && !server->add(android::sp<android::hardware::power::stats::V1_0::IPowerStats>(
-                                  new CountersHidl(counters, hidlRails)),
-                              &error))) {
+    if ((aidl && !server->add(ndk::SharedRefBase::make<AidlService>(source), &error)) ||
+        (hidl &&
+         !server->add(android::sp<stats_V1_0::IPowerStats>(new HidlService(source, hidlRails)),
+                      &error))) {
         say(error);
         return kUsage;
     }
-    say(fmt::format("serving {} rails and {} power entities of {} over {} on the {} bus",
-                    counters->rails().size(), counters->entities().size(),
-                    replay.counters != nullptr ? arguments.source.replay : arguments.source.sysfs,
-                    aidl && hidl ? "AIDL and HIDL"
-                    : aidl       ? "AIDL"
-                                 : "HIDL",
-                    arguments.bus));
+    say(fmt::format(
+        "serving {} rails and {} power entities of {} over {} on the {} bus", lists->rails.size(),
+        lists->entities.size(),
+        arguments.source.replay.empty() ? arguments.source.sysfs : arguments.source.replay,
+        aidl && hidl ? "AIDL and HIDL"
+        : aidl       ? "AIDL"
+                     : "HIDL",
+        arguments.bus));
+    sayWhyNoRails(reading);
     if (server->run(&error)) return 0;
     say(error);
     return 1;
@@ -74,7 +78,7 @@ int run(int argc, char** argv) {
     hal.byDefault = "both on the session bus, aidl on the system bus";
     program.addOption("--hal", "Interfaces to serve; HIDL has no rails on the system bus", hal);
     program.addOption("--bus", "Bus to serve on", choice(&arguments.bus, {"session", "system"}));
-    addSourceOptions(program, &arguments.source);
+    addSourceOptions(program, &arguments.source, WithBus::kNo);
     program.addFooter(
         "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
         "bus, name or recording that cannot be had.\n"

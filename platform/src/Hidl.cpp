@@ -135,3 +135,11 @@ Return<bool> IBase::unlinkToDeath(const sp<hidl_death_recipient>&) {
 
 }  // namespace hidl::base::V1_0
 }  // namespace android
+
+namespace host {
+
+android::status_t transactionError(const android::hardware::details::return_status& status) {
+    return status.mStatus.transactionError();
+}
+
+}  // namespace host

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "tests/bus/Support.h"
-#include "tests/hal/TemporaryTree.h"
+#include "tests/power/TemporaryTree.h"
 #include "tests/support/ChildProcess.h"
 
 namespace support {

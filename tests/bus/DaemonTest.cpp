@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "tests/bus/Support.h"
-#include "tests/hal/TemporaryTree.h"
+#include "tests/power/TemporaryTree.h"
 
 namespace support {
 namespace {
@@ -81,7 +81,7 @@ TEST_F(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
         int exitCode;
     } cases[] = {
         {"aidl", {"--bus"}, host::Bus::kSession, 0},
-        {"hidl", {"--hal", "bus"}, host::Bus::kSession, 0},
+        {"hidl", {"--bus"}, host::Bus::kSession, 0},
         {"aidl", {"--bus"}, host::Bus::kSystem, 0},
         {"both", {"--bus=session", "--hal", "hidl"}, host::Bus::kSession, 0},
         {"aidl", {"--bus", "session", "--wait", "0"}, host::Bus::kSystem, 1},

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "tests/bus/Support.h"
-#include "tests/hal/TemporaryTree.h"
+#include "tests/power/TemporaryTree.h"
 #include "tests/support/ChildProcess.h"
 
 namespace support {

@@ -8,31 +8,37 @@
 #include <fstream>
 #include <sstream>
 
-#include "tools/MetricsText.h"
+#include "power/text/Names.h"
+#include "tools/metrics/MetricsText.h"
 
 namespace powerstats {
 namespace {
 
 TEST(Metrics, AreExactAndDistinctWhateverTheServiceReports) {
-    Snapshot snapshot;
-    snapshot.rails = {{1, "quote\" backslash\\ newline\n byte\xff", "S", Snapshot::Energy{0, 0, 1}},
-                      {2, "in two subsystems", "A", Snapshot::Energy{0, 0, INT64_MAX}},
-                      {3, "in two subsystems", "B", Snapshot::Energy{0, 0, 1'000'000}},
-                      {4, "line\n", "S", Snapshot::Energy{0, 0, 2}},
-                      {5, "line\\x0A", "S", Snapshot::Energy{0, 0, 3}},
-                      {6, "negative", "S", Snapshot::Energy{0, 0, -1}},
-                      {7, "not read", "S", std::nullopt}};
-    snapshot.entities = {
-        {1,
-         "cpu",
-         {{0, "C1", Snapshot::Residency{1001, 1, 0}}, {1, "C1", Snapshot::Residency{2, 2, 0}}}},
-        {2, "cpu", {{0, "C1", Snapshot::Residency{-1, 3, 0}}, {1, "C2", std::nullopt}}},
-        {3, "", {{0, "", Snapshot::Residency{0, INT64_MAX, 0}}}}};
+    const auto ofEnergy = [](int64_t energyUWs) { return Energy{{}, {}, energyUWs, 0}; };
+    const auto ofTime = [](int64_t timeMs, int64_t entries) {
+        return Residency{fromMilliseconds(timeMs), entries, {}};
+    };
+    Reading reading;
+    reading.lists = nameLists({{1, "quote\" backslash\\ newline\n byte\xff", "S"},
+                               {2, "in two subsystems", "A"},
+                               {3, "in two subsystems", "B"},
+                               {4, "line\n", "S"},
+                               {5, "line\\x0A", "S"},
+                               {7, "not read", "S"}},
+                              {{1, "cpu", EntityType::kCpu, {{0, "C1"}, {1, "C1"}}},
+                               {2, "cpu", EntityType::kCpu, {{0, "C1"}}},
+                               {3, "", EntityType::kDevice, {{0, ""}}}},
+                              false);
+    reading.rails = {ofEnergy(1), ofEnergy(INT64_MAX), ofEnergy(1'000'000),
+                     ofEnergy(2), ofEnergy(3),         std::nullopt};
+    reading.entities = {Residencies{{}, 0, {ofTime(1001, 1), ofTime(2, 2)}}, std::nullopt,
+                        Residencies{{}, 0, {ofTime(0, INT64_MAX)}}};
     std::stringstream prometheus, openMetrics;
     prometheus << std::ifstream(HOSTILE_METRICS ".prometheus").rdbuf();
     openMetrics << std::ifstream(HOSTILE_METRICS ".openmetrics").rdbuf();
-    EXPECT_EQ(formatMetrics(snapshot, MetricsFormat::kPrometheus), prometheus.str());
-    EXPECT_EQ(formatMetrics(snapshot, MetricsFormat::kOpenMetrics), openMetrics.str());
+    EXPECT_EQ(formatMetrics(reading, MetricsFormat::kPrometheus), prometheus.str());
+    EXPECT_EQ(formatMetrics(reading, MetricsFormat::kOpenMetrics), openMetrics.str());
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 #include <sstream>
 
 #include "proto/power_data_result.pb.h"
-#include "tests/hal/TemporaryTree.h"
+#include "tests/power/TemporaryTree.h"
 
 namespace powerstats {
 namespace {
@@ -255,6 +255,8 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
     const TemporaryTree tree;
     tree.write("class/hwmon/hwmon0/energy1_input", 5000);
     tree.write("class/hwmon/hwmon0/energy1_label", rail);
+    tree.write("class/hwmon/hwmon1/energy1_input", 7);
+    tree.write("class/hwmon/hwmon1/energy1_label", "still");
     const std::string meter = tree.path("class/hwmon/hwmon0/energy1_input");
     const std::string runs = tree.path("runs");
     const std::string add = "echo $(($(cat " + meter + ") + 1000000)) >" + meter;
@@ -278,6 +280,8 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
         {{"--max", rail + "=0"}, add, 3, "at most 0 W: exceeded"},
         {{"-r", "3", "--max", rail + "=0"}, "sleep 0.01", 4, "too noisy to tell"},
+        // One that is exceeded comes before one that cannot be judged.
+        {{"-r", "3", "--max", "still=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
         {{"--max", rail + "=1"},
          ": >" + meter,
          4,
@@ -285,7 +289,7 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         {{"--max", "nope=1"},
          "echo >" + tree.path("never").string(),
          2,
-         "--max nope: no such rail (there are fans)"},
+         "--max nope: no such rail (there are fans, still)"},
         {{"-o", "/no/such/file"}, "true", 2, "/no/such/file: No such file"},
     };
     for (const auto& test : cases) {

@@ -10,6 +10,18 @@
 #include <string>
 #include <utility>
 
+namespace android::hardware::details {
+class return_status;
+}
+
+namespace host {
+
+/// Returns the transport's code of a HIDL call, or android::OK. A device tells it in the status's
+/// text only. Does not mark the status as checked.
+::android::status_t transactionError(const ::android::hardware::details::return_status& status);
+
+}  // namespace host
+
 namespace android::hardware {
 
 /// The outcome of one transaction.
@@ -84,6 +96,7 @@ class return_status {
     void assertOk() const;
 
   private:
+    friend status_t host::transactionError(const return_status& status);
     void endUnlessChecked() const;
 
     Status mStatus;

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "power/Ids.h"
+
+namespace powerstats {
+
+namespace {
+
+uint32_t fnv1a(const std::string& text) {
+    uint32_t hash = 2166136261u;
+    for (const char character : text) {
+        hash = (hash ^ static_cast<unsigned char>(character)) * 16777619u;
+    }
+    return hash;
+}
+
+}  // namespace
+
+PathIds::PathIds(int32_t base, int bits) : mBase(static_cast<uint32_t>(base)), mBits(bits) {}
+
+int32_t PathIds::add(const std::string& path) {
+    const uint32_t mask = (uint32_t{1} << mBits) - 1;
+    const uint32_t hash = fnv1a(path);
+    uint32_t offset = (hash >> mBits) ^ (hash & mask);
+    while (!mGiven.insert(offset).second) offset = (offset + 1) & mask;
+    return static_cast<int32_t>(mBase + offset);
+}
+
+std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max) {
+    std::set<int64_t> taken(wishes.begin(), wishes.end());
+    std::set<int64_t> given;
+    std::vector<int64_t> numbers;
+    int64_t next = 0;
+    for (const int64_t wish : wishes) {
+        if (wish >= 0 && wish <= max && given.insert(wish).second) {
+            numbers.push_back(wish);
+            continue;
+        }
+        while (!taken.insert(next).second) ++next;
+        numbers.push_back(next);
+    }
+    return numbers;
+}
+
+}  // namespace powerstats

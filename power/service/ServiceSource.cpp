@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "power/service/ServiceSource.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+
+#include "power/linux/Counters.h"
+#include "power/service/Clients.h"
+#include "power/text/Names.h"
+
+namespace powerstats {
+
+namespace {
+
+/// The ids at some positions of a list; none for the whole list.
+template <typename Thing>
+std::vector<int32_t> idsAt(const Positions& positions, const std::vector<Thing>& things) {
+    std::vector<int32_t> ids;
+    if (!positions) return ids;
+    for (const size_t i : *positions) ids.push_back(static_cast<int32_t>(things[i].id));
+    return ids;
+}
+
+/// Calls a function with each record and its thing's position.
+/// @return whether all ids are known.
+template <typename Thing, typename Record, typename Function>
+bool join(const std::vector<Thing>& things, const std::vector<Record>& records,
+          const Function& function) {
+    std::unordered_map<int64_t, size_t> byId;
+    bool allKnown = true;
+    for (size_t i = 0; i < records.size(); ++i) {
+        // Nearly always the answer has the order of the list.
+        if (byId.empty() && i < things.size() && things[i].id == records[i].id) {
+            function(i, records[i]);
+            continue;
+        }
+        if (byId.empty()) {
+            for (size_t j = 0; j < things.size(); ++j) byId.emplace(things[j].id, j);
+        }
+        const auto found = byId.find(records[i].id);
+        allKnown = allKnown && found != byId.end();
+        if (found != byId.end()) function(found->second, records[i]);
+    }
+    return allKnown;
+}
+
+bool isPossible(nanoseconds time) {
+    return time >= nanoseconds::zero() && time != nanoseconds::max();
+}
+
+bool isPossible(const Energy& energy) {
+    return isPossible(energy.time) && isPossible(energy.duration) && energy.energyUWs >= 0;
+}
+
+bool isPossible(const Residency& residency) {
+    return isPossible(residency.totalTime) && residency.entryCount >= 0;
+}
+
+}  // namespace
+
+Failure ServiceSource::connect() {
+    if (mService != nullptr) return {};
+    mHasRails = mHasEntities = false;
+    if ((mService = findAidl()) != nullptr) {
+        ++mRestarts;
+        return {};
+    }
+    if (findHidl() != nullptr) {
+        return {Failure::Kind::kHidlOnly,
+                "the service is on the bus over HIDL only (powerstats dump --bus shows it)"};
+    }
+    return {Failure::Kind::kNoService, "no power stats service"};
+}
+
+/// Makes the lists of the reading that is being taken, unless they are those of the one before.
+void ServiceSource::setLists() {
+    auto lists = nameLists(mRails, mEntities, false);
+    if (lists->rails == mLists->rails && lists->entities == mLists->entities) return;
+    mLists = std::move(lists);
+}
+
+Failure ServiceSource::readRailList() {
+    std::vector<stats_aidl::Channel> channels;
+    const Failure failure = failureOf(mService->getEnergyMeterInfo(&channels));
+    if (failure) return failure;
+    mHasRails = true;
+    mRails.clear();
+    for (const auto& channel : channels) mRails.push_back(fromHal(channel));
+    setLists();
+    return {};
+}
+
+Failure ServiceSource::readEntityList() {
+    std::vector<stats_aidl::PowerEntity> entities;
+    const Failure failure = failureOf(mService->getPowerEntityInfo(&entities));
+    if (failure) return failure;
+    mHasEntities = true;
+    mEntities.clear();
+    for (const auto& entity : entities) mEntities.push_back(fromHal(entity));
+    setLists();
+    return {};
+}
+
+/// @return whether all ids of the answer are known.
+bool ServiceSource::readRails(const Positions& positions, Reading* reading) {
+    if (!mHasRails && (reading->railsFailure = readRailList())) return true;
+    reading->rails.assign(mLists->rails.size(), std::nullopt);
+    if (mLists->rails.empty()) {
+        reading->railsFailure = {Failure::Kind::kNotMeasured, "the service has no rails"};
+    }
+    if (positions ? positions->empty() : mLists->rails.empty()) return true;
+    std::vector<stats_aidl::EnergyMeasurement> records;
+    reading->railsFailure =
+        failureOf(mService->readEnergyMeter(idsAt(positions, mLists->rails), &records));
+    return join(mLists->rails, records, [&](size_t i, const auto& record) {
+        Energy energy = fromHal(record);
+        energy.resets = mRestarts;
+        if (isPossible(energy)) reading->rails[i] = energy;
+    });
+}
+
+/// @return whether all ids of the answer are known.
+bool ServiceSource::readEntities(const Positions& positions, Reading* reading) {
+    if (!mHasEntities && (reading->entitiesFailure = readEntityList())) return true;
+    reading->entities.assign(mLists->entities.size(), std::nullopt);
+    if (positions ? positions->empty() : mLists->entities.empty()) return true;
+    std::vector<stats_aidl::StateResidencyResult> records;
+    const nanoseconds before = readKernelClock(CLOCK_BOOTTIME);
+    reading->entitiesFailure =
+        failureOf(mService->getStateResidency(idsAt(positions, mLists->entities), &records));
+    const nanoseconds time = before + (readKernelClock(CLOCK_BOOTTIME) - before) / 2;
+    bool statesKnown = true;
+    const bool allKnown = join(mLists->entities, records, [&](size_t i, const auto& record) {
+        const std::vector<State>& states = mLists->entities[i].states;
+        std::vector<std::optional<Residency>> read(states.size());
+        statesKnown &= join(states, record.stateResidencyData, [&](size_t j, const auto& state) {
+            const Residency residency = fromHal(state);
+            if (isPossible(residency)) read[j] = residency;
+        });
+        Residencies residencies{time, mRestarts, {}};
+        for (const auto& residency : read) {
+            if (!residency) return;
+            residencies.states.push_back(*residency);
+        }
+        reading->entities[i] = std::move(residencies);
+    });
+    return allKnown && statesKnown;
+}
+
+Reading ServiceSource::read(const Positions& rails, const Positions& entities) {
+    Reading reading;
+    if (const Failure failure = connect()) {
+        reading.railsFailure = reading.entitiesFailure = failure;
+    } else {
+        // An unknown id may be new, so the lists are read again, once.
+        for (int i = 0; i < 2 && !readRails(rails, &reading); ++i) mHasRails = false;
+        for (int i = 0; i < 2 && !readEntities(entities, &reading); ++i) mHasEntities = false;
+    }
+    reading.lists = mLists;
+    reading.rails.resize(mLists->rails.size());
+    reading.entities.resize(mLists->entities.size());
+    const nanoseconds running = readKernelClock(CLOCK_MONOTONIC);
+    reading.time = readKernelClock(CLOCK_BOOTTIME);
+    reading.suspended = reading.time - running;
+    const auto isGone = [](const Failure& failure) { return failure.kind == Failure::Kind::kGone; };
+    if (isGone(reading.railsFailure) || isGone(reading.entitiesFailure)) mService = nullptr;
+    return reading;
+}
+
+}  // namespace powerstats

@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "power/text/Names.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace powerstats {
+
+namespace {
+
+/// Formats a number into an escape; `format` has one hexadecimal conversion.
+std::string escape(const char* format, uint32_t value) {
+    char text[16];
+    snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
+/// Noncharacters are valid UTF-8, but validators of texts refuse them. Separators of lines and
+/// controls of the direction of writing change the text around them. Names that differ in
+/// characters without width look the same.
+bool isUnfit(uint32_t codePoint) {
+    const auto isWithin = [codePoint](uint32_t first, uint32_t last) {
+        return codePoint >= first && codePoint <= last;
+    };
+    return (codePoint & 0xfffe) == 0xfffe || isWithin(0xfdd0, 0xfdef) || isWithin(0x2028, 0x202e) ||
+           isWithin(0x2060, 0x2069) || isWithin(0x200b, 0x200f) || codePoint == 0x61c ||
+           codePoint == 0xfeff;
+}
+
+}  // namespace
+
+Utf8Character decodeUtf8(const std::string& bytes, size_t position) {
+    const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char lead = byteAt(position);
+    if (lead < 0x80) return {lead, 1};
+
+    const size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc0 || lead >= 0xf8 || size > bytes.size() - position) return {};
+    uint32_t codePoint = lead & (0x7fu >> size);
+    for (size_t i = position + 1; i < position + size; ++i) {
+        if ((byteAt(i) & 0xc0) != 0x80) return {};
+        codePoint = codePoint << 6 | (byteAt(i) & 0x3f);
+    }
+    constexpr uint32_t kLeastOfSize[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool isSurrogate = codePoint >= 0xd800 && codePoint <= 0xdfff;
+    if (codePoint < kLeastOfSize[size] || codePoint > 0x10ffff || isSurrogate) return {};
+    return {codePoint, size};
+}
+
+bool isControlCharacter(uint32_t codePoint) {
+    return codePoint < 0x20 || (codePoint >= 0x7f && codePoint < 0xa0);
+}
+
+std::string safeName(const std::string& bytes, size_t maxSize) {
+    std::string name;
+    for (size_t position = 0; position < bytes.size();) {
+        const Utf8Character character = decodeUtf8(bytes, position);
+        std::string text = bytes.substr(position, std::max<size_t>(character.size, 1));
+        position += text.size();
+        if (character.size == 0 || isControlCharacter(character.codePoint)) {
+            std::string escaped;
+            for (const char byte : text) {
+                escaped += escape("\\x%02X", static_cast<unsigned char>(byte));
+            }
+            text = escaped;
+        } else if (isUnfit(character.codePoint)) {
+            text = escape("\\u{%X}", character.codePoint);
+        }
+        if (name.size() + text.size() > maxSize) break;
+        name += text;
+    }
+    return name;
+}
+
+std::vector<std::string> distinctNames(const std::vector<std::vector<std::string>>& choices) {
+    std::vector<size_t> chosen(choices.size(), 0);
+    const auto bytes = [&](size_t thing) { return choices[thing][chosen[thing]]; };
+    const auto name = [&](size_t thing) { return safeName(bytes(thing)); };
+
+    for (bool moved = true; moved;) {
+        moved = false;
+        std::map<std::string, std::vector<size_t>> things;
+        for (size_t i = 0; i < choices.size(); ++i) things[name(i)].push_back(i);
+        for (const auto& [sameName, namesakes] : things) {
+            if (namesakes.size() == 1) continue;
+            for (const size_t i : namesakes) {
+                if (chosen[i] + 1 == choices[i].size()) continue;
+                ++chosen[i];
+                moved = true;
+            }
+        }
+    }
+
+    std::vector<std::string> names;
+    std::set<std::string> taken;
+    for (size_t i = 0; i < choices.size(); ++i) names.push_back(name(i));
+    taken.insert(names.begin(), names.end());
+    // The number to go on with for each name, so that many namesakes take no longer than others.
+    std::map<std::string, size_t> next;
+    for (size_t i = 0; i < names.size(); ++i) {
+        size_t& number = next[names[i]];
+        if (++number == 1) continue;
+        do {
+            const std::string suffix = " #" + std::to_string(number);
+            names[i] = safeName(bytes(i), kMaxNameSize - suffix.size()) + suffix;
+        } while (!taken.insert(names[i]).second && ++number != 0);
+    }
+    return names;
+}
+
+namespace {
+
+const std::string& qualifierOf(const Rail& rail) {
+    return rail.subsystem;
+}
+
+/// For an entity or a state, which have none.
+template <typename Thing>
+std::string qualifierOf(const Thing& /*thing*/) {
+    return "";
+}
+
+template <typename Thing>
+void rename(std::vector<Thing>* things, bool isFixed) {
+    std::vector<std::vector<std::string>> choices;
+    choices.reserve(things->size());
+    for (const Thing& thing : *things) {
+        const std::string qualifier = qualifierOf(thing);
+        const std::string id = "id " + std::to_string(thing.id);
+        if (thing.name.empty() || isFixed) {
+            choices.push_back({thing.name.empty() ? id : thing.name});
+            continue;
+        }
+        const std::string name = qualifier.empty() ? thing.name : qualifier + "/" + thing.name;
+        choices.push_back({thing.name, name, name + " (" + id + ")"});
+    }
+    std::vector<std::string> names = distinctNames(choices);
+    for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);
+}
+
+}  // namespace
+
+std::shared_ptr<const Lists> nameLists(std::vector<Rail> rails, std::vector<Entity> entities,
+                                       bool isFixed) {
+    rename(&rails, isFixed);
+    rename(&entities, isFixed);
+    for (Rail& rail : rails) rail.subsystem = safeName(rail.subsystem);
+    for (Entity& entity : entities) rename(&entity.states, isFixed);
+    return std::make_shared<const Lists>(Lists{std::move(rails), std::move(entities)});
+}
+
+}  // namespace powerstats

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "power/trace/TraceFile.h"
+
+#include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace powerstats {
+
+namespace {
+
+using com::tavrel::android::ferrolith::powertrace::Trace;
+using com::tavrel::android::ferrolith::powertrace::TracePacket;
+using google::protobuf::io::CodedInputStream;
+
+/// Small enough for a processor's cache, where the block is scanned after it is read.
+constexpr int kBlockSize = 256 << 10;
+/// Thousands of rails take less, and a message in memory is many times its encoding.
+constexpr uint64_t kMaxPowerPacketSize = 1 << 20;
+constexpr uint64_t kMaxVarintSize = 10;
+
+enum WireType : uint32_t { kVarint = 0, kFixed64 = 1, kLengthDelimited = 2, kFixed32 = 5 };
+
+constexpr uint32_t keyOf(int field, WireType type) {
+    return static_cast<uint32_t>(field) << 3 | type;
+}
+
+constexpr uint32_t kPacketKey = keyOf(Trace::kPacketFieldNumber, kLengthDelimited);
+
+constexpr char kMalformed[] = "a malformed packet";
+
+/// Reads the power data of a packet, and skips its other fields.
+/// @return the damage, or an empty text.
+std::string readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
+    while (const uint32_t key = stream->ReadTag()) {
+        uint64_t number = 0;
+        bool isRead = key >> 3 != 0;
+        switch (key & 7) {
+            case kVarint:
+                isRead &= stream->ReadVarint64(&number);
+                break;
+            case kLengthDelimited:
+                isRead &= stream->ReadVarint64(&number) &&
+                          number <= static_cast<uint64_t>(stream->BytesUntilLimit());
+                break;
+            case kFixed64:
+                number = sizeof(uint64_t);
+                break;
+            case kFixed32:
+                number = sizeof(uint32_t);
+                break;
+            default:
+                isRead = false;
+        }
+        if (!isRead) return kMalformed;
+
+        const bool isOfRails = key == keyOf(TracePacket::kPowerRailsFieldNumber, kLengthDelimited);
+        if (isOfRails ||
+            key == keyOf(TracePacket::kEntityStateResidencyFieldNumber, kLengthDelimited)) {
+            if (size > kMaxPowerPacketSize) {
+                return "a packet with power data of " + std::to_string(size) +
+                       " bytes, more than " + std::to_string(kMaxPowerPacketSize);
+            }
+            std::string bytes;
+            const bool isWhole = stream->ReadString(&bytes, static_cast<int>(number));
+            if (!isWhole ||
+                !(isOfRails ? packet->mutable_power_rails()->MergeFromString(bytes)
+                            : packet->mutable_entity_state_residency()->MergeFromString(bytes))) {
+                return "malformed power data";
+            }
+        } else if (key == keyOf(TracePacket::kTimestampFieldNumber, kVarint)) {
+            packet->set_timestamp(number);
+        } else if (key == keyOf(TracePacket::kTrustedPacketSequenceIdFieldNumber, kVarint)) {
+            packet->set_trusted_packet_sequence_id(static_cast<uint32_t>(number));
+        } else if ((key & 7) != kVarint && !stream->Skip(static_cast<int>(number))) {
+            return kMalformed;
+        }
+    }
+    return stream->ConsumedEntireMessage() ? "" : kMalformed;
+}
+
+std::string reason(int error) {
+    return std::generic_category().message(error);
+}
+
+}  // namespace
+
+std::unique_ptr<TraceFile> TraceFile::open(const std::string& file, std::string* error) {
+    // Opening a pipe would wait for its writer.
+    const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status {};
+    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+        *error = file + ": " + reason(errno) + " (name a trace that you may read)";
+        if (descriptor >= 0) close(descriptor);
+        return nullptr;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        *error = file + ": not a regular file (name a trace)";
+        close(descriptor);
+        return nullptr;
+    }
+    return std::unique_ptr<TraceFile>(
+        new TraceFile(file, descriptor, static_cast<uint64_t>(status.st_size)));
+}
+
+TraceFile::TraceFile(std::string file, int descriptor, uint64_t size)
+    : mFile(std::move(file)), mDescriptor(descriptor), mSize(size), mInput(descriptor, kBlockSize) {
+    mInput.SetCloseOnDelete(true);
+}
+
+std::string TraceFile::at(uint64_t offset, const std::string& text) const {
+    return mFile + ": at byte " + std::to_string(offset) + ": " + text;
+}
+
+/// Returns the reason for a failure: `text`, unless the file could not be read.
+std::string TraceFile::explain(const std::string& text) const {
+    if (mInput.GetErrno() != 0) return reason(mInput.GetErrno()) + " (copy it to another disk)";
+    struct stat status {};
+    const bool isShorter =
+        fstat(mDescriptor, &status) == 0 && static_cast<uint64_t>(status.st_size) < mSize;
+    return isShorter ? "the file became shorter (wait until it is complete)" : text;
+}
+
+TraceFile::Next TraceFile::next(Packet* packet, std::string* error) {
+    const auto fail = [&](const std::string& text) {
+        *error = at(mOffset, explain(text));
+        return Next::kFailed;
+    };
+    while (mOffset < mSize) {
+        packet->offset = mOffset;
+        packet->message.Clear();
+        const uint64_t available = mSize - mOffset;
+        CodedInputStream stream(&mInput);
+        uint64_t size = 0;
+        const bool isPacket = stream.ReadTag() == kPacketKey;
+        const bool isSized = isPacket && stream.ReadVarint64(&size);
+        const auto headerSize = static_cast<uint64_t>(stream.CurrentPosition());
+        if (!isPacket || (!isSized && available > kMaxVarintSize)) {
+            return fail("not a packet of a trace (give an uncompressed protobuf trace)");
+        }
+        if (!isSized || size > available - headerSize) return Next::kCutOff;
+        // Protobuf has no larger messages.
+        std::string damage = kMalformed;
+        if (size <= std::numeric_limits<int>::max() - headerSize) {
+            stream.PushLimit(static_cast<int>(size));
+            damage = readFields(&stream, size, &packet->message);
+        }
+        if (!damage.empty()) {
+            return fail(damage + " (the file is damaged: copy or record it again)");
+        }
+        mOffset += headerSize + size;
+        if (packet->message.has_power_rails() || packet->message.has_entity_state_residency()) {
+            return Next::kPacket;
+        }
+    }
+    packet->offset = mSize;
+    return Next::kEnd;
+}
+
+}  // namespace powerstats

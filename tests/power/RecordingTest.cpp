@@ -1,0 +1,350 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "power/trace/RecordedSource.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "tests/power/TemporaryTree.h"
+
+namespace powerstats {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Lines = std::vector<std::string>;
+
+// The encoding, written by hand: the messages' classes would make the reader's mistakes.
+std::string varint(uint64_t value) {
+    if (value < 0x80) return {static_cast<char>(value)};
+    return static_cast<char>((value & 0x7f) | 0x80) + varint(value >> 7);
+}
+std::string field(int number, const std::string& bytes) {
+    return varint(static_cast<uint64_t>(number) << 3 | 2) + varint(bytes.size()) + bytes;
+}
+/// Fields that are numbers, from field 1 on.
+std::string numbers(const std::vector<int64_t>& values) {
+    std::string bytes;
+    for (size_t i = 0; i < values.size(); ++i) {
+        bytes += varint((i + 1) << 3) + varint(static_cast<uint64_t>(values[i]));
+    }
+    return bytes;
+}
+
+/// A rail's index and name, or an entity's and a state's index and "entity/state".
+struct Name {
+    std::vector<int64_t> indices;
+    std::string name;
+};
+using Readings = std::vector<std::vector<int64_t>>;
+
+std::string packet(char sequence, int64_t timestampMs, int kind, const std::string& contents) {
+    const auto timestampNs = static_cast<uint64_t>(timestampMs) * 1000000 + 999999;
+    return field(1, "\x40" + varint(timestampNs) + "\x50" + sequence + field(kind, contents));
+}
+
+/// @param readings [in] index, time and energy.
+std::string rails(char sequence, const std::vector<Name>& names, const Readings& readings) {
+    std::string contents;
+    for (const auto& [indices, name] : names) {
+        contents += field(1, numbers(indices) + field(2, name) + field(3, "cpu"));
+    }
+    for (const auto& reading : readings) contents += field(2, numbers(reading));
+    return packet(sequence, 0, 40, contents);
+}
+
+/// @param readings [in] the two indices, time in the state, entries and the last entry.
+std::string states(char sequence, int64_t timestampMs, const std::vector<Name>& names,
+                   const Readings& readings) {
+    std::string contents;
+    for (const auto& [indices, name] : names) {
+        const size_t slash = name.find('/');
+        contents += field(1, numbers(indices) + field(3, name.substr(0, slash)) +
+                                 field(4, name.substr(slash + 1)));
+    }
+    for (const auto& reading : readings) contents += field(2, numbers(reading));
+    return packet(sequence, timestampMs, 91, contents);
+}
+
+/// A packet of another kind, with fields of every wire type around a text of a size.
+std::string other(size_t size) {
+    return field(1, "\x40" + varint(~uint64_t{size}) + "\x59" + "12345678" + "\x2d" + "1234" +
+                        field(99, std::string(size, '\xff')) + "\xd0\x03\x01");
+}
+
+class RecordingTest : public testing::Test {
+  protected:
+    bool read(const std::string& bytes, bool loop = false) {
+        std::ofstream(mFile, std::ios::binary) << bytes;
+        mSource = RecordedSource::open(
+            mFile, {[this] { return mPlayed; }, loop},
+            [this](const std::string& text) { mWarnings.push_back(cut(text)); }, &mError);
+        return mSource != nullptr;
+    }
+    /// Without the file's name.
+    std::string cut(const std::string& text) const {
+        return text.rfind(mFile + ": ", 0) == 0 ? text.substr(mFile.size() + 2) : text;
+    }
+    void play(const std::string& bytes, bool loop = false) {
+        ASSERT_TRUE(read(bytes, loop)) << mError;
+    }
+    /// All that a source shows at a playing time: rails as "id:name@stamp=energy", then "@time",
+    /// then entities as "id:entity@stamp" with states as "id:state=time,entries,last entry".
+    std::string at(int64_t playedMs) {
+        mPlayed = milliseconds(playedMs);
+        const Reading reading = mSource->read();
+        const Lists& lists = *reading.lists;
+        std::string text;
+        for (size_t i = 0; i < lists.rails.size(); ++i) {
+            if (!reading.rails[i]) continue;
+            const Energy& energy = *reading.rails[i];
+            EXPECT_TRUE(energy.isSinceBoot());
+            text += fmt::format("{}:{}@{}={} ", lists.rails[i].id, lists.rails[i].name,
+                                toMilliseconds(energy.time), energy.energyUWs);
+        }
+        text += fmt::format("@{}", toMilliseconds(reading.time));
+        for (size_t i = 0; i < lists.entities.size(); ++i) {
+            if (!reading.entities[i]) continue;
+            const Entity& entity = lists.entities[i];
+            text += fmt::format(" {}:{}@{}", entity.id, entity.name,
+                                toMilliseconds(reading.entities[i]->time));
+            auto state = entity.states.begin();
+            for (const auto& [time, entries, lastEntry] : reading.entities[i]->states) {
+                text += fmt::format(" {}:{}={},{},{}", state->id, state->name, toMilliseconds(time),
+                                    entries, toMilliseconds(lastEntry));
+                ++state;
+            }
+        }
+        return text;
+    }
+
+    TemporaryTree mTree;
+    const std::string mFile = mTree.path("trace").string();
+    Lines mWarnings;
+    std::string mError;
+    nanoseconds mPlayed{0};
+    std::shared_ptr<Source> mSource;
+};
+
+TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
+    const std::string good = rails(1, {{{1}, "vdd"}}, {{1, 1000, 500}});
+    const std::string goodStates = states(2, 1000, {{{1, 2}, "gpu/on"}}, {{1, 2, 5, 6, 7}});
+    const std::string at = fmt::format("at byte {}: ", good.size());
+    const std::string damaged = " (the file is damaged: copy or record it again)";
+    const std::string backwards =
+        " goes backwards (record again, without a restart of the service)";
+    const std::string unnamed =
+        " has no name (names are in the first packet of a sequence: record from the start)";
+    const std::string tooBig =
+        " has a value above 2^63 - 1, or a time above 292 years (check the service that it was "
+        "recorded from)";
+    const std::string notATrace = "not a packet of a trace (give an uncompressed protobuf trace)";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "at byte 0: no power data up to here (record rails or power entities)"},
+        {other(9), "at byte 42: no power data up to here (record rails or power entities)"},
+        {"\x1f\x8b compressed", "at byte 0: " + notATrace},
+        {good + "text", at + notATrace},
+        {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
+        // A group, a field without a number, and a field longer than its packet.
+        {good + std::string("\x0a\x02\x43\x44"), at + "a malformed packet" + damaged},
+        {good + std::string("\x0a\x02\x02\x00", 4), at + "a malformed packet" + damaged},
+        {good + std::string("\x0a\x03\x5a\x05x12345"), at + "a malformed packet" + damaged},
+        {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + "malformed power data" + damaged},
+        {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}),
+         at + "a packet with power data of 1048602 bytes, more than 1048576" + damaged},
+        {good + rails(1, {}, {{2, 1000, 5}}), at + "rail 2 of packet sequence 1" + unnamed},
+        {good + rails(2, {}, {{1, 1000, 5}}), at + "rail 1 of packet sequence 2" + unnamed},
+        {good + states(1, 1, {}, {{-1, 2}}), at + "state 2 of packet sequence 1" + unnamed},
+        {good + states(1, 1, {{{1, 2}, "/on"}}, {{1, 2}}),
+         at + "entity 1 of packet sequence 1" + unnamed},
+        {good + rails(1, {{{1}, "vdd\n"}}, {}),
+         at + R"(rail 1 (vdd) of packet sequence 1 is also called vdd\x0A)"
+              " (the file is damaged: record it again)"},
+        {good + goodStates + states(2, 1001, {{{1, 2}, "gpu/off"}}, {}),
+         fmt::format("at byte {}: ", good.size() + goodStates.size()) +
+             "state 2 (on) of packet sequence 2 is also called off "
+             "(the file is damaged: record it again)"},
+        {good + rails(1, {}, {{1, 999, 501}}),
+         at + "the time of rail 1 (vdd) of packet sequence 1" + backwards},
+        {good + rails(1, {}, {{1, 1000, 499}}),
+         at + "a total of rail 1 (vdd) of packet sequence 1" + backwards},
+        {goodStates + states(2, 999, {}, {{1, 2, 6, 6, 7}}),
+         fmt::format("at byte {}: ", goodStates.size()) +
+             "the time of state 2 (on) of packet sequence 2" + backwards},
+        {goodStates + states(2, 1001, {}, {{1, 2, 5, 5, 7}}),
+         fmt::format("at byte {}: ", goodStates.size()) +
+             "a total of state 2 (on) of packet sequence 2" + backwards},
+        {good + rails(1, {}, {{1, 1001, -1}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
+        {good + rails(1, {}, {{1, -1, 501}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
+        // A millisecond more than nanoseconds can count.
+        {good + rails(1, {}, {{1, 9223372036855, 501}}),
+         at + "rail 1 (vdd) of packet sequence 1" + tooBig},
+        {good + states(1, 1, {{{1, 2}, "gpu/on"}}, {{1, 2, 9223372036855}}),
+         at + "state 2 (on) of packet sequence 1" + tooBig},
+        {good + states(1, 9223372036855, {{{1, 2}, "gpu/on"}}, {{1, 2}}),
+         at + "state 2 (on) of packet sequence 1" + tooBig},
+    };
+    for (const auto& [bytes, error] : cases) {
+        EXPECT_FALSE(read(bytes)) << error;
+        EXPECT_EQ(mError, mFile + ": " + error);
+    }
+    EXPECT_THAT(mWarnings, IsEmpty());
+    std::filesystem::create_directory(mTree.path("folder"));
+    EXPECT_FALSE(RecordedSource::open(mTree.path("folder").string(), {}, nullptr, &mError));
+    EXPECT_EQ(mError, mTree.path("folder").string() + ": not a regular file (name a trace)");
+}
+
+TEST_F(RecordingTest, IdsAndNamesOfInterleavedSequences) {
+    const int64_t huge = std::numeric_limits<uint32_t>::max();
+    const int64_t greatest = std::numeric_limits<int32_t>::max();
+    // Names come after the first readings, and packets of other kinds are larger than a block.
+    std::string others = other(300000);
+    for (size_t i = 0; i < 20000; ++i) others += other(i % 50);
+    const std::string bytes =
+        others + rails(1, {}, {{huge, 1000, 1}, {3, 1000, 2}}) + other(0) +
+        rails(2, {{{3}, "b"}, {{greatest}, "c\x1b"}, {{4}, "never read"}},
+              {{3, 1000, 3}, {greatest, 1000, 4}}) +
+        states(1, 1000, {{{-1, -2}, "gpu/on"}, {{-1, 1}, "gpu/off"}, {{7}, "idle/never read"}},
+               {{-1, -2, 5, 6, 7}, {-1, 1, 8, 9, -1}}) +
+        states(2, 1000, {{{-1, 1}, "cpu/on"}, {{0}, "gpu/on"}},
+               {{-1, 1, 10, 11, 12}, {0, 0, 1, 1, 1}}) +
+        other(200) + rails(1, {{{huge}, "a"}, {{3}, "a"}, {{3}, "a"}}, {{3, 1001, 20}}) +
+        rails(3, {{{9}, "b"}}, {{9, 1000, 5}});
+    // A third sequence has a name of the second's, and gpu is in two.
+    const std::string shown =
+        "0:a@1000=1 3:a #2@1001=20 1:b@1000=3 2147483647:c\\x1B@1000=4 @1001 "
+        "0:gpu@1000 0:on=5,6,7 1:off=8,9,0 1:cpu@1000 1:on=10,11,12";
+    play(bytes);
+    EXPECT_EQ(at(1), shown);
+    EXPECT_THAT(mSource->read().lists->rails, testing::SizeIs(4));
+    const std::string twins =
+        "packet sequences 2 and 3 both have b, the first of 2 such names (only the first "
+        "sequence's "
+        "is shown; record one service at a time)";
+    const size_t third = bytes.size() - rails(3, {{{9}, "b"}}, {{9, 1000, 5}}).size();
+    EXPECT_THAT(mWarnings, ElementsAre(fmt::format("at byte {}: ", third) + twins));
+
+    // Cut off anywhere in its last packet.
+    const std::string last = states(1, 9000, {}, {{-1, 1, 9, 9, 9}});
+    for (size_t size = 1; size < last.size(); ++size) {
+        mWarnings.clear();
+        play(bytes + last.substr(0, size));
+        EXPECT_EQ(at(9999), shown);
+        ASSERT_THAT(mWarnings, testing::SizeIs(2)) << size;
+        EXPECT_EQ(
+            mWarnings[1],
+            fmt::format("at byte {}: the last packet is cut off (it is left out)", bytes.size()));
+    }
+}
+
+TEST_F(RecordingTest, PlaysSamplesAndGoesRound) {
+    // Three samples, 1000 ms apart. Rail b is missing from the first and the last; the rails are
+    // read some time before the states, which are written late. The last entry into gpu/off is from
+    // before the recording, and that into gpu/idle is not known.
+    const std::string bytes =
+        rails(1, {{{0}, "a"}, {{1}, "b"}}, {{0, 4000, 100}}) +
+        rails(1, {}, {{0, 5000, 150}, {1, 5010, 20}}) +
+        states(1, 4090, {{{5}, "gpu/on"}, {{5, 1}, "gpu/off"}, {{5, 2}, "gpu/idle"}},
+               {{5, 0, 3000, 7, 4050}, {5, 1, 1000, 6, 60}, {5, 2, 1, 1}}) +
+        states(1, 5090, {}, {{5, 0, 3500, 7, 4050}, {5, 1, 1500, 6, 60}, {5, 2, 1, 2}}) +
+        rails(1, {}, {{0, 6000, 170}, {0, 6000, 180}}) +
+        states(1, 6090, {}, {{5, 0, 4000, 9, 6000}, {5, 1, 2000, 6, 60}, {5, 2, 1, 3}});
+    const std::string samples[] = {
+        "0:a@4000=100 @4090 5:gpu@4090 0:on=3000,7,4050 1:off=1000,6,60 2:idle=1,1,0",
+        "0:a@5000=150 1:b@5010=20 @5090 5:gpu@5090 0:on=3500,7,4050 1:off=1500,6,60 2:idle=1,2,0",
+        "0:a@6000=180 1:b@5010=20 @6090 5:gpu@6090 0:on=4000,9,6000 1:off=2000,6,60 2:idle=1,3,0",
+    };
+    // The nearest sample within half a second.
+    const std::pair<int64_t, size_t> shown[] = {{-1, 0},   {0, 0},    {500, 0}, {501, 1},
+                                                {1500, 1}, {1501, 2}, {2000, 2}};
+    for (const bool loop : {false, true}) {
+        play(bytes, loop);
+        for (const auto& [playedMs, sample] : shown) {
+            EXPECT_EQ(at(playedMs), samples[sample]) << playedMs;
+            EXPECT_EQ(mSource->isOver(), sample == 2 && !loop) << playedMs;
+        }
+    }
+    // A round takes the 2000 ms of the recording and a spacing of 1000 ms.
+    EXPECT_EQ(at(2500), samples[2]);
+    EXPECT_EQ(at(2501),
+              "0:a@7000=180 1:b@5010=20 @7090 "
+              "5:gpu@7090 0:on=4000,9,6000 1:off=2000,6,60 2:idle=1,3,0");
+    EXPECT_EQ(at(4000),
+              "0:a@8000=230 1:b@8010=20 @8090 "
+              "5:gpu@8090 0:on=4500,9,6000 1:off=2500,6,60 2:idle=1,4,0");
+    EXPECT_EQ(at(2 * 3000 + 2000),
+              "0:a@12000=340 1:b@11010=20 @12090 "
+              "5:gpu@12090 0:on=6000,13,12000 1:off=4000,6,60 2:idle=1,7,0");
+    EXPECT_EQ(at(std::numeric_limits<int64_t>::max() / 1000000).substr(0, 6), "0:a@92");
+    play(bytes);
+    EXPECT_EQ(at(1000000), samples[2]);
+    play(rails(1, {{{0}, "a"}}, {{0, 4000, 100}}), true);
+    EXPECT_EQ(at(1000000), "0:a@4000=100 @4000") << "one sample stands still";
+    EXPECT_FALSE(mSource->isOver());
+    // 100 samples a second; the other sequence is not shown.
+    play(rails(1, {{{0}, "a"}}, {{0, 4000, 100}}) + rails(1, {}, {{0, 4010, 110}}) +
+             rails(2, {{{0}, "a"}}, {{0, 4300, 1}}),
+         true);
+    EXPECT_EQ(at(5), "0:a@4000=100 @4000");
+    EXPECT_EQ(at(20), "0:a@4020=110 @4020");
+}
+
+TEST_F(RecordingTest, EachIntervalHasOneSample) {
+    // A sample each 100 ms, with a jitter of a millisecond. Samples 20 to 29 are missing.
+    std::string bytes = rails(1, {{{0}, "a"}}, {});
+    for (const int64_t i : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 30, 31, 32, 33}) {
+        bytes += rails(1, {}, {{0, 1000 + 100 * i + i * 7 % 3 - 1, i}});
+    }
+    struct Case {
+        int64_t intervalMs;
+        std::vector<int64_t> samples;
+    };
+    const Case cases[] = {
+        {100, {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 10, 10, 10, 10, 10, 10,
+               10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 30, 31, 32, 33}},
+        {300, {0, 3, 6, 9, 10, 10, 10, 10, 10, 10, 30, 33}},
+    };
+    for (const auto& [intervalMs, samples] : cases) {
+        play(bytes);
+        std::vector<int64_t> shown;
+        for (int64_t playedMs = 0; shown.empty() || !mSource->isOver(); playedMs += intervalMs) {
+            mPlayed = milliseconds(playedMs);
+            shown.push_back(mSource->read().rails[0]->energyUWs);
+        }
+        EXPECT_EQ(shown, samples) << intervalMs;
+    }
+}
+
+TEST_F(RecordingTest, ThingsThatASampleLacks) {
+    const std::vector<Name> names = {
+        {{0, 0}, "cpu0/on"}, {{1, 0}, "cpu1/on"}, {{1, 1}, "cpu1/off"}};
+    // Rails and states of two writers, half a second apart. One CPU goes offline, and the other
+    // lacks a state in the last packet. The last energy has the time of its packet.
+    play(rails(1, {{{0}, "a"}, {{1}, "b"}}, {{0, 1000, 1}, {1, 1000, 2}}) +
+         states(2, 1500, names, {{0, 0, 1, 1, 1}, {1, 0, 2, 2, 2}, {1, 1, 3}}) +
+         rails(1, {}, {{0, 2000, 3}}) + states(2, 2500, {}, {{0, 0, 4, 4, 4}}) +
+         packet(1, 3000, 40, field(2, std::string("\x08\x00\x18\x05", 4))) +
+         states(2, 3500, {}, {{0, 0, 5, 5, 5}, {1, 0, 6, 6, 6}}));
+    const std::pair<int64_t, std::string> shown[] = {
+        {0, "0:a@1000=1 1:b@1000=2 @1000"},
+        {500,
+         "0:a@1000=1 1:b@1000=2 @1500 0:cpu0@1500 0:on=1,1,1 1:cpu1@1500 0:on=2,2,2 1:off=3,0,0"},
+        {1000,
+         "0:a@2000=3 1:b@1000=2 @2000 0:cpu0@1500 0:on=1,1,1 1:cpu1@1500 0:on=2,2,2 1:off=3,0,0"},
+        {1500, "0:a@2000=3 1:b@1000=2 @2500 0:cpu0@2500 0:on=4,4,4"},
+        {2000, "0:a@3000=5 1:b@1000=2 @3000 0:cpu0@2500 0:on=4,4,4"},
+        {2500, "0:a@3000=5 1:b@1000=2 @3500 0:cpu0@3500 0:on=5,5,5"},
+    };
+    for (const auto& [playedMs, text] : shown) EXPECT_EQ(at(playedMs), text);
+    const Reading one = mSource->read(std::vector<size_t>{1}, kNothing);
+    EXPECT_FALSE(one.rails[0] || one.entities[0]);
+    EXPECT_EQ(one.rails[1]->energyUWs, 2);
+}
+
+}  // namespace
+}  // namespace powerstats

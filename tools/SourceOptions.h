@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "power/Source.h"
+#include "power/trace/RecordedSource.h"
+#include "tools/CommandLine.h"
+
+namespace powerstats {
+
+/// Where readings come from, by the options that are the same in every subcommand.
+struct SourceOptions {
+    std::string sysfs = "/sys";
+    std::string replay;  ///< a file; empty: this machine
+    double speed = 1;
+    bool loop = false;
+    std::optional<std::string> bus;  ///< "any", "session" or "system"; none: within this process
+    double waitSeconds = 2;
+};
+
+enum class WithBus { kNo, kYes };
+
+/// Adds `--sysfs`, `--replay` with `--speed` and `--loop`, and for clients `--bus`, `--wait` and
+/// `--verbose`. Mistakes in them are mistakes of parsing.
+void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus = WithBus::kYes);
+
+/// Opens a source. Says why a file of this machine cannot be read, once for each. With `--bus`
+/// waits until a service is there.
+/// @param playingTime [in] how long a recording has played, before `--speed`; empty: since now, by
+///     the clock.
+/// @param status [out] the exit status, after one line, when the result is null: kFailed when no
+///     service is on the bus, kUsage when the recording cannot be used.
+/// @param options [in,out] gets the name of the bus that the service is on.
+std::shared_ptr<Source> openSource(SourceOptions* options,
+                                   const RecordedSource::PlayingTime& playingTime, int* status);
+
+/// The playing time of a recording that stays at its first sample.
+nanoseconds stayAtFirstSample();
+
+/// Waits until a service is on the bus. From then on look-ups find only such services.
+/// @param hal [in] "aidl" or "hidl"; empty: either.
+/// @return 0, or kFailed after one line.
+int awaitService(SourceOptions* options, const std::string& hal);
+
+/// Says why no energy can be read here, in one line, if there is such a reason.
+void sayWhyNoRails(const Reading& reading);
+
+/// For a title: "this machine", "the session bus", a file.
+std::string describe(const SourceOptions& options);
+
+}  // namespace powerstats

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// powerstats metrics: reads a service once and prints its totals for Prometheus, or replaces a file
+// that Prometheus's node_exporter serves.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/Commands.h"
+#include "tools/SourceOptions.h"
+#include "tools/metrics/MetricsText.h"
+
+namespace powerstats {
+
+namespace {
+
+struct MetricsArguments {
+    SourceOptions source;
+    std::string format = "prometheus";
+    bool noRails = false;
+    std::optional<std::string> output;
+};
+
+/// Writes a file under another name and renames it, so that readers have the old text or the new
+/// one. Only the user and the group may read it, since energy tells what other programs compute.
+/// Says why when it fails.
+bool replaceFile(const std::string& path, const std::string& text) {
+    std::string temporary = path + ".XXXXXX";
+    const int file = mkostemp(temporary.data(), O_CLOEXEC);
+    FILE* const stream = file >= 0 ? fdopen(file, "w") : nullptr;
+    bool replaced = false;
+    if (stream != nullptr) {
+        replaced = fchmod(file, 0640) == 0 &&
+                   std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
+                   std::fflush(stream) == 0 && fsync(file) == 0 &&
+                   rename(temporary.c_str(), path.c_str()) == 0;
+    }
+    if (!replaced) {
+        say(fmt::format("{}: {}", path, std::strerror(errno)));
+        if (file >= 0) unlink(temporary.c_str());
+    }
+    if (stream != nullptr) std::fclose(stream);
+    return replaced;
+}
+
+/// Reads the service. Says why when a part of it cannot be read.
+/// @param text [out] the metrics that could be read; std::nullopt when there are none.
+/// @return the exit status.
+int collect(MetricsArguments arguments, std::optional<std::string>* text) {
+    int status = 0;
+    const std::shared_ptr<Source> source =
+        openSource(&arguments.source, stayAtFirstSample, &status);
+    if (source == nullptr) return status;
+    const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
+    const bool noRails = !arguments.noRails && reading.railsFailure &&
+                         reading.railsFailure.kind != Failure::Kind::kNotMeasured;
+    const bool noEntities = static_cast<bool>(reading.entitiesFailure);
+    if (noRails) say("rails: " + reading.railsFailure.text);
+    // Not in the journal of a timer, each minute.
+    if (!noRails && !arguments.noRails && isatty(STDERR_FILENO) != 0) sayWhyNoRails(reading);
+    if (noEntities) say("power entities: " + reading.entitiesFailure.text);
+    if (!noEntities || (!noRails && !arguments.noRails)) {
+        *text =
+            formatMetrics(reading, arguments.format == "prometheus" ? MetricsFormat::kPrometheus
+                                                                    : MetricsFormat::kOpenMetrics);
+    }
+    return noEntities || noRails ? kFailed : 0;
+}
+
+int metrics(const MetricsArguments& arguments) {
+    std::optional<std::string> text;
+    const int status = collect(arguments, &text);
+    const auto write = [&] {
+        return arguments.output ? replaceFile(*arguments.output, *text) : writeOutput(*text);
+    };
+    if (text && write()) return status;
+    // Totals that stand still would look like a machine that uses no power. A series that ends
+    // looks like one that is not measured.
+    if (arguments.output) unlink(arguments.output->c_str());
+    return status != 0 ? status : kFailed;
+}
+
+/// Refuses folders, devices and links, which a new file must not replace.
+std::string checkOutput(const std::string& path) {
+    std::error_code error;
+    const auto type = std::filesystem::symlink_status(path, error).type();
+    if (!path.empty() && (type == std::filesystem::file_type::regular ||
+                          type == std::filesystem::file_type::not_found)) {
+        return {};
+    }
+    return path + ": not a plain file (name a file that may be replaced)";
+}
+
+}  // namespace
+
+Command addMetrics(CommandLine program) {
+    const auto arguments = std::make_shared<MetricsArguments>();
+    CommandLine command =
+        program.addSubcommand("metrics", "Print the totals of a service once, for Prometheus.");
+    command.addFooter(
+        "Energy is in joules and time in seconds, at full precision. Rails that were not measured\n"
+        "since boot are there too. The document fleet.md has the way to Prometheus.\n"
+        "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
+        "the metrics could not be written, 2 bad argument. When nothing could be read or written,\n"
+        "the file of --output is removed, because old totals would mislead.\n"
+        "Example: powerstats metrics --no-rails");
+    addSourceOptions(command, &arguments->source);
+    command.addOption("--format", "The text format",
+                      choice(&arguments->format, {"prometheus", "openmetrics"}));
+    command.addFlag("--no-rails", "Leave out energy", [arguments] { arguments->noRails = true; });
+    const auto takeOutput = [arguments](const std::string& path) {
+        arguments->output = path;
+        return checkOutput(path);
+    };
+    command.addOption("--output",
+                      "Replace this file as a whole; only you and your group can read it",
+                      {"FILE", "", "", takeOutput});
+    return {command, [arguments] { return metrics(*arguments); }};
+}
+
+}  // namespace powerstats
