@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "power/linux/LinuxSource.h"
-#include "power/service/Clients.h"
 #include "power/service/ServiceSource.h"
 
 namespace powerstats {

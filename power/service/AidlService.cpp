@@ -20,7 +20,7 @@ int32_t toAidl(int64_t id) {
 
 std::optional<std::string> ServedIds::select(const std::vector<int32_t>& ids,
                                              Positions* positions) const {
-    positions->reset();
+    *positions = ids.empty() ? Positions() : kNothing;
     if (ids.empty()) return std::nullopt;
     // The length first: a request of any size costs no more than the list.
     if (ids.size() > mPositions.size()) {
@@ -28,7 +28,7 @@ std::optional<std::string> ServedIds::select(const std::vector<int32_t>& ids,
                std::to_string(mPositions.size()) + " known (" + mKind +
                "); ask for each once, or for all by an empty list";
     }
-    positions->emplace();
+    std::vector<size_t> granted;
     std::vector<bool> chosen(mPositions.size(), false);
     for (const int32_t id : ids) {
         const auto found = mPositions.find(id);
@@ -38,8 +38,9 @@ std::optional<std::string> ServedIds::select(const std::vector<int32_t>& ids,
                    "); ask for each once";
         }
         chosen[found->second] = true;
-        (*positions)->push_back(found->second);
+        granted.push_back(found->second);
     }
+    *positions = std::move(granted);
     return std::nullopt;
 }
 

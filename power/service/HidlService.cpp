@@ -6,7 +6,6 @@
 
 namespace powerstats {
 
-using android::hardware::hidl_vec;
 using android::hardware::Return;
 using android::hardware::Void;
 using stats_V1_0::PowerEntityType;
@@ -37,13 +36,14 @@ PowerEntityType toHidl(EntityType type) {
 /// Finds the positions of a request. An id above the greatest int32_t becomes negative here, and no
 /// negative id is known.
 /// @return whether the request is granted.
-bool select(const ServedIds& known, const hidl_vec<uint32_t>& ids, Positions* positions) {
+bool select(const ServedIds& known, const HidlService::Ids& ids, Positions* positions) {
     return !known.select(std::vector<int32_t>(ids.begin(), ids.end()), positions);
 }
 
 /// There are records with SUCCESS, and none with another status.
 template <typename Records>
-Status statusOf(const Records& records) {
+Status statusOf(bool isGranted, const Records& records) {
+    if (!isGranted) return Status::INVALID_INPUT;
     return records.empty() ? Status::FILESYSTEM_ERROR : Status::SUCCESS;
 }
 
@@ -83,17 +83,13 @@ Return<void> HidlService::getRailInfo(getRailInfo_cb callback) {
     return Void();
 }
 
-Return<void> HidlService::getEnergyData(const hidl_vec<uint32_t>& railIndices,
-                                        getEnergyData_cb callback) {
+Return<void> HidlService::getEnergyData(const Ids& railIndices, getEnergyData_cb callback) {
     Positions asked;
     if (!anySinceBoot()) {
         callback({}, Status::NOT_SUPPORTED);
         return Void();
     }
-    if (!select(*mRails, railIndices, &asked)) {
-        callback({}, Status::INVALID_INPUT);
-        return Void();
-    }
+    const bool isGranted = select(*mRails, railIndices, &asked);
     std::vector<size_t> positions;
     forPositions(asked, mAnnounced.size(), [&](size_t i) { positions.push_back(mAnnounced[i]); });
     const Reading reading = mSource->read(positions, kNothing);
@@ -105,7 +101,8 @@ Return<void> HidlService::getEnergyData(const hidl_vec<uint32_t>& railIndices,
         energies.push_back({toHidl(mLists->rails[i].id), toHidl(reading.rails[i]->time),
                             static_cast<uint64_t>(reading.rails[i]->energyUWs)});
     }
-    callback(energies, energies.empty() && anyRead ? Status::NOT_SUPPORTED : statusOf(energies));
+    callback(energies,
+             energies.empty() && anyRead ? Status::NOT_SUPPORTED : statusOf(isGranted, energies));
     return Void();
 }
 
@@ -124,32 +121,26 @@ Return<void> HidlService::getPowerEntityInfo(getPowerEntityInfo_cb callback) {
     return Void();
 }
 
-Return<void> HidlService::getPowerEntityStateInfo(const hidl_vec<uint32_t>& entityIds,
+Return<void> HidlService::getPowerEntityStateInfo(const Ids& entityIds,
                                                   getPowerEntityStateInfo_cb callback) {
     Positions positions;
+    const bool isGranted = select(mEntities, entityIds, &positions);
     std::vector<stats_V1_0::PowerEntityStateSpace> spaces;
-    if (!select(mEntities, entityIds, &positions)) {
-        callback(spaces, Status::INVALID_INPUT);
-        return Void();
-    }
     forPositions(positions, mLists->entities.size(), [&](size_t i) {
         const Entity& entity = mLists->entities[i];
         std::vector<stats_V1_0::PowerEntityStateInfo> states;
         for (const State& state : entity.states) states.push_back({toHidl(state.id), state.name});
         spaces.push_back({toHidl(entity.id), states});
     });
-    callback(spaces, statusOf(spaces));
+    callback(spaces, statusOf(isGranted, spaces));
     return Void();
 }
 
 Return<void> HidlService::getPowerEntityStateResidencyData(
-    const hidl_vec<uint32_t>& entityIds, getPowerEntityStateResidencyData_cb callback) {
+    const Ids& entityIds, getPowerEntityStateResidencyData_cb callback) {
     Positions positions;
+    const bool isGranted = select(mEntities, entityIds, &positions);
     std::vector<stats_V1_0::PowerEntityStateResidencyResult> results;
-    if (!select(mEntities, entityIds, &positions)) {
-        callback(results, Status::INVALID_INPUT);
-        return Void();
-    }
     const Reading reading = mSource->read(kNothing, positions);
     forPositions(positions, mLists->entities.size(), [&](size_t i) {
         if (!reading.entities[i]) return;
@@ -162,7 +153,7 @@ Return<void> HidlService::getPowerEntityStateResidencyData(
         }
         results.push_back({toHidl(entity.id), states});
     });
-    callback(results, statusOf(results));
+    callback(results, statusOf(isGranted, results));
     return Void();
 }
 

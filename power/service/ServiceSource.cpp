@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "power/linux/Counters.h"
-#include "power/service/Clients.h"
 #include "power/text/Names.h"
 
 namespace powerstats {
@@ -76,38 +75,28 @@ Failure ServiceSource::connect() {
     return {Failure::Kind::kNoService, "no power stats service"};
 }
 
-/// Makes the lists of the reading that is being taken, unless they are those of the one before.
-void ServiceSource::setLists() {
+/// Reads one list, and makes the lists of the reading that is being taken, unless they are those of
+/// the one before.
+template <typename Record, typename Thing>
+Failure ServiceSource::readList(AskForList<Record> ask, std::vector<Thing>* things, bool* has) {
+    std::vector<Record> records;
+    if (const Failure failure = failureOf((*mService.*ask)(&records))) return failure;
+    *has = true;
+    things->clear();
+    for (const Record& record : records) things->push_back(fromHal(record));
     auto lists = nameLists(mRails, mEntities, false);
-    if (lists->rails == mLists->rails && lists->entities == mLists->entities) return;
-    mLists = std::move(lists);
-}
-
-Failure ServiceSource::readRailList() {
-    std::vector<stats_aidl::Channel> channels;
-    const Failure failure = failureOf(mService->getEnergyMeterInfo(&channels));
-    if (failure) return failure;
-    mHasRails = true;
-    mRails.clear();
-    for (const auto& channel : channels) mRails.push_back(fromHal(channel));
-    setLists();
-    return {};
-}
-
-Failure ServiceSource::readEntityList() {
-    std::vector<stats_aidl::PowerEntity> entities;
-    const Failure failure = failureOf(mService->getPowerEntityInfo(&entities));
-    if (failure) return failure;
-    mHasEntities = true;
-    mEntities.clear();
-    for (const auto& entity : entities) mEntities.push_back(fromHal(entity));
-    setLists();
+    if (lists->rails != mLists->rails || lists->entities != mLists->entities) {
+        mLists = std::move(lists);
+    }
     return {};
 }
 
 /// @return whether all ids of the answer are known.
 bool ServiceSource::readRails(const Positions& positions, Reading* reading) {
-    if (!mHasRails && (reading->railsFailure = readRailList())) return true;
+    if (!mHasRails && (reading->railsFailure = readList(
+                           &stats_aidl::IPowerStats::getEnergyMeterInfo, &mRails, &mHasRails))) {
+        return true;
+    }
     reading->rails.assign(mLists->rails.size(), std::nullopt);
     if (mLists->rails.empty()) {
         reading->railsFailure = {Failure::Kind::kNotMeasured, "the service has no rails"};
@@ -125,7 +114,11 @@ bool ServiceSource::readRails(const Positions& positions, Reading* reading) {
 
 /// @return whether all ids of the answer are known.
 bool ServiceSource::readEntities(const Positions& positions, Reading* reading) {
-    if (!mHasEntities && (reading->entitiesFailure = readEntityList())) return true;
+    if (!mHasEntities &&
+        (reading->entitiesFailure =
+             readList(&stats_aidl::IPowerStats::getPowerEntityInfo, &mEntities, &mHasEntities))) {
+        return true;
+    }
     reading->entities.assign(mLists->entities.size(), std::nullopt);
     if (positions ? positions->empty() : mLists->entities.empty()) return true;
     std::vector<stats_aidl::StateResidencyResult> records;

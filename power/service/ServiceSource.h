@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "power/Source.h"
-#include "power/service/Records.h"
+#include "power/service/Interfaces.h"
 
 namespace powerstats {
 
@@ -25,12 +25,14 @@ class ServiceSource : public Source {
     Reading read(const Positions& rails, const Positions& entities) override;
 
   private:
+    template <typename Record>
+    using AskForList = ndk::ScopedAStatus (stats_aidl::IPowerStats::*)(std::vector<Record>*);
+
     Failure connect();
-    Failure readRailList();
-    Failure readEntityList();
+    template <typename Record, typename Thing>
+    Failure readList(AskForList<Record> ask, std::vector<Thing>* things, bool* has);
     bool readRails(const Positions& positions, Reading* reading);
     bool readEntities(const Positions& positions, Reading* reading);
-    void setLists();
 
     std::shared_ptr<stats_aidl::IPowerStats> mService;
     /// As the service names them.

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "power/Source.h"
-#include "power/service/Records.h"
+#include "power/service/Interfaces.h"
 
 namespace powerstats {
 
@@ -30,7 +30,7 @@ class ServedIds {
         for (const Thing& thing : things) mPositions.emplace(thing.id, mPositions.size());
     }
 
-    /// Finds the positions of a request; no ids stand for all.
+    /// Finds the positions of a request; no ids stand for all. A refused request has none.
     /// @return why the request is refused, in words.
     std::optional<std::string> select(const std::vector<int32_t>& ids, Positions* positions) const;
 
@@ -88,23 +88,22 @@ enum class HidlRails { kServed, kNotServed };
 /// NOT_SUPPORTED.
 class HidlService : public stats_V1_0::IPowerStats {
   public:
+    using Ids = android::hardware::hidl_vec<uint32_t>;
+
     explicit HidlService(std::shared_ptr<Source> source, HidlRails rails = HidlRails::kServed);
 
     /// `samplingRate` is 0, because it is not known.
     android::hardware::Return<void> getRailInfo(getRailInfo_cb callback) override;
-    android::hardware::Return<void> getEnergyData(
-        const android::hardware::hidl_vec<uint32_t>& railIndices,
-        getEnergyData_cb callback) override;
+    android::hardware::Return<void> getEnergyData(const Ids& railIndices,
+                                                  getEnergyData_cb callback) override;
     /// Answers NOT_SUPPORTED.
     android::hardware::Return<void> streamEnergyData(uint32_t timeMs, uint32_t samplingRate,
                                                      streamEnergyData_cb callback) override;
     android::hardware::Return<void> getPowerEntityInfo(getPowerEntityInfo_cb callback) override;
     android::hardware::Return<void> getPowerEntityStateInfo(
-        const android::hardware::hidl_vec<uint32_t>& entityIds,
-        getPowerEntityStateInfo_cb callback) override;
+        const Ids& entityIds, getPowerEntityStateInfo_cb callback) override;
     android::hardware::Return<void> getPowerEntityStateResidencyData(
-        const android::hardware::hidl_vec<uint32_t>& entityIds,
-        getPowerEntityStateResidencyData_cb callback) override;
+        const Ids& entityIds, getPowerEntityStateResidencyData_cb callback) override;
 
   private:
     bool anySinceBoot() const;

@@ -17,8 +17,7 @@
 #include <utility>
 
 #include "power/linux/Counters.h"
-#include "power/service/Clients.h"
-#include "power/service/Records.h"
+#include "power/service/Interfaces.h"
 
 namespace powerstats {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The records of the two interfaces from ours, and ours from theirs. Times of the interfaces are
-// milliseconds.
+// The clients' side of the two interfaces: their services, failures of their calls, and our records
+// from theirs. Times of the interfaces are milliseconds.
 
 #pragma once
 
@@ -9,6 +9,7 @@
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
 #include <cstdint>
+#include <memory>
 
 #include "power/Reading.h"
 
@@ -16,6 +17,14 @@ namespace powerstats {
 
 namespace stats_aidl = ::aidl::android::hardware::power::stats;
 namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
+
+/// The service that look-ups find now, or null.
+std::shared_ptr<stats_aidl::IPowerStats> findAidl();
+android::sp<stats_V1_0::IPowerStats> findHidl();
+
+/// Why a call failed; kNone when it succeeded. The text is safe, and cut where it is long.
+Failure failureOf(const ndk::ScopedAStatus& status);
+Failure failureOf(const android::hardware::Return<void>& result);
 
 inline Rail fromHal(const stats_aidl::Channel& channel) {
     return {channel.id, channel.name, channel.subsystem};

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "power/service/Clients.h"
+#include "power/service/Interfaces.h"
 
 #include <android/binder_manager.h>
 #include <host/ServiceControl.h>
 
-#include "power/service/Records.h"
 #include "power/text/Names.h"
 
 namespace powerstats {
@@ -15,30 +14,18 @@ namespace {
 /// A service may answer any text.
 constexpr size_t kMostTextSize = 300;
 
-Failure::Kind kindOf(int32_t transactionError) {
+Failure makeFailure(int32_t transactionError, const std::string& description) {
     switch (transactionError) {
         case android::DEAD_OBJECT:
-            return Failure::Kind::kGone;
+            return {Failure::Kind::kGone, "the service is gone"};
         case android::PERMISSION_DENIED:
-            return Failure::Kind::kRefused;
-        case android::TIMED_OUT:
-            return Failure::Kind::kTimedOut;
-        default:
-            return Failure::Kind::kOther;
-    }
-}
-
-Failure makeFailure(int32_t transactionError, const std::string& description) {
-    const Failure::Kind kind = kindOf(transactionError);
-    switch (kind) {
-        case Failure::Kind::kGone:
-            return {kind, "the service is gone"};
-        case Failure::Kind::kRefused:
-            return {kind,
+            return {Failure::Kind::kRefused,
                     "the bus's policy refuses them (join the group: sudo usermod -aG powerstats "
                     "NAME, and log in again; or run as root)"};
+        case android::TIMED_OUT:
+            return {Failure::Kind::kTimedOut, safeName(description, kMostTextSize)};
         default:
-            return {kind, safeName(description, kMostTextSize)};
+            return {Failure::Kind::kOther, safeName(description, kMostTextSize)};
     }
 }
 
