@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The counters of the kernel. Each function here looks for one kind of counter once and returns
-// those that can be read now, each with a function that reads it. A counter that appears later is
+// The counters of the kernel. Each function here looks for one kind of counter once and adds those
+// that can be read now, each with a function that reads it. A counter that appears later is
 // not found; one that goes away reads as std::nullopt.
 
 #pragma once
@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "power/Reading.h"
@@ -27,6 +28,14 @@ using ReadClock = std::function<nanoseconds(clockid_t clock)>;
 
 /// clock_gettime(); zero when it fails.
 nanoseconds readKernelClock(clockid_t clock);
+
+/// Options of all rails.
+struct RailOptions {
+    /// Whether the counters started with this machine. Those of a copied or made-up tree did not;
+    /// their energy is always since boot.
+    bool hasBoot = true;
+    ReadClock readClock = readKernelClock;
+};
 
 /// Adds up the energy that a counter of the kernel shows, over its wraps and resets.
 ///
@@ -47,18 +56,18 @@ class EnergyCounter {
         /// For a counter that wraps to 0: after how many microwatt-seconds it does. A counter
         /// without a range is taken to run since boot, and never wraps.
         std::optional<int64_t> rangeUWs;
-        /// Whether the counter started with this machine. One of a copied or made-up tree did not;
-        /// its energy is always since boot.
-        bool hasBoot = true;
-        ReadClock readClock = readKernelClock;
+        RailOptions ofRails;
         /// Called at each reset.
         std::function<void()> warnOfReset;
     };
 
-    explicit EnergyCounter(Options options);
+    explicit EnergyCounter(Options options) : mOptions(std::move(options)) {}
 
     /// @return std::nullopt when the kernel's counter cannot be read.
     std::optional<Energy> read();
+
+    /// How often a counter that wraps has to be read.
+    std::optional<std::chrono::milliseconds> samplingInterval() const;
 
   private:
     void start(int64_t counterUWs, nanoseconds time);
@@ -83,9 +92,6 @@ class EnergyCounter {
     uint32_t mResets = 0;
 };
 
-/// How often a counter that wraps has to be read.
-std::chrono::milliseconds samplingInterval(int64_t rangeUWs);
-
 /// One energy counter of the kernel.
 struct RailSource {
     /// Made of the path of the counter or of its device: the same for the same rail in every run,
@@ -95,8 +101,6 @@ struct RailSource {
     std::vector<std::string> names;
     std::string subsystem;
     std::shared_ptr<EnergyCounter> counter;
-    /// For a counter that wraps: how often it has to be read.
-    std::optional<std::chrono::milliseconds> samplingInterval;
 };
 
 struct StateSource {
@@ -118,38 +122,34 @@ struct EntitySource {
     std::vector<StateSource> states;
 };
 
-/// Options of all rails; see EnergyCounter.
-struct RailOptions {
-    bool hasBoot = true;
-    ReadClock readClock = readKernelClock;
-};
-
-/// Every zone of `class/powercap` with a readable `energy_uj`.
+/// Adds every zone of `class/powercap` with a readable `energy_uj`.
 ///
 /// A zone is named by the zones it is in and itself ("package-0/core"), qualified by its control
 /// type ("intel-rapl-mmio/package-0") and then by its folder. Its counter wraps after
 /// `max_energy_range_uj`.
-std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs,
-                                          const RailOptions& options);
+void addPowercapRails(const std::shared_ptr<const Sysfs>& sysfs, const RailOptions& options,
+                      std::vector<RailSource>* rails);
 
-/// Every readable `energy*_input` of the chips in `class/hwmon`.
+/// Adds every readable `energy*_input` of the chips in `class/hwmon`.
 ///
 /// The numbers of chips change between boots, so a counter's identity has the path of the chip's
 /// device, or else the chip's name.
 ///
 /// A counter is named by its label, or else by its chip and itself ("chip/energy1"), qualified by
 /// the chip's name and then by the chip's folder ("chip/hwmon3/label"). Its counter does not wrap.
-std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs,
-                                       const RailOptions& options);
+void addHwmonRails(const std::shared_ptr<const Sysfs>& sysfs, const RailOptions& options,
+                   std::vector<RailSource>* rails);
 
-/// The idle states of each CPU, by CPU number. Entity id: the CPU's number; state id: the state's.
-std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs);
+/// Adds the idle states of each CPU, by CPU number. Entity id: the CPU's number; state id: the
+/// state's.
+void addIdleCpus(const std::shared_ptr<const Sysfs>& sysfs, std::vector<EntitySource>* entities);
 
-/// Every device below `devices` that can be suspended while the machine runs, sorted by path, with
-/// the states `active` (0) and `suspended` (1). The kernel does not count how often they are
+/// Adds every device below `devices` that can be suspended while the machine runs, sorted by path,
+/// with the states `active` (0) and `suspended` (1). The kernel does not count how often they are
 /// entered. A device without `power/runtime_status` counts as one if it was suspended before this
 /// call.
-std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs);
+void addSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs,
+                          std::vector<EntitySource>* entities);
 
 /// The machine as a whole: `running` (0) and `suspended` (1) since boot, by the difference of two
 /// clocks. The time suspended never goes down from one reading to the next.

@@ -60,18 +60,15 @@ std::vector<std::string> namesOf(const Sysfs& sysfs, const std::string& zone) {
 std::shared_ptr<EnergyCounter> makeCounter(const std::shared_ptr<const Sysfs>& sysfs,
                                            const std::string& path, std::optional<int64_t> rangeUWs,
                                            const RailOptions& options) {
-    EnergyCounter::Options of;
-    of.readCounter = [file = std::make_shared<NumberFile>(sysfs, path)] { return file->read(); };
-    of.rangeUWs = rangeUWs;
-    of.hasBoot = options.hasBoot;
-    of.readClock = options.readClock;
-    of.warnOfReset = [sysfs, path] {
+    const auto file = std::make_shared<NumberFile>(sysfs, path);
+    const auto warn = [sysfs, path] {
         sysfs->warn(
             path, "the counter started again at 0",
             "the energy since its last reading is lost; a suspend or a reload of the driver "
             "does this");
     };
-    return std::make_shared<EnergyCounter>(std::move(of));
+    return std::make_shared<EnergyCounter>(
+        EnergyCounter::Options{[file] { return file->read(); }, rangeUWs, options, warn});
 }
 
 const std::string kHwmon = "class/hwmon/";
@@ -87,31 +84,23 @@ RailSource makeRail(const std::shared_ptr<const Sysfs>& sysfs, const std::string
     const std::string name = label.value_or(sensor);
     const std::string byChip = chip + "/" + name;
     const std::string byFolder = chip + "/" + chipFolder + "/" + name;
-    const std::string input = path + kInput;
     return {kHwmon + device + "/" + sensor,
             {label ? name : byChip, byChip, byFolder},
             "hwmon",
-            makeCounter(sysfs, input, std::nullopt, options),
-            std::nullopt};
+            makeCounter(sysfs, path + kInput, std::nullopt, options)};
 }
 
 }  // namespace
-
-EnergyCounter::EnergyCounter(Options options) : mOptions(std::move(options)) {}
 
 std::optional<Energy> EnergyCounter::read() {
     // Locked while reading: two readings that overtake each other would look like a wrap.
     std::unique_lock<std::mutex> lock(mMutex);
     const std::optional<int64_t> counter = mOptions.readCounter();
     if (!counter) return std::nullopt;
-    const nanoseconds time = mOptions.readClock(CLOCK_BOOTTIME);
-    const nanoseconds runningTime = mOptions.readClock(CLOCK_MONOTONIC);
-    bool isReset = false;
-    if (!mLast) {
-        start(*counter, time);
-    } else {
-        isReset = advance(*counter, runningTime, time);
-    }
+    const nanoseconds time = mOptions.ofRails.readClock(CLOCK_BOOTTIME);
+    const nanoseconds runningTime = mOptions.ofRails.readClock(CLOCK_MONOTONIC);
+    const bool isReset = mLast && advance(*counter, runningTime, time);
+    if (!mLast) start(*counter, time);
     mLast = {*counter, runningTime, time};
     if (isReset) ++mResets;
     const Energy energy{time, time - mUncovered, mEnergyUWs, mResets};
@@ -125,7 +114,7 @@ void EnergyCounter::start(int64_t counterUWs, nanoseconds time) {
     const auto& range = mOptions.rangeUWs;
     const bool mayHaveWrapped = range && time >= leastTimeFor(*range);
     const bool isOlderThanBoot = range && leastTimeFor(counterUWs) > time + kFirmwareTime;
-    if (mOptions.hasBoot && (mayHaveWrapped || isOlderThanBoot)) {
+    if (mOptions.ofRails.hasBoot && (mayHaveWrapped || isOlderThanBoot)) {
         skip(nanoseconds::zero(), time);
     } else {
         mEnergyUWs = counterUWs;
@@ -137,7 +126,7 @@ bool EnergyCounter::advance(int64_t counterUWs, nanoseconds runningTime, nanosec
     const auto& range = mOptions.rangeUWs;
     const nanoseconds passed = runningTime - mLast->runningTime;
     const bool mayHaveWrappedUnseen = range && passed >= leastTimeFor(*range);
-    if (mayHaveWrappedUnseen && mOptions.hasBoot) skip(mLast->time, time);
+    if (mayHaveWrappedUnseen && mOptions.ofRails.hasBoot) skip(mLast->time, time);
     if (counterUWs >= mLast->counterUWs) {
         add(counterUWs - mLast->counterUWs);
         return false;
@@ -163,30 +152,26 @@ void EnergyCounter::add(int64_t energyUWs) {
     mEnergyUWs += std::min(energyUWs, std::numeric_limits<int64_t>::max() - mEnergyUWs);
 }
 
-milliseconds samplingInterval(int64_t rangeUWs) {
-    const auto interval = duration_cast<milliseconds>(leastTimeFor(rangeUWs) / kReadingsPerWrap);
+std::optional<milliseconds> EnergyCounter::samplingInterval() const {
+    if (!mOptions.rangeUWs) return std::nullopt;
+    const auto interval =
+        duration_cast<milliseconds>(leastTimeFor(*mOptions.rangeUWs) / kReadingsPerWrap);
     return std::max(interval, kShortestInterval);
 }
 
-std::vector<RailSource> findPowercapRails(const std::shared_ptr<const Sysfs>& sysfs,
-                                          const RailOptions& options) {
-    std::vector<RailSource> rails;
+void addPowercapRails(const std::shared_ptr<const Sysfs>& sysfs, const RailOptions& options,
+                      std::vector<RailSource>* rails) {
     for (const std::string& zone : sysfs->entries(kPowercap)) {
         const std::string path = kPowercap + zone + "/energy_uj";
         std::optional<int64_t> range = sysfs->readNumber(kPowercap + zone + "/max_energy_range_uj");
         if (range == 0) range.reset();
-        auto counter = makeCounter(sysfs, path, range, options);
-        if (!counter->read()) continue;
-        RailSource rail{path, namesOf(*sysfs, zone), "powercap", std::move(counter), {}};
-        if (range) rail.samplingInterval = samplingInterval(*range);
-        rails.push_back(std::move(rail));
+        const auto counter = makeCounter(sysfs, path, range, options);
+        if (counter->read()) rails->push_back({path, namesOf(*sysfs, zone), "powercap", counter});
     }
-    return rails;
 }
 
-std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs,
-                                       const RailOptions& options) {
-    std::vector<RailSource> rails;
+void addHwmonRails(const std::shared_ptr<const Sysfs>& sysfs, const RailOptions& options,
+                   std::vector<RailSource>* rails) {
     for (const std::string& chipFolder : sysfs->entries(kHwmon)) {
         const std::string chip =
             sysfs->readName(kHwmon + chipFolder + "/name").value_or(chipFolder);
@@ -197,10 +182,9 @@ std::vector<RailSource> findHwmonRails(const std::shared_ptr<const Sysfs>& sysfs
                 continue;
             const std::string sensor = file.substr(0, file.size() - kInput.size());
             RailSource rail = makeRail(sysfs, chipFolder, chip, device, sensor, options);
-            if (rail.counter->read()) rails.push_back(std::move(rail));
+            if (rail.counter->read()) rails->push_back(std::move(rail));
         }
     }
-    return rails;
 }
 
 }  // namespace powerstats

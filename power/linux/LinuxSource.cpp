@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <tuple>
 #include <utility>
 
@@ -50,11 +49,6 @@ std::vector<Entity> makeEntities(const std::vector<EntitySource>& sources) {
     return entities;
 }
 
-template <typename Thing>
-void append(std::vector<Thing>* list, std::vector<Thing> more) {
-    std::move(more.begin(), more.end(), std::back_inserter(*list));
-}
-
 /// Says which files this user may not read; empty when there are none.
 std::string describeRefused(const Sysfs& sysfs, const std::string& folder, const char* remedy) {
     const std::vector<std::string> files = sysfs.refusedFiles(folder);
@@ -84,12 +78,12 @@ LinuxSource::LinuxSource(const Options& options) : mReadClock(options.readClock)
     const auto sysfs = std::make_shared<const Sysfs>(options.root, options.warn);
 
     const RailOptions railOptions{options.hasBoot.value_or(sysfs->isKernels()), options.readClock};
-    mRails = findHwmonRails(sysfs, railOptions);
-    append(&mRails, findPowercapRails(sysfs, railOptions));
+    addHwmonRails(sysfs, railOptions, &mRails);
+    addPowercapRails(sysfs, railOptions, &mRails);
 
     mEntities.push_back(makeSystemEntity(sysfs, options.readClock));
-    append(&mEntities, findIdleCpus(sysfs));
-    append(&mEntities, findSuspendingDevices(sysfs));
+    addIdleCpus(sysfs, &mEntities);
+    addSuspendingDevices(sysfs, &mEntities);
 
     std::vector<Rail> rails = makeRails(&mRails);
     mLists = nameLists(std::move(rails), makeEntities(mEntities), true);
@@ -113,9 +107,10 @@ void LinuxSource::startSampling() {
     std::vector<std::shared_ptr<EnergyCounter>> counters;
     milliseconds interval = milliseconds::max();
     for (const RailSource& rail : mRails) {
-        if (!rail.samplingInterval) continue;
+        const auto ofRail = rail.counter->samplingInterval();
+        if (!ofRail) continue;
         counters.push_back(rail.counter);
-        interval = std::min(interval, *rail.samplingInterval);
+        interval = std::min(interval, *ofRail);
     }
     if (counters.empty()) return;
     mSampler = std::make_unique<PeriodicThread>("counter-sampler", interval, [counters] {

@@ -27,19 +27,16 @@ std::map<int32_t, std::string> numberedEntries(const Sysfs& sysfs, const std::st
     return numbered;
 }
 
-std::optional<Residency> readIdleState(NumberFile* time, NumberFile* usage) {
-    const std::optional<int64_t> timeUs = time->read();
-    const std::optional<int64_t> entries = usage->read();
-    if (!timeUs || !entries) return std::nullopt;
-    return Residency{fromNumber<std::chrono::microseconds>(*timeUs), *entries, {}};
-}
-
 /// std::nullopt when the state cannot be read.
 std::optional<StateSource> makeState(const std::shared_ptr<const Sysfs>& sysfs, int32_t id,
                                      const std::string& folder, const std::string& defaultName) {
     auto read = [time = std::make_shared<NumberFile>(sysfs, folder + "/time"),
-                 usage = std::make_shared<NumberFile>(sysfs, folder + "/usage")] {
-        return readIdleState(time.get(), usage.get());
+                 usage = std::make_shared<NumberFile>(
+                     sysfs, folder + "/usage")]() -> std::optional<Residency> {
+        const std::optional<int64_t> timeUs = time->read();
+        const std::optional<int64_t> entries = usage->read();
+        if (!timeUs || !entries) return std::nullopt;
+        return Residency{fromNumber<std::chrono::microseconds>(*timeUs), *entries, {}};
     };
     const std::optional<Residency> first = read();
     if (!first) return std::nullopt;
@@ -68,7 +65,7 @@ bool canSuspend(const Sysfs& sysfs, const std::string& device) {
 /// suspend. Links between devices are not followed: they lead in circles.
 void collectDevices(const Sysfs& sysfs, const std::string& path,
                     std::vector<std::string>* devices) {
-    for (const std::string& entry : sysfs.ownFolders(kDevices + path)) {
+    for (const std::string& entry : sysfs.entries(kDevices + path, true)) {
         if (entry != "power") {
             collectDevices(sysfs, path.empty() ? entry : path + "/" + entry, devices);
         } else if (canSuspend(sysfs, path)) {
@@ -111,8 +108,7 @@ class SuspendedTime {
 
 }  // namespace
 
-std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs) {
-    std::vector<EntitySource> cpus;
+void addIdleCpus(const std::shared_ptr<const Sysfs>& sysfs, std::vector<EntitySource>* entities) {
     for (const auto& [cpuNumber, cpu] : numberedEntries(*sysfs, kCpus, "cpu", kMaxCpuNumber)) {
         EntitySource entity{cpuNumber, cpu, EntityType::kCpu, {}};
         const std::string states = kCpus + cpu + "/cpuidle/";
@@ -121,18 +117,17 @@ std::vector<EntitySource> findIdleCpus(const std::shared_ptr<const Sysfs>& sysfs
             auto source = makeState(sysfs, stateNumber, states + state, state);
             if (source) entity.states.push_back(std::move(*source));
         }
-        if (!entity.states.empty()) cpus.push_back(std::move(entity));
+        if (!entity.states.empty()) entities->push_back(std::move(entity));
     }
-    return cpus;
 }
 
-std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs) {
+void addSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs,
+                          std::vector<EntitySource>* entities) {
     std::vector<std::string> devices;
     collectDevices(*sysfs, "", &devices);
     std::sort(devices.begin(), devices.end());
 
     PathIds ids(kFirstDeviceId, kDeviceIdBits);
-    std::vector<EntitySource> entities;
     for (const std::string& device : devices) {
         EntitySource entity{ids.add(device), device, EntityType::kDevice, {}};
         int32_t stateId = 0;
@@ -148,9 +143,8 @@ std::vector<EntitySource> findSuspendingDevices(const std::shared_ptr<const Sysf
             }
             ++stateId;
         }
-        if (!entity.states.empty()) entities.push_back(std::move(entity));
+        if (!entity.states.empty()) entities->push_back(std::move(entity));
     }
-    return entities;
 }
 
 nanoseconds readKernelClock(clockid_t clock) {

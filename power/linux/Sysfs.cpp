@@ -68,18 +68,6 @@ int openToRead(const std::string& file) {
     return open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
 }
 
-/// An open file, closed with its scope.
-struct OpenFile {
-    explicit OpenFile(const std::string& file) : descriptor(openToRead(file)) {}
-    ~OpenFile() {
-        if (descriptor >= 0) close(descriptor);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    const int descriptor;
-};
-
 }  // namespace
 
 void raiseOpenFileLimit() {
@@ -105,14 +93,9 @@ std::vector<std::string> Sysfs::refusedFiles(const std::string& folder) const {
     return files;
 }
 
-std::string Sysfs::fullPath(const std::string& path) const {
-    return mRoot + "/" + path;
-}
-
 std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
     const std::optional<std::string> text = readText(path);
-    if (!text) return std::nullopt;
-    return parseNumber(path, *text);
+    return text ? parseNumber(path, *text) : std::nullopt;
 }
 
 std::optional<int64_t> Sysfs::parseNumber(const std::string& path, const std::string& text) const {
@@ -130,33 +113,24 @@ std::optional<int64_t> Sysfs::parseNumber(const std::string& path, const std::st
 }
 
 std::optional<std::string> Sysfs::readName(const std::string& path) const {
-    const std::optional<std::string> text = readText(path);
-    if (!text) return std::nullopt;
-    std::string name = withoutSpaceAround(*text);
-    if (name.empty()) return std::nullopt;
-    return name;
+    std::string name = withoutSpaceAround(readText(path).value_or(""));
+    return name.empty() ? std::nullopt : std::optional(std::move(name));
 }
 
-/// The contents of a file. Of a file larger than kMaxFileSize, one byte more than that.
+/// The contents of a file, which comes whole in one reading. Of a file larger than kMaxFileSize,
+/// one byte more than that.
 std::optional<std::string> Sysfs::readText(const std::string& path) const {
-    const OpenFile file(fullPath(path));
-    if (file.descriptor < 0) {
-        warnUnlessAbsent(path, errno);
+    const int descriptor = openToRead(fullPath(path));
+    char buffer[kMaxFileSize + 1];
+    const ssize_t size =
+        descriptor < 0 ? -1 : TEMP_FAILURE_RETRY(read(descriptor, buffer, sizeof(buffer)));
+    const int error = errno;
+    if (descriptor >= 0) close(descriptor);
+    if (size < 0) {
+        warnUnlessAbsent(path, error);
         return std::nullopt;
     }
-    char buffer[kMaxFileSize + 1];
-    size_t size = 0;
-    while (size < sizeof(buffer)) {
-        const ssize_t got = read(file.descriptor, buffer + size, sizeof(buffer) - size);
-        if (got == 0) break;
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            warnUnlessAbsent(path, errno);
-            return std::nullopt;
-        }
-        size += static_cast<size_t>(got);
-    }
-    return std::string(buffer, size);
+    return std::string(buffer, static_cast<size_t>(size));
 }
 
 std::optional<std::string> Sysfs::resolveLink(const std::string& path) const {
@@ -168,20 +142,12 @@ std::optional<std::string> Sysfs::resolveLink(const std::string& path) const {
     return found.compare(0, root.size(), root) == 0 ? found.substr(root.size()) : found;
 }
 
-std::vector<std::string> Sysfs::entries(const std::string& folder) const {
-    return list(folder, false);
-}
-
-std::vector<std::string> Sysfs::ownFolders(const std::string& folder) const {
-    return list(folder, true);
-}
-
 bool Sysfs::hasFolder(const std::string& folder) const {
     std::error_code error;
     return fs::is_directory(fullPath(folder), error);
 }
 
-std::vector<std::string> Sysfs::list(const std::string& folder, bool ownFoldersOnly) const {
+std::vector<std::string> Sysfs::entries(const std::string& folder, bool ownFoldersOnly) const {
     std::vector<std::string> names;
     std::error_code error;
     for (fs::directory_iterator entry(fullPath(folder), error), end; !error && entry != end;
@@ -233,11 +199,16 @@ std::optional<int64_t> NumberFile::read() {
     if (!mSysfs->isKernels()) return mSysfs->readNumber(mPath);
     std::unique_lock<std::mutex> lock(mMutex);
     char buffer[kMaxFileSize + 1];
-    ssize_t size = readInto(buffer, sizeof(buffer));
+    const auto readAll = [&]() -> ssize_t {
+        if (mDescriptor < 0) return -1;
+        return TEMP_FAILURE_RETRY(mSysfs->mPread(mDescriptor, buffer, sizeof(buffer), 0));
+    };
+    ssize_t size = readAll();
     if (mDescriptor < 0 || (size < 0 && meansAbsent(errno))) {
         // Another device may have taken the path of one that went away.
-        open();
-        size = readInto(buffer, sizeof(buffer));
+        close();
+        mDescriptor = openToRead(mSysfs->fullPath(mPath));
+        size = readAll();
     }
     const int error = size < 0 ? errno : 0;
     if (error == EMFILE || error == ENFILE) mSysfs->mKeepBelow = 0;
@@ -248,24 +219,6 @@ std::optional<int64_t> NumberFile::read() {
         return std::nullopt;
     }
     return mSysfs->parseNumber(mPath, std::string(buffer, static_cast<size_t>(size)));
-}
-
-/// Reads the file from its start; an attribute of sysfs comes whole in one reading. Returns a
-/// negative number, with the reason in errno, when it cannot be read or is not open.
-/// REQUIRES: mMutex is held
-ssize_t NumberFile::readInto(char* buffer, size_t size) {
-    if (mDescriptor < 0) return -1;
-    ssize_t got = -1;
-    do {
-        got = mSysfs->mPread(mDescriptor, buffer, size, 0);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
-/// Opens the file, again if it is open. Sets errno when that fails. REQUIRES: mMutex is held
-void NumberFile::open() {
-    close();
-    mDescriptor = openToRead(mSysfs->fullPath(mPath));
 }
 
 /// REQUIRES: mMutex is held, except in the destructor

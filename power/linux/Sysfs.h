@@ -49,7 +49,7 @@ class Sysfs {
     std::vector<std::string> refusedFiles(const std::string& folder) const;
 
     /// The path of a file as a user would type it.
-    std::string fullPath(const std::string& path) const;
+    std::string fullPath(const std::string& path) const { return mRoot + "/" + path; }
 
     /// Reads a file that holds one whole number from 0 to 2^63 - 1, with white space around it.
     /// @return std::nullopt when the file is absent, cannot be read, holds something else or is
@@ -65,17 +65,14 @@ class Sysfs {
     std::optional<std::string> resolveLink(const std::string& path) const;
 
     /// The names of all entries of a folder, sorted. Empty when there is no such folder.
-    std::vector<std::string> entries(const std::string& folder) const;
+    /// @param ownFoldersOnly [in] leaves out files, and symbolic links whatever they lead to.
+    std::vector<std::string> entries(const std::string& folder, bool ownFoldersOnly = false) const;
 
     bool hasFolder(const std::string& folder) const;
-
-    /// The names of the folders in a folder, sorted; a symbolic link is none, whatever it leads to.
-    std::vector<std::string> ownFolders(const std::string& folder) const;
 
   private:
     friend class NumberFile;
 
-    std::vector<std::string> list(const std::string& folder, bool ownFoldersOnly) const;
     std::optional<std::string> readText(const std::string& path) const;
     std::optional<int64_t> parseNumber(const std::string& path, const std::string& text) const;
     void warnOnce(const std::string& path, const std::string& reason,
@@ -113,8 +110,6 @@ class NumberFile {
     std::optional<int64_t> read();
 
   private:
-    ssize_t readInto(char* buffer, size_t size);
-    void open();
     void close();
 
     const std::shared_ptr<const Sysfs> mSysfs;

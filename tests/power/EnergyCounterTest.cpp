@@ -18,7 +18,8 @@ constexpr int64_t kJoule = 1000000;
 constexpr int64_t kRange = 262144;
 
 TEST(EnergyCounter, TellsWrapsResetsAndUncoveredTimeApart) {
-    EXPECT_EQ(samplingInterval(kRange * kJoule), std::chrono::milliseconds(65536));
+    EXPECT_EQ(EnergyCounter({nullptr, kRange * kJoule, {}, nullptr}).samplingInterval(),
+              std::chrono::milliseconds(65536));
     const struct {
         const char* description;
         int64_t rangeJoules;
@@ -66,8 +67,10 @@ TEST(EnergyCounter, TellsWrapsResetsAndUncoveredTimeApart) {
         const auto readClock = [&](clockid_t clock) {
             return std::chrono::seconds(clock == CLOCK_BOOTTIME ? boot : running);
         };
-        EnergyCounter counter(
-            {[&] { return joules * kJoule; }, range, test.hasBoot, readClock, [&] { ++warnings; }});
+        EnergyCounter counter({[&] { return joules * kJoule; },
+                               range,
+                               {test.hasBoot, readClock},
+                               [&] { ++warnings; }});
         Energy energy;
         std::string answers;
         std::istringstream readings(test.readings);
