@@ -53,12 +53,6 @@ std::vector<Position> pair(const std::vector<Thing>& before, std::vector<Thing>*
     return positions;
 }
 
-/// The figures of a position, if there are any.
-template <typename Figures>
-const Figures* at(const std::vector<std::optional<Figures>>& list, Position position) {
-    return position && *position < list.size() && list[*position] ? &*list[*position] : nullptr;
-}
-
 /// Why nothing can be compared.
 /// @param before, after [in] why a list could not be read; then nothing came or went.
 Trouble troubleOf(bool inBefore, bool inAfter, const Failure& before, const Failure& after) {
@@ -161,23 +155,10 @@ Pairing pair(const std::shared_ptr<const Lists>& before,
 }  // namespace
 
 const char* toText(Trouble trouble) {
-    switch (trouble) {
-        case Trouble::kNone:
-            break;
-        case Trouble::kNotRead:
-            return "was not read";
-        case Trouble::kCame:
-            return "is new";
-        case Trouble::kWent:
-            return "is gone";
-        case Trouble::kReset:
-            return "was reset";
-        case Trouble::kNoTime:
-            return "has no new reading";
-        case Trouble::kImplausible:
-            return "is over 1 MW";
-    }
-    return "";
+    // In the order of the enumerators.
+    constexpr const char* kTexts[] = {"",          "was not read",       "is new",      "is gone",
+                                      "was reset", "has no new reading", "is over 1 MW"};
+    return kTexts[static_cast<size_t>(trouble)];
 }
 
 const char* steadyState(const Interval& interval, size_t entity) {
@@ -204,26 +185,26 @@ Interval subtract(const Reading& before, const Reading& after) {
     const nanoseconds suspended = after.suspended - before.suspended;
     if (suspended > kClockTolerance) interval.suspended = suspended;
 
-    const auto fill = [](auto* figures, const auto* first, const auto* second, bool inBefore,
-                         bool inAfter, const Failure& failureBefore, const Failure& failureAfter,
-                         const auto&... positions) {
-        figures->trouble = troubleOf(inBefore, inAfter, failureBefore, failureAfter);
-        if (figures->trouble != Trouble::kNone) return;
-        figures->trouble = first != nullptr && second != nullptr
-                               ? measure(*first, *second, positions..., figures)
-                               : Trouble::kNotRead;
+    const auto fill = [](auto* figures, const auto& positions, const auto& first,
+                         const auto& second, const Failure& failureBefore,
+                         const Failure& failureAfter, const auto&... states) {
+        figures->resize(positions.size());
+        for (size_t i = 0; i < positions.size(); ++i) {
+            auto& figuresOf = (*figures)[i];
+            const Position before = positions[i];
+            figuresOf.trouble =
+                troubleOf(before.has_value(), i < second.size(), failureBefore, failureAfter);
+            if (figuresOf.trouble != Trouble::kNone) continue;
+            figuresOf.trouble = first[*before] && second[i]
+                                    ? measure(*first[*before], *second[i], states[i]..., &figuresOf)
+                                    : Trouble::kNotRead;
+        }
     };
-    interval.rails.resize(pairing.rails.size());
-    for (size_t i = 0; i < pairing.rails.size(); ++i) {
-        fill(&interval.rails[i], at(before.rails, pairing.rails[i]), at(after.rails, i),
-             pairing.rails[i].has_value(), i < after.lists->rails.size(), before.railsFailure,
-             after.railsFailure);
-    }
-    interval.entities.resize(pairing.entities.size());
-    for (size_t i = 0; i < pairing.entities.size(); ++i) {
-        fill(&interval.entities[i], at(before.entities, pairing.entities[i]), at(after.entities, i),
-             pairing.entities[i].has_value(), i < after.lists->entities.size(),
-             before.entitiesFailure, after.entitiesFailure, pairing.states[i]);
+    fill(&interval.rails, pairing.rails, before.rails, after.rails, before.railsFailure,
+         after.railsFailure);
+    fill(&interval.entities, pairing.entities, before.entities, after.entities,
+         before.entitiesFailure, after.entitiesFailure, pairing.states);
+    for (size_t i = 0; i < interval.entities.size(); ++i) {
         interval.entities[i].states.resize(pairing.lists->entities[i].states.size());
     }
     return interval;
