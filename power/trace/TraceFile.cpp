@@ -4,13 +4,13 @@
 
 #include <fcntl.h>
 #include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <limits>
 #include <system_error>
-#include <utility>
 
 namespace powerstats {
 
@@ -19,6 +19,7 @@ namespace {
 using com::tavrel::android::ferrolith::powertrace::Trace;
 using com::tavrel::android::ferrolith::powertrace::TracePacket;
 using google::protobuf::io::CodedInputStream;
+using google::protobuf::io::FileInputStream;
 
 /// Small enough for a processor's cache, where the block is scanned after it is read.
 constexpr int kBlockSize = 256 << 10;
@@ -90,54 +91,49 @@ std::string reason(int error) {
     return std::generic_category().message(error);
 }
 
+/// Returns the reason for a failure: `text`, unless the file could not be read.
+/// @param size [in] of the file when it was opened.
+std::string explain(const FileInputStream& input, int descriptor, uint64_t size,
+                    const std::string& text) {
+    if (input.GetErrno() != 0) return reason(input.GetErrno()) + " (copy it to another disk)";
+    struct stat status {};
+    const bool isShorter =
+        fstat(descriptor, &status) == 0 && static_cast<uint64_t>(status.st_size) < size;
+    return isShorter ? "the file became shorter (wait until it is complete)" : text;
+}
+
 }  // namespace
 
-std::unique_ptr<TraceFile> TraceFile::open(const std::string& file, std::string* error) {
+std::string atByte(const std::string& file, uint64_t offset, const std::string& text) {
+    return file + ": at byte " + std::to_string(offset) + ": " + text;
+}
+
+TraceEnd readTrace(const std::string& file, const PacketCallback& add, std::string* error) {
     // Opening a pipe would wait for its writer.
-    const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     struct stat status {};
     if (descriptor < 0 || fstat(descriptor, &status) != 0) {
         *error = file + ": " + reason(errno) + " (name a trace that you may read)";
         if (descriptor >= 0) close(descriptor);
-        return nullptr;
+        return {};
     }
+    FileInputStream input(descriptor, kBlockSize);
+    input.SetCloseOnDelete(true);
     if (!S_ISREG(status.st_mode)) {
         *error = file + ": not a regular file (name a trace)";
-        close(descriptor);
-        return nullptr;
+        return {};
     }
-    return std::unique_ptr<TraceFile>(
-        new TraceFile(file, descriptor, static_cast<uint64_t>(status.st_size)));
-}
-
-TraceFile::TraceFile(std::string file, int descriptor, uint64_t size)
-    : mFile(std::move(file)), mDescriptor(descriptor), mSize(size), mInput(descriptor, kBlockSize) {
-    mInput.SetCloseOnDelete(true);
-}
-
-std::string TraceFile::at(uint64_t offset, const std::string& text) const {
-    return mFile + ": at byte " + std::to_string(offset) + ": " + text;
-}
-
-/// Returns the reason for a failure: `text`, unless the file could not be read.
-std::string TraceFile::explain(const std::string& text) const {
-    if (mInput.GetErrno() != 0) return reason(mInput.GetErrno()) + " (copy it to another disk)";
-    struct stat status {};
-    const bool isShorter =
-        fstat(mDescriptor, &status) == 0 && static_cast<uint64_t>(status.st_size) < mSize;
-    return isShorter ? "the file became shorter (wait until it is complete)" : text;
-}
-
-TraceFile::Next TraceFile::next(Packet* packet, std::string* error) {
+    const auto fileSize = static_cast<uint64_t>(status.st_size);
+    TraceEnd end;
     const auto fail = [&](const std::string& text) {
-        *error = at(mOffset, explain(text));
-        return Next::kFailed;
+        *error = atByte(file, end.offset, explain(input, descriptor, fileSize, text));
+        return end;
     };
-    while (mOffset < mSize) {
-        packet->offset = mOffset;
-        packet->message.Clear();
-        const uint64_t available = mSize - mOffset;
-        CodedInputStream stream(&mInput);
+    TracePacket packet;
+    while (end.offset < fileSize) {
+        packet.Clear();
+        const uint64_t available = fileSize - end.offset;
+        CodedInputStream stream(&input);
         uint64_t size = 0;
         const bool isPacket = stream.ReadTag() == kPacketKey;
         const bool isSized = isPacket && stream.ReadVarint64(&size);
@@ -145,23 +141,25 @@ TraceFile::Next TraceFile::next(Packet* packet, std::string* error) {
         if (!isPacket || (!isSized && available > kMaxVarintSize)) {
             return fail("not a packet of a trace (give an uncompressed protobuf trace)");
         }
-        if (!isSized || size > available - headerSize) return Next::kCutOff;
+        end.isCutOff = !isSized || size > available - headerSize;
+        if (end.isCutOff) break;
         // Protobuf has no larger messages.
         std::string damage = kMalformed;
         if (size <= std::numeric_limits<int>::max() - headerSize) {
             stream.PushLimit(static_cast<int>(size));
-            damage = readFields(&stream, size, &packet->message);
+            damage = readFields(&stream, size, &packet);
         }
         if (!damage.empty()) {
             return fail(damage + " (the file is damaged: copy or record it again)");
         }
-        mOffset += headerSize + size;
-        if (packet->message.has_power_rails() || packet->message.has_entity_state_residency()) {
-            return Next::kPacket;
+        if ((packet.has_power_rails() || packet.has_entity_state_residency()) &&
+            !add(end.offset, packet)) {
+            return end;
         }
+        end.offset += headerSize + size;
     }
-    packet->offset = mSize;
-    return Next::kEnd;
+    end.isReached = true;
+    return end;
 }
 
 }  // namespace powerstats
