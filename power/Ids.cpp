@@ -2,6 +2,8 @@
 
 #include "power/Ids.h"
 
+#include <set>
+
 namespace powerstats {
 
 namespace {
@@ -16,14 +18,17 @@ uint32_t fnv1a(const std::string& text) {
 
 }  // namespace
 
-PathIds::PathIds(int32_t base, int bits) : mBase(static_cast<uint32_t>(base)), mBits(bits) {}
-
-int32_t PathIds::add(const std::string& path) {
-    const uint32_t mask = (uint32_t{1} << mBits) - 1;
-    const uint32_t hash = fnv1a(path);
-    uint32_t offset = (hash >> mBits) ^ (hash & mask);
-    while (!mGiven.insert(offset).second) offset = (offset + 1) & mask;
-    return static_cast<int32_t>(mBase + offset);
+std::vector<int32_t> pathIds(const std::vector<std::string>& paths, int32_t base, int bits) {
+    const uint32_t mask = (uint32_t{1} << bits) - 1;
+    std::set<uint32_t> given;
+    std::vector<int32_t> ids;
+    for (const std::string& path : paths) {
+        const uint32_t hash = fnv1a(path);
+        uint32_t offset = (hash >> bits) ^ (hash & mask);
+        while (!given.insert(offset).second) offset = (offset + 1) & mask;
+        ids.push_back(static_cast<int32_t>(static_cast<uint32_t>(base) + offset));
+    }
+    return ids;
 }
 
 std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max) {

@@ -78,6 +78,11 @@ struct Residency {
     int64_t entryCount = 0;
     /// Since boot, with suspend; 0 when it is not known.
     nanoseconds lastEntry{};
+
+    /// Whether a total is less than an earlier one's, which tells of a reset.
+    bool isLessThan(const Residency& earlier) const {
+        return totalTime < earlier.totalTime || entryCount < earlier.entryCount;
+    }
 };
 
 /// The states of an entity at one moment.

@@ -25,15 +25,16 @@ std::vector<Rail> makeRails(std::vector<RailSource>* sources) {
         return std::tie(a.identity, a.names) < std::tie(b.identity, b.names);
     });
     std::vector<std::vector<std::string>> choices;
-    choices.reserve(sources->size());
-    for (const RailSource& source : *sources) choices.push_back(source.names);
-    std::vector<std::string> names = distinctNames(choices);
-
-    PathIds ids(0, kRailIdBits);
+    std::vector<std::string> identities;
+    for (const RailSource& source : *sources) {
+        choices.push_back(source.names);
+        identities.push_back(source.identity);
+    }
+    const std::vector<std::string> names = distinctNames(choices);
+    const std::vector<int32_t> ids = pathIds(identities, 0, kRailIdBits);
     std::vector<Rail> rails;
     for (size_t i = 0; i < names.size(); ++i) {
-        const RailSource& source = (*sources)[i];
-        rails.push_back({ids.add(source.identity), std::move(names[i]), source.subsystem});
+        rails.push_back({ids[i], names[i], (*sources)[i].subsystem});
     }
     return rails;
 }

@@ -127,9 +127,10 @@ void addSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs,
     collectDevices(*sysfs, "", &devices);
     std::sort(devices.begin(), devices.end());
 
-    PathIds ids(kFirstDeviceId, kDeviceIdBits);
-    for (const std::string& device : devices) {
-        EntitySource entity{ids.add(device), device, EntityType::kDevice, {}};
+    const std::vector<int32_t> ids = pathIds(devices, kFirstDeviceId, kDeviceIdBits);
+    for (size_t i = 0; i < devices.size(); ++i) {
+        const std::string& device = devices[i];
+        EntitySource entity{ids[i], device, EntityType::kDevice, {}};
         int32_t stateId = 0;
         for (const auto& [state, file] : kDeviceStates) {
             auto time = std::make_shared<NumberFile>(sysfs, kDevices + device + file);

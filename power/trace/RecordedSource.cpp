@@ -23,23 +23,12 @@ nanoseconds addTimes(nanoseconds value, int64_t count, nanoseconds step) {
     return nanoseconds(addTimes(value.count(), count, step.count()));
 }
 
-nanoseconds timeOf(nanoseconds time) {
-    return time;
-}
-
-template <typename Value>
-nanoseconds timeOf(const Recording::Timed<Value>& reading) {
-    return reading.time;
-}
-
 /// Finds the latest item that is not later than the view.
 /// @param view [in,out] the round goes back by one when the item is of the round before.
 /// @return null when there has been none.
 template <typename Item, typename View>
 const Item* find(const std::vector<Item>& items, View* view) {
-    const auto next =
-        std::upper_bound(items.begin(), items.end(), view->time,
-                         [](nanoseconds time, const Item& item) { return time < timeOf(item); });
+    const auto next = std::upper_bound(items.begin(), items.end(), view->time);
     if (next != items.begin()) return &*std::prev(next);
     if (view->round == 0) return nullptr;
     --view->round;

@@ -65,7 +65,7 @@ bool isLess(int64_t energyUWs, int64_t before) {
     return energyUWs < before;
 }
 bool isLess(const Residency& residency, const Residency& before) {
-    return residency.totalTime < before.totalTime || residency.entryCount < before.entryCount;
+    return residency.isLessThan(before);
 }
 
 /// Negative for a number that does not fit.

@@ -24,6 +24,10 @@ struct Recording {
     struct Timed {
         nanoseconds time{};
         Value value{};
+
+        friend bool operator<(nanoseconds time, const Timed& reading) {
+            return time < reading.time;
+        }
     };
     /// In microwatt-seconds.
     using Energies = std::vector<Timed<int64_t>>;

@@ -48,9 +48,8 @@ bool isNegative(const Energy& energy) {
 }
 
 bool isNegative(const Residencies& residencies) {
-    return std::any_of(residencies.states.begin(), residencies.states.end(), [](const auto& state) {
-        return state.totalTime < nanoseconds::zero() || state.entryCount < 0;
-    });
+    return std::any_of(residencies.states.begin(), residencies.states.end(),
+                       [](const Residency& state) { return state.isLessThan({}); });
 }
 
 bool isReset(const Energy& before, const Energy& after) {
@@ -60,8 +59,7 @@ bool isReset(const Energy& before, const Energy& after) {
 bool isReset(const Residencies& before, const Residencies& after) {
     bool isLess = false;
     for (size_t i = 0; i < before.states.size(); ++i) {
-        isLess |= after.states[i].totalTime < before.states[i].totalTime ||
-                  after.states[i].entryCount < before.states[i].entryCount;
+        isLess |= after.states[i].isLessThan(before.states[i]);
     }
     return isLess || after.resets != before.resets;
 }
@@ -269,10 +267,7 @@ uint64_t TraceWriter::describe(uint64_t* track, uint64_t parent, const std::stri
 }
 
 bool TraceWriter::append(const std::string& bytes, std::string* error) {
-    ssize_t count = 0;
-    do {
-        count = ::write(mDescriptor, bytes.data(), bytes.size());
-    } while (count < 0 && errno == EINTR);
+    const ssize_t count = TEMP_FAILURE_RETRY(::write(mDescriptor, bytes.data(), bytes.size()));
     if (count == static_cast<ssize_t>(bytes.size())) {
         mSize += count;
         return true;
