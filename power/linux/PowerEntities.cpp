@@ -65,9 +65,10 @@ bool canSuspend(const Sysfs& sysfs, const std::string& device) {
 /// suspend. Links between devices are not followed: they lead in circles.
 void collectDevices(const Sysfs& sysfs, const std::string& path,
                     std::vector<std::string>* devices) {
+    const std::string prefix = path.empty() ? "" : path + "/";
     for (const std::string& entry : sysfs.entries(kDevices + path, true)) {
         if (entry != "power") {
-            collectDevices(sysfs, path.empty() ? entry : path + "/" + entry, devices);
+            collectDevices(sysfs, prefix + entry, devices);
         } else if (canSuspend(sysfs, path)) {
             devices->push_back(path);
         }

@@ -80,7 +80,7 @@ Failure ServiceSource::connect() {
 template <typename Record, typename Thing>
 Failure ServiceSource::readList(AskForList<Record> ask, std::vector<Thing>* things, bool* has) {
     std::vector<Record> records;
-    if (const Failure failure = failureOf((*mService.*ask)(&records))) return failure;
+    if (Failure failure = failureOf((*mService.*ask)(&records))) return failure;
     *has = true;
     things->clear();
     for (const Record& record : records) things->push_back(fromHal(record));
