@@ -37,39 +37,29 @@ std::string withoutPrefix(const std::string& text, const std::string& prefix) {
 
 }  // namespace
 
-struct HostJniEnv::Impl {
-    /// The JNIEnv itself. A native method passes it back, and it leads to the owner.
-    struct Env : JNIEnv {
-        HostJniEnv* owner = nullptr;
-    };
-
-    static jbyteArray newByteArray(JNIEnv* env, jsize length) {
-        return static_cast<Env*>(env)->owner->mImpl->create(length);
-    }
-
-    static void setByteArrayRegion(JNIEnv* env, jbyteArray array, jsize start, jsize length,
-                                   const jbyte* bytes) {
-        static_cast<Env*>(env)->owner->mImpl->fill(array, start, length, bytes);
-    }
-
-    explicit Impl(HostJniEnv* owner) {
-        functions.NewByteArray = newByteArray;
-        functions.SetByteArrayRegion = setByteArrayRegion;
-        env.functions = &functions;
-        env.owner = owner;
+/// The JNIEnv itself. A native method passes it back.
+struct HostJniEnv::Impl : JNIEnv {
+    explicit Impl(HostJniEnv* owner) : JNIEnv{&table}, owner(owner) {
+        table.NewByteArray = [](JNIEnv* env, jsize length) {
+            return static_cast<Impl*>(env)->create(length);
+        };
+        table.SetByteArrayRegion = [](JNIEnv* env, jbyteArray array, jsize start, jsize length,
+                                      const jbyte* bytes) {
+            static_cast<Impl*>(env)->fill(array, start, length, bytes);
+        };
     }
 
     /// Calls onCall if it is set. Formats the text only then, because benchmarks come through here.
     template <typename Text>
     void announce(Text text) const {
-        if (env.owner->onCall) env.owner->onCall(text());
+        if (owner->onCall) owner->onCall(text());
     }
 
     jbyteArray create(jsize length) {
         const auto text = [&] { return "NewByteArray(" + std::to_string(length) + ")"; };
         announce(text);
         if (length < 0) endProcess(text(), "the length is negative");
-        if (env.owner->heapIsFull) return nullptr;
+        if (owner->heapIsFull) return nullptr;
         std::lock_guard<std::mutex> lock(mutex);
         // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never used as an address
         jbyteArray array = reinterpret_cast<jbyteArray>(++lastHandle);
@@ -95,8 +85,8 @@ struct HostJniEnv::Impl {
         std::copy_n(reinterpret_cast<const uint8_t*>(bytes), length, content.begin() + start);
     }
 
-    Env env{};
-    JniFunctions functions{};
+    HostJniEnv* const owner;
+    JniFunctions table{};
     mutable std::mutex mutex;
     std::unordered_map<jbyteArray, std::vector<uint8_t>> arrays;
     /// Handles are numbers that are never used twice, so that a stale one is recognised.
@@ -108,7 +98,7 @@ HostJniEnv::HostJniEnv() : mImpl(std::make_unique<Impl>(this)) {}
 HostJniEnv::~HostJniEnv() = default;
 
 JNIEnv* HostJniEnv::get() {
-    return &mImpl->env;
+    return mImpl.get();
 }
 
 JavaBytes HostJniEnv::take(jbyteArray array) {
@@ -169,10 +159,6 @@ JavaBytes LoadedLibrary::residencies(HostJniEnv* env) const {
 
 JavaBytes LoadedLibrary::railEnergy(HostJniEnv* env) const {
     return env->take(mRailEnergy(env->get(), nullptr));
-}
-
-void* LoadedLibrary::symbol(const char* name) const {
-    return dlsym(mHandle, name);
 }
 
 }  // namespace host

@@ -7,9 +7,7 @@
 
 #include <android/binder_status.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 typedef uint32_t transaction_code_t;
 typedef struct AParcel AParcel;
@@ -77,6 +75,4 @@ binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* 
 binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                        void* cookie);
 
-#ifdef __cplusplus
-}
-#endif
+}  // extern "C"

@@ -7,9 +7,7 @@
 #include <android/binder_ibinder.h>
 #include <android/binder_status.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 /// Registers a service and replaces one of the same name. The register takes a strong reference of
 /// its own.
@@ -23,6 +21,4 @@ __attribute__((warn_unused_result)) AIBinder* AServiceManager_getService(const c
 /// Does the same: on the host no look-up waits for a service to start.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_checkService(const char* instance);
 
-#ifdef __cplusplus
-}
-#endif
+}  // extern "C"

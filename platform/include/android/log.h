@@ -9,9 +9,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 typedef enum android_LogPriority {
     ANDROID_LOG_UNKNOWN = 0,
@@ -58,6 +56,4 @@ void __android_log_set_logger(__android_logger_function logger);
 /// @return the previous priority.
 int32_t __android_log_set_minimum_priority(int32_t priority);
 
-#ifdef __cplusplus
-}
-#endif
+}  // extern "C"

@@ -4,14 +4,10 @@
 
 #pragma once
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 /// Gives the crash report the reason for an abort that follows. The host makes no such report, and
 /// drops the message.
 void android_set_abort_message(const char* msg);
 
-#ifdef __cplusplus
 }  // extern "C"
-#endif

@@ -79,9 +79,6 @@ class LoadedLibrary {
     /// Calls `getRailEnergyNative` as a Java caller does.
     JavaBytes railEnergy(HostJniEnv* env) const;
 
-    /// Returns the address of an exported symbol, by its mangled name; null when there is none.
-    void* symbol(const char* name) const;
-
   private:
     LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy);
 
