@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <host/BusServer.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <new>
@@ -188,21 +186,10 @@ struct BusServer::Impl {
         return false;
     }
 
-    /// Lets a signal end the loop, ahead of all queued messages.
-    int stopOn(int signal) {
-        sd_event_source* source = nullptr;
-        const int result = sd_event_add_signal(event.get(), &source,
-                                               signal | SD_EVENT_SIGNAL_PROCMASK, nullptr, nullptr);
-        if (result < 0) return result;
-        sd_event_source_set_floating(source, 1);
-        const int ordered = sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT);
-        sd_event_source_unref(source);
-        return ordered;
-    }
-
     int attach() {
         sending.reset();
-        return sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL);
+        // Below the signals' priority, so that they end the loop ahead of all queued messages.
+        return sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL + 1);
     }
 
     /// Detaches the bus from the loop, which would read and send, and then only sends.
@@ -255,8 +242,7 @@ std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     if (result >= 0) result = sd_bus_set_close_on_exit(impl->bus.get(), 0);
     const char* unique = nullptr;
     if (result >= 0) result = sd_bus_get_unique_name(impl->bus.get(), &unique);
-    if (result >= 0) result = impl->stopOn(SIGTERM);
-    if (result >= 0) result = impl->stopOn(SIGINT);
+    if (result >= 0) result = sd_event_set_signal_exit(impl->event.get(), 1);
     if (result < 0) {
         *error = dbus::describeTrouble(bus, result);
         return nullptr;

@@ -24,47 +24,36 @@ namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
 using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 
-// Each returns references to the record's members, in their order on the bus.
-inline auto members(stats_aidl::Channel& record) {
-    return std::tie(record.id, record.name, record.subsystem);
+/// Converts to the type of any member, to count the members of a record.
+struct Anything {
+    template <typename Member>
+    operator Member() const;
+};
+
+/// Returns whether a record can be made of this many values.
+template <typename Record, typename... Values, typename = decltype(Record{Values()...})>
+constexpr bool isMadeOf(int /*preferred*/) {
+    return true;
 }
-inline auto members(stats_aidl::EnergyMeasurement& record) {
-    return std::tie(record.id, record.timestampMs, record.durationMs, record.energyUWs);
+template <typename Record, typename... Values>
+constexpr bool isMadeOf(int64_t /*otherwise*/) {
+    return false;
 }
-inline auto members(stats_aidl::State& record) {
-    return std::tie(record.id, record.name);
-}
-inline auto members(stats_aidl::PowerEntity& record) {
-    return std::tie(record.id, record.name, record.states);
-}
-inline auto members(stats_aidl::StateResidency& record) {
-    return std::tie(record.id, record.totalTimeInStateMs, record.totalStateEntryCount,
-                    record.lastEntryTimestampMs);
-}
-inline auto members(stats_aidl::StateResidencyResult& record) {
-    return std::tie(record.id, record.stateResidencyData);
-}
-inline auto members(stats_V1_0::RailInfo& record) {
-    return std::tie(record.index, record.railName, record.subsysName, record.samplingRate);
-}
-inline auto members(stats_V1_0::EnergyData& record) {
-    return std::tie(record.index, record.timestamp, record.energy);
-}
-inline auto members(stats_V1_0::PowerEntityInfo& record) {
-    return std::tie(record.powerEntityId, record.powerEntityName, record.type);
-}
-inline auto members(stats_V1_0::PowerEntityStateInfo& record) {
-    return std::tie(record.powerEntityStateId, record.powerEntityStateName);
-}
-inline auto members(stats_V1_0::PowerEntityStateSpace& record) {
-    return std::tie(record.powerEntityId, record.states);
-}
-inline auto members(stats_V1_0::PowerEntityStateResidencyData& record) {
-    return std::tie(record.powerEntityStateId, record.totalTimeInStateMs,
-                    record.totalStateEntryCount, record.lastEntryTimestampMs);
-}
-inline auto members(stats_V1_0::PowerEntityStateResidencyResult& record) {
-    return std::tie(record.powerEntityId, record.stateResidencyData);
+
+/// Returns references to a record's two to four members. Their order on the bus is the order of
+/// their declaration.
+template <typename Record>
+auto members(Record& record) {
+    if constexpr (isMadeOf<Record, Anything, Anything, Anything, Anything>(0)) {
+        auto& [first, second, third, fourth] = record;
+        return std::tie(first, second, third, fourth);
+    } else if constexpr (isMadeOf<Record, Anything, Anything, Anything>(0)) {
+        auto& [first, second, third] = record;
+        return std::tie(first, second, third);
+    } else {
+        auto& [first, second] = record;
+        return std::tie(first, second);
+    }
 }
 
 /// Returns the D-Bus type of a number.
@@ -149,10 +138,7 @@ class Writer {
             } else {
                 static const std::string record = contents.substr(1, contents.size() - 2);
                 result = sd_bus_message_open_container(mMessage, 'r', record.c_str());
-                // The writer only reads the members; the reader needs the same list of them.
-                if (result >= 0) {
-                    result = std::apply(*this, members(const_cast<Element&>(list[i])));
-                }
+                if (result >= 0) result = std::apply(*this, members(list[i]));
                 if (result >= 0) result = sd_bus_message_close_container(mMessage);
             }
         }
@@ -202,19 +188,14 @@ class Reader {
             return 0;
         } else {
             std::vector<typename T::value_type> list;
-            int result;
-            if constexpr (kIsNumber<typename T::value_type>) {
-                result = readNumbers(&list);
-            } else {
-                result = readList(&list);
-            }
+            const int result = readList(&list);
             *member = std::move(list);
             return result;
         }
     }
 
-    template <typename Element>
-    int readList(std::vector<Element>* list) {
+    template <typename Record, std::enable_if_t<!kIsNumber<Record>, int> = 0>
+    int readList(std::vector<Record>* list) {
         // No need to name the kind of container: the whole signature has been checked.
         int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
         while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
@@ -226,8 +207,8 @@ class Reader {
         return result < 0 ? result : sd_bus_message_exit_container(mMessage);
     }
 
-    template <typename Number>
-    int readNumbers(std::vector<Number>* list) {
+    template <typename Number, std::enable_if_t<kIsNumber<Number>, int> = 0>
+    int readList(std::vector<Number>* list) {
         const void* numbers = nullptr;
         size_t size = 0;
         int result =
