@@ -3,10 +3,8 @@
 // Finds services of other processes for the register: objects that carry each call over the bus. A
 // client's proxy uses them like a service of this process.
 
-#include <aidl/android/hardware/power/stats/BnPowerStats.h>
-#include <android/hardware/power/stats/1.0/IPowerStats.h>
-
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,6 +14,7 @@
 #include "Binder.h"
 #include "BusConnection.h"
 #include "BusNames.h"
+#include "Forwarders.h"
 #include "Records.h"
 #include "Register.h"
 
@@ -24,47 +23,14 @@ namespace dbus {
 namespace {
 
 using ::android::sp;
-using ::android::hardware::Return;
 using ::android::hardware::Void;
-using ::ndk::ScopedAStatus;
 
-class AidlBusClient : public stats_aidl::BnPowerStats {
+class AidlBusClient : public AidlForwarder<AidlBusClient, stats_aidl::BnPowerStats> {
   public:
     explicit AidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
 
-    ScopedAStatus getPowerEntityInfo(std::vector<stats_aidl::PowerEntity>* _aidl_return) override {
-        return call("getPowerEntityInfo", _aidl_return);
-    }
-    ScopedAStatus getStateResidency(
-        const std::vector<int32_t>& in_powerEntityIds,
-        std::vector<stats_aidl::StateResidencyResult>* _aidl_return) override {
-        return call("getStateResidency", _aidl_return, in_powerEntityIds);
-    }
-    ScopedAStatus getEnergyConsumerInfo(std::vector<stats_aidl::EnergyConsumer>*) override {
-        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
-    }
-    ScopedAStatus getEnergyConsumed(const std::vector<int32_t>&,
-                                    std::vector<stats_aidl::EnergyConsumerResult>*) override {
-        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
-    }
-    ScopedAStatus getEnergyMeterInfo(std::vector<stats_aidl::Channel>* _aidl_return) override {
-        return call("getEnergyMeterInfo", _aidl_return);
-    }
-    ScopedAStatus readEnergyMeter(
-        const std::vector<int32_t>& in_channelIds,
-        std::vector<stats_aidl::EnergyMeasurement>* _aidl_return) override {
-        return call("readEnergyMeter", _aidl_return, in_channelIds);
-    }
-
-  protected:
-    ::ndk::SpAIBinder createBinder() override {
-        return ::ndk::SpAIBinder(
-            newBinder(aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this), mPeer));
-    }
-
-  private:
-    template <typename Records, typename... Ids>
-    ScopedAStatus call(const char* method, Records* records, const Ids&... ids) {
+    template <auto kMethod, typename Records, typename... Ids>
+    ScopedAStatus transact(const char* method, Records* records, const Ids&... ids) {
         static const std::string signature = signatureOf<Records>();
         auto failure = mPeer->connection->call(
             mPeer->owner, kAidlBusName, method, signature,
@@ -78,41 +44,25 @@ class AidlBusClient : public stats_aidl::BnPowerStats {
                    : ScopedAStatus(newTransactionStatus(failure->error, message));
     }
 
-    const std::shared_ptr<BusPeer> mPeer;
-};
-
-class HidlBusClient : public stats_V1_0::IPowerStats {
-  public:
-    explicit HidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
-
-    Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
-        return call<stats_V1_0::RailInfo>("getRailInfo", _hidl_cb);
-    }
-    Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
-                               getEnergyData_cb _hidl_cb) override {
-        return call<stats_V1_0::EnergyData>("getEnergyData", _hidl_cb, railIndices);
-    }
-    Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
-        return ::android::hardware::Status::fromStatusT(::android::UNKNOWN_TRANSACTION);
-    }
-    Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
-        return call<stats_V1_0::PowerEntityInfo>("getPowerEntityInfo", _hidl_cb);
-    }
-    Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
-                                         getPowerEntityStateInfo_cb _hidl_cb) override {
-        return call<stats_V1_0::PowerEntityStateSpace>("getPowerEntityStateInfo", _hidl_cb,
-                                                       powerEntityIds);
-    }
-    Return<void> getPowerEntityStateResidencyData(
-        const hidl_vec<uint32_t>& powerEntityIds,
-        getPowerEntityStateResidencyData_cb _hidl_cb) override {
-        return call<stats_V1_0::PowerEntityStateResidencyResult>("getPowerEntityStateResidencyData",
-                                                                 _hidl_cb, powerEntityIds);
+  protected:
+    ::ndk::SpAIBinder createBinder() override {
+        return ::ndk::SpAIBinder(
+            newBinder(aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this), mPeer));
     }
 
   private:
-    template <typename Record, typename Callback, typename... Ids>
-    Return<void> call(const char* method, const Callback& callback, const Ids&... ids) {
+    const std::shared_ptr<BusPeer> mPeer;
+};
+
+class HidlBusClient : public HidlForwarder<HidlBusClient> {
+  public:
+    explicit HidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
+
+    template <auto kMethod, typename Record, typename... Ids>
+    Return<void> transact(
+        const char* method,
+        const std::function<void(const hidl_vec<Record>&, stats_V1_0::Status)>& callback,
+        const Ids&... ids) {
         static const std::string signature = signatureOf<hidl_vec<Record>>() + "u";
         hidl_vec<Record> records;
         stats_V1_0::Status status = stats_V1_0::Status::SUCCESS;
@@ -128,6 +78,7 @@ class HidlBusClient : public stats_V1_0::IPowerStats {
         return Void();
     }
 
+  private:
     const std::shared_ptr<BusPeer> mPeer;
 };
 
@@ -147,39 +98,31 @@ std::shared_ptr<BusPeer> findOwner(Bus bus, const char* busName) {
     return nullptr;
 }
 
-std::shared_ptr<void> ownReference(AIBinder* binder) {
-    return {binder, [](void* held) { AIBinder_decStrong(static_cast<AIBinder*>(held)); }};
-}
-
 RegisteredService findAidl(Bus bus) {
     auto peer = findOwner(bus, kAidlBusName);
     if (peer == nullptr) return {};
 
     // While a client holds the binder of a living service, look-ups return that binder.
     static std::mutex mutex;
-    static auto* const last = new ::ndk::ScopedAIBinder_Weak;
-    static auto* const lastPeer = new std::weak_ptr<BusPeer>;
+    static auto* const last = new ::android::wp<AIBinder>;
     std::lock_guard<std::mutex> lock(mutex);
-    if (auto known = lastPeer->lock(); known != nullptr && known->isAlive() &&
-                                       known->owner == peer->owner &&
-                                       known->connection == peer->connection) {
-        if (AIBinder* binder = AIBinder_Weak_promote(last->get())) {
-            return {ownReference(binder), known};
+    const sp<AIBinder> known = last->promote();
+    if (known != nullptr && known->peer->isAlive()) {
+        const auto& owner = static_cast<const BusPeer&>(*known->peer);
+        if (owner.owner == peer->owner && owner.connection == peer->connection) {
+            return {hold(known), known->peer};
         }
     }
     const auto service = ::ndk::SharedRefBase::make<AidlBusClient>(peer);
-    ::ndk::SpAIBinder binder = service->asBinder();
-    last->set(AIBinder_Weak_new(binder.get()));
-    *lastPeer = peer;
-    AIBinder_incStrong(binder.get());
-    return {ownReference(binder.get()), peer};
+    const ::ndk::SpAIBinder binder = service->asBinder();
+    *last = binder.get();
+    return {hold(sp<AIBinder>(binder.get())), peer};
 }
 
 RegisteredService findHidl(Bus bus) {
     auto peer = findOwner(bus, kHidlBusName);
     if (peer == nullptr) return {};
-    auto held = std::make_shared<sp<stats_V1_0::IPowerStats>>(new HidlBusClient(peer));
-    return {std::shared_ptr<void>(held, held->get()), peer};
+    return {hold(sp<stats_V1_0::IPowerStats>(new HidlBusClient(peer))), peer};
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include <aidl/android/hardware/power/stats/BnPowerStats.h>
-
 #include <utility>
 
 #include "Binder.h"
+#include "Forwarders.h"
 #include "Register.h"
 
 const AIBinder_Class* host::aidlPowerStatsClass() {
@@ -25,35 +24,10 @@ using ::ndk::ScopedAStatus;
 /// The proxy. It forwards to the service while that lives and answers STATUS_DEAD_OBJECT once it is
 /// dead; a call in progress when the service dies fails too. As over a real transport the caller's
 /// result is written only when the call succeeded.
-class BpPowerStats : public ::ndk::BpCInterface<IPowerStats> {
+class BpPowerStats : public host::AidlForwarder<BpPowerStats, ::ndk::BpCInterface<IPowerStats>> {
   public:
-    using BpCInterface::BpCInterface;
+    using AidlForwarder::AidlForwarder;
 
-    ScopedAStatus getPowerEntityInfo(std::vector<PowerEntity>* _aidl_return) override {
-        return transact<&IPowerStats::getPowerEntityInfo>("getPowerEntityInfo", _aidl_return);
-    }
-    ScopedAStatus getStateResidency(const std::vector<int32_t>& in_powerEntityIds,
-                                    std::vector<StateResidencyResult>* _aidl_return) override {
-        return transact<&IPowerStats::getStateResidency>("getStateResidency", _aidl_return,
-                                                         in_powerEntityIds);
-    }
-    ScopedAStatus getEnergyConsumerInfo(std::vector<EnergyConsumer>*) override {
-        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
-    }
-    ScopedAStatus getEnergyConsumed(const std::vector<int32_t>&,
-                                    std::vector<EnergyConsumerResult>*) override {
-        return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
-    }
-    ScopedAStatus getEnergyMeterInfo(std::vector<Channel>* _aidl_return) override {
-        return transact<&IPowerStats::getEnergyMeterInfo>("getEnergyMeterInfo", _aidl_return);
-    }
-    ScopedAStatus readEnergyMeter(const std::vector<int32_t>& in_channelIds,
-                                  std::vector<EnergyMeasurement>* _aidl_return) override {
-        return transact<&IPowerStats::readEnergyMeter>("readEnergyMeter", _aidl_return,
-                                                       in_channelIds);
-    }
-
-  private:
     /// Makes one call of the service, and logs why it failed if it did.
     template <auto kCall, typename Records, typename... Ids>
     ScopedAStatus transact(const char* method, Records* records, const Ids&... ids) {
@@ -65,6 +39,7 @@ class BpPowerStats : public ::ndk::BpCInterface<IPowerStats> {
         return status;
     }
 
+  private:
     template <auto kCall, typename Records, typename... Ids>
     ScopedAStatus transactUnlogged(Records* records, const Ids&... ids) {
         host::Peer& peer = *mBinder.get()->peer;

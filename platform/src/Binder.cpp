@@ -6,7 +6,7 @@
 #include <android/binder_manager.h>
 
 #include <mutex>
-#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "NeverDestroyed.h"
@@ -18,39 +18,37 @@ namespace {
 /// reachable, so a reference that is kept on purpose is no leak.
 struct BinderTable {
     std::mutex mutex;
-    std::unordered_map<AIBinder*, uint64_t> serials;
-    uint64_t nextSerial = 0;
+    std::unordered_set<AIBinder*> binders;
 };
-
-/// Takes a reference unless the last one has been dropped.
-bool retainIfHeld(AIBinder* binder) {
-    int32_t count = binder->strong;
-    while (count != 0) {
-        if (binder->strong.compare_exchange_weak(count, count + 1)) return true;
-    }
-    return false;
-}
 
 }  // namespace
 
 struct AIBinder_Weak {
-    AIBinder* binder;
-    uint64_t serial;
+    android::wp<AIBinder> binder;
 };
 
-namespace host {
-
-AIBinder* newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer) {
-    BinderTable& table = neverDestroyed<BinderTable>();
-    void* userData = clazz->onCreate(args);
+AIBinder::AIBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<host::Peer> peer)
+    : clazz(clazz), userData(clazz->onCreate(args)), peer(std::move(peer)) {
+    auto& table = host::neverDestroyed<BinderTable>();
     std::lock_guard<std::mutex> lock(table.mutex);
-    const uint64_t serial = table.nextSerial++;
-    auto* binder = new AIBinder{clazz, userData, std::move(peer), serial};
-    table.serials.emplace(binder, serial);
-    return binder;
+    table.binders.insert(this);
 }
 
-}  // namespace host
+AIBinder::~AIBinder() {
+    {
+        auto& table = host::neverDestroyed<BinderTable>();
+        std::lock_guard<std::mutex> lock(table.mutex);
+        table.binders.erase(this);
+    }
+    peer->unlinkAll(this);
+    clazz->onDestroy(userData);
+}
+
+AIBinder* host::newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer) {
+    auto* binder = new AIBinder(clazz, args, std::move(peer));
+    AIBinder_incStrong(binder);
+    return binder;
+}
 
 extern "C" {
 
@@ -66,24 +64,15 @@ AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args) {
 }
 
 void AIBinder_incStrong(AIBinder* binder) {
-    if (binder != nullptr) ++binder->strong;
+    if (binder != nullptr) binder->incStrong(nullptr);
 }
 
 void AIBinder_decStrong(AIBinder* binder) {
-    if (binder == nullptr) return;
-    if (--binder->strong != 0) return;
-    {
-        auto& table = host::neverDestroyed<BinderTable>();
-        std::lock_guard<std::mutex> lock(table.mutex);
-        table.serials.erase(binder);
-    }
-    binder->peer->unlinkAll(binder);
-    binder->clazz->onDestroy(binder->userData);
-    delete binder;
+    if (binder != nullptr) binder->decStrong(nullptr);
 }
 
 int32_t AIBinder_debugGetRefCount(AIBinder* binder) {
-    return binder != nullptr ? binder->strong.load() : -1;
+    return binder != nullptr ? binder->getStrongCount() : -1;
 }
 
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
@@ -93,7 +82,7 @@ bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
 }
 
 AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder) {
-    return new AIBinder_Weak{binder, binder->serial};
+    return new AIBinder_Weak{binder};
 }
 
 void AIBinder_Weak_delete(AIBinder_Weak* weak) {
@@ -102,21 +91,14 @@ void AIBinder_Weak_delete(AIBinder_Weak* weak) {
 
 AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak) {
     if (weak == nullptr) return nullptr;
-    BinderTable& table = host::neverDestroyed<BinderTable>();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    auto entry = table.serials.find(weak->binder);
-    if (entry == table.serials.end() || entry->second != weak->serial) return nullptr;
-    return retainIfHeld(weak->binder) ? weak->binder : nullptr;
+    const android::sp<AIBinder> binder = weak->binder.promote();
+    AIBinder_incStrong(binder.get());
+    return binder.get();
 }
 
 binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance) {
     if (binder == nullptr || !binder->peer->isAlive()) return STATUS_BAD_VALUE;
-    AIBinder_incStrong(binder);
-    host::registerService(
-        instance,
-        {std::shared_ptr<void>(
-             binder, [](void* held) { AIBinder_decStrong(static_cast<AIBinder*>(held)); }),
-         binder->peer});
+    host::registerService(instance, {host::hold(android::sp<AIBinder>(binder)), binder->peer});
     return STATUS_OK;
 }
 

@@ -6,9 +6,8 @@
 
 #include <android/binder_auto_utils.h>
 #include <android/binder_ibinder.h>
+#include <utils/RefBase.h>
 
-#include <atomic>
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -20,12 +19,13 @@ struct AIBinder_Class {
     AIBinder_Class_onDestroy onDestroy;
 };
 
-struct AIBinder {
-    const AIBinder_Class* clazz;
-    void* userData;
-    std::shared_ptr<host::Peer> peer;
-    uint64_t serial;  // distinguishes it from a later object at the same address
-    std::atomic<int32_t> strong{1};
+struct AIBinder : android::RefBase {
+    AIBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<host::Peer> peer);
+    ~AIBinder() override;
+
+    const AIBinder_Class* const clazz;
+    void* const userData;
+    const std::shared_ptr<host::Peer> peer;
 };
 
 namespace host {

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include <android/hardware/power/stats/1.0/IPowerStats.h>
-
 #include <memory>
 #include <utility>
 
+#include "Forwarders.h"
 #include "Peer.h"
 #include "Register.h"
 
@@ -13,25 +12,9 @@ namespace {
 
 using TransportStatus = ::android::hardware::Status;
 
-class HidlDeathLink : public host::DeathLink {
-  public:
-    HidlDeathLink(const sp<hidl::base::V1_0::IBase>& proxy,
-                  const sp<hidl_death_recipient>& recipient, uint64_t cookie)
-        : DeathLink(proxy.get(), recipient.get(), cookie), mProxy(proxy), mRecipient(recipient) {}
-
-    void deliver() override {
-        if (sp<hidl_death_recipient> held = mRecipient.promote()) held->serviceDied(cookie, mProxy);
-    }
-
-  private:
-    const wp<hidl::base::V1_0::IBase> mProxy;
-    // Weak, because a client may go away without unlinking.
-    const wp<hidl_death_recipient> mRecipient;
-};
-
 /// The proxy. It forwards to the service while that lives and fails with DEAD_OBJECT once it is
 /// dead. A call in progress when the service dies fails too, unless the service has answered it.
-class BpHwPowerStats : public IPowerStats {
+class BpHwPowerStats : public host::HidlForwarder<BpHwPowerStats> {
   public:
     BpHwPowerStats(const sp<IPowerStats>& service, std::shared_ptr<host::Peer> peer)
         : mService(service), mPeer(std::move(peer)) {}
@@ -39,42 +22,17 @@ class BpHwPowerStats : public IPowerStats {
     ~BpHwPowerStats() override { mPeer->unlinkAll(identity()); }
 
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
-        auto link = std::make_shared<HidlDeathLink>(this, recipient, cookie);
-        return mPeer->link(std::move(link)) == OK;
+        const wp<hidl::base::V1_0::IBase> proxy(this);
+        // Weak, because a client may go away without unlinking.
+        const wp<hidl_death_recipient> weak(recipient);
+        return mPeer->link(identity(), recipient.get(), cookie, [=] {
+            if (sp<hidl_death_recipient> held = weak.promote()) held->serviceDied(cookie, proxy);
+        }) == OK;
     }
 
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
         return mPeer->unlink(identity(), recipient.get(), std::nullopt) == OK;
     }
-
-    Return<void> getRailInfo(getRailInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getRailInfo>("getRailInfo", _hidl_cb);
-    }
-    Return<void> getEnergyData(const hidl_vec<uint32_t>& railIndices,
-                               getEnergyData_cb _hidl_cb) override {
-        return transact<&IPowerStats::getEnergyData>("getEnergyData", _hidl_cb, railIndices);
-    }
-    Return<void> streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
-        return TransportStatus::fromStatusT(UNKNOWN_TRANSACTION);
-    }
-    Return<void> getPowerEntityInfo(getPowerEntityInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getPowerEntityInfo>("getPowerEntityInfo", _hidl_cb);
-    }
-    Return<void> getPowerEntityStateInfo(const hidl_vec<uint32_t>& powerEntityIds,
-                                         getPowerEntityStateInfo_cb _hidl_cb) override {
-        return transact<&IPowerStats::getPowerEntityStateInfo>("getPowerEntityStateInfo", _hidl_cb,
-                                                               powerEntityIds);
-    }
-    Return<void> getPowerEntityStateResidencyData(
-        const hidl_vec<uint32_t>& powerEntityIds,
-        getPowerEntityStateResidencyData_cb _hidl_cb) override {
-        return transact<&IPowerStats::getPowerEntityStateResidencyData>(
-            "getPowerEntityStateResidencyData", _hidl_cb, powerEntityIds);
-    }
-
-  private:
-    /// Identifies the links that were made through this proxy.
-    const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
 
     /// Makes one call of the service, and logs why it failed if it did.
     template <auto kCall, typename Callback, typename... Ids>
@@ -83,6 +41,10 @@ class BpHwPowerStats : public IPowerStats {
         if (!result.isOkUnchecked()) host::logFailure(descriptor, method, result.description());
         return result;
     }
+
+  private:
+    /// Identifies the links that were made through this proxy.
+    const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
 
     template <auto kCall, typename Callback, typename... Ids>
     Return<void> transactUnlogged(const Callback& callback, const Ids&... ids) {
@@ -124,9 +86,8 @@ sp<IPowerStats> IPowerStats::getService(const std::string& serviceName, bool get
 }
 
 status_t IPowerStats::registerAsService(const std::string& serviceName) {
-    auto held = std::make_shared<sp<IPowerStats>>(this);
     host::registerService(registeredName(serviceName),
-                          {std::shared_ptr<void>(held, this), std::make_shared<host::Peer>()});
+                          {host::hold(sp<IPowerStats>(this)), std::make_shared<host::Peer>()});
     return OK;
 }
 

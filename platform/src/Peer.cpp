@@ -17,19 +17,16 @@ void Peer::die() {
     if (linked) deliverNotices(shared_from_this());
 }
 
-android::status_t Peer::link(std::shared_ptr<DeathLink> link) {
+android::status_t Peer::link(const void* owner, const void* recipient, uint64_t cookie,
+                             std::function<void()> deliver) {
     expectNotices();
     std::lock_guard<std::mutex> watchLock(mWatchMutex);
     bool late;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mReported) return android::DEAD_OBJECT;
-    }
     if (!startWatching()) return android::FAILED_TRANSACTION;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mReported) return android::DEAD_OBJECT;
-        mLinks.push_back(std::move(link));
+        mLinks.emplace_back(new DeathLink{owner, recipient, cookie, std::move(deliver)});
         late = !mAlive;
     }
     if (late) deliverNotices(shared_from_this());
@@ -45,7 +42,7 @@ size_t Peer::end(const Matches& matches, size_t most) {
         }
         mLinks.erase(std::remove(mLinks.begin(), mLinks.end(), nullptr), mLinks.end());
     }
-    for (const auto& link : ended) link->mEnded = true;  // its notice may be on its way
+    for (const auto& link : ended) link->ended = true;  // its notice may be on its way
     if (!ended.empty()) stopWatchingUnlessLinked();
     return ended.size();
 }
@@ -74,7 +71,7 @@ void Peer::report() {
         links = mLinks;
     }
     for (const auto& link : links) {
-        if (!link->mEnded.exchange(true)) link->deliver();
+        if (!link->ended.exchange(true)) link->deliver();
     }
     links.clear();
     {

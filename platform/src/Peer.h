@@ -21,22 +21,13 @@ namespace host {
 inline constexpr const char* kLogTag = "android_host";
 
 /// One link to a death, made through one proxy.
-class DeathLink {
-  public:
-    DeathLink(const void* owner, const void* recipient, uint64_t cookie)
-        : owner(owner), recipient(recipient), cookie(cookie) {}
-    virtual ~DeathLink() = default;
-
+struct DeathLink {
+    const void* owner;      ///< the proxy; the link ends with it
+    const void* recipient;  ///< with the cookie, distinguishes the links of a proxy
+    uint64_t cookie;
     /// Calls the recipient. Runs on the delivering thread with no lock held.
-    virtual void deliver() = 0;
-
-    const void* const owner;      ///< the proxy; the link ends with it
-    const void* const recipient;  ///< with the cookie, distinguishes the links of a proxy
-    const uint64_t cookie;
-
-  private:
-    friend class Peer;
-    std::atomic<bool> mEnded{false};
+    std::function<void()> deliver;
+    std::atomic<bool> ended{false};  ///< set by the peer
 };
 
 class Peer : public std::enable_shared_from_this<Peer> {
@@ -52,7 +43,8 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// follows at once.
     /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
     ///     death cannot be watched for.
-    android::status_t link(std::shared_ptr<DeathLink> link);
+    android::status_t link(const void* owner, const void* recipient, uint64_t cookie,
+                           std::function<void()> deliver);
 
     /// Ends the first link of these two, with this cookie if one is given.
     /// @return OK, DEAD_OBJECT once the death has been reported, or NAME_NOT_FOUND.

@@ -21,6 +21,10 @@ void RefBase::decStrong(const void* /*id*/) const {
     if (mRefs->mStrong.fetch_sub(1) == 1) delete this;
 }
 
+int32_t RefBase::getStrongCount() const {
+    return mRefs->mStrong;
+}
+
 RefBase::weakref_type* RefBase::createWeak(const void* id) const {
     mRefs->incWeak(id);
     return mRefs;

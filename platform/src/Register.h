@@ -5,6 +5,7 @@
 #pragma once
 
 #include <host/ServiceControl.h>
+#include <utils/StrongPointer.h>
 
 #include <memory>
 #include <string>
@@ -19,6 +20,13 @@ struct RegisteredService {
     std::shared_ptr<void> object;  ///< keeps the object alive; the service name determines its type
     std::shared_ptr<Peer> peer;
 };
+
+/// Holds a strong reference.
+template <typename T>
+std::shared_ptr<void> hold(const android::sp<T>& object) {
+    const auto held = std::make_shared<android::sp<T>>(object);
+    return {held, held->get()};
+}
 
 /// Logs, at DEBUG, why a transaction failed, because its caller may ignore the reason.
 /// @param interface [in] the full name of the method's interface.

@@ -19,6 +19,8 @@ class RefBase {
     /// `id` identifies the holder for tools that trace references. It is not used here.
     void incStrong(const void* id) const;
     void decStrong(const void* id) const;
+    /// The count of strong references; of use to tests only, because other threads change it.
+    int32_t getStrongCount() const;
 
     /// The counts. They live until the object and its last weak reference are gone, so an object
     /// without weak references can still get its first strong one.
