@@ -6,30 +6,47 @@
 #pragma once
 
 #include <errno.h>
+#include <stdbool.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 enum {
     STATUS_OK = 0,
     STATUS_UNKNOWN_ERROR = (-2147483647 - 1),
     STATUS_NO_MEMORY = -ENOMEM,
+    STATUS_INVALID_OPERATION = -ENOSYS,
     STATUS_BAD_VALUE = -EINVAL,
+    STATUS_BAD_TYPE = (STATUS_UNKNOWN_ERROR + 1),
     STATUS_NAME_NOT_FOUND = -ENOENT,
     STATUS_PERMISSION_DENIED = -EPERM,
+    STATUS_NO_INIT = -ENODEV,
+    STATUS_ALREADY_EXISTS = -EEXIST,
     STATUS_DEAD_OBJECT = -EPIPE,
     STATUS_FAILED_TRANSACTION = (STATUS_UNKNOWN_ERROR + 2),
+    STATUS_BAD_INDEX = -EOVERFLOW,
+    STATUS_NOT_ENOUGH_DATA = -ENODATA,
+    STATUS_WOULD_BLOCK = -EWOULDBLOCK,
     STATUS_TIMED_OUT = -ETIMEDOUT,
     STATUS_UNKNOWN_TRANSACTION = -EBADMSG,
+    STATUS_FDS_NOT_ALLOWED = (STATUS_UNKNOWN_ERROR + 7),
     STATUS_UNEXPECTED_NULL = (STATUS_UNKNOWN_ERROR + 8),
 };
 typedef int32_t binder_status_t;
 
 enum {
     EX_NONE = 0,
+    EX_SECURITY = -1,
+    EX_BAD_PARCELABLE = -2,
     EX_ILLEGAL_ARGUMENT = -3,
+    EX_NULL_POINTER = -4,
     EX_ILLEGAL_STATE = -5,
+    EX_NETWORK_MAIN_THREAD = -6,
+    EX_UNSUPPORTED_OPERATION = -7,
     EX_SERVICE_SPECIFIC = -8,
+    EX_PARCELABLE = -9,
     EX_TRANSACTION_FAILED = -129,
 };
 typedef int32_t binder_exception_t;
@@ -56,4 +73,6 @@ const char* AStatus_getDescription(const AStatus* status);
 void AStatus_deleteDescription(const char* description);
 void AStatus_delete(AStatus* status);
 
-}  // extern "C"
+#ifdef __cplusplus
+}
+#endif
