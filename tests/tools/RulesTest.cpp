@@ -14,9 +14,6 @@
 namespace powerstats {
 namespace {
 
-using Hal = Survey::Hal;
-using Request = Survey::Request;
-
 using std::chrono::milliseconds;
 
 constexpr milliseconds kStart{10'000'000};
@@ -29,10 +26,10 @@ constexpr size_t kUnknown = 5;
 
 /// Adds a call that was made `ms` after the first one.
 template <typename Record>
-void add(std::vector<Survey::Answer<Record>>* answers, const char* method, int64_t ms,
+void add(std::vector<Answer<Record>>* answers, const char* method, int64_t ms,
          std::vector<Record> records, Request request = Request::kAll,
          std::vector<int64_t> ids = {}) {
-    Survey::Answer<Record> answer;
+    Answer<Record> answer;
     answer.method = method;
     answer.request = request;
     answer.ids = std::move(ids);
@@ -77,7 +74,7 @@ Survey makeSurvey(Hal hal) {
         unknown.request = Request::kUnknown;
         unknown.ids = {99};
         unknown.records.clear();
-        unknown.outcome = Survey::Outcome::kIllegalArgument;
+        unknown.outcome = Outcome::kIllegalArgument;
         answers->push_back(some);
         answers->push_back(unknown);
     };
@@ -178,13 +175,13 @@ const Fault kFaults[] = {
     {"names-utf8", changeEntities([](auto* entity) { entity->states[0].name = "\xff"; })},
     {"calls-answered",
      [](Survey* survey) {
-         survey->energies[1].outcome = Survey::Outcome::kFailed;
+         survey->energies[1].outcome = Outcome::kFailed;
          survey->energies[1].records.clear();
          survey->energies[1].error = "com.example.No: not today";
      },
      "com.example.No: not today"},
     {"calls-at-once-answered",
-     [](Survey* survey) { survey->energies.back().outcome = Survey::Outcome::kFailed; }},
+     [](Survey* survey) { survey->energies.back().outcome = Outcome::kFailed; }},
     {"rail-request-exact", [](Survey* survey) { survey->energies[kSome].records[0].id = 2; }},
     {"entity-request-exact",
      [](Survey* survey) {
@@ -194,10 +191,10 @@ const Fault kFaults[] = {
     {"state-list-request-exact",
      [](Survey* survey) { survey->stateLists[kSome].records[0].id = 8; }, "", Hal::kHidl},
     {"unknown-id-refused",
-     [](Survey* survey) { survey->residencies[kUnknown].outcome = Survey::Outcome::kAnswered; }},
+     [](Survey* survey) { survey->residencies[kUnknown].outcome = Outcome::kAnswered; }},
     {"known-ids-accepted",
      [](Survey* survey) {
-         survey->energies[kSome].outcome = Survey::Outcome::kIllegalArgument;
+         survey->energies[kSome].outcome = Outcome::kIllegalArgument;
          survey->energies[kSome].records.clear();
      }},
     {"rail-ids-announced", [](Survey* survey) { survey->energies[kLast].records[1].id = 3; }},
@@ -212,12 +209,12 @@ const Fault kFaults[] = {
     {"states-complete",
      [](Survey* survey) { survey->residencies[kLast].records[0].states.pop_back(); }},
     {"status-matches-records",
-     [](Survey* survey) { survey->energies[kUnknown].outcome = Survey::Outcome::kAnswered; }, "",
+     [](Survey* survey) { survey->energies[kUnknown].outcome = Outcome::kAnswered; }, "",
      Hal::kHidl},
     {"rails-not-supported",
      [](Survey* survey) {
          for (auto& list : survey->rails) {
-             list.outcome = Survey::Outcome::kOtherStatus;
+             list.outcome = Outcome::kOtherStatus;
              list.records.clear();
          }
          survey->energies.clear();
@@ -296,7 +293,7 @@ TEST(Rules, ThatAreLegalToBreakAreReportedAsSuch) {
     EXPECT_EQ(rulesWith(Verdict::kLegal, survey), "rail-request-exact entity-request-exact");
     // The bus may refuse energy to a user.
     for (auto& reading : survey.energies) {
-        reading.outcome = Survey::Outcome::kRefused;
+        reading.outcome = Outcome::kRefused;
         reading.records.clear();
     }
     EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");
@@ -313,7 +310,7 @@ TEST(Rules, ThatAreLegalToBreakAreReportedAsSuch) {
 TEST(Rules, AreNotJudgedByCallsThatTheBusRefuses) {
     Survey survey = makeSurvey(Hal::kAidl);
     for (auto& reading : survey.energies) {
-        reading.outcome = Survey::Outcome::kRefused;
+        reading.outcome = Outcome::kRefused;
         reading.records.clear();
     }
     EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,33 +29,21 @@ struct CheckArguments {
     ServiceOptions service;
     double durationSeconds = 5;
     double timeoutSeconds = 25;
-    std::vector<std::string> only;
-    std::vector<std::string> except;
+    std::set<std::string> only;
+    std::set<std::string> except;
     std::string format = "table";
 };
 
-const char* nameOf(Verdict verdict, bool isPublishedTest) {
-    switch (verdict) {
-        case Verdict::kKept:
-            return "kept";
-        case Verdict::kBroken:
-            return "broken";
-        case Verdict::kLegal:
-            return isPublishedTest ? "legal, but fails published tests" : "legal";
-        case Verdict::kNotJudged:
-            return "not judged";
-        case Verdict::kNotApplicable:
-            break;
-    }
-    return "not applicable";
-}
+/// By Verdict.
+constexpr const char* kVerdicts[] = {"kept", "broken", "legal", "not judged", "not applicable"};
 
 // Each adds its lines to the table, and returns the same for JSON.
 
 Json report(const Rule& rule, Verdict verdict, const Findings& findings, std::string* table) {
     const bool isBroken = verdict == Verdict::kBroken;
     const Findings::List& faults = isBroken ? findings.broken : findings.legal;
-    const char* const name = nameOf(verdict, rule.isPublishedTest);
+    std::string name = kVerdicts[static_cast<size_t>(verdict)];
+    if (verdict == Verdict::kLegal && rule.isPublishedTest) name += ", but fails published tests";
     *table += fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", name);
     std::string consequence;
     if (faults.count > 0) {
@@ -136,10 +125,6 @@ Json reportLibrary(const Survey::Library& library, std::string* table) {
     return Json::Object{{"called", library.wasCalled}, {"signal", library.signal}, {"text", text}};
 }
 
-bool contains(const std::vector<std::string>& names, const char* name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 int check(CheckArguments arguments) {
     std::shared_ptr<Source> own;
     if (openService(&arguments.service, {}, &own) != 0) return kUsage;
@@ -156,16 +141,14 @@ int check(CheckArguments arguments) {
 
     const std::string title =
         fmt::format("{} over {}, {} s, with {} full readings", describe(arguments.service.source),
-                    survey.hal == Survey::Hal::kAidl ? "AIDL" : "HIDL", arguments.durationSeconds,
+                    survey.hal == Hal::kAidl ? "AIDL" : "HIDL", arguments.durationSeconds,
                     survey.residencies.size());
     std::string table = title + "\n";
     Json::Array rules;
     std::map<Verdict, size_t> counts;
     for (const Rule& rule : allRules()) {
-        if (contains(arguments.except, rule.name) ||
-            (!arguments.only.empty() && !contains(arguments.only, rule.name))) {
-            continue;
-        }
+        if (arguments.except.count(rule.name) != 0) continue;
+        if (!arguments.only.empty() && arguments.only.count(rule.name) == 0) continue;
         Findings findings;
         const Verdict verdict = judge(rule, survey, &findings);
         ++counts[verdict];
@@ -221,10 +204,9 @@ Command addCheck(CommandLine program) {
                       number(&arguments->durationSeconds, {0, 86400}));
     command.addOption("--timeout", "Seconds that a call on a bus may take",
                       number(&arguments->timeoutSeconds, {0.001, 86400}));
-    const auto addRules = [&](const char* option, std::vector<std::string>* rules,
-                              const char* text) {
+    const auto addRules = [&](const char* option, std::set<std::string>* rules, const char* text) {
         const auto take = [rules](const std::string& name) {
-            rules->push_back(name);
+            rules->insert(name);
             const auto& all = allRules();
             const bool isKnown = std::any_of(all.begin(), all.end(),
                                              [&](const Rule& rule) { return rule.name == name; });

@@ -21,12 +21,8 @@ namespace powerstats {
 
 namespace {
 
-using Call = Survey::Call;
-using Hal = Survey::Hal;
-using Outcome = Survey::Outcome;
-using Request = Survey::Request;
-template <typename Record>
-using Answers = std::vector<Survey::Answer<Record>>;
+// Sums and differences are floating-point, because a service may report any number.
+using Ms = std::chrono::duration<double, std::milli>;
 
 /// A reading may be this old: meters have buffers.
 constexpr std::chrono::seconds kStale{1};
@@ -35,15 +31,12 @@ constexpr std::chrono::seconds kClockTolerance{2};
 /// Rounding of a stamp or a total to milliseconds.
 constexpr std::chrono::milliseconds kRounding{1};
 
+constexpr char kTotalTime[] = "totalTimeInStateMs";
+constexpr char kEntryCount[] = "totalStateEntryCount";
+constexpr char kLastEntry[] = "lastEntryTimestampMs";
+constexpr char kTimestamp[] = "timestampMs";
+constexpr char kEnergy[] = "energyUWs";
 constexpr char kLibraryEnds[] = "this library's process would end";
-
-// Sums and differences are floating-point, because a service may report any number.
-double inMs(nanoseconds time) {
-    return toSeconds(time) * 1000;
-}
-double differenceMs(nanoseconds first, nanoseconds second) {
-    return inMs(second) - inMs(first);
-}
 
 // The things of a survey.
 
@@ -54,13 +47,14 @@ constexpr bool kIsOfState = std::is_same_v<Record, State> || std::is_same_v<Reco
 template <typename Answer>
 using RecordOf = typename decltype(std::decay_t<Answer>::records)::value_type;
 
-/// Returns the first record with the id, or null.
+/// Returns the first record with the id; null when there is none, or no list.
 template <typename Record>
-const Record* find(const std::vector<Record>& sorted, int64_t id) {
+const Record* find(const std::vector<Record>* sorted, int64_t id) {
+    if (sorted == nullptr) return nullptr;
     const auto found =
-        std::lower_bound(sorted.begin(), sorted.end(), id,
+        std::lower_bound(sorted->begin(), sorted->end(), id,
                          [](const Record& record, int64_t wanted) { return record.id < wanted; });
-    return found != sorted.end() && found->id == id ? &*found : nullptr;
+    return found != sorted->end() && found->id == id ? &*found : nullptr;
 }
 
 bool isForAll(const Call& call) {
@@ -80,19 +74,15 @@ const Answers<Entity>& listsOfStates(const Survey& survey) {
 }
 
 const std::vector<State>* statesOf(const Survey& survey, int64_t entity) {
-    const auto* const lists = announced(listsOfStates(survey));
-    const Entity* const known = lists != nullptr ? find(*lists, entity) : nullptr;
+    const Entity* const known = find(announced(listsOfStates(survey)), entity);
     return known != nullptr ? &known->states : nullptr;
 }
 
 /// Returns the list that announces the ids of such records; null when there is none.
 template <typename Record>
 const auto* announcedFor(const Survey& survey) {
-    if constexpr (kIsOfRail<Record>) {
-        return announced(survey.rails);
-    } else {
-        return announced(survey.entities);
-    }
+    if constexpr (kIsOfRail<Record>) return announced(survey.rails);
+    if constexpr (!kIsOfRail<Record>) return announced(survey.entities);
 }
 
 /// Returns the answers with records of this type; those with its entity for a state.
@@ -113,20 +103,9 @@ std::string textOf(const std::string& bytes) {
 
 template <typename Thing>
 std::string nameIn(const std::vector<Thing>* list, int64_t id) {
-    const Thing* const known = list != nullptr ? find(*list, id) : nullptr;
+    const Thing* const known = find(list, id);
     return known != nullptr ? fmt::format("{} \"{}\"", id, safeName(known->name))
                             : std::to_string(id);
-}
-
-/// @param entity [in] that of a state.
-template <typename Record>
-std::string nameOf(const Survey& survey, int64_t id, int64_t entity = 0) {
-    if constexpr (kIsOfState<Record>) {
-        return nameOf<Entity>(survey, entity) + ", state " + nameIn(statesOf(survey, entity), id);
-    } else {
-        return (kIsOfRail<Record> ? "rail " : "power entity ") +
-               nameIn(announcedFor<Record>(survey), id);
-    }
 }
 
 // Walks over a survey.
@@ -144,7 +123,13 @@ struct Item {
     const Record* before = nullptr;
     const Call* callBefore = nullptr;
 
-    std::string name() const { return nameOf<Record>(survey, record.id, entity); }
+    std::string name() const {
+        const std::string thing =
+            (kIsOfRail<Record> ? "rail " : "power entity ") +
+            nameIn(announcedFor<Record>(survey), kIsOfState<Record> ? entity : record.id);
+        if (!kIsOfState<Record>) return thing;
+        return thing + ", state " + nameIn(statesOf(survey, entity), record.id);
+    }
 };
 
 /// One answer of any method, whatever its request and outcome. A call that the bus refused is none,
@@ -158,10 +143,19 @@ struct CallItem {
     static std::string name() { return ""; }
 };
 
+template <typename Function>
+void walk(const Survey& survey, const Function& function, const CallItem* /*type*/) {
+    survey.forAnswers([&](const auto& answer) {
+        if (answer.outcome == Outcome::kRefused) return;
+        constexpr bool kIsOfRails = kIsOfRail<RecordOf<decltype(answer)>>;
+        function(CallItem{survey, answer, answer.records.size(), kIsOfRails});
+    });
+}
+
 /// Calls a function with each record of the answers to requests for everything. Of calls that were
 /// made at once nobody knows the order, so these are not compared.
-template <typename Record, typename Function>
-void walk(const Survey& survey, const Item<Record>* /*type*/, const Function& function) {
+template <typename Function, typename Record>
+void walk(const Survey& survey, const Function& function, const Item<Record>* /*type*/) {
     const auto& answers = answersWith<Record>(survey);
     for (auto answer = answers.begin(); answer != answers.end(); ++answer) {
         if (!isForAll(*answer)) continue;
@@ -170,62 +164,41 @@ void walk(const Survey& survey, const Item<Record>* /*type*/, const Function& fu
                 return isForAll(call) &&
                        (call.thread == answer->thread || call.after < answer->before);
             });
-        const Call* const callBefore = last != answers.rend() ? &*last : nullptr;
+        const auto* const before = last != answers.rend() ? &*last : nullptr;
+        const auto* const recordsBefore = before != nullptr ? &before->records : nullptr;
         for (const auto& record : answer->records) {
-            const auto* const before =
-                callBefore != nullptr ? find(last->records, record.id) : nullptr;
+            const auto* const same = find(recordsBefore, record.id);
             if constexpr (kIsOfState<Record>) {
                 for (const Record& state : record.states) {
-                    function(Item<Record>{
-                        survey, *answer, state, &record.states, record.id,
-                        before != nullptr ? find(before->states, state.id) : nullptr, callBefore});
+                    function(Item<Record>{survey, *answer, state, &record.states, record.id,
+                                          find(same != nullptr ? &same->states : nullptr, state.id),
+                                          before});
                 }
             } else {
-                function(
-                    Item<Record>{survey, *answer, record, &answer->records, 0, before, callBefore});
+                function(Item<Record>{survey, *answer, record, &answer->records, 0, same, before});
             }
         }
     }
 }
 
-template <typename Function>
-void walk(const Survey& survey, const CallItem* /*type*/, const Function& function) {
-    survey.forAnswers([&](const auto& answer) {
-        if (answer.outcome == Outcome::kRefused) return;
-        constexpr bool kIsOfRails = kIsOfRail<RecordOf<decltype(answer)>>;
-        function(CallItem{survey, answer, answer.records.size(), kIsOfRails});
-    });
-}
-
 template <typename ItemType, typename Function>
 void forEach(const Survey& survey, const Function& function) {
-    walk(survey, static_cast<const ItemType*>(nullptr), function);
+    walk(survey, function, static_cast<const ItemType*>(nullptr));
 }
 
 // Findings.
 
-/// There is nothing to judge.
-Finding skip() {
-    return {Verdict::kNotApplicable};
-}
-
-/// A time in milliseconds. One that fromMilliseconds() has cut is "at least" as long.
-struct Ms {
-    double count;
-};
-std::string toArgument(Ms time) {
-    const double most = inMs(nanoseconds::max());
-    const char* const bound = time.count >= most    ? "at least "
-                              : time.count <= -most ? "at most "
-                                                    : "";
-    return fmt::format("{}{:.0f}", bound, time.count);
-}
-std::string toArgument(nanoseconds time) {
-    return toArgument(Ms{inMs(time)});
-}
+/// Turns a time into milliseconds. One that fromMilliseconds() has cut is "at least" as long.
 template <typename Argument>
-const Argument& toArgument(const Argument& argument) {
-    return argument;
+auto toArgument(const Argument& argument) {
+    if constexpr (std::is_convertible_v<Argument, Ms>) {
+        const Ms time = argument;
+        const Ms most = nanoseconds::max();
+        const char* const bound = time >= most ? "at least " : time <= -most ? "at most " : "";
+        return fmt::format("{}{:.0f}", bound, time.count());
+    } else {
+        return argument;
+    }
 }
 
 /// @param found, expected [in] format strings, each for all of the arguments.
@@ -254,7 +227,7 @@ void each(const Survey& survey, Findings* findings) {
 
 template <typename Thing>
 Finding idUnique(const Item<Thing>& item) {
-    return expect(find(*item.siblings, item.record.id) == &item.record,
+    return expect(find(item.siblings, item.record.id) == &item.record,
                   "the id {} again, with the name \"{}\"", "an id of its own", item.record.id,
                   safeName(item.record.name));
 }
@@ -280,7 +253,7 @@ Finding subsystemPresent(const Item<Rail>& rail) {
 
 Finding statesPresent(const Item<Entity>& item) {
     const std::vector<State>* const states = statesOf(item.survey, item.record.id);
-    if (states == nullptr) return skip();
+    if (states == nullptr) return {};
     return expect(!states->empty(), "no state", "at least one state");
 }
 
@@ -338,8 +311,8 @@ Finding answered(const CallItem& item) {
     const bool isHidl = item.survey.hal == Hal::kHidl;
     const bool isNeeded = call.request == Request::kAll || call.request == Request::kSome ||
                           (isHidl && call.request == Request::kUnknown);
-    if (!isNeeded || (call.thread != 0) != kAtOnce) return skip();
-    if (kAtOnce && fails(item.survey, call.method)) return skip();
+    if (!isNeeded || (call.thread != 0) != kAtOnce) return {};
+    if (kAtOnce && fails(item.survey, call.method)) return {};
     const bool isFailed = call.outcome == Outcome::kFailed;
     const bool isRefused =
         call.outcome == Outcome::kOtherStatus ||
@@ -366,7 +339,7 @@ void requestExact(const Survey& survey, Findings* findings) {
         std::set<int64_t> missing = asked;
         for (const Record& record : answer.records) {
             // An id that was never announced is the matter of another rule.
-            if (find(*list, record.id) == nullptr) continue;
+            if (find(list, record.id) == nullptr) continue;
             findings->add(Item<Record>{survey, answer, record},
                           expect(missing.erase(record.id) != 0,
                                  asked.count(record.id) != 0 ? "a second record"
@@ -384,7 +357,7 @@ void requestExact(const Survey& survey, Findings* findings) {
 
 Finding unknownRefused(const CallItem& item) {
     const Call& call = item.call;
-    if (call.request != Request::kUnknown || fails(item.survey, call.method)) return skip();
+    if (call.request != Request::kUnknown || fails(item.survey, call.method)) return {};
     Finding finding = expect(call.outcome == Outcome::kIllegalArgument,
                              call.error.empty() ? "an answer with {}" : "{1}",
                              "EX_ILLEGAL_ARGUMENT, on a bus org.freedesktop.DBus.Error.InvalidArgs",
@@ -395,7 +368,7 @@ Finding unknownRefused(const CallItem& item) {
 
 Finding knownAccepted(const CallItem& item) {
     const Call& call = item.call;
-    if (call.request != Request::kAll && call.request != Request::kSome) return skip();
+    if (call.request != Request::kAll && call.request != Request::kSome) return {};
     Finding finding =
         expect(call.outcome != Outcome::kIllegalArgument, "{}", "an answer", textOf(call.error));
     finding.thing = call.ids.empty() ? "all ids" : fmt::format("{} known ids", call.ids.size());
@@ -410,7 +383,7 @@ void announcedOnly(const Survey& survey, Findings* findings) {
         if (list == nullptr || answer.request == Request::kUnknown) return;
         for (const Record& record : answer.records) {
             findings->add(Item<Record>{survey, answer, record},
-                          expect(find(*list, record.id) != nullptr, "an id that is not in the list",
+                          expect(find(list, record.id) != nullptr, "an id that is not in the list",
                                  "only ids that are announced"));
         }
     };
@@ -419,8 +392,8 @@ void announcedOnly(const Survey& survey, Findings* findings) {
 
 Finding stateAnnounced(const Item<StateResult>& item) {
     const std::vector<State>* const states = statesOf(item.survey, item.entity);
-    if (states == nullptr) return skip();
-    return expect(find(*states, item.record.id) != nullptr, "a state that is not in the list",
+    if (states == nullptr) return {};
+    return expect(find(states, item.record.id) != nullptr, "a state that is not in the list",
                   "only states that are announced");
 }
 
@@ -432,7 +405,7 @@ void statesComplete(const Survey& survey, Findings* findings) {
         for (const State& state : *states) {
             findings->add(
                 Item<State>{survey, item.call, state, nullptr, entity.id},
-                expect(find(entity.states, state.id) != nullptr, "no record", "every state"));
+                expect(find(&entity.states, state.id) != nullptr, "no record", "every state"));
         }
     });
 }
@@ -442,7 +415,7 @@ std::string statusOf(const Call& call) {
 }
 
 Finding statusMatches(const CallItem& item) {
-    if (item.call.outcome == Outcome::kFailed) return skip();
+    if (item.call.outcome == Outcome::kFailed) return {};
     return expect((item.call.outcome == Outcome::kAnswered) == (item.records > 0), "{} with {}",
                   "SUCCESS with records, or another status without any", statusOf(item.call),
                   countOf(item.records));
@@ -450,7 +423,7 @@ Finding statusMatches(const CallItem& item) {
 
 Finding railsNotSupported(const CallItem& item) {
     const bool hasRails = announced(item.survey.rails) != nullptr;
-    if (hasRails || !item.isOfRails || item.call.outcome == Outcome::kFailed) return skip();
+    if (hasRails || !item.isOfRails || item.call.outcome == Outcome::kFailed) return {};
     return expect(item.call.outcome == Outcome::kNotSupported, "{}", "NOT_SUPPORTED",
                   statusOf(item.call));
 }
@@ -458,36 +431,35 @@ Finding railsNotSupported(const CallItem& item) {
 // Values.
 
 /// Names the mistake that turns a time of an interval into this stamp; empty when none does.
-std::string describeMistake(double stampMs, nanoseconds from, nanoseconds to,
-                            nanoseconds suspended) {
-    const auto matches = [&](double ms) {
-        return ms > inMs(from - kClockTolerance) && ms < inMs(to + kClockTolerance);
+std::string describeMistake(Ms stamp, nanoseconds from, nanoseconds to, nanoseconds suspended) {
+    const auto matches = [&](Ms time) {
+        return time > from - kClockTolerance && time < to + kClockTolerance;
     };
-    if (stampMs >= inMs(nanoseconds::max())) return "; it may be microseconds or nanoseconds";
-    if (suspended > kClockTolerance && matches(stampMs + inMs(suspended))) {
+    if (stamp >= nanoseconds::max()) return "; it may be microseconds or nanoseconds";
+    if (suspended > kClockTolerance && matches(stamp + suspended)) {
         return fmt::format(
             "; it looks like CLOCK_MONOTONIC: off by the {} s this machine was suspended",
             std::chrono::floor<std::chrono::seconds>(suspended).count());
     }
-    if (matches(stampMs * 1000)) return "; it looks like seconds";
-    if (matches(stampMs / 1000)) return "; it looks like microseconds";
-    if (matches(stampMs / 1e6)) return "; it looks like nanoseconds";
-    constexpr double k2017 = 1.5e12;
-    constexpr double k2096 = 4e12;
-    return stampMs > k2017 && stampMs < k2096 ? "; it looks like the time since 1970" : "";
+    if (matches(stamp * 1000)) return "; it looks like seconds";
+    if (matches(stamp / 1000)) return "; it looks like microseconds";
+    if (matches(stamp / 1e6)) return "; it looks like nanoseconds";
+    constexpr Ms k2017{1.5e12};
+    constexpr Ms k2096{4e12};
+    return stamp > k2017 && stamp < k2096 ? "; it looks like the time since 1970" : "";
 }
 
 std::string describeMistake(nanoseconds stamp, const Call& call) {
-    return describeMistake(inMs(stamp), call.before, call.after, call.suspended);
+    return describeMistake(stamp, call.before, call.after, call.suspended);
 }
 
 /// Judges that a value does not fall from one reading to the next.
-template <typename Record, typename Figures, typename Value>
-Finding noFall(const Item<Record>& item, const char* name, Value Figures::*value) {
-    if (item.before == nullptr) return skip();
-    const Value before = item.before->*value;
-    return expect(item.record.*value >= before, "{} {}", "at least {2}, as read at {3} ms", name,
-                  item.record.*value, before, item.callBefore->before);
+template <typename Record, const char* kName, auto kValue>
+Finding noFall(const Item<Record>& item) {
+    if (item.before == nullptr) return {};
+    return expect(item.record.*kValue >= item.before->*kValue, "{} {}",
+                  "at least {2}, as read at {3} ms", kName, item.record.*kValue,
+                  item.before->*kValue, item.callBefore->before);
 }
 
 // Residencies.
@@ -497,14 +469,6 @@ Finding residencyNotNegative(const Item<StateResult>& item) {
     return expect(state.totalTime.count() >= 0 && state.entryCount >= 0,
                   "totalTimeInStateMs {} and totalStateEntryCount {}", "0 and more",
                   state.totalTime, state.entryCount);
-}
-
-Finding timeMonotonic(const Item<StateResult>& item) {
-    return noFall(item, "totalTimeInStateMs", &Residency::totalTime);
-}
-
-Finding entriesMonotonic(const Item<StateResult>& item) {
-    return noFall(item, "totalStateEntryCount", &Residency::entryCount);
 }
 
 /// The sign of the entries since the reading before; std::nullopt, which is less than any number,
@@ -518,35 +482,31 @@ std::optional<int> entriesSince(const Item<StateResult>& item) {
 Finding lastEntryMonotonic(const Item<StateResult>& item) {
     // 0 is a time that is not known. A HIDL entity may be reset.
     const bool isReset = item.survey.hal == Hal::kHidl && entriesSince(item) < 0;
-    if (item.record.lastEntry == nanoseconds::zero() || isReset) return skip();
-    return noFall(item, "lastEntryTimestampMs", &Residency::lastEntry);
+    if (item.record.lastEntry == nanoseconds::zero() || isReset) return {};
+    return noFall<StateResult, kLastEntry, &Residency::lastEntry>(item);
 }
 
 Finding timeWithinUptime(const Item<EntityResult>& item) {
     const Call& call = item.call;
-    double sumMs = 0;
-    double mostMs = inMs(call.after);
-    for (const StateResult& state : item.record.states) {
-        sumMs += inMs(state.totalTime);
-        mostMs += inMs(kRounding);
-    }
-    return expect(sumMs <= mostMs, "{} ms in its states{}", "at most the uptime, {2} ms", Ms{sumMs},
-                  describeMistake(sumMs, call.before, call.after, {}), Ms{mostMs});
+    Ms sum{0};
+    for (const StateResult& state : item.record.states) sum += state.totalTime;
+    const Ms most = call.after + item.record.states.size() * kRounding;
+    return expect(sum <= most, "{} ms in its states{}", "at most the uptime, {2} ms", sum,
+                  describeMistake(sum, call.before, call.after, {}), most);
 }
 
 Finding timeWithinInterval(const Item<EntityResult>& item) {
-    if (item.before == nullptr) return skip();
-    double sumMs = 0;
-    double mostMs = differenceMs(item.callBefore->before, item.call.after);
+    if (item.before == nullptr) return {};
+    Ms sum{0};
+    Ms most = item.call.after - item.callBefore->before;
     for (const StateResult& state : item.record.states) {
-        const StateResult* const before = find(item.before->states, state.id);
+        const StateResult* const before = find(&item.before->states, state.id);
         if (before == nullptr) continue;
-        sumMs += std::max(0.0, differenceMs(before->totalTime, state.totalTime));
-        mostMs += inMs(kRounding);
+        sum += std::max(Ms{0}, Ms(state.totalTime) - Ms(before->totalTime));
+        most += kRounding;
     }
-    return expect(sumMs <= mostMs, "{} ms in its states since the reading at {} ms",
-                  "at most {2} ms, the time since then", Ms{sumMs}, item.callBefore->before,
-                  Ms{mostMs});
+    return expect(sum <= most, "{} ms in its states since the reading at {} ms",
+                  "at most {2} ms, the time since then", sum, item.callBefore->before, most);
 }
 
 Finding lastEntryNotFuture(const Item<StateResult>& item) {
@@ -559,17 +519,17 @@ Finding lastEntryNotFuture(const Item<StateResult>& item) {
 /// Judges the entries that happened between two readings.
 Finding lastEntryClock(const Item<StateResult>& item) {
     const nanoseconds stamp = item.record.lastEntry;
-    if (entriesSince(item) <= 0 || stamp.count() <= 0) return skip();
+    if (entriesSince(item) <= 0 || stamp.count() <= 0) return {};
     const nanoseconds from = item.callBefore->before;
     const nanoseconds to = item.call.after;
-    const std::string mistake = describeMistake(inMs(stamp), from, to, item.call.suspended);
+    const std::string mistake = describeMistake(stamp, from, to, item.call.suspended);
     return expect(stamp >= from - kStale || mistake.empty(),
                   "lastEntryTimestampMs {} of a new entry{}", "{2} to {3}, milliseconds since boot",
                   stamp, mistake, from, to);
 }
 
 Finding lastEntryMoves(const Item<StateResult>& item) {
-    if (entriesSince(item) != 0) return skip();
+    if (entriesSince(item) != 0) return {};
     // A step back is the matter of another rule.
     return expect(item.record.lastEntry <= item.before->lastEntry,
                   "lastEntryTimestampMs {} and totalStateEntryCount {}",
@@ -589,14 +549,6 @@ Finding energyStampBoottime(const Item<EnergyResult>& item) {
                   call.before, call.after);
 }
 
-Finding energyStampMonotonic(const Item<EnergyResult>& item) {
-    return noFall(item, "timestampMs", &Energy::time);
-}
-
-Finding energyMonotonic(const Item<EnergyResult>& item) {
-    return noFall(item, "energyUWs", &Energy::energyUWs);
-}
-
 Finding energyNotNegative(const Item<EnergyResult>& item) {
     return expect(item.record.energyUWs >= 0, "energyUWs {}", "0 and more", item.record.energyUWs);
 }
@@ -608,14 +560,13 @@ Finding durationWithinStamp(const Item<EnergyResult>& item) {
 }
 
 Finding durationGrows(const Item<EnergyResult>& item) {
-    if (item.before == nullptr) return skip();
-    const double passed = differenceMs(item.before->time, item.record.time);
-    const double grown = differenceMs(item.before->duration, item.record.duration);
-    if (passed <= inMs(kRounding)) return skip();
-    return expect(grown > 0 && grown <= passed + inMs(kRounding),
-                  "durationMs {}, {:.0f} ms more than at {} ms",
-                  "about {3:.0f} ms more, as timestampMs", item.record.duration, grown,
-                  item.callBefore->before, passed);
+    if (item.before == nullptr) return {};
+    const Ms passed = Ms(item.record.time) - item.before->time;
+    const Ms grown = Ms(item.record.duration) - item.before->duration;
+    if (passed <= kRounding) return {};
+    return expect(grown > Ms{0} && grown <= passed + kRounding,
+                  "durationMs {}, {} ms more than at {} ms", "about {3} ms more, as timestampMs",
+                  item.record.duration, grown, item.callBefore->before, passed);
 }
 
 /// Judges the power since boot, and that of the longest interval: a meter that counts in large
@@ -625,14 +576,13 @@ Finding powerPlausible(const Item<EnergyResult>& item) {
     constexpr double kMostWatts = 10'000;  // no rail of a machine carries more
     const auto& readings = item.survey.energies;
     const auto last = std::find_if(readings.rbegin(), readings.rend(), isForAll);
-    const EnergyResult* const first = find(*announced(readings), item.record.id);
-    if (&item.call != &*last || first == nullptr) return skip();
-    const auto energyUWs = static_cast<double>(item.record.energyUWs);
-    const double sinceFirstUWs = energyUWs - static_cast<double>(first->energyUWs);
-    const double ms =
-        kSinceBoot ? inMs(item.record.duration) : differenceMs(first->time, item.record.time);
-    if (ms < (kSinceBoot ? 1000 : 100)) return skip();
-    const double watts = (kSinceBoot ? energyUWs : sinceFirstUWs) / ms / 1000;
+    const EnergyResult* const first = find(announced(readings), item.record.id);
+    if (&item.call != &*last || first == nullptr) return {};
+    const Ms time = kSinceBoot ? item.record.duration : Ms(item.record.time) - first->time;
+    if (time < Ms(kSinceBoot ? 1000 : 100)) return {};
+    const double before = kSinceBoot ? 0 : static_cast<double>(first->energyUWs);
+    const double watts =
+        (static_cast<double>(item.record.energyUWs) - before) / time.count() / 1000;
     return expect(watts <= kMostWatts,
                   kSinceBoot ? "{:.0f} W on average over durationMs"
                              : "{:.0f} W on average since timestampMs {}",
@@ -648,9 +598,9 @@ void libraryGoesOn(const Survey& survey, Findings* findings) {
                library.signal, strsignal(library.signal), textOf(library.log)));
 }
 
-constexpr Interfaces kBoth = Interfaces::kBoth;
-constexpr Interfaces kAidl = Interfaces::kAidl;
-constexpr Interfaces kHidl = Interfaces::kHidl;
+constexpr auto kBoth = std::nullopt;
+constexpr Hal kAidl = Hal::kAidl;
+constexpr Hal kHidl = Hal::kHidl;
 constexpr bool kPublished = true;
 constexpr bool kOwn = false;
 
@@ -730,10 +680,10 @@ const std::vector<Rule> kRules = {
     {"residency-not-negative", kBoth, kOwn, "No total of a state is negative.",
      "shares and rates are wrong", each<residencyNotNegative>},
     {"state-time-monotonic", kAidl, kOwn, "The time in a state never goes backwards.",
-     "shares are wrong", each<timeMonotonic>},
+     "shares are wrong", each<noFall<StateResult, kTotalTime, &Residency::totalTime>>},
     {"state-entries-monotonic", kAidl, kOwn,
      "The count of entries into a state never goes backwards.", "rates of entries are wrong",
-     each<entriesMonotonic>},
+     each<noFall<StateResult, kEntryCount, &Residency::entryCount>>},
     {"state-time-within-uptime", kAidl, kOwn,
      "The times in the states of a power entity add up to the uptime at most.",
      "shares since boot exceed 100 %", each<timeWithinUptime>},
@@ -758,7 +708,7 @@ const std::vector<Rule> kRules = {
      "An energy's time stamp is CLOCK_BOOTTIME in milliseconds when it was read.",
      "powers computed from it are wrong", each<energyStampBoottime>},
     {"energy-stamp-monotonic", kBoth, kOwn, "An energy's time stamp never goes backwards.",
-     "powers computed from it are wrong", each<energyStampMonotonic>},
+     "powers computed from it are wrong", each<noFall<EnergyResult, kTimestamp, &Energy::time>>},
     {"energy-duration-within-stamp", kAidl, kOwn, "An energy's duration is at most its time stamp.",
      "this library leaves the rail out", each<durationWithinStamp>},
     {"energy-duration-grows", kAidl, kOwn, "An energy's duration grows as its time stamp does.",
@@ -766,7 +716,8 @@ const std::vector<Rule> kRules = {
     {"energy-not-negative", kBoth, kOwn, "No energy is negative.", "powers are wrong",
      each<energyNotNegative>},
     {"energy-monotonic", kBoth, kOwn, "An energy is neither reset nor wraps.",
-     "powers are negative, or energy is lost", each<energyMonotonic>},
+     "powers are negative, or energy is lost",
+     each<noFall<EnergyResult, kEnergy, &Energy::energyUWs>>},
     {"energy-power-plausible", kBoth, kOwn,
      "An energy is in microwatt-seconds: no rail carries more than 10 kW.",
      "sums over rails are of no use", each<powerPlausible<true>, powerPlausible<false>>},
@@ -813,9 +764,7 @@ const std::vector<Rule>& allRules() {
 
 Verdict judge(const Rule& rule, const Survey& survey, Findings* findings) {
     *findings = {};
-    const bool applies =
-        rule.interfaces == Interfaces::kBoth ||
-        (rule.interfaces == Interfaces::kAidl) == (survey.hal == Survey::Hal::kAidl);
+    const bool applies = rule.hal.value_or(survey.hal) == survey.hal;
     if (applies) rule.judge(survey, findings);
     if (findings->broken.count > 0) return Verdict::kBroken;
     if (findings->legal.count > 0) return Verdict::kLegal;
@@ -825,43 +774,40 @@ Verdict judge(const Rule& rule, const Survey& survey, Findings* findings) {
 
 std::vector<std::string> takeNotes(const Survey& survey) {
     std::set<std::string> notes;
-    forEach<CallItem>(survey, [&](const CallItem& item) {
-        const Call& call = item.call;
-        if (call.request == Request::kRepeated && !fails(survey, call.method)) {
-            notes.insert(fmt::format(
-                "{} with an id twice: {}", call.method,
-                call.error.empty() ? countOf(item.records) : "refused, " + textOf(call.error)));
+    survey.forAnswers([&](const auto& answer) {
+        const std::string& method = answer.method;
+        const bool isRefused = answer.outcome == Outcome::kRefused;
+        if (answer.request == Request::kRepeated && !isRefused && !fails(survey, method)) {
+            notes.insert(method + " with an id twice: " +
+                         (answer.error.empty() ? countOf(answer.records.size())
+                                               : "refused, " + textOf(answer.error)));
+        }
+        if (answer.outcome == Outcome::kNotSupported || isRefused) {
+            notes.insert(method + ": " + answer.error);
         }
     });
-    survey.forAnswers([&](const Call& call) {
-        if (call.outcome == Outcome::kNotSupported || call.outcome == Outcome::kRefused) {
-            notes.insert(call.method + ": " + call.error);
-        }
-    });
-    // One note for all things of a kind names the first of them.
-    std::map<std::string, std::pair<std::string, std::set<std::string>>> things;
-    const auto add = [&](const char* text, const std::string& name) {
-        auto& [first, all] = things[text];
-        if (all.insert(name).second && all.size() == 1) first = name;
+    // One note for all things of a kind names the first of them, by the ids of entity and thing.
+    std::map<std::string, std::map<std::pair<int64_t, int64_t>, std::string>> things;
+    const auto add = [&](const char* text, const auto& item) {
+        things[text].try_emplace({item.entity, item.record.id}, item.name());
     };
     forEach<Item<StateResult>>(survey, [&](const Item<StateResult>& item) {
         if (item.before == nullptr) return;
         if (survey.hal == Hal::kHidl && item.record.totalTime < item.before->totalTime) {
-            add("the total fell, so the entity was reset", item.name());
+            add("the total fell, so the entity was reset", item);
         }
         if (item.record.lastEntry == nanoseconds::zero() && entriesSince(item) > 0) {
-            add("the service does not know the last entry", item.name());
+            add("the service does not know the last entry", item);
         }
     });
     forEach<Item<EnergyResult>>(survey, [&](const Item<EnergyResult>& item) {
         if (item.record.isSinceBoot()) return;
-        add("left out by this library, because durationMs is not timestampMs", item.name());
+        add("left out by this library, because durationMs is not timestampMs", item);
     });
-    for (const auto& [text, named] : things) {
-        const auto& [first, all] = named;
+    for (const auto& [text, names] : things) {
         const std::string others =
-            all.size() > 1 ? fmt::format(" and {} more", all.size() - 1) : "";
-        notes.insert(first + others + ": " + text);
+            names.size() > 1 ? fmt::format(" and {} more", names.size() - 1) : "";
+        notes.insert(names.begin()->second + others + ": " + text);
     }
     return {notes.begin(), notes.end()};
 }

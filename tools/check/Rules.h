@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,7 +21,8 @@ enum class Verdict { kKept, kBroken, kLegal, kNotJudged, kNotApplicable };
 /// The judgement of one thing, and for a fault the facts that lead to it in the service.
 struct Finding {
     /// kLegal: permitted by the interface, but clients or published tests do not expect it.
-    Verdict verdict = Verdict::kKept;
+    /// kNotApplicable: there is nothing to judge.
+    Verdict verdict = Verdict::kNotApplicable;
     std::string found = {};
     std::string expected = {};
     /// What follows for a client; empty if that is the rule's own consequence.
@@ -60,12 +62,11 @@ struct Findings {
     void addFault(Finding fault);
 };
 
-enum class Interfaces { kBoth, kAidl, kHidl };
-
 struct Rule {
     /// Stays for ever: people exclude rules by their names.
     const char* name;
-    Interfaces interfaces;
+    /// The interface that makes the promise; empty: both.
+    std::optional<Hal> hal;
     /// Whether the interface's published tests check it.
     bool isPublishedTest;
     const char* sentence;

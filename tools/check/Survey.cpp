@@ -29,12 +29,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using Aidl = stats_aidl::IPowerStats;
 using Hidl = stats_V1_0::IPowerStats;
-using Hal = Survey::Hal;
-using Request = Survey::Request;
-using Outcome = Survey::Outcome;
 using Ids = std::vector<int64_t>;
-template <typename Record>
-using Answers = std::vector<Survey::Answer<Record>>;
 
 template <typename From>
 auto convert(const From& thing) {
@@ -204,7 +199,7 @@ class Client {
     template <typename From, typename Record, typename Function, typename... AskedIds>
     void askAidl(const Method& method, Answers<Record>* answers, Function function,
                  const AskedIds&... ids) {
-        ask<From>(method, answers, [&](std::vector<From>* records, Survey::Call* call) {
+        ask<From>(method, answers, [&](std::vector<From>* records, Call* call) {
             note((mAidl.get()->*function)(ids..., records), call);
         });
     }
@@ -213,7 +208,7 @@ class Client {
     template <typename From, typename Record, typename Function, typename... AskedIds>
     void askHidl(const Method& method, Answers<Record>* answers, Function function,
                  const AskedIds&... ids) {
-        ask<From>(method, answers, [&](std::vector<From>* records, Survey::Call* call) {
+        ask<From>(method, answers, [&](std::vector<From>* records, Call* call) {
             stats_V1_0::Status status{};
             const auto copy = [&](const hidl_vec<From>& from, stats_V1_0::Status its) {
                 records->assign(from.begin(), from.end());
@@ -231,7 +226,7 @@ class Client {
             mProgress->isCut = true;
         }
         if (mProgress->isGone || mProgress->isCut) return;
-        Survey::Answer<Record> answer{{method.name, method.request, method.ids, mThread}, {}};
+        Answer<Record> answer{{method.name, method.request, method.ids, mThread}, {}};
         std::vector<From> records;
         answer.before = std::chrono::floor<milliseconds>(readMoment().time);
         const auto before = steady_clock::now();
@@ -241,7 +236,7 @@ class Client {
             call(&records, &answer);
         }
         answer.took = steady_clock::now() - before;
-        const Moment after = readMoment();
+        const Reading after = readMoment();
         answer.after = std::chrono::ceil<milliseconds>(after.time);
         answer.suspended = after.suspended;
         for (const From& record : records) {
@@ -254,29 +249,26 @@ class Client {
         answers->push_back(std::move(answer));
     }
 
-    struct Moment {
-        nanoseconds time;
-        nanoseconds suspended;
-    };
-    Moment readMoment() const {
+    /// Returns a reading of nothing, which has the time.
+    Reading readMoment() const {
         if (mProgress->own != nullptr) {
-            const Reading reading =
-                mProgress->own->read({std::vector<size_t>()}, {std::vector<size_t>()});
-            return {reading.time, reading.suspended};
+            return mProgress->own->read({std::vector<size_t>()}, {std::vector<size_t>()});
         }
+        Reading moment;
         const nanoseconds running = readKernelClock(CLOCK_MONOTONIC);
-        const nanoseconds now = readKernelClock(CLOCK_BOOTTIME);
-        return {now, now - running};
+        moment.time = readKernelClock(CLOCK_BOOTTIME);
+        moment.suspended = moment.time - running;
+        return moment;
     }
 
-    void note(const ndk::ScopedAStatus& status, Survey::Call* call) {
+    void note(const ndk::ScopedAStatus& status, Call* call) {
         if (status.isOk()) return;
         note(failureOf(status), status.get() != nullptr ? status.getDescription() : "", call);
         if (status.get() != nullptr && status.getExceptionCode() == EX_ILLEGAL_ARGUMENT) {
             call->outcome = Outcome::kIllegalArgument;
         }
     }
-    void note(const Return<void>& result, stats_V1_0::Status status, Survey::Call* call) {
+    void note(const Return<void>& result, stats_V1_0::Status status, Call* call) {
         if (!result.isOk()) return note(failureOf(result), result.description(), call);
         if (status == stats_V1_0::Status::SUCCESS) return;
         constexpr const char* kNames[] = {"SUCCESS", "NOT_SUPPORTED", "INVALID_INPUT",
@@ -289,7 +281,7 @@ class Client {
                                                                       : Outcome::kOtherStatus;
     }
     /// @param text [in] in the words of the transport; empty when it has none.
-    void note(const Failure& failure, const std::string& text, Survey::Call* call) {
+    void note(const Failure& failure, const std::string& text, Call* call) {
         using Kind = Failure::Kind;
         if (failure.kind == Kind::kGone || failure.kind == Kind::kTimedOut) {
             mProgress->isGone = true;

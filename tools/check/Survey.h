@@ -28,50 +28,56 @@ struct EntityResult {
     std::vector<StateResult> states;
 };
 
+enum class Hal { kAidl, kHidl };
+
+enum class Request {
+    kAll,       ///< an empty list of ids, or no list
+    kSome,      ///< some of the announced ids
+    kRepeated,  ///< an announced id twice
+    kUnknown,   ///< an id that was not announced
+};
+
+enum class Outcome {
+    kAnswered,
+    kIllegalArgument,  ///< AIDL EX_ILLEGAL_ARGUMENT, HIDL INVALID_INPUT
+    kNotSupported,     ///< HIDL
+    kOtherStatus,      ///< HIDL
+    kRefused,          ///< by the bus's policy, and so not by the service
+    kFailed,           ///< no answer of the interface: an exception, or a failed transaction
+};
+
+/// What a call asked for, and how it ended.
+struct Call {
+    std::string method = {};
+    Request request = Request::kAll;
+    std::vector<int64_t> ids = {};
+    /// 0 for the first thread, which calls alone; 1 and above for those that call at once.
+    int thread = 0;
+    /// The start and the end since boot, rounded down and up to milliseconds as the service's
+    /// stamps are. For a recording in this process, the recorded time.
+    nanoseconds before{};
+    nanoseconds after{};
+    /// How long the machine had been suspended since boot.
+    nanoseconds suspended{};
+    nanoseconds took{};
+    Outcome outcome = Outcome::kAnswered;
+    /// The failure in the words of the transport or the service; empty when it answered.
+    std::string error = {};
+    /// The numbers and texts of the answer, without the framing of a transport.
+    size_t bytes = 0;
+};
+
+template <typename Record>
+struct Answer : Call {
+    /// Sorted by id, and so are the states of a record.
+    std::vector<Record> records;
+};
+template <typename Record>
+using Answers = std::vector<Answer<Record>>;
+
 /// The calls of a power stats service in the order of their end, in one form for both interfaces.
 /// Ids and numbers are the service's own; so are texts, which safeName() makes fit for output.
 struct Survey {
-    enum class Hal { kAidl, kHidl };
-    enum class Request {
-        kAll,       ///< an empty list of ids, or no list
-        kSome,      ///< some of the announced ids
-        kRepeated,  ///< an announced id twice
-        kUnknown,   ///< an id that was not announced
-    };
-    enum class Outcome {
-        kAnswered,
-        kIllegalArgument,  ///< AIDL EX_ILLEGAL_ARGUMENT, HIDL INVALID_INPUT
-        kNotSupported,     ///< HIDL
-        kOtherStatus,      ///< HIDL
-        kRefused,          ///< by the bus's policy, and so not by the service
-        kFailed,           ///< no answer of the interface: an exception, or a failed transaction
-    };
-
-    struct Call {
-        std::string method = {};
-        Request request = Request::kAll;
-        std::vector<int64_t> ids = {};
-        /// 0 for the first thread, which calls alone; 1 and above for those that call at once.
-        int thread = 0;
-        /// The start and the end since boot, rounded down and up to milliseconds as the service's
-        /// stamps are. For a recording in this process, the recorded time.
-        nanoseconds before{};
-        nanoseconds after{};
-        /// How long the machine had been suspended since boot.
-        nanoseconds suspended{};
-        nanoseconds took{};
-        Outcome outcome = Outcome::kAnswered;
-        /// The failure in the words of the transport or the service; empty when it answered.
-        std::string error = {};
-        /// The numbers and texts of the answer, without the framing of a transport.
-        size_t bytes = 0;
-    };
-    template <typename Record>
-    struct Answer : Call {
-        /// Sorted by id, and so are the states of a record.
-        std::vector<Record> records;
-    };
-
     Hal hal = Hal::kAidl;
     /// Whether the stamps are those of a recording: they stand still between its samples.
     bool isReplay = false;
@@ -79,13 +85,13 @@ struct Survey {
     bool isGone = false;
     /// Whether calls were left out, because the answers are slow or large.
     bool isCut = false;
-    std::vector<Answer<Rail>> rails;
+    Answers<Rail> rails;
     /// HIDL answers the names of entities and those of their states in two calls. The states are
     /// empty in the first and the names in the second.
-    std::vector<Answer<Entity>> entities;
-    std::vector<Answer<Entity>> stateLists;
-    std::vector<Answer<EnergyResult>> energies;
-    std::vector<Answer<EntityResult>> residencies;
+    Answers<Entity> entities;
+    Answers<Entity> stateLists;
+    Answers<EnergyResult> energies;
+    Answers<EntityResult> residencies;
 
     /// Calls a function with each answer, of whatever records.
     template <typename Function>
