@@ -90,7 +90,7 @@ Survey makeSurvey(Hal hal) {
 /// The rules with a verdict, separated by spaces.
 std::string rulesWith(Verdict verdict, const Survey& survey) {
     std::string names;
-    for (const Rule& rule : allRules()) {
+    for (const Rule& rule : kRules) {
         Findings findings;
         if (judge(rule, survey, &findings) == verdict) {
             names += (names.empty() ? "" : " ") + std::string(rule.name);
@@ -273,8 +273,7 @@ TEST(Rules, EachFindsItsFaultAndNoOther) {
         fault.make(&survey);
         EXPECT_EQ(rulesWith(Verdict::kBroken, survey), fault.rule);
         covered.insert(fault.rule);
-        const auto& rules = allRules();
-        const auto rule = std::find_if(rules.begin(), rules.end(), [&](const Rule& one) {
+        const auto rule = std::find_if(kRules.begin(), kRules.end(), [&](const Rule& one) {
             return one.name == std::string(fault.rule);
         });
         Findings findings;
@@ -282,7 +281,7 @@ TEST(Rules, EachFindsItsFaultAndNoOther) {
         ASSERT_FALSE(findings.broken.first.empty());
         EXPECT_THAT(findings.broken.first[0].found, testing::HasSubstr(fault.text));
     }
-    EXPECT_EQ(covered.size(), allRules().size()) << "a rule without a fault";
+    EXPECT_EQ(covered.size(), kRules.size()) << "a rule without a fault";
 }
 
 TEST(Rules, ThatAreLegalToBreakAreReportedAsSuch) {

@@ -146,7 +146,7 @@ int check(CheckArguments arguments) {
     std::string table = title + "\n";
     Json::Array rules;
     std::map<Verdict, size_t> counts;
-    for (const Rule& rule : allRules()) {
+    for (const Rule& rule : kRules) {
         if (arguments.except.count(rule.name) != 0) continue;
         if (!arguments.only.empty() && arguments.only.count(rule.name) == 0) continue;
         Findings findings;
@@ -207,8 +207,7 @@ Command addCheck(CommandLine program) {
     const auto addRules = [&](const char* option, std::set<std::string>* rules, const char* text) {
         const auto take = [rules](const std::string& name) {
             rules->insert(name);
-            const auto& all = allRules();
-            const bool isKnown = std::any_of(all.begin(), all.end(),
+            const bool isKnown = std::any_of(kRules.begin(), kRules.end(),
                                              [&](const Rule& rule) { return rule.name == name; });
             return isKnown ? ""
                            : name + ": no rule has this name (powerstats check prints the names)";

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -29,16 +28,14 @@ namespace {
 std::vector<std::string> dumpCommand(const ServiceOptions& options) {
     const SourceOptions& source = options.source;
     std::vector<std::string> words = {"/proc/self/exe", "dump", "--format", "json"};
-    const auto add = [&](std::initializer_list<std::string> more) {
-        words.insert(words.end(), more);
-    };
-    if (!options.hal.empty()) add({"--hal", options.hal});
+    if (!options.hal.empty()) words.push_back("--hal=" + options.hal);
     if (source.bus) {
-        add({"--bus=" + *source.bus, "--wait", fmt::format("{}", source.waitSeconds)});
+        words.push_back("--bus=" + *source.bus);
+        words.push_back(fmt::format("--wait={}", source.waitSeconds));
     } else if (source.replay.empty()) {
-        add({"--sysfs", source.sysfs});
+        words.push_back("--sysfs=" + source.sysfs);
     } else {
-        add({"--replay", source.replay});
+        words.push_back("--replay=" + source.replay);
     }
     return words;
 }

@@ -28,6 +28,8 @@ using Ms = std::chrono::duration<double, std::milli>;
 constexpr std::chrono::seconds kStale{1};
 /// A stamp that is off by less than this has no wrong unit, and is of the clock that it matches.
 constexpr std::chrono::seconds kClockTolerance{2};
+/// A text of the service is cut after so many bytes.
+constexpr size_t kMostBytes = 400;
 /// Rounding of a stamp or a total to milliseconds.
 constexpr std::chrono::milliseconds kRounding{1};
 
@@ -94,11 +96,6 @@ const auto& answersWith(const Survey& survey) {
     if constexpr (std::is_same_v<Record, EnergyResult>) return survey.energies;
     if constexpr (std::is_same_v<Record, EntityResult>) return survey.residencies;
     if constexpr (std::is_same_v<Record, StateResult>) return survey.residencies;
-}
-
-std::string textOf(const std::string& bytes) {
-    constexpr size_t kMostBytes = 400;
-    return safeName(bytes, kMostBytes);
 }
 
 template <typename Thing>
@@ -272,18 +269,14 @@ void stable(const Survey& survey, Findings* findings) {
     (judgeAll(survey.*kLists), ...);
 }
 
-bool isUtf8(const std::string& text) {
-    for (size_t i = 0, size = 0; i < text.size(); i += size) {
-        size = decodeUtf8(text, i).size;
-        if (size == 0) return false;
-    }
-    return true;
-}
-
 template <typename Thing, std::string Thing::*kText>
 Finding textUtf8(const Item<Thing>& item) {
     const std::string& text = item.record.*kText;
-    return expect(isUtf8(text), "the text \"{}\"", "UTF-8", safeName(text));
+    size_t end = 0;
+    for (size_t size = 1; size > 0 && end < text.size(); end += size) {
+        size = decodeUtf8(text, end).size;
+    }
+    return expect(end == text.size(), "the text \"{}\"", "UTF-8", safeName(text));
 }
 
 // Requests and answers.
@@ -317,8 +310,8 @@ Finding answered(const CallItem& item) {
     const bool isRefused =
         call.outcome == Outcome::kOtherStatus ||
         (call.outcome == Outcome::kIllegalArgument && call.request != Request::kUnknown);
-    Finding finding =
-        expect(!isFailed && !(isHidl && isRefused), "{}", "an answer", textOf(call.error));
+    Finding finding = expect(!isFailed && !(isHidl && isRefused), "{}", "an answer",
+                             safeName(call.error, kMostBytes));
     if (finding.verdict == Verdict::kBroken && !isFailed) finding.verdict = Verdict::kLegal;
     if (isHidl) finding.consequence = kLibraryEnds;
     return finding;
@@ -361,7 +354,7 @@ Finding unknownRefused(const CallItem& item) {
     Finding finding = expect(call.outcome == Outcome::kIllegalArgument,
                              call.error.empty() ? "an answer with {}" : "{1}",
                              "EX_ILLEGAL_ARGUMENT, on a bus org.freedesktop.DBus.Error.InvalidArgs",
-                             item.records, textOf(call.error));
+                             item.records, safeName(call.error, kMostBytes));
     finding.thing = fmt::format("id {}, which is not announced", call.ids.front());
     return finding;
 }
@@ -369,8 +362,8 @@ Finding unknownRefused(const CallItem& item) {
 Finding knownAccepted(const CallItem& item) {
     const Call& call = item.call;
     if (call.request != Request::kAll && call.request != Request::kSome) return {};
-    Finding finding =
-        expect(call.outcome != Outcome::kIllegalArgument, "{}", "an answer", textOf(call.error));
+    Finding finding = expect(call.outcome != Outcome::kIllegalArgument, "{}", "an answer",
+                             safeName(call.error, kMostBytes));
     finding.thing = call.ids.empty() ? "all ids" : fmt::format("{} known ids", call.ids.size());
     return finding;
 }
@@ -595,7 +588,7 @@ void libraryGoesOn(const Survey& survey, Findings* findings) {
     findings->add(
         CallItem{survey, {"the library"}},
         expect(library.signal == 0, "signal {} ({}) ended its process: {}", "both calls return",
-               library.signal, strsignal(library.signal), textOf(library.log)));
+               library.signal, strsignal(library.signal), safeName(library.log, kMostBytes)));
 }
 
 constexpr auto kBoth = std::nullopt;
@@ -603,6 +596,24 @@ constexpr Hal kAidl = Hal::kAidl;
 constexpr Hal kHidl = Hal::kHidl;
 constexpr bool kPublished = true;
 constexpr bool kOwn = false;
+
+/// Whether the bus refused the list, or the readings, of the things that a rule is about. Its name
+/// tells these: rails and their energy, or power entities.
+bool lacksThings(const Rule& rule, const Survey& survey) {
+    const std::string_view name = rule.name;
+    const bool isOfRails = name.rfind("rail-", 0) == 0 || name.rfind("energy-", 0) == 0;
+    bool lacks = false;
+    survey.forAnswers([&](const auto& answer) {
+        using Record = RecordOf<decltype(answer)>;
+        const auto* const list = announcedFor<Record>(survey);
+        if (kIsOfRail<Record> == isOfRails && answer.outcome == Outcome::kRefused) {
+            lacks |= list == nullptr || !list->empty();
+        }
+    });
+    return lacks;
+}
+
+}  // namespace
 
 const std::vector<Rule> kRules = {
     // Lists.
@@ -726,24 +737,6 @@ const std::vector<Rule> kRules = {
      kLibraryEnds, libraryGoesOn},
 };
 
-/// Whether the bus refused the list, or the readings, of the things that a rule is about. Its name
-/// tells these: rails and their energy, or power entities.
-bool lacksThings(const Rule& rule, const Survey& survey) {
-    const std::string_view name = rule.name;
-    const bool isOfRails = name.rfind("rail-", 0) == 0 || name.rfind("energy-", 0) == 0;
-    bool lacks = false;
-    survey.forAnswers([&](const auto& answer) {
-        using Record = RecordOf<decltype(answer)>;
-        const auto* const list = announcedFor<Record>(survey);
-        if (kIsOfRail<Record> == isOfRails && answer.outcome == Outcome::kRefused) {
-            lacks |= list == nullptr || !list->empty();
-        }
-    });
-    return lacks;
-}
-
-}  // namespace
-
 void Findings::addFault(Finding fault) {
     List& list = fault.verdict == Verdict::kBroken ? broken : legal;
     ++list.count;
@@ -756,10 +749,6 @@ void Findings::addFault(Finding fault) {
         return;
     }
     list.first.push_back(std::move(fault));
-}
-
-const std::vector<Rule>& allRules() {
-    return kRules;
 }
 
 Verdict judge(const Rule& rule, const Survey& survey, Findings* findings) {
@@ -780,7 +769,7 @@ std::vector<std::string> takeNotes(const Survey& survey) {
         if (answer.request == Request::kRepeated && !isRefused && !fails(survey, method)) {
             notes.insert(method + " with an id twice: " +
                          (answer.error.empty() ? countOf(answer.records.size())
-                                               : "refused, " + textOf(answer.error)));
+                                               : "refused, " + safeName(answer.error, kMostBytes)));
         }
         if (answer.outcome == Outcome::kNotSupported || isRefused) {
             notes.insert(method + ": " + answer.error);

@@ -75,7 +75,7 @@ struct Rule {
     void (*judge)(const Survey& survey, Findings* findings);
 };
 
-const std::vector<Rule>& allRules();
+extern const std::vector<Rule> kRules;
 
 /// Judges a survey by one rule.
 Verdict judge(const Rule& rule, const Survey& survey, Findings* findings);
