@@ -254,19 +254,17 @@ Finding statesPresent(const Item<Entity>& item) {
     return expect(!states->empty(), "no state", "at least one state");
 }
 
-template <auto... kLists>
+template <auto kLists, auto... kMore>
 void stable(const Survey& survey, Findings* findings) {
-    const auto judgeAll = [&](const auto& lists) {
-        for (const auto& list : lists) {
-            if (!isForAll(list)) continue;
-            const auto& first = *announced(lists);
-            findings->add(
-                CallItem{survey, list},
-                expect(list.records == first, "{} entries, not those of the first call",
-                       "the {1} entries of the first call", list.records.size(), first.size()));
-        }
-    };
-    (judgeAll(survey.*kLists), ...);
+    for (const auto& list : survey.*kLists) {
+        if (!isForAll(list)) continue;
+        const auto& first = *announced(survey.*kLists);
+        findings->add(
+            CallItem{survey, list},
+            expect(list.records == first, "{} entries, not those of the first call",
+                   "the {1} entries of the first call", list.records.size(), first.size()));
+    }
+    (stable<kMore>(survey, findings), ...);
 }
 
 template <typename Thing, std::string Thing::*kText>
@@ -368,19 +366,19 @@ Finding knownAccepted(const CallItem& item) {
     return finding;
 }
 
-template <auto... kAnswers>
+template <auto kAnswers, auto... kMore>
 void announcedOnly(const Survey& survey, Findings* findings) {
-    const auto judgeAll = [&](const auto& answer) {
+    for (const auto& answer : survey.*kAnswers) {
         using Record = RecordOf<decltype(answer)>;
         const auto* const list = announcedFor<Record>(survey);
-        if (list == nullptr || answer.request == Request::kUnknown) return;
+        if (list == nullptr || answer.request == Request::kUnknown) continue;
         for (const Record& record : answer.records) {
             findings->add(Item<Record>{survey, answer, record},
                           expect(find(list, record.id) != nullptr, "an id that is not in the list",
                                  "only ids that are announced"));
         }
-    };
-    (std::for_each((survey.*kAnswers).begin(), (survey.*kAnswers).end(), judgeAll), ...);
+    }
+    (announcedOnly<kMore>(survey, findings), ...);
 }
 
 Finding stateAnnounced(const Item<StateResult>& item) {

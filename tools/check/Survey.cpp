@@ -41,19 +41,18 @@ EnergyResult convert(const stats_aidl::EnergyMeasurement& energy) {
 EnergyResult convert(const stats_V1_0::EnergyData& energy) {
     return {fromHal(energy), energy.index};
 }
+template <typename From, typename Id>
+EntityResult convertStates(int64_t entity, const From& states, Id id) {
+    EntityResult result{entity, {}};
+    for (const auto& state : states) result.states.push_back({fromHal(state), state.*id});
+    return result;
+}
 EntityResult convert(const stats_aidl::StateResidencyResult& from) {
-    EntityResult entity{from.id, {}};
-    for (const auto& state : from.stateResidencyData) {
-        entity.states.push_back({fromHal(state), state.id});
-    }
-    return entity;
+    return convertStates(from.id, from.stateResidencyData, &stats_aidl::StateResidency::id);
 }
 EntityResult convert(const stats_V1_0::PowerEntityStateResidencyResult& from) {
-    EntityResult entity{from.powerEntityId, {}};
-    for (const auto& state : from.stateResidencyData) {
-        entity.states.push_back({fromHal(state), state.powerEntityStateId});
-    }
-    return entity;
+    using State = stats_V1_0::PowerEntityStateResidencyData;
+    return convertStates(from.powerEntityId, from.stateResidencyData, &State::powerEntityStateId);
 }
 
 constexpr size_t kId = 4;
