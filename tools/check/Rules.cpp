@@ -121,7 +121,7 @@ struct Item {
     const Call* callBefore = nullptr;
 
     std::string name() const {
-        const std::string thing =
+        std::string thing =
             (kIsOfRail<Record> ? "rail " : "power entity ") +
             nameIn(announcedFor<Record>(survey), kIsOfState<Record> ? entity : record.id);
         if (!kIsOfState<Record>) return thing;
@@ -794,7 +794,7 @@ std::vector<std::string> takeNotes(const Survey& survey) {
     for (const auto& [text, names] : things) {
         const std::string others =
             names.size() > 1 ? fmt::format(" and {} more", names.size() - 1) : "";
-        notes.insert(names.begin()->second + others + ": " + text);
+        notes.insert(fmt::format("{}{}: {}", names.begin()->second, others, text));
     }
     return {notes.begin(), notes.end()};
 }
