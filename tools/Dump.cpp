@@ -107,10 +107,8 @@ bool parse(const Call& call, Result* result) {
         call.isRails ? Section{"rails", "rail", {{"timestamp_ms"}, {"energy_mj", "energy (mJ)"}}}
                      : Section{"entities",
                                "entity and state",
-                               {{"timestamp_ms"}},
-                               {{"time_ms", "time (ms)"}, {"entries", "entries"}},
-                               {},
-                               1};
+                               {{"timestamp_ms"}, {kStates}},
+                               {{"time_ms", "time (ms)"}, {"entries", "entries"}}};
     PowerDataResult message;
     if (call.bytes &&
         !message.ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {

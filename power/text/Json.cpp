@@ -6,41 +6,27 @@
 
 namespace powerstats {
 
-namespace {
-
 using nlohmann::ordered_json;
 
-ordered_json convert(const Json& json);
+Json::Json(double number) : mText(ordered_json(number).dump()) {}
 
-struct Converter {
-    template <typename Value>
-    ordered_json operator()(const Value& value) const {
-        return value;
-    }
-    ordered_json operator()(const Json::Array& array) const {
-        ordered_json converted = ordered_json::array();
-        for (const Json& element : array) converted.push_back(convert(element));
-        return converted;
-    }
-    ordered_json operator()(const Json::Object& object) const {
-        ordered_json::object_t converted;
-        for (const auto& [name, value] : object) {
-            // Not by the operator that looks for the name.
-            converted.ordered_json::object_t::Container::emplace_back(std::string(name),
-                                                                      convert(value));
-        }
-        return converted;
-    }
-};
+Json::Json(std::string_view text)
+    : mText(ordered_json(text).dump(-1, ' ', false, ordered_json::error_handler_t::replace)) {}
 
-ordered_json convert(const Json& json) {
-    return std::visit(Converter(), json.value());
+Json::Json(const Array& array) : mText("[") {
+    for (const Json& element : array) mText += (mText.size() > 1 ? "," : "") + element.mText;
+    mText += ']';
 }
 
-}  // namespace
+Json::Json(const Object& object) : mText("{") {
+    for (const auto& [name, value] : object) {
+        mText += (mText.size() > 1 ? "," : "") + Json(name).mText + ':' + value.mText;
+    }
+    mText += '}';
+}
 
 std::string Json::print(int indent) const {
-    return convert(*this).dump(indent, ' ', false, ordered_json::error_handler_t::replace);
+    return indent < 0 ? mText : ordered_json::parse(mText).dump(indent);
 }
 
 std::optional<std::map<std::string, size_t>> arraySizes(const std::string& text) {

@@ -5,14 +5,12 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace powerstats {
@@ -25,32 +23,24 @@ class Json {
 
     /// Null.
     Json() = default;
-    template <typename Number, typename = std::enable_if_t<std::is_arithmetic_v<Number>>>
-    Json(Number number) {
-        if constexpr (std::is_same_v<Number, bool>) {
-            mValue = number;
-        } else if constexpr (std::is_integral_v<Number>) {
-            mValue = static_cast<int64_t>(number);
-        } else {
-            mValue = static_cast<double>(number);
-        }
-    }
-    Json(std::string text) : mValue(std::move(text)) {}
-    Json(std::string_view text) : mValue(std::string(text)) {}
-    Json(const char* text) : mValue(std::string(text)) {}
-    Json(Array array) : mValue(std::move(array)) {}
-    /// Names must outlive the value; literals do.
-    Json(Object object) : mValue(std::move(object)) {}
-
-    const auto& value() const { return mValue; }
+    Json(double number);
+    template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
+    Json(Number number)
+        : mText(std::is_same_v<Number, bool> ? number != 0 ? "true" : "false"
+                                             : std::to_string(number)) {}
+    Json(std::string_view text);
+    Json(const std::string& text) : Json(std::string_view(text)) {}
+    Json(const char* text) : Json(std::string_view(text)) {}
+    Json(const Array& array);
+    Json(const Object& object);
 
     /// Returns the text in one line, or with an indent in many. Bytes that are not UTF-8 become
     /// U+FFFD, and numbers that are not finite become null.
     std::string print(int indent = -1) const;
 
   private:
-    std::variant<std::nullptr_t, bool, int64_t, double, std::string, Array, Object> mValue =
-        nullptr;
+    /// In one line.
+    std::string mText = "null";
 };
 
 /// Reads the text of an object.

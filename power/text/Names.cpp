@@ -2,22 +2,17 @@
 
 #include "power/text/Names.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 namespace powerstats {
 
 namespace {
-
-/// Formats a number into an escape; `format` has one hexadecimal conversion.
-std::string escape(const char* format, uint32_t value) {
-    char text[16];
-    snprintf(text, sizeof(text), format, value);
-    return text;
-}
 
 /// Noncharacters are valid UTF-8, but validators of texts refuse them. Separators of lines and
 /// controls of the direction of writing change the text around them. Names that differ in
@@ -64,11 +59,11 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
         if (character.size == 0 || isControlCharacter(character.codePoint)) {
             std::string escaped;
             for (const char byte : text) {
-                escaped += escape("\\x%02X", static_cast<unsigned char>(byte));
+                escaped += fmt::format("\\x{:02X}", static_cast<unsigned char>(byte));
             }
             text = escaped;
         } else if (isUnfit(character.codePoint)) {
-            text = escape("\\u{%X}", character.codePoint);
+            text = fmt::format("\\u{{{:X}}}", character.codePoint);
         }
         if (name.size() + text.size() > maxSize) break;
         name += text;
@@ -114,28 +109,20 @@ std::vector<std::string> distinctNames(const std::vector<std::vector<std::string
 
 namespace {
 
-const std::string& qualifierOf(const Rail& rail) {
-    return rail.subsystem;
-}
-
-/// For an entity or a state, which have none.
-template <typename Thing>
-std::string qualifierOf(const Thing& /*thing*/) {
-    return "";
-}
-
 template <typename Thing>
 void rename(std::vector<Thing>* things, bool isFixed) {
     std::vector<std::vector<std::string>> choices;
     choices.reserve(things->size());
     for (const Thing& thing : *things) {
-        const std::string qualifier = qualifierOf(thing);
         const std::string id = "id " + std::to_string(thing.id);
         if (thing.name.empty() || isFixed) {
             choices.push_back({thing.name.empty() ? id : thing.name});
             continue;
         }
-        const std::string name = qualifier.empty() ? thing.name : qualifier + "/" + thing.name;
+        std::string name = thing.name;
+        if constexpr (std::is_same_v<Thing, Rail>) {
+            if (!thing.subsystem.empty()) name = thing.subsystem + "/" + name;
+        }
         choices.push_back({thing.name, name, name + " (" + id + ")"});
     }
     std::vector<std::string> names = distinctNames(choices);

@@ -46,56 +46,48 @@ std::vector<std::string> tableCells(const Row& row, const std::vector<Column>& c
     return cells;
 }
 
-struct ToJson {
-    Json operator()(std::monostate) const { return {}; }
-    Json operator()(const Spread& spread) const {
-        return Json::Object{{"mean", spread.mean},
-                            {"standard_deviation", spread.deviation.value_or(0)}};
-    }
-    template <typename Number>
-    Json operator()(Number number) const {
-        return number;
-    }
-};
-
 Json::Object toJson(const Row& row, const std::vector<Column>& columns,
-                    const std::vector<Column>& stateColumns, size_t cellsBeforeStates) {
+                    const std::vector<Column>& stateColumns) {
     Json::Object object;
     if (row.id) object.emplace_back("id", *row.id);
     object.emplace_back("name", row.name);
     if (row.subsystem) object.emplace_back("subsystem", *row.subsystem);
-    const auto addStates = [&] {
-        if (stateColumns.empty()) return;
+    for (size_t i = 0; i < columns.size(); ++i) {
+        if (columns[i].key != kStates) {
+            object.emplace_back(columns[i].key, toJson(row.cells[i]));
+            continue;
+        }
         Json::Array states;
         for (const Row& state : row.states) {
-            if (!state.isRest) states.emplace_back(toJson(state, stateColumns, {}, 0));
+            if (!state.isRest) states.emplace_back(toJson(state, stateColumns, {}));
         }
-        object.emplace_back("states", std::move(states));
-    };
-    for (size_t i = 0; i < columns.size(); ++i) {
-        if (i == cellsBeforeStates) addStates();
-        object.emplace_back(columns[i].key, powerstats::toJson(row.cells[i]));
+        object.emplace_back(kStates, states);
     }
-    if (columns.size() <= cellsBeforeStates) addStates();
     if (row.trouble != nullptr) object.emplace_back("trouble", row.trouble);
     return object;
 }
 
-/// Calls a function with each figure of CSV: the thing, its state or null, the column and the cell.
-template <typename Function>
-void forCsvFigures(const std::vector<Section>& sections, const Function& function) {
-    const auto walk = [&](const Row& thing, const Row* state, const std::vector<Column>& columns) {
-        const std::vector<Cell>& cells = (state != nullptr ? state : &thing)->cells;
-        for (size_t i = 0; i < cells.size(); ++i) {
-            if (columns[i].csvSuffix != nullptr) function(thing, state, columns[i], cells[i]);
+/// The figures that CSV has, after the names of their columns.
+using CsvFigures = std::vector<std::pair<std::string, Cell>>;
+
+CsvFigures csvFiguresOf(const std::vector<Section>& sections) {
+    CsvFigures figures;
+    const auto add = [&](const std::string& name, const Row& row,
+                         const std::vector<Column>& columns) {
+        for (size_t i = 0; i < row.cells.size(); ++i) {
+            if (columns[i].csvSuffix == nullptr) continue;
+            figures.emplace_back(name + columns[i].csvSuffix, row.cells[i]);
         }
     };
     for (const Section& section : sections) {
         for (const Row& row : section.rows) {
-            walk(row, nullptr, section.columns);
-            for (const Row& state : row.states) walk(row, &state, section.stateColumns);
+            add(fmt::format("rail.{}", row.name), row, section.columns);
+            for (const Row& state : row.states) {
+                add(fmt::format("entity.{}.{}", row.name, state.name), state, section.stateColumns);
+            }
         }
     }
+    return figures;
 }
 
 /// The cells where they are known, otherwise as many without a figure.
@@ -148,14 +140,18 @@ std::string formatTable(const Section& section) {
 }
 
 Json toJson(const Cell& cell) {
-    return std::visit(ToJson(), cell);
+    if (const auto* number = std::get_if<int64_t>(&cell)) return *number;
+    if (const auto* number = std::get_if<double>(&cell)) return *number;
+    const auto* const spread = std::get_if<Spread>(&cell);
+    if (spread == nullptr) return {};
+    return Json::Object{{"mean", spread->mean},
+                        {"standard_deviation", spread->deviation.value_or(0)}};
 }
 
 Json toJson(const Section& section) {
     Json::Array list;
     for (const Row& row : section.rows) {
-        list.emplace_back(
-            toJson(row, section.columns, section.stateColumns, section.cellsBeforeStates));
+        list.emplace_back(toJson(row, section.columns, section.stateColumns));
     }
     return list;
 }
@@ -196,20 +192,19 @@ std::vector<Section> sectionsOf(const Interval& interval) {
     }
     Section entities{"entities",
                      "entity and state",
-                     {{"interval_ms"}, {"none_of_these_percent"}},
+                     {{"interval_ms"}, {kStates}, {"none_of_these_percent"}},
                      {{"time_ms"},
                       {"share_percent", "time (%)", 1, ".percent"},
                       {"entries"},
-                      {"entries_per_s", "entries/s", 1, ".entries_per_s"}},
-                     {},
-                     1};
+                      {"entries_per_s", "entries/s", 1, ".entries_per_s"}}};
     for (size_t i = 0; i < lists.entities.size(); ++i) {
         const Interval::EntityFigures& entity = interval.entities[i];
         const bool isKnown = entity.trouble == Trouble::kNone;
         Row& row = entities.rows.emplace_back();
         row.name = lists.entities[i].name;
         row.id = lists.entities[i].id;
-        row.cells = cellsIf(isKnown, toMilliseconds(entity.elapsed), entity.noneShare * 100);
+        row.cells = cellsIf(isKnown, toMilliseconds(entity.elapsed), std::monostate(),
+                            entity.noneShare * 100);
         row.trouble = toText(entity.trouble);
         row.steady = steadyState(interval, i);
         for (size_t j = 0; j < entity.states.size(); ++j) {
@@ -264,14 +259,9 @@ Json toJson(const Interval& interval) {
 
 /// Finds the columns of the figures of an interval.
 /// @return whether the header has them all.
-bool IntervalPrinter::placeColumns(const std::vector<Section>& sections) {
+bool IntervalPrinter::placeColumns(const CsvFigures& figures) {
     std::vector<std::vector<std::string>> names;
-    forCsvFigures(sections, [&](const Row& thing, const Row* state, const Column& column,
-                                const Cell&) {
-        names.push_back({state == nullptr ? fmt::format("rail.{}{}", thing.name, column.csvSuffix)
-                                          : fmt::format("entity.{}.{}{}", thing.name, state->name,
-                                                        column.csvSuffix)});
-    });
+    for (const auto& [name, figure] : figures) names.push_back({name});
     const std::vector<std::string> distinct = distinctNames(names);
     std::unordered_map<std::string, size_t> known;
     if (mColumns) {
@@ -291,10 +281,11 @@ bool IntervalPrinter::placeColumns(const std::vector<Section>& sections) {
 
 std::string IntervalPrinter::printCsv(const Interval& interval) {
     const std::vector<Section> sections = sectionsOf(interval);
+    const CsvFigures figures = csvFiguresOf(sections);
     std::string text;
     if (mPlacesOf != interval.lists) {
         mPlacesOf = interval.lists;
-        if (!placeColumns(sections)) {
+        if (!placeColumns(figures)) {
             text = "timestamp_ms,interval_ms,suspended_ms";
             for (const std::string& column : *mColumns) text += ',' + csvField(column);
             text += ",notes\n";
@@ -302,14 +293,11 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
     }
     text += fmt::format("{},{},{}", toMilliseconds(interval.time), toMilliseconds(interval.elapsed),
                         toMilliseconds(interval.suspended));
-    std::vector<std::string> figures(mColumns->size());
-    size_t place = 0;
-    forCsvFigures(sections, [&](const Row&, const Row*, const Column&, const Cell& cell) {
-        const auto* number = std::get_if<double>(&cell);
-        if (number != nullptr) figures[mPlaces[place]] = fmt::format("{:.3f}", *number);
-        ++place;
-    });
-    for (const std::string& figure : figures) text += ',' + figure;
+    std::vector<std::string> fields(mColumns->size());
+    for (size_t i = 0; i < figures.size(); ++i) {
+        fields[mPlaces[i]] = formatCell(figures[i].second, 3);
+    }
+    for (const std::string& field : fields) text += ',' + field;
     std::vector<std::string> notes = notesOf(interval);
     for (const Section& section : sections) {
         for (const Row& row : section.rows) {
@@ -326,16 +314,12 @@ std::string IntervalPrinter::print(const Interval& interval) {
     if (mFormat == "jsonl") return toJson(interval).print() + '\n';
     std::string text =
         fmt::format("{} ms to {}\n", toMilliseconds(interval.elapsed), afterBoot(interval.time));
-    for (Section& section : sectionsOf(interval)) {
-        for (Row& row : section.rows) {
-            const auto isIdleRest = [](const Row& state) {
-                const auto* share = state.isRest && state.cells.size() > 1
-                                        ? std::get_if<double>(&state.cells[1])
-                                        : nullptr;
-                return share != nullptr && !(*share > 0);
-            };
-            if (!row.states.empty() && isIdleRest(row.states.back())) row.states.pop_back();
-        }
+    std::vector<Section> sections = sectionsOf(interval);
+    for (size_t i = 0; i < interval.entities.size(); ++i) {
+        if (interval.entities[i].noneShare > 0) continue;
+        sections.back().rows[i].states.pop_back();  // the time in no state
+    }
+    for (const Section& section : sections) {
         if (!section.rows.empty()) text += formatTable(section);
     }
     // Those of single rails and entities are in their rows.

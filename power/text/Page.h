@@ -28,6 +28,9 @@ struct Spread {
 /// Absent, a whole number, a number, or a spread.
 using Cell = std::variant<std::monostate, int64_t, double, Spread>;
 
+/// The column of JSON that has an entity's states in place of a figure.
+inline constexpr const char* kStates = "states";
+
 struct Column {
     /// In JSON.
     const char* key;
@@ -65,8 +68,6 @@ struct Section {
     std::vector<Column> columns;
     std::vector<Column> stateColumns = {};
     std::vector<Row> rows = {};
-    /// How many of an entity's figures are before its states in JSON.
-    size_t cellsBeforeStates = 0;
 };
 
 /// A figure for people: "12.5", or "12.5 ± 0.1" for several runs; empty when it is absent.
@@ -107,7 +108,7 @@ class IntervalPrinter {
     std::string print(const Interval& interval);
 
   private:
-    bool placeColumns(const std::vector<Section>& sections);
+    bool placeColumns(const std::vector<std::pair<std::string, Cell>>& figures);
     std::string printCsv(const Interval& interval);
 
     const std::string mFormat;

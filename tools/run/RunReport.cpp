@@ -146,15 +146,19 @@ Section entitiesOf(const std::vector<Interval>& runs) {
     return section;
 }
 
+/// The figures of the rail with a name, or null.
+const Interval::RailFigures* findRail(const Interval& run, const std::string& name) {
+    for (size_t i = 0; i < run.rails.size(); ++i) {
+        if (run.lists->rails[i].name == name) return &run.rails[i];
+    }
+    return nullptr;
+}
+
 /// Says in which run a rail has no figures, and why.
 std::string findUnread(const std::string& name, const std::vector<Interval>& runs) {
     for (size_t i = 0; i < runs.size(); ++i) {
-        const std::vector<Rail>& rails = runs[i].lists->rails;
-        const auto rail = std::find_if(rails.begin(), rails.end(),
-                                       [&](const Rail& known) { return known.name == name; });
-        const Trouble trouble =
-            rail == rails.end() ? Trouble::kWent
-                                : runs[i].rails[static_cast<size_t>(rail - rails.begin())].trouble;
+        const Interval::RailFigures* const rail = findRail(runs[i], name);
+        const Trouble trouble = rail == nullptr ? Trouble::kWent : rail->trouble;
         if (trouble == Trouble::kNone) continue;
         return trouble == Trouble::kNoTime
                    ? fmt::format("run {} was shorter than one reading of this rail", i + 1)
@@ -217,34 +221,29 @@ std::string formatCsv(const RunReport& report) {
         "run,elapsed_ms,kind,name,state,energy_j,power_w,share_percent,entries,trouble\n";
     for (size_t i = 0; i < report.runs.size(); ++i) {
         const Interval& run = report.runs[i];
-        const auto add = [&](nanoseconds elapsed, const char* kind, std::string_view name,
-                             const std::string& figures, Trouble trouble) {
-            text += fmt::format("{},{},{},{},{},{}\n", i + 1, toMilliseconds(elapsed), kind,
-                                csvField(name), figures, toText(trouble));
+        const auto add = [&](const auto& thing, const char* kind, std::string_view name,
+                             std::string_view state, const std::string& figures) {
+            const bool isKnown = thing.trouble == Trouble::kNone;
+            text += fmt::format("{},{},{},{},{},{},{}\n", i + 1,
+                                toMilliseconds(isKnown ? thing.elapsed : run.elapsed), kind,
+                                csvField(name), csvField(state), isKnown ? figures : ",,,",
+                                toText(thing.trouble));
         };
         for (size_t j = 0; j < run.rails.size(); ++j) {
             const Interval::RailFigures& rail = run.rails[j];
-            const bool isKnown = rail.trouble == Trouble::kNone;
-            add(isKnown ? rail.elapsed : run.elapsed, "rail", run.lists->rails[j].name,
-                isKnown ? fmt::format(",{},{},,", joulesOf(rail), wattsOf(rail)) : ",,,,",
-                rail.trouble);
+            add(rail, "rail", run.lists->rails[j].name, "",
+                fmt::format("{},{},,", joulesOf(rail), wattsOf(rail)));
         }
         for (size_t j = 0; j < run.entities.size(); ++j) {
             const Interval::EntityFigures& entity = run.entities[j];
             const Entity& names = run.lists->entities[j];
-            const bool isKnown = entity.trouble == Trouble::kNone;
-            const nanoseconds elapsed = isKnown ? entity.elapsed : run.elapsed;
             for (size_t k = 0; k < entity.states.size(); ++k) {
-                const Interval::StateFigures& state = entity.states[k];
-                add(elapsed, "state", names.name,
-                    csvField(names.states[k].name) +
-                        (isKnown ? fmt::format(",,,{},{}", state.share * 100, state.entries)
-                                 : ",,,,"),
-                    entity.trouble);
+                add(entity, "state", names.name, names.states[k].name,
+                    fmt::format(",,{},{}", entity.states[k].share * 100, entity.states[k].entries));
             }
-            if (!isKnown) continue;
-            add(elapsed, "state", names.name,
-                csvField(kNoState) + fmt::format(",,,{},", entity.noneShare * 100), entity.trouble);
+            if (entity.trouble != Trouble::kNone) continue;
+            add(entity, "state", names.name, kNoState,
+                fmt::format(",,{},", entity.noneShare * 100));
         }
     }
     return text;
@@ -290,13 +289,8 @@ std::optional<Limit> parseLimit(const std::string& text) {
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
     std::vector<double> watts;
     for (const Interval& run : runs) {
-        for (size_t i = 0; i < run.rails.size(); ++i) {
-            if (run.lists->rails[i].name != limit.rail || run.rails[i].trouble != Trouble::kNone) {
-                continue;
-            }
-            watts.push_back(wattsOf(run.rails[i]));
-            break;
-        }
+        const Interval::RailFigures* const rail = findRail(run, limit.rail);
+        if (rail != nullptr && rail->trouble == Trouble::kNone) watts.push_back(wattsOf(*rail));
     }
     if (watts.empty() || watts.size() != runs.size()) return {};
     const Spread spread = summarize(watts);
