@@ -37,7 +37,6 @@ void occupyStandardStreams() {
 }
 
 const char* gProgram = "";
-const char* gPath = "";
 /// As they were when the program started.
 rlimit gOpenFiles{};
 sighandler_t gPipeAction = SIG_DFL;
@@ -72,21 +71,6 @@ std::string quoted(const std::string& text) {
     return text.empty() ? "\"\"" : text;
 }
 
-Value numberValue(const Range& range, bool isWhole, const std::function<void(double)>& set,
-                  const std::string& byDefault = {}) {
-    const std::string span = fmt::format("{} to {}", range.least, range.most);
-    const auto take = [=](const std::string& text) {
-        const std::optional<double> number = parseNumber(text, range);
-        if (!number || (isWhole && *number != std::floor(*number))) {
-            return fmt::format("{} is not a {} from {}", quoted(text),
-                               isWhole ? "whole number" : "number", span);
-        }
-        set(*number);
-        return std::string();
-    };
-    return {"NUMBER", byDefault, span, take};
-}
-
 }  // namespace
 
 void say(const std::string& text) {
@@ -100,10 +84,6 @@ bool writeOutput(const std::string& text) {
     if (written && std::fflush(stdout) == 0) return true;
     if (errno != EPIPE) say(fmt::format("standard output: {}", std::strerror(errno)));
     return false;
-}
-
-std::string programPath() {
-    return gPath;
 }
 
 void restoreForExec() {
@@ -121,41 +101,39 @@ std::optional<double> parseNumber(const std::string& text, const Range& range) {
     return number;
 }
 
-Value number(double* target, const Range& range) {
-    return numberValue(
-        range, false, [target](double number) { *target = number; }, fmt::to_string(*target));
+template <typename Target>
+Value number(Target* target, const Range& range) {
+    constexpr bool isWhole =
+        std::is_same_v<Target, int> || std::is_same_v<Target, std::optional<int>>;
+    using Number = std::conditional_t<isWhole, int, double>;
+    const std::string span = fmt::format("{} to {}", range.least, range.most);
+    const auto take = [=](const std::string& text) {
+        const std::optional<double> number = parseNumber(text, range);
+        if (!number || (isWhole && *number != std::floor(*number))) {
+            return fmt::format("{} is not a {} from {}", quoted(text),
+                               isWhole ? "whole number" : "number", span);
+        }
+        *target = static_cast<Number>(*number);
+        return std::string();
+    };
+    const std::optional<Number> byDefault(*target);
+    return {"NUMBER", byDefault ? fmt::to_string(*byDefault) : "", span, take};
 }
 
-Value number(std::optional<double>* target, const Range& range) {
-    return numberValue(range, false, [target](double number) { *target = number; });
-}
+template Value number(double* target, const Range& range);
+template Value number(std::optional<double>* target, const Range& range);
+template Value number(int* target, const Range& range);
+template Value number(std::optional<int>* target, const Range& range);
 
-Value wholeNumber(int* target, const Range& range) {
-    return numberValue(
-        range, true, [target](double number) { *target = static_cast<int>(number); },
-        fmt::to_string(*target));
-}
-
-Value wholeNumber(std::optional<int>* target, const Range& range) {
-    return numberValue(range, true,
-                       [target](double number) { *target = static_cast<int>(number); });
-}
-
-Value choice(const std::vector<std::string>& words, std::function<void(const std::string&)> take) {
-    const auto check = [words, take = std::move(take)](const std::string& text) {
+Value choice(std::string* target, const std::vector<std::string>& words) {
+    const auto take = [=](const std::string& text) {
         if (std::find(words.begin(), words.end(), text) == words.end()) {
             return fmt::format("{} is not one of {}", quoted(text), fmt::join(words, ", "));
         }
-        take(text);
+        *target = text;
         return std::string();
     };
-    return {fmt::format("TEXT:{{{}}}", fmt::join(words, ",")), "", "", check};
-}
-
-Value choice(std::string* target, const std::vector<std::string>& words) {
-    Value value = choice(words, [target](const std::string& word) { *target = word; });
-    value.byDefault = *target;
-    return value;
+    return {fmt::format("TEXT:{{{}}}", fmt::join(words, ",")), *target, "", take};
 }
 
 Value folder(std::string* target) {
@@ -177,65 +155,36 @@ Value text(std::string* target, const char* type) {
             }};
 }
 
-Value texts(std::vector<std::string>* target, const char* type) {
-    return {type, "", "", [target](const std::string& text) {
-                target->push_back(text);
-                return std::string();
-            }};
-}
-
-Option Option::require() {
-    mOption->required();
-    return *this;
-}
-
-Option Option::repeat() {
-    mOption->take_all();
-    return *this;
-}
-
-Option Option::letValueLack() {
-    mOption->expected(0, 1);
-    return *this;
-}
-
-Option Option::needs(const Option& other) {
-    mOption->needs(other.mOption);
-    return *this;
-}
-
-Option Option::excludes(const Option& other) {
-    mOption->excludes(other.mOption);
-    return *this;
-}
-
-bool Option::isGiven() const {
-    return mOption->count() != 0;
-}
-
-CommandLine::CommandLine(const char* name, const char* version, const char* text)
+CommandLine::CommandLine(const char* name, const char* version, const char* text,
+                         const char* footer)
     : mApp(std::make_shared<CLI::App>(text, name)) {
     mApp->set_version_flag("--version", fmt::format("{} {}", name, version));
+    mApp->footer(footer);
 }
 
-CommandLine CommandLine::addSubcommand(const char* name, const char* text) {
+CommandLine CommandLine::addSubcommand(const char* name, const char* text, const char* footer) {
     // The program's parser owns it.
-    return CommandLine(std::shared_ptr<CLI::App>(mApp, mApp->add_subcommand(name, text)));
+    return CommandLine({std::shared_ptr<void>(), mApp->add_subcommand(name, text)->footer(footer)});
 }
 
-Option CommandLine::addOption(const char* names, const char* text, const Value& value) {
+void CommandLine::addOption(const char* names, const char* text, const Value& value) {
     const std::string help = value.note.empty() ? text : fmt::format("{} ({})", text, value.note);
-    // The parser does not check the empty text that stands for a value that may lack.
-    const auto takeNone = [take = value.take](const Words& words) {
-        return words != Words{""} || take("").empty();
+    // The parser does not check the empty text that stands for a value that is left out.
+    const auto takeNone = [value](const Words& words) {
+        return words != Words{""} || value.take(value.whenLeftOut).empty();
     };
     CLI::Option* const option = mApp->add_option(names, takeNone, help);
-    option->expected(1)->check(value.take)->type_name(value.type)->default_str(value.byDefault);
-    return Option(option);
+    option->expected(value.whenLeftOut.empty() ? 1 : 0, 1)->check(value.take);
+    option->type_name(value.type)->default_str(value.byDefault)->required(value.isRequired);
+    if (value.mayRepeat) option->take_all();
+    if (!value.needs.empty()) option->needs(mApp->get_option(value.needs));
+    if (!value.excludes.empty()) option->excludes(mApp->get_option(value.excludes));
 }
 
-Option CommandLine::addFlag(const char* names, const char* text, std::function<void()> set) {
-    return Option(mApp->add_flag_callback(names, std::move(set), text));
+void CommandLine::addFlag(const char* names, const char* text, bool* target, const char* needs) {
+    CLI::Option* const flag = mApp->add_flag_callback(
+        names, [target] { *target = true; }, text);
+    if (*needs != '\0') flag->needs(mApp->get_option(needs));
 }
 
 void CommandLine::addCommand(const char* text, std::vector<std::string>* words) {
@@ -251,10 +200,6 @@ void CommandLine::addCommand(const char* text, std::vector<std::string>* words) 
     mApp->positionals_at_end();
 }
 
-void CommandLine::addFooter(const char* text) {
-    mApp->footer(text);
-}
-
 void CommandLine::checkAtEnd(std::function<std::string()> check) {
     mApp->final_callback([check = std::move(check)] {
         const std::string reason = check();
@@ -266,25 +211,25 @@ bool CommandLine::isGiven() const {
     return mApp->parsed();
 }
 
-std::optional<int> CommandLine::parse(int argc, char** argv) {
-    return parseArguments(mApp.get(), argc, argv);
+bool CommandLine::isGiven(const char* option) const {
+    return mApp->count(option) != 0;
 }
 
-std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
+std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
-        app->parse(argc, argv);
+        mApp->parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            app->exit(error);
+            mApp->exit(error);
             if (std::cout.flush()) return 0;
             say("standard output cannot be written");
             return 1;
         }
-        std::string program = app->get_name();
-        for (const CLI::App* subcommand : app->get_subcommands()) {
+        std::string program = mApp->get_name();
+        for (const CLI::App* subcommand : mApp->get_subcommands()) {
             program += " " + subcommand->get_name();
         }
-        say(fmt::format("{} (see {} --help)", describe(error, *app), program));
+        say(fmt::format("{} (see {} --help)", describe(error, *mApp), program));
         return kUsage;
     }
     return std::nullopt;
@@ -292,7 +237,6 @@ std::optional<int> parseArguments(CLI::App* app, int argc, char** argv) {
 
 int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
     gProgram = name;
-    if (argc > 0) gPath = argv[0];
     getrlimit(RLIMIT_NOFILE, &gOpenFiles);
     occupyStandardStreams();
     ignoreSignals();

@@ -15,7 +15,6 @@
 
 namespace CLI {
 class App;
-class Option;
 }  // namespace CLI
 
 namespace powerstats {
@@ -54,57 +53,43 @@ struct Value {
     /// Takes the user's text.
     /// @return why it is refused, with the remedy; empty when it was taken.
     std::function<std::string(const std::string& text)> take;
+    bool mayRepeat = false;
+    bool isRequired = false;
+    /// Taken when the value is left out; empty: it may not be.
+    std::string whenLeftOut = {};
+    /// Other options of the command line, which were added before.
+    std::string needs = {};
+    std::string excludes = {};
 };
 
-/// A number in a range. The target's own value is the default; there is none for an empty one.
-Value number(double* target, const Range& range);
-Value number(std::optional<double>* target, const Range& range);
-Value wholeNumber(int* target, const Range& range);
-Value wholeNumber(std::optional<int>* target, const Range& range);
-/// One of some words, which a function takes; see Value::take.
-Value choice(const std::vector<std::string>& words, std::function<void(const std::string&)> take);
-/// The target's own value is the default; there is none if it is empty.
+/// A number in a range, a whole one for an integer. The target's own value is the default; there is
+/// none for an empty one.
+/// @param Target [in] double, int or an optional one of them.
+template <typename Target>
+Value number(Target* target, const Range& range);
+/// One of some words. The target's own value is the default; there is none if it is empty.
 Value choice(std::string* target, const std::vector<std::string>& words);
 /// A folder that exists. The target's own value is the default.
 Value folder(std::string* target);
 /// Any text.
 Value text(std::string* target, const char* type);
-/// Any text, once for each time that the option is given.
-Value texts(std::vector<std::string>* target, const char* type);
-
-/// An option that was added to a command line. Each function returns this option.
-class Option {
-  public:
-    explicit Option(CLI::Option* option) : mOption(option) {}
-
-    Option require();
-    /// May be given several times.
-    Option repeat();
-    /// The value may be left out; then an empty text is taken.
-    Option letValueLack();
-    Option needs(const Option& other);
-    Option excludes(const Option& other);
-
-    bool isGiven() const;
-
-  private:
-    CLI::Option* mOption;
-};
 
 /// The command line of a program or of a subcommand. A copy is the same command line.
+/// That of a subcommand is valid as long as that of its program.
 class CommandLine {
   public:
     /// @param version [in] as `--version` prints it, after the name.
-    CommandLine(const char* name, const char* version, const char* text);
+    /// @param footer [in] the last lines of the help.
+    CommandLine(const char* name, const char* version, const char* text, const char* footer);
 
-    CommandLine addSubcommand(const char* name, const char* text);
-    Option addOption(const char* names, const char* text, const Value& value);
-    Option addFlag(const char* names, const char* text, std::function<void()> set);
+    CommandLine addSubcommand(const char* name, const char* text, const char* footer);
+    void addOption(const char* names, const char* text, const Value& value);
+    /// @param target [out] becomes true when the flag is given.
+    /// @param needs [in] as of Value.
+    void addFlag(const char* names, const char* text, bool* target, const char* needs = "");
     /// Adds the words that are no options: a command and its arguments. Options after the first of
     /// them belong to the command.
     void addCommand(const char* text, std::vector<std::string>* words);
-    /// Adds the last lines of the help.
-    void addFooter(const char* text);
     /// Has a function look at the options together, after each of them was taken.
     /// @param check [in] returns why they are refused; empty when they are not.
     void checkAtEnd(std::function<std::string()> check);
@@ -115,18 +100,13 @@ class CommandLine {
 
     /// Whether this subcommand was given.
     bool isGiven() const;
+    bool isGiven(const char* option) const;
 
   private:
     explicit CommandLine(std::shared_ptr<CLI::App> app) : mApp(std::move(app)) {}
 
     std::shared_ptr<CLI::App> mApp;
 };
-
-/// The same as CommandLine::parse(), for a parser that the caller has made.
-std::optional<int> parseArguments(CLI::App* app, int argc, char** argv);
-
-/// The program as its user typed it, for remedies.
-std::string programPath();
 
 /// Runs a program. An exception, as when memory runs out, ends it with one line and exit code 1.
 /// Closed standard streams, broken pipes and file size limits do not end it. It may open as many

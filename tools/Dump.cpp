@@ -19,7 +19,7 @@
 #include "power/text/Page.h"
 #include "proto/power_data_result.pb.h"
 #include "tools/Commands.h"
-#include "tools/LocalService.h"
+#include "tools/SourceOptions.h"
 
 namespace powerstats {
 
@@ -180,9 +180,9 @@ int dump(DumpArguments arguments) {
         return kUsage;
     }
     std::shared_ptr<Source> own;
-    const int status = openService(&arguments.service, stayAtFirstSample, &own);
+    const int status = openService(&arguments.service, kAtFirstSample, &own);
     // The library says itself that no service is on the bus.
-    if (status != 0 && !arguments.service.source.bus) return status;
+    if (status != 0 && arguments.service.source.bus.empty()) return status;
 
     std::vector<Call> calls;
     if (all || arguments.rails) calls.push_back({true, {}});
@@ -210,9 +210,8 @@ int dump(DumpArguments arguments) {
 
 Command addDump(CommandLine program) {
     const auto arguments = std::make_shared<DumpArguments>();
-    CommandLine command =
-        program.addSubcommand("dump", "Call the library once and print its result.");
-    command.addFooter(
+    CommandLine command = program.addSubcommand(
+        "dump", "Call the library once and print its result.",
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
@@ -220,10 +219,8 @@ Command addDump(CommandLine program) {
         "2 bad argument, or a library that cannot be loaded.\n"
         "Example: powerstats dump --residencies");
     addServiceOptions(command, &arguments->service);
-    command.addFlag("--rails", "Energy of the rails only",
-                    [arguments] { arguments->rails = true; });
-    command.addFlag("--residencies", "States of the power entities only",
-                    [arguments] { arguments->residencies = true; });
+    command.addFlag("--rails", "Energy of the rails only", &arguments->rails);
+    command.addFlag("--residencies", "States of the power entities only", &arguments->residencies);
     command.addOption("--format", "binary: the library's own bytes",
                       choice(&arguments->format, {"table", "json", "binary"}));
     Value library = text(&arguments->library, "FILE");

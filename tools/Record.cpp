@@ -39,8 +39,7 @@ int record(const RecordArguments& arguments) {
 Command addRecord(CommandLine program) {
     const auto arguments = std::make_shared<RecordArguments>();
     CommandLine command = program.addSubcommand(
-        "record", "Write what a service reports to a file, for trace viewers.");
-    command.addFooter(
+        "record", "Write what a service reports to a file, for trace viewers.",
         "The file is a protobuf trace with the readings, and with counters in milliwatts and\n"
         "percent. It is readable at any moment, also after the program was killed. --replay plays\n"
         "it back. The document recordings.md describes it.\n"
@@ -49,10 +48,10 @@ Command addRecord(CommandLine program) {
         "created.\n"
         "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace");
     addSamplerOptions(command, &arguments->sampler);
-    command
-        .addOption("-o,--output", "The file, which must not exist; only you can read it",
-                   text(&arguments->sampler.record, "FILE"))
-        .require();
+    Value output = text(&arguments->sampler.record, "FILE");
+    output.isRequired = true;
+    command.addOption("-o,--output", "The file, which must not exist; only you can read it",
+                      output);
     command.addOption("--duration",
                       "Seconds from the first reading to the last; without end by default",
                       number(&arguments->durationSeconds, {0, 1e9}));

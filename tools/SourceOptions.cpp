@@ -2,6 +2,7 @@
 
 #include "tools/SourceOptions.h"
 
+#include <android/binder_manager.h>
 #include <android/log.h>
 #include <fmt/format.h>
 #include <host/ServiceControl.h>
@@ -14,6 +15,7 @@
 
 #include "power/linux/LinuxSource.h"
 #include "power/service/ServiceSource.h"
+#include "power/service/Services.h"
 
 namespace powerstats {
 
@@ -40,6 +42,12 @@ std::vector<host::Bus> busesOf(const SourceOptions& options) {
     return {host::Bus::kSession, host::Bus::kSystem};
 }
 
+/// The names of the interfaces that are asked for: either, or both.
+std::vector<std::string> chosen(const std::string& hal, const char* aidl, const char* hidl) {
+    if (hal.empty()) return {aidl, hidl};
+    return {hal == "aidl" ? aidl : hidl};
+}
+
 /// Returns how many letters have to be added, removed or replaced to make one text of the other.
 size_t distance(const std::string& one, const std::string& other) {
     std::vector<size_t> row(other.size() + 1);
@@ -58,9 +66,8 @@ size_t distance(const std::string& one, const std::string& other) {
 /// Says which names of a service have no owner on a bus, and which owned ones are similar.
 std::string nobodyOwns(const std::string& hal, host::Bus bus) {
     constexpr size_t kSimilar = 2;
-    std::vector<std::string> wanted;
-    if (hal != "hidl") wanted.emplace_back("android.hardware.power.stats.IPowerStats");
-    if (hal != "aidl") wanted.emplace_back("android.hardware.power.stats.V1_0.IPowerStats");
+    const auto wanted = chosen(hal, "android.hardware.power.stats.IPowerStats",
+                               "android.hardware.power.stats.V1_0.IPowerStats");
     std::string text = fmt::format("nobody owns the name {}", fmt::join(wanted, " or "));
     for (const std::string& name : host::listBusNames(bus)) {
         const auto isSimilar = [&](const std::string& one) {
@@ -95,9 +102,8 @@ void explainAbsence(const std::vector<host::Bus>& buses, const std::string& hal)
 /// Finds a service as every look-up does: AIDL before HIDL, on each bus.
 /// @return the bus that it is on; std::nullopt when there is none.
 std::optional<host::Bus> findBus(const std::vector<host::Bus>& buses, const std::string& hal) {
-    for (const char* const name : {host::kAidlPowerStats, host::kHidlPowerStats}) {
+    for (const std::string& name : chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats)) {
         const bool isAidl = name == host::kAidlPowerStats;
-        if (hal == (isAidl ? "hidl" : "aidl")) continue;
         for (const host::Bus bus : buses) {
             host::setBusLookups({bus}, {name});
             if (isAidl ? findAidl() != nullptr : findHidl() != nullptr) return bus;
@@ -106,51 +112,76 @@ std::optional<host::Bus> findBus(const std::vector<host::Bus>& buses, const std:
     return std::nullopt;
 }
 
+/// Waits until a service is on the bus. From then on look-ups find only such services.
+/// @param hal [in] "aidl" or "hidl"; empty: either.
+/// @return 0, or kFailed after one line.
+int awaitService(SourceOptions* options, const std::string& hal) {
+    const std::vector<host::Bus> buses = busesOf(*options);
+    const auto until = steady_clock::now() + std::chrono::duration<double>(options->waitSeconds);
+    std::optional<host::Bus> found;
+    while (!(found = findBus(buses, hal)) && steady_clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (!found && hal == "aidl" && (found = findBus(buses, "hidl"))) {
+        say(
+            fmt::format("the service on the {} bus has the interface hidl only (powerstats dump "
+                        "--bus={} shows its totals)",
+                        nameOf(*found), nameOf(*found)));
+        return kFailed;
+    }
+    host::setBusLookups(buses, chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats));
+    if (!found) {
+        explainAbsence(buses, hal);
+        return kFailed;
+    }
+    options->bus = nameOf(*found);
+    return 0;
+}
+
 }  // namespace
 
 void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus) {
-    const Option sysfs =
-        command.addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
-    const Option replay =
-        command
-            .addOption("--replay",
-                       "Play a recording back instead of reading this machine's counters",
-                       text(&options->replay, "FILE"))
-            .excludes(sysfs);
-    command
-        .addOption("--speed", "Times as fast as it was recorded",
-                   number(&options->speed, {0.001, 1e6}))
-        .needs(replay);
-    command
-        .addFlag("--loop", "Start the recording again after its end",
-                 [options] { options->loop = true; })
-        .needs(replay);
+    command.addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
+    Value replay = text(&options->replay, "FILE");
+    replay.excludes = "--sysfs";
+    command.addOption("--replay",
+                      "Play a recording back instead of reading this machine's counters", replay);
+    Value speed = number(&options->speed, {0.001, 1e6});
+    speed.needs = "--replay";
+    command.addOption("--speed", "Times as fast as it was recorded", speed);
+    command.addFlag("--loop", "Start the recording again after its end", &options->loop,
+                    "--replay");
     if (withBus == WithBus::kNo) return;
-    Value bus = choice({kAnyBus, "session", "system"},
-                       [options](const std::string& name) { options->bus = name; });
-    bus.take = [take = bus.take](const std::string& name) {
-        return take(name.empty() ? kAnyBus : name);
-    };
-    command
-        .addOption("--bus", "Ask a service on a bus; on either, session first, when none is named",
-                   bus)
-        .letValueLack();
+    Value bus = choice(&options->bus, {kAnyBus, "session", "system"});
+    bus.whenLeftOut = kAnyBus;
+    command.addOption("--bus",
+                      "Ask a service on a bus; on either, session first, when none is named", bus);
     command.addOption("--wait", "Seconds to wait for a service to appear on the bus",
                       number(&options->waitSeconds, {0, 86400}));
     command.addFlag("--verbose", "Log why calls and look-ups of the service fail",
-                    [] { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); });
-    command.checkAtEnd([options, sysfs, replay]() -> std::string {
-        if (!options->bus || (!sysfs.isGiven() && !replay.isGiven())) return "";
-        return fmt::format("{}: not with --bus (the service on the bus has counters of its own)",
-                           replay.isGiven() ? "--replay" : "--sysfs");
+                    &options->verbose);
+    command.checkAtEnd([options, command]() -> std::string {
+        if (options->verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+        for (const char* const option : {"--replay", "--sysfs"}) {
+            if (options->bus.empty() || !command.isGiven(option)) continue;
+            return fmt::format(
+                "{}: not with --bus (the service on the bus has counters of its own)", option);
+        }
+        return "";
     });
+}
+
+void addServiceOptions(CommandLine command, ServiceOptions* options) {
+    addSourceOptions(command, &options->source);
+    command.addOption("--hal", "Interface; the AIDL service first, when none is given",
+                      choice(&options->hal, {"aidl", "hidl"}));
 }
 
 std::shared_ptr<Source> openSource(SourceOptions* asked,
                                    const RecordedSource::PlayingTime& playingTime, int* status) {
     const SourceOptions& options = *asked;
     *status = 0;
-    if (options.bus) {
+    if (!options.bus.empty()) {
         *status = awaitService(asked, "aidl");
         if (*status != 0) return nullptr;
         return std::make_shared<ServiceSource>();
@@ -182,34 +213,27 @@ std::shared_ptr<Source> openSource(SourceOptions* asked,
     return source;
 }
 
-nanoseconds stayAtFirstSample() {
-    return nanoseconds::zero();
-}
-
-int awaitService(SourceOptions* options, const std::string& hal) {
-    const std::vector<host::Bus> buses = busesOf(*options);
-    const auto until = steady_clock::now() + std::chrono::duration<double>(options->waitSeconds);
-    std::optional<host::Bus> found;
-    while (!(found = findBus(buses, hal)) && steady_clock::now() < until) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+int openService(ServiceOptions* options, const RecordedSource::PlayingTime& playingTime,
+                std::shared_ptr<Source>* own) {
+    if (!options->source.bus.empty()) return awaitService(&options->source, options->hal);
+    // A service on a bus must not answer in its place.
+    host::setBusLookups({});
+    int status = 0;
+    *own = openSource(&options->source, playingTime, &status);
+    if (*own == nullptr) return status;
+    bool isRegistered = false;
+    if (options->hal == "hidl") {
+        const android::sp<HidlService> hidl = new HidlService(*own);
+        isRegistered = hidl->registerAsService() == android::OK;
+    } else {
+        // The register keeps the binder, and the binder keeps the service.
+        const auto aidl = ndk::SharedRefBase::make<AidlService>(*own);
+        isRegistered =
+            AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats) == STATUS_OK;
     }
-    if (!found && hal == "aidl" && (found = findBus(buses, "hidl"))) {
-        say(
-            fmt::format("the service on the {} bus has the interface hidl only (powerstats dump "
-                        "--bus={} shows its totals)",
-                        nameOf(*found), nameOf(*found)));
-        return kFailed;
-    }
-    std::vector<std::string> names;
-    if (hal != "hidl") names.emplace_back(host::kAidlPowerStats);
-    if (hal != "aidl") names.emplace_back(host::kHidlPowerStats);
-    host::setBusLookups(buses, names);
-    if (!found) {
-        explainAbsence(buses, hal);
-        return kFailed;
-    }
-    options->bus = nameOf(*found);
-    return 0;
+    if (isRegistered) return 0;
+    say("the service could not be registered (this is a fault of this program)");
+    return kFailed;
 }
 
 void sayWhyNoRails(const Reading& reading) {
@@ -220,10 +244,9 @@ void sayWhyNoRails(const Reading& reading) {
 }
 
 std::string describe(const SourceOptions& options) {
-    if (!options.bus && !options.replay.empty()) return options.replay;
-    if (!options.bus) return options.sysfs == "/sys" ? "this machine" : options.sysfs;
-    return options.bus == kAnyBus ? "the session or the system bus"
-                                  : "the " + *options.bus + " bus";
+    if (options.bus.empty() && !options.replay.empty()) return options.replay;
+    if (options.bus.empty()) return options.sysfs == "/sys" ? "this machine" : options.sysfs;
+    return options.bus == kAnyBus ? "the session or the system bus" : "the " + options.bus + " bus";
 }
 
 }  // namespace powerstats

@@ -3,9 +3,7 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "power/Source.h"
 #include "power/trace/RecordedSource.h"
@@ -19,8 +17,16 @@ struct SourceOptions {
     std::string replay;  ///< a file; empty: this machine
     double speed = 1;
     bool loop = false;
-    std::optional<std::string> bus;  ///< "any", "session" or "system"; none: within this process
+    std::string bus;  ///< "any", "session" or "system"; empty: within this process
     double waitSeconds = 2;
+    bool verbose = false;
+};
+
+/// Which service look-ups of this process find: a source that this process serves itself, or a
+/// service on a bus.
+struct ServiceOptions {
+    SourceOptions source;
+    std::string hal;  ///< "aidl" or "hidl"; empty: AIDL if it is there
 };
 
 enum class WithBus { kNo, kYes };
@@ -28,6 +34,9 @@ enum class WithBus { kNo, kYes };
 /// Adds `--sysfs`, `--replay` with `--speed` and `--loop`, and for clients `--bus`, `--wait` and
 /// `--verbose`. Mistakes in them are mistakes of parsing.
 void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus = WithBus::kYes);
+
+/// Adds the options of the source, and `--hal`.
+void addServiceOptions(CommandLine command, ServiceOptions* options);
 
 /// Opens a source. Says why a file of this machine cannot be read, once for each. With `--bus`
 /// waits until a service is there.
@@ -40,12 +49,15 @@ std::shared_ptr<Source> openSource(SourceOptions* options,
                                    const RecordedSource::PlayingTime& playingTime, int* status);
 
 /// The playing time of a recording that stays at its first sample.
-nanoseconds stayAtFirstSample();
+constexpr auto kAtFirstSample = [] { return nanoseconds::zero(); };
 
-/// Waits until a service is on the bus. From then on look-ups find only such services.
-/// @param hal [in] "aidl" or "hidl"; empty: either.
-/// @return 0, or kFailed after one line.
-int awaitService(SourceOptions* options, const std::string& hal);
+/// Registers a source as a service of this process, or waits until one is on the bus. From then on
+/// look-ups find that service, and no other.
+/// @param playingTime [in] that of a recording; empty: the clock.
+/// @param own [out] the source of this process; null with `--bus`.
+/// @return 0, or after one line the exit status, as of openSource().
+int openService(ServiceOptions* options, const RecordedSource::PlayingTime& playingTime,
+                std::shared_ptr<Source>* own);
 
 /// Says why no energy can be read here, in one line, if there is such a reason.
 void sayWhyNoRails(const Reading& reading);

@@ -59,9 +59,8 @@ int watch(WatchArguments arguments) {
 
 Command addWatch(CommandLine program) {
     const auto arguments = std::make_shared<WatchArguments>();
-    CommandLine command =
-        program.addSubcommand("watch", "Show power and shares of time, interval by interval.");
-    command.addFooter(
+    CommandLine command = program.addSubcommand(
+        "watch", "Show power and shares of time, interval by interval.",
         "Power is the average of an interval in milliwatts. Rails overlap (a package contains its\n"
         "cores), so a sum over them says nothing. Shares are percent of the interval.\n"
         "The document formats.md describes the formats.\n"
@@ -72,7 +71,7 @@ Command addWatch(CommandLine program) {
     command.addOption("--record", "Also write the readings to a file, as powerstats record does",
                       text(&arguments->sampler.record, "FILE"));
     command.addOption("--count", "Intervals to show; without end by default",
-                      wholeNumber(&arguments->count, {1, 1e9}));
+                      number(&arguments->count, {1, 1e9}));
     Value format = choice(&arguments->format, {"live", "table", "csv", "jsonl"});
     format.byDefault = "live on a terminal, otherwise table";
     command.addOption("--format", "Format of each interval", format);

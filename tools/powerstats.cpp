@@ -12,12 +12,11 @@ namespace {
 int run(int argc, char** argv) {
     CommandLine program(
         "powerstats", POWERSTATS_VERSION,
-        "Shows the energy of rails and the times that power entities spend in their states.");
-    const Command commands[] = {addDump(program),   addWatch(program),   addRun(program),
-                                addRecord(program), addMetrics(program), addCheck(program)};
-    program.addFooter(
+        "Shows the energy of rails and the times that power entities spend in their states.",
         "Exit status: that of the subcommand; 2 for a bad argument.\n"
         "Example: powerstats dump --format json");
+    const Command commands[] = {addDump(program),   addWatch(program),   addRun(program),
+                                addRecord(program), addMetrics(program), addCheck(program)};
     if (const auto exitCode = program.parse(argc, argv)) return *exitCode;
     for (const Command& command : commands) {
         if (command.line.isGiven()) return command.run();

@@ -17,7 +17,7 @@
 #include "power/text/Json.h"
 #include "power/text/Names.h"
 #include "tools/Commands.h"
-#include "tools/LocalService.h"
+#include "tools/SourceOptions.h"
 #include "tools/check/Rules.h"
 #include "tools/check/Survey.h"
 
@@ -189,8 +189,7 @@ int check(CheckArguments arguments) {
 Command addCheck(CommandLine program) {
     const auto arguments = std::make_shared<CheckArguments>();
     CommandLine command = program.addSubcommand(
-        "check", "Check whether a service keeps the promises of its interface.");
-    command.addFooter(
+        "check", "Check whether a service keeps the promises of its interface.",
         "Prints a line for each rule, and for a broken one the evidence. Times are milliseconds\n"
         "since boot, for --replay those of the recording. A rule's name stays for ever.\n"
         "Exit status: 0 no rule is broken, 1 a rule is broken, 2 bad argument, no service, or the\n"
@@ -212,7 +211,7 @@ Command addCheck(CommandLine program) {
             return isKnown ? ""
                            : name + ": no rule has this name (powerstats check prints the names)";
         };
-        command.addOption(option, text, {"RULE", "", "", take}).repeat();
+        command.addOption(option, text, {"RULE", "", "", take, true});
     };
     addRules("--only", &arguments->only, "Judge by this rule only; may be repeated");
     addRules("--except", &arguments->except, "Do not judge by this rule; may be repeated");

@@ -29,8 +29,8 @@ std::vector<std::string> dumpCommand(const ServiceOptions& options) {
     const SourceOptions& source = options.source;
     std::vector<std::string> words = {"/proc/self/exe", "dump", "--format", "json"};
     if (!options.hal.empty()) words.push_back("--hal=" + options.hal);
-    if (source.bus) {
-        words.push_back("--bus=" + *source.bus);
+    if (!source.bus.empty()) {
+        words.push_back("--bus=" + source.bus);
         words.push_back(fmt::format("--wait={}", source.waitSeconds));
     } else if (source.replay.empty()) {
         words.push_back("--sysfs=" + source.sysfs);

@@ -11,7 +11,7 @@
 
 #include "power/Reading.h"
 #include "power/Source.h"
-#include "tools/LocalService.h"
+#include "tools/SourceOptions.h"
 
 namespace powerstats {
 

@@ -30,7 +30,7 @@ struct MetricsArguments {
     SourceOptions source;
     std::string format = "prometheus";
     bool noRails = false;
-    std::optional<std::string> output;
+    std::string output;
 };
 
 /// Writes a file under another name and renames it, so that readers have the old text or the new
@@ -61,7 +61,7 @@ bool replaceFile(const std::string& path, const std::string& text) {
 int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     int status = 0;
     const std::shared_ptr<Source> source =
-        openSource(&arguments.source, stayAtFirstSample, &status);
+        openSource(&arguments.source, kAtFirstSample, &status);
     if (source == nullptr) return status;
     const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
     const bool noRails = !arguments.noRails && reading.railsFailure &&
@@ -83,12 +83,13 @@ int metrics(const MetricsArguments& arguments) {
     std::optional<std::string> text;
     const int status = collect(arguments, &text);
     const auto write = [&] {
-        return arguments.output ? replaceFile(*arguments.output, *text) : writeOutput(*text);
+        return !arguments.output.empty() ? replaceFile(arguments.output, *text)
+                                         : writeOutput(*text);
     };
     if (text && write()) return status;
     // Totals that stand still would look like a machine that uses no power. A series that ends
     // looks like one that is not measured.
-    if (arguments.output) unlink(arguments.output->c_str());
+    if (!arguments.output.empty()) unlink(arguments.output.c_str());
     return status != 0 ? status : kFailed;
 }
 
@@ -107,9 +108,8 @@ std::string checkOutput(const std::string& path) {
 
 Command addMetrics(CommandLine program) {
     const auto arguments = std::make_shared<MetricsArguments>();
-    CommandLine command =
-        program.addSubcommand("metrics", "Print the totals of a service once, for Prometheus.");
-    command.addFooter(
+    CommandLine command = program.addSubcommand(
+        "metrics", "Print the totals of a service once, for Prometheus.",
         "Energy is in joules and time in seconds, at full precision. Rails that were not measured\n"
         "since boot are there too. The document fleet.md has the way to Prometheus.\n"
         "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
@@ -119,7 +119,7 @@ Command addMetrics(CommandLine program) {
     addSourceOptions(command, &arguments->source);
     command.addOption("--format", "The text format",
                       choice(&arguments->format, {"prometheus", "openmetrics"}));
-    command.addFlag("--no-rails", "Leave out energy", [arguments] { arguments->noRails = true; });
+    command.addFlag("--no-rails", "Leave out energy", &arguments->noRails);
     const auto takeOutput = [arguments](const std::string& path) {
         arguments->output = path;
         return checkOutput(path);

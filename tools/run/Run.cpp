@@ -303,8 +303,7 @@ int run(RunArguments arguments) {
 Command addRun(CommandLine program) {
     const auto arguments = std::make_shared<RunArguments>();
     CommandLine command = program.addSubcommand(
-        "run", "Run a command, and show its energy, power and shares of time.");
-    command.addFooter(
+        "run", "Run a command, and show its energy, power and shares of time.",
         "Energy is in joules and power in watts. Rails overlap (a package contains its cores), so\n"
         "a sum over them says nothing. Other programs that run at the time count too. A signal\n"
         "reaches the command. The document formats.md describes the formats.\n"
@@ -315,12 +314,13 @@ Command addRun(CommandLine program) {
         "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"
         "Example: powerstats run -r 3 -- sleep 0.1");
     addSourceOptions(command, &arguments->source);
-    command.addOption("-r,--runs", "Times to run the command",
-                      wholeNumber(&arguments->runs, {1, 1e6}));
-    command
-        .addOption("--max", "RAIL=WATTS, the greatest average power of a rail; may be repeated",
-                   texts(&arguments->limits, "TEXT"))
-        .repeat();
+    command.addOption("-r,--runs", "Times to run the command", number(&arguments->runs, {1, 1e6}));
+    const auto takeLimit = [arguments](const std::string& limit) {
+        arguments->limits.push_back(limit);
+        return "";
+    };
+    command.addOption("--max", "RAIL=WATTS, the greatest average power of a rail; may be repeated",
+                      {"TEXT", "", "", takeLimit, true});
     command.addOption("-o,--output", "File of the report; standard error by default",
                       text(&arguments->output, "FILE"));
     command.addOption("--record",
