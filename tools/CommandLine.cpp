@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -79,10 +78,15 @@ void say(const std::string& text) {
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-bool writeOutput(const std::string& text) {
-    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-    if (written && std::fflush(stdout) == 0) return true;
-    if (errno != EPIPE) say(fmt::format("standard output: {}", std::strerror(errno)));
+int fail(int status, const std::string& text) {
+    say(text);
+    return status;
+}
+
+bool writeOutput(const std::string& text, std::FILE* file, const std::string& name) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (written && std::fflush(file) == 0) return true;
+    if (errno != EPIPE || file != stdout) say(fmt::format("{}: {}", name, std::strerror(errno)));
     return false;
 }
 
@@ -222,15 +226,13 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
         if (error.get_exit_code() == 0) {
             mApp->exit(error);
             if (std::cout.flush()) return 0;
-            say("standard output cannot be written");
-            return 1;
+            return fail(kFailed, "standard output cannot be written");
         }
         std::string program = mApp->get_name();
         for (const CLI::App* subcommand : mApp->get_subcommands()) {
             program += " " + subcommand->get_name();
         }
-        say(fmt::format("{} (see {} --help)", describe(error, *mApp), program));
-        return kUsage;
+        return fail(kUsage, fmt::format("{} (see {} --help)", describe(error, *mApp), program));
     }
     return std::nullopt;
 }

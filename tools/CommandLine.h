@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,9 +29,14 @@ constexpr int kFailed = 1;
 /// lost.
 void say(const std::string& text);
 
-/// Writes to standard output at once.
+/// The same, and returns the exit status that goes with the line.
+int fail(int status, const std::string& text);
+
+/// Writes to standard output, or a file, at once.
+/// @param name [in] of the file, for messages.
 /// @return whether it was written. If not, one line says why, unless nobody reads on.
-bool writeOutput(const std::string& text);
+bool writeOutput(const std::string& text, std::FILE* file = stdout,
+                 const std::string& name = "standard output");
 
 /// The numbers that an option may have, with both ends.
 struct Range {

@@ -165,19 +165,17 @@ Reading readDirectly(Source* own) {
 int dump(DumpArguments arguments) {
     const bool all = arguments.rails == arguments.residencies;
     if (all && arguments.format == "binary") {
-        say("--format binary: the bytes of one call only (give --rails or --residencies)");
-        return kUsage;
+        return fail(kUsage,
+                    "--format binary: the bytes of one call only (give --rails or --residencies)");
     }
     if (arguments.library.empty()) {
-        say("--library: the name is empty (give the library's file)");
-        return kUsage;
+        return fail(kUsage, "--library: the name is empty (give the library's file)");
     }
     std::string error;
     // Unloaded at exit, when no notice that a service on the bus has died can run in it any more.
     static const auto library = LoadedLibrary::load(arguments.library, &error);
     if (library == nullptr) {
-        say(error + " (build the library, or name another file with --library)");
-        return kUsage;
+        return fail(kUsage, error + " (build the library, or name another file with --library)");
     }
     std::shared_ptr<Source> own;
     const int status = openService(&arguments.service, kAtFirstSample, &own);

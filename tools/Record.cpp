@@ -30,8 +30,7 @@ int record(const RecordArguments& arguments) {
     double taken = 0;
     if (intervals > 0) sampler->run([&](const Interval&) { return ++taken < intervals; });
     if (sampler->failure().empty()) return 0;
-    say(sampler->failure());
-    return kFailed;
+    return fail(kFailed, sampler->failure());
 }
 
 }  // namespace

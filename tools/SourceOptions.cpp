@@ -123,11 +123,11 @@ int awaitService(SourceOptions* options, const std::string& hal) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     if (!found && hal == "aidl" && (found = findBus(buses, "hidl"))) {
-        say(
+        return fail(
+            kFailed,
             fmt::format("the service on the {} bus has the interface hidl only (powerstats dump "
                         "--bus={} shows its totals)",
                         nameOf(*found), nameOf(*found)));
-        return kFailed;
     }
     host::setBusLookups(buses, chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats));
     if (!found) {
@@ -195,15 +195,9 @@ std::shared_ptr<Source> openSource(SourceOptions* asked,
     }
     RecordedSource::Options playing;
     playing.loop = options.loop;
-    if (playingTime) {
-        playing.playingTime = [playingTime, speed = options.speed] {
-            return scale(playingTime(), speed);
-        };
-    } else {
-        playing.playingTime = [start = steady_clock::now(), speed = options.speed] {
-            return scale(steady_clock::now() - start, speed);
-        };
-    }
+    RecordedSource::PlayingTime time = playingTime;
+    if (!time) time = [start = steady_clock::now()] { return steady_clock::now() - start; };
+    playing.playingTime = [time, speed = options.speed] { return scale(time(), speed); };
     std::string error;
     auto source = RecordedSource::open(options.replay, playing, warn, &error);
     if (source == nullptr) {
@@ -232,8 +226,7 @@ int openService(ServiceOptions* options, const RecordedSource::PlayingTime& play
             AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats) == STATUS_OK;
     }
     if (isRegistered) return 0;
-    say("the service could not be registered (this is a fault of this program)");
-    return kFailed;
+    return fail(kFailed, "the service could not be registered (this is a fault of this program)");
 }
 
 void sayWhyNoRails(const Reading& reading) {

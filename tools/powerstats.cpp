@@ -22,8 +22,7 @@ int run(int argc, char** argv) {
         if (command.line.isGiven()) return command.run();
     }
     // Not left to CLI11, which would say so too where a subcommand is misspelt.
-    say("A subcommand is required (see powerstats --help)");
-    return kUsage;
+    return fail(kUsage, "A subcommand is required (see powerstats --help)");
 }
 
 }  // namespace

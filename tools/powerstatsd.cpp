@@ -34,10 +34,7 @@ int serve(Arguments arguments) {
     std::string error;
     const auto server =
         host::BusServer::connect(session ? host::Bus::kSession : host::Bus::kSystem, &error);
-    if (server == nullptr) {
-        say(error);
-        return kUsage;
-    }
+    if (server == nullptr) return fail(kUsage, error);
     int status = 0;
     const std::shared_ptr<Source> source = openSource(&arguments.source, {}, &status);
     if (source == nullptr) return status;
@@ -49,8 +46,7 @@ int serve(Arguments arguments) {
         (hidl &&
          !server->add(android::sp<stats_V1_0::IPowerStats>(new HidlService(source, hidlRails)),
                       &error))) {
-        say(error);
-        return kUsage;
+        return fail(kUsage, error);
     }
     say(fmt::format(
         "serving {} rails and {} power entities of {} over {} on the {} bus", lists->rails.size(),
@@ -62,8 +58,7 @@ int serve(Arguments arguments) {
         arguments.bus));
     sayWhyNoRails(reading);
     if (server->run(&error)) return 0;
-    say(error);
-    return 1;
+    return fail(kFailed, error);
 }
 
 int run(int argc, char** argv) {

@@ -263,10 +263,7 @@ int showLive(const LiveViewOptions& options, const std::shared_ptr<Sampler>& sam
         LiveTerminal terminal(feed->wake);
         if (terminal.isOpen()) error = View(options, sampler, &terminal, feed).run();
     }
-    if (!error.empty()) {
-        say(safeName(error, 4096));
-        return kFailed;
-    }
+    if (!error.empty()) return fail(kFailed, safeName(error, 4096));
     const std::lock_guard<std::mutex> lock(feed->mutex);
     return feed->anyFigures ? 0 : kFailed;
 }

@@ -220,15 +220,6 @@ int judge(const RunReport& report) {
     return any(LimitVerdict::kUnclear) ? kUnclear : 0;
 }
 
-bool writeReport(const std::string& text, const std::string& file, std::FILE* stream) {
-    if (std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
-        std::fflush(stream) == 0) {
-        return true;
-    }
-    say(fmt::format("{}: {}", file.empty() ? "standard error" : file, std::strerror(errno)));
-    return false;
-}
-
 /// Says why the runs ended before their number was reached, or before limits could be judged.
 /// @param status [in] of the command in the last run.
 void explainEnd(const RunArguments& arguments, size_t run, int status) {
@@ -249,28 +240,25 @@ int run(RunArguments arguments) {
     for (const std::string& text : arguments.limits) {
         const std::optional<Limit> limit = parseLimit(text);
         if (!limit) {
-            say(fmt::format("--max {}: not a limit (give RAIL=WATTS, such as package-0=15.5)",
+            return fail(
+                kUsage,
+                fmt::format("--max {}: not a limit (give RAIL=WATTS, such as package-0=15.5)",
                             text));
-            return kUsage;
         }
         report.limits.push_back(*limit);
     }
     std::FILE* const stream =
         arguments.output.empty() ? stderr : std::fopen(arguments.output.c_str(), "we");
     if (stream == nullptr) {
-        say(fmt::format("{}: {} (give another file with -o)", arguments.output,
-                        std::strerror(errno)));
-        return kUsage;
+        return fail(kUsage, fmt::format("{}: {} (give another file with -o)", arguments.output,
+                                        std::strerror(errno)));
     }
     int status = 0;
     const std::shared_ptr<Source> source = openSource(&arguments.source, {}, &status);
     if (source == nullptr) return kUsage;
     const Reading first = source->read();
     const std::string unreadable = findUnreadable(report.limits, first);
-    if (!unreadable.empty()) {
-        say(unreadable);
-        return kUsage;
-    }
+    if (!unreadable.empty()) return fail(kUsage, unreadable);
     sayWhyNoRails(first);
 
     Recorder recorder;
@@ -289,7 +277,8 @@ int run(RunArguments arguments) {
     const bool isComplete = status == 0 && static_cast<int>(report.runs.size()) == arguments.runs;
     if (!isComplete) report.limits.clear();
     if (!report.runs.empty() &&
-        !writeReport(formatReport(report, arguments.format), arguments.output, stream)) {
+        !writeOutput(formatReport(report, arguments.format), stream,
+                     arguments.output.empty() ? "standard error" : arguments.output)) {
         return status != 0 ? status : kFailed;
     }
     if (!isComplete && !report.runs.empty()) explainEnd(arguments, report.runs.size(), status);
