@@ -60,8 +60,7 @@ bool replaceFile(const std::string& path, const std::string& text) {
 /// @return the exit status.
 int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     int status = 0;
-    const std::shared_ptr<Source> source =
-        openSource(&arguments.source, kAtFirstSample, &status);
+    const std::shared_ptr<Source> source = openSource(&arguments.source, kAtFirstSample, &status);
     if (source == nullptr) return status;
     const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
     const bool noRails = !arguments.noRails && reading.railsFailure &&
