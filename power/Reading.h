@@ -152,6 +152,11 @@ constexpr int64_t toMilliseconds(nanoseconds time) {
     return std::chrono::floor<std::chrono::milliseconds>(time).count();
 }
 
+/// For the time between two stamps.
+constexpr int64_t roundToMilliseconds(nanoseconds time) {
+    return std::chrono::round<std::chrono::milliseconds>(time).count();
+}
+
 constexpr double toSeconds(nanoseconds time) {
     return std::chrono::duration<double>(time).count();
 }

@@ -51,7 +51,7 @@ using Words = std::vector<std::string>;
 
 /// Says in words of its own what the parser says badly.
 std::string describe(const CLI::ParseError& error, const CLI::App& app) {
-    const std::string text = error.what();
+    std::string text = error.what();
     const auto kind = static_cast<CLI::ExitCodes>(error.get_exit_code());
     if (kind == CLI::ExitCodes::ExtrasError) {
         // The first one is the mistake; the others may be its values.

@@ -52,10 +52,10 @@ std::vector<std::string> chosen(const std::string& hal, const char* aidl, const 
 size_t distance(const std::string& one, const std::string& other) {
     std::vector<size_t> row(other.size() + 1);
     std::iota(row.begin(), row.end(), 0);
-    for (size_t i = 0; i < one.size(); ++i) {
+    for (const char letter : one) {
         size_t diagonal = row[0]++;
         for (size_t j = 0; j < other.size(); ++j) {
-            const size_t replaced = diagonal + (one[i] != other[j] ? 1 : 0);
+            const size_t replaced = diagonal + (letter != other[j] ? 1 : 0);
             diagonal = row[j + 1];
             row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
         }

@@ -105,7 +105,7 @@ std::string formatCell(const Cell& cell, int digits) {
         return fmt::format("{:.{}f}", *number, digits);
     }
     if (const auto* spread = std::get_if<Spread>(&cell)) {
-        const std::string mean = fmt::format("{:.{}f}", spread->mean, digits);
+        std::string mean = fmt::format("{:.{}f}", spread->mean, digits);
         if (!spread->deviation) return mean;
         return fmt::format("{} ± {:.{}f}", mean, *spread->deviation, digits);
     }
@@ -187,7 +187,7 @@ std::vector<Section> sectionsOf(const Interval& interval) {
         rails.rows.push_back(
             {lists.rails[i].name, lists.rails[i].id, lists.rails[i].subsystem,
              cellsIf(rail.trouble == Trouble::kNone, toMilliseconds(rail.time),
-                     toMilliseconds(rail.elapsed), rail.energyUWs, rail.milliwatts),
+                     roundToMilliseconds(rail.elapsed), rail.energyUWs, rail.milliwatts),
              toText(rail.trouble)});
     }
     Section entities{"entities",
@@ -203,16 +203,16 @@ std::vector<Section> sectionsOf(const Interval& interval) {
         Row& row = entities.rows.emplace_back();
         row.name = lists.entities[i].name;
         row.id = lists.entities[i].id;
-        row.cells = cellsIf(isKnown, toMilliseconds(entity.elapsed), std::monostate(),
+        row.cells = cellsIf(isKnown, roundToMilliseconds(entity.elapsed), std::monostate(),
                             entity.noneShare * 100);
         row.trouble = toText(entity.trouble);
         row.steady = steadyState(interval, i);
         for (size_t j = 0; j < entity.states.size(); ++j) {
             const Interval::StateFigures& state = entity.states[j];
-            row.states.push_back({lists.entities[i].states[j].name, lists.entities[i].states[j].id,
-                                  std::nullopt,
-                                  cellsIf(isKnown, toMilliseconds(state.time), state.share * 100,
-                                          state.entries, state.entriesPerSecond)});
+            row.states.push_back(
+                {lists.entities[i].states[j].name, lists.entities[i].states[j].id, std::nullopt,
+                 cellsIf(isKnown, roundToMilliseconds(state.time), state.share * 100, state.entries,
+                         state.entriesPerSecond)});
         }
         Row& rest = row.states.emplace_back();
         rest.name = kNoState;
@@ -226,7 +226,7 @@ std::vector<std::string> notesOf(const Interval& interval) {
     std::vector<std::string> notes;
     if (interval.suspended != nanoseconds::zero()) {
         notes.push_back(fmt::format("the machine was suspended for {} ms of it",
-                                    toMilliseconds(interval.suspended)));
+                                    roundToMilliseconds(interval.suspended)));
     }
     const Failure& rails = interval.railsFailure;
     const Failure& entities = interval.entitiesFailure;
@@ -246,8 +246,8 @@ std::vector<std::string> notesOf(const Interval& interval) {
 
 Json toJson(const Interval& interval) {
     Json::Object json = {{"timestamp_ms", toMilliseconds(interval.time)},
-                         {"interval_ms", toMilliseconds(interval.elapsed)},
-                         {"suspended_ms", toMilliseconds(interval.suspended)}};
+                         {"interval_ms", roundToMilliseconds(interval.elapsed)},
+                         {"suspended_ms", roundToMilliseconds(interval.suspended)}};
     for (const Section& section : sectionsOf(interval)) {
         json.emplace_back(section.key, toJson(section));
     }
@@ -291,8 +291,9 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
             text += ",notes\n";
         }
     }
-    text += fmt::format("{},{},{}", toMilliseconds(interval.time), toMilliseconds(interval.elapsed),
-                        toMilliseconds(interval.suspended));
+    text +=
+        fmt::format("{},{},{}", toMilliseconds(interval.time),
+                    roundToMilliseconds(interval.elapsed), roundToMilliseconds(interval.suspended));
     std::vector<std::string> fields(mColumns->size());
     for (size_t i = 0; i < figures.size(); ++i) {
         fields[mPlaces[i]] = formatCell(figures[i].second, 3);
@@ -312,8 +313,8 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
 std::string IntervalPrinter::print(const Interval& interval) {
     if (mFormat == "csv") return printCsv(interval);
     if (mFormat == "jsonl") return toJson(interval).print() + '\n';
-    std::string text =
-        fmt::format("{} ms to {}\n", toMilliseconds(interval.elapsed), afterBoot(interval.time));
+    std::string text = fmt::format("{} ms to {}\n", roundToMilliseconds(interval.elapsed),
+                                   afterBoot(interval.time));
     std::vector<Section> sections = sectionsOf(interval);
     for (size_t i = 0; i < interval.entities.size(); ++i) {
         if (interval.entities[i].noneShare > 0) continue;

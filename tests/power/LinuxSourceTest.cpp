@@ -246,9 +246,12 @@ TEST_F(LinuxSourceTest, EachUnusableFileGivesOneWarningAndLeavesTheRestAlone) {
         warnings.push_back(file + ": ");
         warnings.back() += number;
     }
-    for (std::string& warning : warnings)
-        warning.insert(warning.find("class") < warning.find("devices") ? warning.find("class") : 0,
+    for (std::string& warning : warnings) {
+        const std::string inSentence = "read ";
+        const size_t file = warning.find(inSentence + "class");
+        warning.insert(file == std::string::npos ? 0 : file + inSentence.size(),
                        mTree.root() + "/");
+    }
     // Root reads any file, so another user looks for the counters.
     const uid_t user = geteuid();
     ASSERT_EQ(seteuid(user == 0 ? 65534 : user), 0);

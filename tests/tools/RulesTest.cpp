@@ -155,9 +155,10 @@ const Fault kFaults[] = {
     {"rail-list-stable", [](Survey* survey) { survey->rails[kLast].records[0].name = "other"; }},
     {"entity-ids-unique",
      [](Survey* survey) {
-         for (auto& list : survey->entities)
+         for (auto& list : survey->entities) {
              list.records.insert(list.records.begin() + 1,
                                  {7, "dsp", EntityType::kCpu, {{0, "on"}}});
+         }
      }},
     {"entity-names-unique", changeEntities([](auto* entity) { entity->name = "modem"; })},
     {"entity-names-present", changeEntities([](auto* entity) { entity->name = ""; })},

@@ -202,6 +202,7 @@ std::string findUnreadable(const std::vector<Limit>& limits, const Reading& read
         if (reason.empty() && isKnown) reason = "it cannot be read now";
         if (reason.empty()) {
             std::vector<std::string> names;
+            names.reserve(rails.size());
             for (const Rail& known : rails) names.push_back(known.name);
             reason = fmt::format("no such rail (there are {})", fmt::join(names, ", "));
         }

@@ -225,7 +225,7 @@ std::string formatCsv(const RunReport& report) {
                              std::string_view state, const std::string& figures) {
             const bool isKnown = thing.trouble == Trouble::kNone;
             text += fmt::format("{},{},{},{},{},{},{}\n", i + 1,
-                                toMilliseconds(isKnown ? thing.elapsed : run.elapsed), kind,
+                                roundToMilliseconds(isKnown ? thing.elapsed : run.elapsed), kind,
                                 csvField(name), csvField(state), isKnown ? figures : ",,,",
                                 toText(thing.trouble));
         };
