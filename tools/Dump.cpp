@@ -153,7 +153,7 @@ bool format(const std::vector<Call>& calls, const std::string& form, std::string
                                  formatTable(result.section));
         }
     }
-    if (form == "json") *text = Json(std::move(json)).print(2) + '\n';
+    if (form == "json") *text = Json(json).print(2) + '\n';
     return true;
 }
 

@@ -119,11 +119,14 @@ void rename(std::vector<Thing>* things, bool isFixed) {
             choices.push_back({thing.name.empty() ? id : thing.name});
             continue;
         }
-        std::string name = thing.name;
+        std::string name;
         if constexpr (std::is_same_v<Thing, Rail>) {
-            if (!thing.subsystem.empty()) name = thing.subsystem + "/" + name;
+            if (!thing.subsystem.empty()) name.append(thing.subsystem).append("/");
         }
-        choices.push_back({thing.name, name, name + " (" + id + ")"});
+        name += thing.name;
+        std::string withId = name;
+        withId.append(" (").append(id).append(")");
+        choices.push_back({thing.name, std::move(name), std::move(withId)});
     }
     std::vector<std::string> names = distinctNames(choices);
     for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);
