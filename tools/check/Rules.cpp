@@ -29,7 +29,7 @@ constexpr std::chrono::seconds kStale{1};
 /// A stamp that is off by less than this has no wrong unit, and is of the clock that it matches.
 constexpr std::chrono::seconds kClockTolerance{2};
 /// A text of the service is cut after so many bytes.
-constexpr size_t kMostBytes = 400;
+constexpr size_t kMostTextBytes = 400;
 /// Rounding of a stamp or a total to milliseconds.
 constexpr std::chrono::milliseconds kRounding{1};
 
@@ -309,7 +309,7 @@ Finding answered(const CallItem& item) {
         call.outcome == Outcome::kOtherStatus ||
         (call.outcome == Outcome::kIllegalArgument && call.request != Request::kUnknown);
     Finding finding = expect(!isFailed && !(isHidl && isRefused), "{}", "an answer",
-                             safeName(call.error, kMostBytes));
+                             safeName(call.error, kMostTextBytes));
     if (finding.verdict == Verdict::kBroken && !isFailed) finding.verdict = Verdict::kLegal;
     if (isHidl) finding.consequence = kLibraryEnds;
     return finding;
@@ -352,7 +352,7 @@ Finding unknownRefused(const CallItem& item) {
     Finding finding = expect(call.outcome == Outcome::kIllegalArgument,
                              call.error.empty() ? "an answer with {}" : "{1}",
                              "EX_ILLEGAL_ARGUMENT, on a bus org.freedesktop.DBus.Error.InvalidArgs",
-                             item.records, safeName(call.error, kMostBytes));
+                             item.records, safeName(call.error, kMostTextBytes));
     finding.thing = fmt::format("id {}, which is not announced", call.ids.front());
     return finding;
 }
@@ -361,7 +361,7 @@ Finding knownAccepted(const CallItem& item) {
     const Call& call = item.call;
     if (call.request != Request::kAll && call.request != Request::kSome) return {};
     Finding finding = expect(call.outcome != Outcome::kIllegalArgument, "{}", "an answer",
-                             safeName(call.error, kMostBytes));
+                             safeName(call.error, kMostTextBytes));
     finding.thing = call.ids.empty() ? "all ids" : fmt::format("{} known ids", call.ids.size());
     return finding;
 }
@@ -586,7 +586,7 @@ void libraryGoesOn(const Survey& survey, Findings* findings) {
     findings->add(
         CallItem{survey, {"the library"}},
         expect(library.signal == 0, "signal {} ({}) ended its process: {}", "both calls return",
-               library.signal, strsignal(library.signal), safeName(library.log, kMostBytes)));
+               library.signal, strsignal(library.signal), safeName(library.log, kMostTextBytes)));
 }
 
 constexpr auto kBoth = std::nullopt;
@@ -767,7 +767,7 @@ std::vector<std::string> takeNotes(const Survey& survey) {
         if (answer.request == Request::kRepeated && !isRefused && !fails(survey, method)) {
             notes.insert(method + " with an id twice: " +
                          (answer.error.empty() ? countOf(answer.records.size())
-                                               : "refused, " + safeName(answer.error, kMostBytes)));
+                                               : "refused, " + safeName(answer.error, kMostTextBytes)));
         }
         if (answer.outcome == Outcome::kNotSupported || isRefused) {
             notes.insert(method + ": " + answer.error);
