@@ -41,14 +41,14 @@ using PowerDataResult =
     com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
 
 /// One of the library's methods that is to be called, and the bytes that it returned.
-struct Call {
+struct LibraryCall {
     bool isRails;
     JavaBytes bytes;
 };
 
 /// Says why there is no energy, and of each call that returned null why it did, with the remedy.
-void explainMissing(const std::vector<Call>& calls, const Reading& reading, bool isOwnHidl) {
-    for (const Call& call : calls) {
+void explainMissing(const std::vector<LibraryCall>& calls, const Reading& reading, bool isOwnHidl) {
+    for (const LibraryCall& call : calls) {
         const Failure& failure = call.isRails ? reading.railsFailure : reading.entitiesFailure;
         if (call.isRails && (failure.kind == Failure::Kind::kNotMeasured ||
                              failure.kind == Failure::Kind::kRefused)) {
@@ -87,9 +87,9 @@ void explainLeftOut(const Reading& reading) {
                     toMilliseconds(since) / 1000, names));
 }
 
-void callLibrary(const LoadedLibrary& library, std::vector<Call>* calls) {
+void callLibrary(const LoadedLibrary& library, std::vector<LibraryCall>* calls) {
     HostJniEnv env;
-    for (Call& call : *calls) {
+    for (LibraryCall& call : *calls) {
         call.bytes = call.isRails ? library.railEnergy(&env) : library.residencies(&env);
     }
 }
@@ -102,7 +102,7 @@ struct Result {
 };
 
 /// @return whether the bytes are a result. Otherwise one line says so.
-bool parse(const Call& call, Result* result) {
+bool parse(const LibraryCall& call, Result* result) {
     result->section =
         call.isRails ? Section{"rails", "rail", {{"timestamp_ms"}, {"energy_mj", "energy (mJ)"}}}
                      : Section{"entities",
@@ -135,9 +135,9 @@ bool parse(const Call& call, Result* result) {
     return true;
 }
 
-bool format(const std::vector<Call>& calls, const std::string& form, std::string* text) {
+bool format(const std::vector<LibraryCall>& calls, const std::string& form, std::string* text) {
     Json::Object json;
-    for (const Call& call : calls) {
+    for (const LibraryCall& call : calls) {
         Result result{};
         if (!parse(call, &result)) return false;
         json.emplace_back(result.section.key, call.bytes ? toJson(result.section) : Json());
@@ -182,7 +182,7 @@ int dump(DumpArguments arguments) {
     // The library says itself that no service is on the bus.
     if (status != 0 && arguments.service.source.bus.empty()) return status;
 
-    std::vector<Call> calls;
+    std::vector<LibraryCall> calls;
     if (all || arguments.rails) calls.push_back({true, {}});
     if (all || arguments.residencies) calls.push_back({false, {}});
     callLibrary(*library, &calls);
@@ -198,7 +198,7 @@ int dump(DumpArguments arguments) {
     const Reading reading = readDirectly(own.get());
     explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");
     if (calls.front().isRails) explainLeftOut(reading);
-    const bool any = std::any_of(calls.begin(), calls.end(), [](const Call& call) {
+    const bool any = std::any_of(calls.begin(), calls.end(), [](const LibraryCall& call) {
         return call.bytes && !call.bytes->empty();
     });
     return any ? 0 : kFailed;
@@ -209,7 +209,7 @@ int dump(DumpArguments arguments) {
 Command addDump(CommandLine program) {
     const auto arguments = std::make_shared<DumpArguments>();
     CommandLine command = program.addSubcommand(
-        "dump", "Call the library once and print its result.",
+        "dump", "LibraryCall the library once and print its result.",
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"

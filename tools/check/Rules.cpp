@@ -766,8 +766,9 @@ std::vector<std::string> takeNotes(const Survey& survey) {
         const bool isRefused = answer.outcome == Outcome::kRefused;
         if (answer.request == Request::kRepeated && !isRefused && !fails(survey, method)) {
             notes.insert(method + " with an id twice: " +
-                         (answer.error.empty() ? countOf(answer.records.size())
-                                               : "refused, " + safeName(answer.error, kMostTextBytes)));
+                         (answer.error.empty()
+                              ? countOf(answer.records.size())
+                              : "refused, " + safeName(answer.error, kMostTextBytes)));
         }
         if (answer.outcome == Outcome::kNotSupported || isRefused) {
             notes.insert(method + ": " + answer.error);
