@@ -209,7 +209,7 @@ int dump(DumpArguments arguments) {
 Command addDump(CommandLine program) {
     const auto arguments = std::make_shared<DumpArguments>();
     CommandLine command = program.addSubcommand(
-        "dump", "LibraryCall the library once and print its result.",
+        "dump", "Call the library once and print its result.",
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"

@@ -28,7 +28,7 @@ using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
 
-struct Outcome {
+struct ProgramOutcome {
     int exitCode = -1;
     std::string output;
     std::string errors;
@@ -41,7 +41,8 @@ std::string readFile(const std::filesystem::path& file) {
 }
 
 /// @param output, errors [in] files for standard output and error; null for the result.
-Outcome run(const Lines& arguments, const char* output = nullptr, const char* errors = nullptr) {
+ProgramOutcome run(const Lines& arguments, const char* output = nullptr,
+                   const char* errors = nullptr) {
     const TemporaryTree files;
     const std::string outputFile = output != nullptr ? output : files.path("output").string();
     const std::string errorFile = errors != nullptr ? errors : files.path("errors").string();
@@ -66,7 +67,7 @@ Outcome run(const Lines& arguments, const char* output = nullptr, const char* er
             errors != nullptr ? "" : readFile(errorFile)};
 }
 
-Outcome dump(const std::string& sysfs, Lines arguments) {
+ProgramOutcome dump(const std::string& sysfs, Lines arguments) {
     arguments.insert(arguments.begin(), {"dump", "--sysfs", sysfs});
     return run(arguments);
 }
@@ -126,7 +127,7 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
          "--max cpu: no such rail (there are fans, "},
     };
     for (const auto& test : cases) {
-        const Outcome result = run(test.arguments);
+        const ProgramOutcome result = run(test.arguments);
         EXPECT_EQ(result.exitCode, 2) << test.reason;
         EXPECT_THAT(result.output, IsEmpty());
         EXPECT_THAT(linesOf(result.errors),
@@ -139,13 +140,14 @@ TEST(Powerstats, PrintsTheSampleMachineAlikeThroughBothInterfaces) {
     for (const char* hal : {"aidl", "hidl"}) {
         std::string text;
         for (const char* format : {"table", "json"}) {
-            const Outcome result = dump(SAMPLE_MACHINE, {"--hal", hal, "--format", format});
+            const ProgramOutcome result = dump(SAMPLE_MACHINE, {"--hal", hal, "--format", format});
             EXPECT_EQ(result.exitCode, 0) << result.errors;
             text += result.output;
         }
         EXPECT_EQ(withoutTimes(text), readFile(GOLDEN_FILE)) << hal;
         for (const char* call : {"--rails", "--residencies"}) {
-            const Outcome result = dump(SAMPLE_MACHINE, {"--hal", hal, "--format", "binary", call});
+            const ProgramOutcome result =
+                dump(SAMPLE_MACHINE, {"--hal", hal, "--format", "binary", call});
             proto::PowerDataResult parsed;
             EXPECT_TRUE(parsed.ParseFromString(result.output));
             EXPECT_EQ(parsed.keyed_power_data_size(), call == std::string("--rails") ? 11 : 10);
@@ -157,16 +159,17 @@ TEST(Powerstats, PrintsTheSampleMachineAlikeThroughBothInterfaces) {
 TEST(Powerstats, SaysThatAMachineHasNoRails) {
     const TemporaryTree tree;
     for (const char* hal : {"aidl", "hidl"}) {
-        const Outcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
+        const ProgramOutcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
         EXPECT_EQ(rails.exitCode, 1);
         EXPECT_EQ(rails.output, "Rails: not available\n");
         EXPECT_THAT(rails.errors, HasSubstr("TavrelPowerStatsHalDataProviderNative"));
 
-        const Outcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
+        const ProgramOutcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
         EXPECT_EQ(both.exitCode, 0) << "the system's own times are always there";
         EXPECT_THAT(both.output, HasSubstr("\"rails\": null"));
 
-        const Outcome binary = dump(tree.root(), {"--hal", hal, "--format", "binary", "--rails"});
+        const ProgramOutcome binary =
+            dump(tree.root(), {"--hal", hal, "--format", "binary", "--rails"});
         EXPECT_EQ(binary.exitCode, 1);
         EXPECT_THAT(binary.output, IsEmpty());
     }
@@ -226,7 +229,7 @@ TEST(Powerstats, PrintsAnyNameSafelyAndWithin80Columns) {
     tree.write("class/hwmon/hwmon0/energy1_label", longName);
     tree.writeIdleState(0, 0, "\x1b[31m\xff\xc3\xa9\\ \xc2\x9b\xe2\x82\xed\xa0\x80\xc0\xaf", 1000,
                         2);
-    const Outcome table = dump(tree.root(), {});
+    const ProgramOutcome table = dump(tree.root(), {});
     EXPECT_THAT(table.output,
                 HasSubstr("\n    \\x1B[31m\\xFF\xc3\xa9\\ \\xC2\\x9B\\xE2\\x82\\xED\\xA0\\x8\n"
                           "    0\\xC0\\xAF" +
@@ -242,10 +245,11 @@ TEST(Powerstats, NamesUnusableFilesAndOutputs) {
     EXPECT_THAT(linesOf(dump(tree.root(), {}).errors),
                 testing::Contains(StartsWith("powerstats: " + file + ": not a whole number")));
 
-    const Outcome unheard = run({"dump", "--rails", "--sysfs", tree.root()}, nullptr, "/dev/full");
+    const ProgramOutcome unheard =
+        run({"dump", "--rails", "--sysfs", tree.root()}, nullptr, "/dev/full");
     EXPECT_THAT(unheard.output, HasSubstr("Rails: ")) << "with warnings that cannot be written";
 
-    const Outcome full = run({"dump", "--sysfs", SAMPLE_MACHINE}, "/dev/full");
+    const ProgramOutcome full = run({"dump", "--sysfs", SAMPLE_MACHINE}, "/dev/full");
     EXPECT_EQ(full.exitCode, 1);
     EXPECT_THAT(full.errors, HasSubstr("powerstats: standard output: No space left on device"));
 }
@@ -297,14 +301,15 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         Lines arguments = {"run", "--sysfs", tree.root()};
         arguments.insert(arguments.end(), test.arguments.begin(), test.arguments.end());
         arguments.insert(arguments.end(), {"--", "sh", "-c", test.script});
-        const Outcome result = run(arguments);
+        const ProgramOutcome result = run(arguments);
         EXPECT_EQ(result.exitCode, test.status) << test.script << ": " << result.errors;
         EXPECT_THAT(result.errors, HasSubstr(test.error));
         EXPECT_THAT(result.output, IsEmpty()) << "standard output is the command's";
     }
     EXPECT_FALSE(std::filesystem::exists(tree.path("never"))) << "the command was started";
-    const Outcome both = run({"run", "--replay", PHONE_RECORDING, "-r", "3", "--max",
-                              "satellites=0", "--max", "always-on=0.03", "--", "sleep", "0.5"});
+    const ProgramOutcome both =
+        run({"run", "--replay", PHONE_RECORDING, "-r", "3", "--max", "satellites=0", "--max",
+             "always-on=0.03", "--", "sleep", "0.5"});
     EXPECT_EQ(both.exitCode, 3) << "exceeded comes before cannot be judged: " << both.errors;
     EXPECT_EQ(run({"run", "--", tree.path("missing")}).exitCode, 127);
     EXPECT_EQ(run({"run", "--", tree.root()}).exitCode, 126);
@@ -324,12 +329,14 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
         return run(arguments);
     };
     // 301 samples by 0.2 s: a reading sees every tenth.
-    const Outcome all = play("watch", PHONE_RECORDING, {"--format", "csv", "--record", copy});
+    const ProgramOutcome all =
+        play("watch", PHONE_RECORDING, {"--format", "csv", "--record", copy});
     EXPECT_EQ(all.exitCode, 0) << all.errors;
     EXPECT_EQ(linesOf(all.output).size(), 1u + 30) << "it ends with the recording";
     EXPECT_EQ(play("watch", copy, {"--format", "csv"}).output, all.output);
     // The 11th sample less the first, by 2 s.
-    const Outcome shown = play("watch", PHONE_RECORDING, {"--count", "1", "--format", "jsonl"});
+    const ProgramOutcome shown =
+        play("watch", PHONE_RECORDING, {"--count", "1", "--format", "jsonl"});
     EXPECT_THAT(shown.output, StartsWith("{\"timestamp_ms\":10814345,\"interval_ms\":2000,"));
     EXPECT_THAT(shown.output, HasSubstr("\"name\":\"display\",\"subsystem\":\"display\","
                                         "\"timestamp_ms\":10814345,\"interval_ms\":2000,"
@@ -358,7 +365,7 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
         {"dump"}, {"watch"}, {"run", "true"}, {"record", "-o", files.path("x")}};
     for (Lines arguments : subcommands) {
         arguments.insert(arguments.begin() + 1, {"--replay", GOLDEN_FILE});
-        const Outcome bad = run(arguments);
+        const ProgramOutcome bad = run(arguments);
         EXPECT_EQ(bad.exitCode, 2) << arguments[0];
         EXPECT_THAT(bad.output, IsEmpty());
         EXPECT_THAT(bad.errors, HasSubstr("sample-machine.txt: at byte 0: not a packet"));
