@@ -53,7 +53,7 @@ Json::Object toJson(const Row& row, const std::vector<Column>& columns,
     object.emplace_back("name", row.name);
     if (row.subsystem) object.emplace_back("subsystem", *row.subsystem);
     for (size_t i = 0; i < columns.size(); ++i) {
-        if (columns[i].key != kStates) {
+        if (columns[i].key != std::string_view(kStates)) {
             object.emplace_back(columns[i].key, toJson(row.cells[i]));
             continue;
         }
