@@ -192,7 +192,7 @@ TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
              tree.write("class/powercap/rapl:0/energy_uj", "5");
              std::filesystem::permissions(file, std::filesystem::perms::none);
          },
-         "energy left out: this user may not read " + file},
+         "no energy: this user may not read " + file},
         {[&] { std::filesystem::permissions(file, std::filesystem::perms::owner_read); }, ""},
     };
     const Lines subcommands[] = {{"dump", "--rails"},
