@@ -25,7 +25,7 @@ namespace {
 using ::android::sp;
 using ::android::hardware::Void;
 
-class AidlBusClient : public AidlForwarder<AidlBusClient, stats_aidl::BnPowerStats> {
+class AidlBusClient : public AidlForwarder<AidlBusClient> {
   public:
     explicit AidlBusClient(std::shared_ptr<BusPeer> peer) : mPeer(std::move(peer)) {}
 
@@ -44,11 +44,7 @@ class AidlBusClient : public AidlForwarder<AidlBusClient, stats_aidl::BnPowerSta
                    : ScopedAStatus(newTransactionStatus(failure->error, message));
     }
 
-  protected:
-    ::ndk::SpAIBinder createBinder() override {
-        return ::ndk::SpAIBinder(
-            newBinder(aidlPowerStatsClass(), static_cast<::ndk::ICInterface*>(this), mPeer));
-    }
+    ::ndk::SpAIBinder asBinder() override { return binderOf(this, mPeer); }
 
   private:
     const std::shared_ptr<BusPeer> mPeer;
@@ -110,19 +106,19 @@ RegisteredService findAidl(Bus bus) {
     if (known != nullptr && known->peer->isAlive()) {
         const auto& owner = static_cast<const BusPeer&>(*known->peer);
         if (owner.owner == peer->owner && owner.connection == peer->connection) {
-            return {hold(known), known->peer};
+            return {known, known->peer};
         }
     }
     const auto service = ::ndk::SharedRefBase::make<AidlBusClient>(peer);
     const ::ndk::SpAIBinder binder = service->asBinder();
     *last = binder.get();
-    return {hold(sp<AIBinder>(binder.get())), peer};
+    return {binder.get(), peer};
 }
 
 RegisteredService findHidl(Bus bus) {
     auto peer = findOwner(bus, kHidlBusName);
     if (peer == nullptr) return {};
-    return {hold(sp<stats_V1_0::IPowerStats>(new HidlBusClient(peer))), peer};
+    return {new HidlBusClient(peer), peer};
 }
 
 }  // namespace

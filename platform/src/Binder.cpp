@@ -2,11 +2,11 @@
 
 #include "Binder.h"
 
-#include <android/binder_interface_utils.h>
 #include <android/binder_manager.h>
 
+#include <atomic>
 #include <mutex>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 #include "NeverDestroyed.h"
@@ -14,54 +14,55 @@
 
 namespace {
 
-/// All binders that somebody holds, including dead and unregistered ones. The table keeps them
-/// reachable, so a reference that is kept on purpose is no leak.
+/// The binders that somebody holds, by their services, including dead and unregistered ones. The
+/// table keeps them reachable, so a reference that is kept on purpose is no leak.
 struct BinderTable {
     std::mutex mutex;
-    std::unordered_set<AIBinder*> binders;
+    std::unordered_map<ndk::ICInterface*, AIBinder*> binders;
 };
 
 }  // namespace
 
-struct AIBinder_Weak {
-    android::wp<AIBinder> binder;
+/// Links share their recipient, because they may outlive its deletion.
+struct AIBinder_DeathRecipient : android::RefBase {
+    /// Held during a callback, so that deleting the recipient waits for it. Recursive, because a
+    /// callback may delete its own recipient.
+    std::recursive_mutex mutex;
+    std::atomic<AIBinder_DeathRecipient_onBinderDied> onDied;  ///< null once deleted
 };
 
-AIBinder::AIBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<host::Peer> peer)
-    : clazz(clazz), userData(clazz->onCreate(args)), peer(std::move(peer)) {
-    auto& table = host::neverDestroyed<BinderTable>();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    table.binders.insert(this);
-}
+AIBinder::AIBinder(std::shared_ptr<ndk::ICInterface> service, std::shared_ptr<host::Peer> peer)
+    : service(std::move(service)), peer(std::move(peer)) {}
 
 AIBinder::~AIBinder() {
     {
         auto& table = host::neverDestroyed<BinderTable>();
         std::lock_guard<std::mutex> lock(table.mutex);
-        table.binders.erase(this);
+        // The service may have another binder by now.
+        const auto entry = table.binders.find(service.get());
+        if (entry->second == this) table.binders.erase(entry);
     }
     peer->unlinkAll(this);
-    clazz->onDestroy(userData);
 }
 
-AIBinder* host::newBinder(const AIBinder_Class* clazz, void* args, std::shared_ptr<Peer> peer) {
-    auto* binder = new AIBinder(clazz, args, std::move(peer));
-    AIBinder_incStrong(binder);
-    return binder;
+ndk::SpAIBinder host::binderOf(ndk::ICInterface* service, std::shared_ptr<Peer> peer) {
+    auto& table = neverDestroyed<BinderTable>();
+    std::lock_guard<std::mutex> lock(table.mutex);
+    AIBinder*& known = table.binders[service];
+    android::sp<AIBinder> binder = android::wp<AIBinder>(known).promote();
+    if (binder == nullptr) {
+        if (peer == nullptr) peer = std::make_shared<Peer>();
+        binder = known = new AIBinder(service->ref<ndk::ICInterface>(), std::move(peer));
+    }
+    AIBinder_incStrong(binder.get());
+    return ndk::SpAIBinder(binder.get());
+}
+
+ndk::SpAIBinder ndk::ICInterface::asBinder() {
+    return host::binderOf(this);
 }
 
 extern "C" {
-
-AIBinder_Class* AIBinder_Class_define(const char* interfaceDescriptor,
-                                      AIBinder_Class_onCreate onCreate,
-                                      AIBinder_Class_onDestroy onDestroy,
-                                      AIBinder_Class_onTransact /*onTransact*/) {
-    return new AIBinder_Class{interfaceDescriptor, onCreate, onDestroy};
-}
-
-AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args) {
-    return host::newBinder(clazz, args, std::make_shared<host::Peer>());
-}
 
 void AIBinder_incStrong(AIBinder* binder) {
     if (binder != nullptr) binder->incStrong(nullptr);
@@ -75,30 +76,41 @@ int32_t AIBinder_debugGetRefCount(AIBinder* binder) {
     return binder != nullptr ? binder->getStrongCount() : -1;
 }
 
-bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
-    // A dead process cannot be asked for the descriptor.
-    return binder != nullptr && binder->peer->isAlive() &&
-           binder->clazz->descriptor == clazz->descriptor;
+AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
+    AIBinder_DeathRecipient_onBinderDied onBinderDied) {
+    auto* recipient = new AIBinder_DeathRecipient;
+    recipient->incStrong(nullptr);
+    recipient->onDied = onBinderDied;
+    return recipient;
 }
 
-AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder) {
-    return new AIBinder_Weak{binder};
+void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
+    if (recipient == nullptr) return;
+    // Clear first: the next link's notice may get the lock before this thread does.
+    recipient->onDied = nullptr;
+    { std::lock_guard<std::recursive_mutex> wait(recipient->mutex); }
+    recipient->decStrong(nullptr);
 }
 
-void AIBinder_Weak_delete(AIBinder_Weak* weak) {
-    delete weak;
+binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
+                                     void* cookie) {
+    if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
+    const android::sp<AIBinder_DeathRecipient> held(recipient);
+    return binder->peer->link({binder, recipient, cookie}, [held, cookie] {
+        std::lock_guard<std::recursive_mutex> lock(held->mutex);
+        if (const auto onDied = held->onDied.load()) onDied(cookie);
+    });
 }
 
-AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak) {
-    if (weak == nullptr) return nullptr;
-    const android::sp<AIBinder> binder = weak->binder.promote();
-    AIBinder_incStrong(binder.get());
-    return binder.get();
+binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
+                                       void* cookie) {
+    if (binder == nullptr || recipient == nullptr) return STATUS_UNEXPECTED_NULL;
+    return binder->peer->unlink({binder, recipient, cookie});
 }
 
 binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance) {
     if (binder == nullptr || !binder->peer->isAlive()) return STATUS_BAD_VALUE;
-    host::registerService(instance, {host::hold(android::sp<AIBinder>(binder)), binder->peer});
+    host::registerService(instance, {binder, binder->peer});
     return STATUS_OK;
 }
 
@@ -114,31 +126,3 @@ AIBinder* AServiceManager_getService(const char* instance) {
 }
 
 }  // extern "C"
-
-namespace ndk {
-
-namespace {
-
-// The user data of an interface's binder, which keeps its service alive.
-using HeldService = std::shared_ptr<ICInterface>;
-
-void* holdService(void* service) {
-    return new HeldService(static_cast<ICInterface*>(service)->ref<ICInterface>());
-}
-
-void releaseService(void* userData) {
-    delete static_cast<HeldService*>(userData);
-}
-
-}  // namespace
-
-AIBinder_Class* ICInterface::defineClass(const char* interfaceDescriptor,
-                                         AIBinder_Class_onTransact onTransact) {
-    return AIBinder_Class_define(interfaceDescriptor, holdService, releaseService, onTransact);
-}
-
-ICInterface* ICInterface::fromUserData(AIBinder* binder) {
-    return static_cast<HeldService*>(binder->userData)->get();
-}
-
-}  // namespace ndk

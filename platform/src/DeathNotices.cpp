@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <deque>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -26,63 +25,31 @@
 namespace host {
 namespace {
 
-class DeathNotices {
-  public:
-    /// Starts the delivering thread. If the system has no thread left, a later call tries again.
-    bool prepare() {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (!mStarted) mStarted = startThread([this] { run(); });
-        return mStarted;
-    }
-
-    void add(std::shared_ptr<Peer> peer) {
-        prepare();
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mStopped) return;
-        mPeers.push_back(std::move(peer));
-        mChanged.notify_all();
-    }
-
-    bool waitUntilDone(double seconds) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, std::chrono::duration<double>(seconds),
-                                 [this] { return mPeers.empty() && !mReporting; });
-    }
-
-    /// Begins no further notice, and waits for one that runs.
-    void stop() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mStopped = true;
-        // A recipient that ends the process itself must not wait for itself.
-        if (std::this_thread::get_id() == mThread) return;
-        mChanged.wait(lock, [this] { return !mReporting; });
-    }
-
-  private:
+struct DeathNotices {
     [[noreturn]] void run() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mThread = std::this_thread::get_id();
+        std::unique_lock<std::mutex> lock(mutex);
+        thread = std::this_thread::get_id();
         while (true) {
-            mChanged.wait(lock, [this] { return !mPeers.empty() && !mStopped; });
-            std::shared_ptr<Peer> peer = std::move(mPeers.front());
-            mPeers.pop_front();
-            mReporting = true;
+            changed.wait(lock, [this] { return !peers.empty() && !isStopped; });
+            std::shared_ptr<Peer> peer = std::move(peers.front());
+            peers.pop_front();
+            isReporting = true;
             lock.unlock();
             peer->report();
             peer.reset();
             lock.lock();
-            mReporting = false;
-            mChanged.notify_all();
+            isReporting = false;
+            changed.notify_all();
         }
     }
 
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::deque<std::shared_ptr<Peer>> mPeers;
-    std::thread::id mThread;
-    bool mStarted = false;
-    bool mReporting = false;
-    bool mStopped = false;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::shared_ptr<Peer>> peers;
+    std::thread::id thread;
+    bool isStarted = false;
+    bool isReporting = false;
+    bool isStopped = false;
 };
 
 }  // namespace
@@ -103,23 +70,39 @@ bool startThread(std::function<void()> function) {
 }
 
 bool prepareNotices() {
-    return neverDestroyed<DeathNotices>().prepare();
+    auto& notices = neverDestroyed<DeathNotices>();
+    std::lock_guard<std::mutex> lock(notices.mutex);
+    if (!notices.isStarted) notices.isStarted = startThread([&notices] { notices.run(); });
+    return notices.isStarted;
 }
 
 void expectNotices() {
     // A recipient must not be called while the destructors of the library that made it run at exit.
     // A link is made after its recipient, so this handler runs before those destructors.
-    [[maybe_unused]] static const int registered =
-        std::atexit([] { neverDestroyed<DeathNotices>().stop(); });
+    [[maybe_unused]] static const int registered = std::atexit([] {
+        auto& notices = neverDestroyed<DeathNotices>();
+        std::unique_lock<std::mutex> lock(notices.mutex);
+        notices.isStopped = true;
+        // A recipient that ends the process itself must not wait for itself.
+        if (std::this_thread::get_id() == notices.thread) return;
+        notices.changed.wait(lock, [&] { return !notices.isReporting; });
+    });
 }
 
 void deliverNotices(std::shared_ptr<Peer> peer) {
-    neverDestroyed<DeathNotices>().add(std::move(peer));
+    prepareNotices();
+    auto& notices = neverDestroyed<DeathNotices>();
+    std::lock_guard<std::mutex> lock(notices.mutex);
+    if (!notices.isStopped) notices.peers.push_back(std::move(peer));
+    notices.changed.notify_all();
 }
 
 bool waitForDeathNotices(double seconds) {
     noticeDeathsOnBuses();
-    return neverDestroyed<DeathNotices>().waitUntilDone(seconds);
+    auto& notices = neverDestroyed<DeathNotices>();
+    std::unique_lock<std::mutex> lock(notices.mutex);
+    return notices.changed.wait_for(lock, std::chrono::duration<double>(seconds),
+                                    [&] { return notices.peers.empty() && !notices.isReporting; });
 }
 
 }  // namespace host

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include <aidl/android/hardware/power/stats/BnPowerStats.h>
+#include <aidl/android/hardware/power/stats/IPowerStats.h>
 #include <android/hardware/power/stats/1.0/IPowerStats.h>
 
 #include <cstdint>
@@ -19,21 +19,17 @@ using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::ndk::ScopedAStatus;
 
-/// @tparam Base of a service or of a proxy.
-template <typename Derived, typename Base>
-class AidlForwarder : public Base {
+template <typename Derived>
+class AidlForwarder : public stats_aidl::IPowerStats {
   public:
-    using Base::Base;
-    using Aidl = stats_aidl::IPowerStats;
-
     ScopedAStatus getPowerEntityInfo(std::vector<stats_aidl::PowerEntity>* _aidl_return) override {
-        return forward<&Aidl::getPowerEntityInfo>("getPowerEntityInfo", _aidl_return);
+        return forward<&IPowerStats::getPowerEntityInfo>("getPowerEntityInfo", _aidl_return);
     }
     ScopedAStatus getStateResidency(
         const std::vector<int32_t>& in_powerEntityIds,
         std::vector<stats_aidl::StateResidencyResult>* _aidl_return) override {
-        return forward<&Aidl::getStateResidency>("getStateResidency", _aidl_return,
-                                                 in_powerEntityIds);
+        return forward<&IPowerStats::getStateResidency>("getStateResidency", _aidl_return,
+                                                        in_powerEntityIds);
     }
     ScopedAStatus getEnergyConsumerInfo(std::vector<stats_aidl::EnergyConsumer>*) override {
         return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
@@ -43,12 +39,13 @@ class AidlForwarder : public Base {
         return ScopedAStatus::fromStatus(STATUS_UNKNOWN_TRANSACTION);
     }
     ScopedAStatus getEnergyMeterInfo(std::vector<stats_aidl::Channel>* _aidl_return) override {
-        return forward<&Aidl::getEnergyMeterInfo>("getEnergyMeterInfo", _aidl_return);
+        return forward<&IPowerStats::getEnergyMeterInfo>("getEnergyMeterInfo", _aidl_return);
     }
     ScopedAStatus readEnergyMeter(
         const std::vector<int32_t>& in_channelIds,
         std::vector<stats_aidl::EnergyMeasurement>* _aidl_return) override {
-        return forward<&Aidl::readEnergyMeter>("readEnergyMeter", _aidl_return, in_channelIds);
+        return forward<&IPowerStats::readEnergyMeter>("readEnergyMeter", _aidl_return,
+                                                      in_channelIds);
     }
 
   private:

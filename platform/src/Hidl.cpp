@@ -10,6 +10,9 @@
 
 namespace android {
 
+// Not inline: weak references may outlive the library of the object, and so need code from here.
+RefBase::RefBase() : mStrong(std::make_shared<Count>(0)) {}
+
 namespace {
 
 struct CodeName {
@@ -35,19 +38,12 @@ std::string statusToString(status_t status) {
         {NO_MEMORY, "NO_MEMORY"},
         {INVALID_OPERATION, "INVALID_OPERATION"},
         {BAD_VALUE, "BAD_VALUE"},
-        {BAD_TYPE, "BAD_TYPE"},
         {NAME_NOT_FOUND, "NAME_NOT_FOUND"},
         {PERMISSION_DENIED, "PERMISSION_DENIED"},
-        {NO_INIT, "NO_INIT"},
-        {ALREADY_EXISTS, "ALREADY_EXISTS"},
         {DEAD_OBJECT, "DEAD_OBJECT"},
         {FAILED_TRANSACTION, "FAILED_TRANSACTION"},
-        {BAD_INDEX, "BAD_INDEX"},
-        {NOT_ENOUGH_DATA, "NOT_ENOUGH_DATA"},
-        {WOULD_BLOCK, "WOULD_BLOCK"},
         {TIMED_OUT, "TIMED_OUT"},
         {UNKNOWN_TRANSACTION, "UNKNOWN_TRANSACTION"},
-        {FDS_NOT_ALLOWED, "FDS_NOT_ALLOWED"},
         {UNEXPECTED_NULL, "UNEXPECTED_NULL"},
     };
     if (const char* name = nameOf(status, kNames)) return name;
@@ -68,14 +64,10 @@ Status Status::fromStatusT(status_t status, const char* message) {
 
 std::string Status::description() const {
     static constexpr CodeName kNames[] = {
-        {EX_SECURITY, "EX_SECURITY"},
-        {EX_BAD_PARCELABLE, "EX_BAD_PARCELABLE"},
         {EX_ILLEGAL_ARGUMENT, "EX_ILLEGAL_ARGUMENT"},
         {EX_NULL_POINTER, "EX_NULL_POINTER"},
         {EX_ILLEGAL_STATE, "EX_ILLEGAL_STATE"},
-        {EX_NETWORK_MAIN_THREAD, "EX_NETWORK_MAIN_THREAD"},
         {EX_UNSUPPORTED_OPERATION, "EX_UNSUPPORTED_OPERATION"},
-        {EX_HAS_REPLY_HEADER, "EX_HAS_REPLY_HEADER"},
         {EX_TRANSACTION_FAILED, "EX_TRANSACTION_FAILED"},
     };
     if (isOk()) return "No error";

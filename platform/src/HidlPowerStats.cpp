@@ -19,19 +19,20 @@ class BpHwPowerStats : public host::HidlForwarder<BpHwPowerStats> {
     BpHwPowerStats(const sp<IPowerStats>& service, std::shared_ptr<host::Peer> peer)
         : mService(service), mPeer(std::move(peer)) {}
 
-    ~BpHwPowerStats() override { mPeer->unlinkAll(identity()); }
+    ~BpHwPowerStats() override { mPeer->unlinkAll(this); }
 
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
         const wp<hidl::base::V1_0::IBase> proxy(this);
         // Weak, because a client may go away without unlinking.
         const wp<hidl_death_recipient> weak(recipient);
-        return mPeer->link(identity(), recipient.get(), cookie, [=] {
-            if (sp<hidl_death_recipient> held = weak.promote()) held->serviceDied(cookie, proxy);
+        return mPeer->link({this, recipient.get(), nullptr}, [=] {
+            const sp<hidl_death_recipient> held = weak.promote();
+            if (held != nullptr) held->serviceDied(cookie, proxy);
         }) == OK;
     }
 
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
-        return mPeer->unlink(identity(), recipient.get(), std::nullopt) == OK;
+        return mPeer->unlink({this, recipient.get(), nullptr}) == OK;
     }
 
     /// Makes one call of the service, and logs why it failed if it did.
@@ -43,9 +44,6 @@ class BpHwPowerStats : public host::HidlForwarder<BpHwPowerStats> {
     }
 
   private:
-    /// Identifies the links that were made through this proxy.
-    const void* identity() { return static_cast<hidl::base::V1_0::IBase*>(this); }
-
     template <auto kCall, typename Callback, typename... Ids>
     Return<void> transactUnlogged(const Callback& callback, const Ids&... ids) {
         if (!mPeer->isAlive()) return TransportStatus::fromStatusT(DEAD_OBJECT);
@@ -82,12 +80,11 @@ sp<IPowerStats> IPowerStats::getService(const std::string& serviceName, bool get
     if (getStub) return nullptr;
     const host::RegisteredService found = host::findService(registeredName(serviceName));
     if (found.object == nullptr) return nullptr;
-    return new BpHwPowerStats(static_cast<IPowerStats*>(found.object.get()), found.peer);
+    return new BpHwPowerStats(dynamic_cast<IPowerStats*>(found.object.get()), found.peer);
 }
 
 status_t IPowerStats::registerAsService(const std::string& serviceName) {
-    host::registerService(registeredName(serviceName),
-                          {host::hold(sp<IPowerStats>(this)), std::make_shared<host::Peer>()});
+    host::registerService(registeredName(serviceName), {this, std::make_shared<host::Peer>()});
     return OK;
 }
 

@@ -8,27 +8,20 @@
 #include <utils/Errors.h>
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <vector>
+#include <tuple>
 
 namespace host {
 
 /// The tag of the stand-ins' own log lines.
 inline constexpr const char* kLogTag = "android_host";
 
-/// One link to a death, made through one proxy.
-struct DeathLink {
-    const void* owner;      ///< the proxy; the link ends with it
-    const void* recipient;  ///< with the cookie, distinguishes the links of a proxy
-    uint64_t cookie;
-    /// Calls the recipient. Runs on the delivering thread with no lock held.
-    std::function<void()> deliver;
-    std::atomic<bool> ended{false};  ///< set by the peer
-};
+/// Distinguishes the links to a death: the proxy, with which the link ends, the recipient, and
+/// AIDL's cookie.
+using LinkKey = std::tuple<const void*, const void*, const void*>;
 
 class Peer : public std::enable_shared_from_this<Peer> {
   public:
@@ -41,17 +34,16 @@ class Peer : public std::enable_shared_from_this<Peer> {
 
     /// Adds a link. A dead peer whose death has not been reported yet accepts it, and its notice
     /// follows at once.
+    /// @param deliver [in] calls the recipient. Runs on the delivering thread with no lock held.
     /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
     ///     death cannot be watched for.
-    android::status_t link(const void* owner, const void* recipient, uint64_t cookie,
-                           std::function<void()> deliver);
+    android::status_t link(const LinkKey& key, std::function<void()> deliver);
 
-    /// Ends the first link of these two, with this cookie if one is given.
+    /// Ends the first link of this key.
     /// @return OK, DEAD_OBJECT once the death has been reported, or NAME_NOT_FOUND.
-    android::status_t unlink(const void* owner, const void* recipient,
-                             std::optional<uint64_t> cookie);
+    android::status_t unlink(const LinkKey& key);
     /// Ends all links of a proxy that is being destroyed.
-    void unlinkAll(const void* owner);
+    void unlinkAll(const void* proxy);
 
     /// Delivers the notices. REQUIRES: this is the delivering thread
     void report();
@@ -62,21 +54,14 @@ class Peer : public std::enable_shared_from_this<Peer> {
     virtual void stopWatching() {}
 
   private:
-    using Matches = std::function<bool(const DeathLink&)>;
-    size_t end(const Matches& matches, size_t most);
-
-    std::atomic<bool> mAlive{true};
     void stopWatchingUnlessLinked();
 
+    std::atomic<bool> mAlive{true};
     std::mutex mWatchMutex;  // held while watching starts or stops; taken before mMutex
     std::mutex mMutex;
-    bool mReported = false;                          // guarded by mMutex
-    std::vector<std::shared_ptr<DeathLink>> mLinks;  // guarded by mMutex
+    bool mReported = false;                                       // guarded by mMutex
+    std::list<std::pair<LinkKey, std::function<void()>>> mLinks;  // guarded by mMutex
 };
-
-/// Must be called before every link. From the first call on, an exit of the process stops the
-/// delivery before destructors run.
-void expectNotices();
 
 /// Starts the thread that delivers notices, if it does not run yet.
 /// @return false when the system has no thread left; a later call tries again.
@@ -88,5 +73,9 @@ bool startThread(std::function<void()> function);
 
 /// Lets the delivering thread report the death of a peer. Starts the thread if needed.
 void deliverNotices(std::shared_ptr<Peer> peer);
+
+/// Must be called before every link. From the first call on, an exit of the process stops the
+/// delivery before destructors run.
+void expectNotices();
 
 }  // namespace host

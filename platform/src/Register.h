@@ -5,7 +5,7 @@
 #pragma once
 
 #include <host/ServiceControl.h>
-#include <utils/StrongPointer.h>
+#include <utils/RefBase.h>
 
 #include <memory>
 #include <string>
@@ -15,18 +15,12 @@
 
 namespace host {
 
-/// A service in the register: an AIBinder, or a HIDL interface, and the process it stands for.
+/// A service in the register: an AIBinder or a HIDL interface, as its name says, and the process
+/// it stands for.
 struct RegisteredService {
-    std::shared_ptr<void> object;  ///< keeps the object alive; the service name determines its type
+    android::sp<android::RefBase> object;
     std::shared_ptr<Peer> peer;
 };
-
-/// Holds a strong reference.
-template <typename T>
-std::shared_ptr<void> hold(const android::sp<T>& object) {
-    const auto held = std::make_shared<android::sp<T>>(object);
-    return {held, held->get()};
-}
 
 /// Logs, at DEBUG, why a transaction failed, because its caller may ignore the reason.
 /// @param interface [in] the full name of the method's interface.

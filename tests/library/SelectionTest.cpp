@@ -91,12 +91,8 @@ TEST_F(Selection, HidlServiceOfAnotherInstanceIsNotUsed) {
 }
 
 TEST_F(Selection, BinderOfAnotherInterfaceIsChosenAndNotUsed) {
-    AIBinder_Class* const other = AIBinder_Class_define(
-        "android.hardware.light.ILights", [](void* args) { return args; }, [](void*) {},
-        [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
-            return binder_status_t{STATUS_UNKNOWN_TRANSACTION};
-        });
-    const ndk::SpAIBinder binder(AIBinder_new(other, nullptr));
+    struct Lights : ndk::ICInterface {};
+    const ndk::SpAIBinder binder = ndk::SharedRefBase::make<Lights>()->asBinder();
     AServiceManager_addService(binder.get(), host::kAidlPowerStats);
     serve(Backend::kHidl, smallMachine());
     Outcome first = noAidl(Call::kRails);

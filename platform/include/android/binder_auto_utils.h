@@ -8,32 +8,22 @@
 #include <android/binder_status.h>
 
 #include <cassert>
-#include <cstddef>
 #include <string>
+#include <utility>
 
 namespace ndk {
 
 /// Owns one strong reference to an AIBinder, or none.
 class SpAIBinder {
   public:
-    SpAIBinder() : mBinder(nullptr) {}
-    SpAIBinder(std::nullptr_t) : SpAIBinder() {}
     /// Takes ownership of the caller's reference.
-    explicit SpAIBinder(AIBinder* binder) : mBinder(binder) {}
-    SpAIBinder(const SpAIBinder& other) : mBinder(other.mBinder) { retain(mBinder); }
-    SpAIBinder(SpAIBinder&& other) noexcept : mBinder(other.mBinder) { other.mBinder = nullptr; }
+    explicit SpAIBinder(AIBinder* binder = nullptr) : mBinder(binder) {}
+    SpAIBinder(const SpAIBinder& other) : SpAIBinder(other.mBinder) { AIBinder_incStrong(mBinder); }
+    SpAIBinder(SpAIBinder&& other) noexcept : mBinder(std::exchange(other.mBinder, nullptr)) {}
     ~SpAIBinder() { set(nullptr); }
 
-    SpAIBinder& operator=(const SpAIBinder& other) {
-        if (this == &other) return *this;
-        retain(other.mBinder);
-        set(other.mBinder);
-        return *this;
-    }
-    SpAIBinder& operator=(SpAIBinder&& other) noexcept {
-        if (this == &other) return *this;
-        set(other.mBinder);
-        other.mBinder = nullptr;
+    SpAIBinder& operator=(SpAIBinder other) noexcept {
+        set(std::exchange(other.mBinder, nullptr));
         return *this;
     }
 
@@ -45,7 +35,8 @@ class SpAIBinder {
         AIBinder* volatile* content = &mBinder;
         AIBinder* released = *content;
         if (released != nullptr) AIBinder_decStrong(released);
-        if (*content != released) raceDetected();
+        // Not assert(), which a build with NDEBUG leaves out.
+        if (*content != released) __assert_fail("Race detected.", __FILE__, __LINE__, __func__);
         *content = binder;
     }
 
@@ -53,14 +44,6 @@ class SpAIBinder {
     bool operator==(const SpAIBinder& other) const { return mBinder == other.mBinder; }
 
   private:
-    static void retain(AIBinder* binder) {
-        if (binder != nullptr) AIBinder_incStrong(binder);
-    }
-    [[noreturn]] static void raceDetected() {
-        // Not assert(), which a build with NDEBUG leaves out.
-        __assert_fail("Race detected.", __FILE__, __LINE__, __func__);
-    }
-
     AIBinder* mBinder;
 };
 
@@ -70,14 +53,12 @@ class ScopedAResource {
   public:
     explicit ScopedAResource(T resource = kNone) : mResource(resource) {}
     ScopedAResource(ScopedAResource&& other) noexcept : mResource(other.release()) {}
-    ScopedAResource(const ScopedAResource&) = delete;
     ~ScopedAResource() { set(kNone); }
 
     ScopedAResource& operator=(ScopedAResource&& other) noexcept {
-        if (this != &other) set(other.release());
+        set(other.release());
         return *this;
     }
-    ScopedAResource& operator=(const ScopedAResource&) = delete;
 
     void set(T resource) {
         if (mResource != kNone) kDestroy(mResource);
@@ -95,19 +76,9 @@ class ScopedAResource {
     T mResource;
 };
 
-/// Owns a weak reference to a binder.
-class ScopedAIBinder_Weak : public ScopedAResource<AIBinder_Weak*, AIBinder_Weak_delete> {
-  public:
-    explicit ScopedAIBinder_Weak(AIBinder_Weak* weak = nullptr) : ScopedAResource(weak) {}
-};
-
 /// Owns a death recipient.
-class ScopedAIBinder_DeathRecipient
-    : public ScopedAResource<AIBinder_DeathRecipient*, AIBinder_DeathRecipient_delete> {
-  public:
-    explicit ScopedAIBinder_DeathRecipient(AIBinder_DeathRecipient* recipient = nullptr)
-        : ScopedAResource(recipient) {}
-};
+using ScopedAIBinder_DeathRecipient =
+    ScopedAResource<AIBinder_DeathRecipient*, AIBinder_DeathRecipient_delete>;
 
 /// Owns the status of an AIDL call. A holder without a status counts as failed.
 class ScopedAStatus : public ScopedAResource<AStatus*, AStatus_delete> {

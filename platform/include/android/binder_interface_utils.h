@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The bases of the interfaces that an AIDL compiler generates for the NDK: of reference-counted
-// objects, interfaces, services (Bn) and proxies (Bp).
+// objects, and of interfaces.
 
 #pragma once
 
 #include <android/binder_auto_utils.h>
-#include <android/binder_ibinder.h>
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace ndk {
@@ -34,53 +32,9 @@ class SharedRefBase : public std::enable_shared_from_this<SharedRefBase> {
 /// Base of every interface.
 class ICInterface : public SharedRefBase {
   public:
-    /// Returns the interface's binder; the holder owns a reference.
-    virtual SpAIBinder asBinder() = 0;
-
-    /// Defines the binder class of an interface. Its objects keep their service alive.
-    static AIBinder_Class* defineClass(const char* interfaceDescriptor,
-                                       AIBinder_Class_onTransact onTransact);
-    /// Returns the service that a binder of such a class stands for.
-    static ICInterface* fromUserData(AIBinder* binder);
-};
-
-/// Base of services.
-template <class INTERFACE>
-class BnCInterface : public INTERFACE {
-  public:
-    /// Returns the service's binder, the same one for as long as anybody holds it.
-    SpAIBinder asBinder() final;
-
-  protected:
-    /// Makes the service's binder.
-    virtual SpAIBinder createBinder() = 0;
-
-  private:
-    std::mutex mMutex;
-    ScopedAIBinder_Weak mBinder;  // weak, since the binder owns the service
-};
-
-template <class INTERFACE>
-SpAIBinder BnCInterface<INTERFACE>::asBinder() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    SpAIBinder binder(AIBinder_Weak_promote(mBinder.get()));
-    if (binder.get() == nullptr) {
-        binder = createBinder();
-        mBinder.set(AIBinder_Weak_new(binder.get()));
-    }
-    return binder;
-}
-
-/// Base of proxies.
-template <class INTERFACE>
-class BpCInterface : public INTERFACE {
-  public:
-    explicit BpCInterface(const SpAIBinder& binder) : mBinder(binder) {}
-
-    SpAIBinder asBinder() final { return mBinder; }
-
-  protected:
-    const SpAIBinder mBinder;
+    /// Returns the interface's binder; the holder owns a reference. A service has the same one,
+    /// which keeps the service alive, for as long as anybody holds it.
+    virtual SpAIBinder asBinder();
 };
 
 }  // namespace ndk

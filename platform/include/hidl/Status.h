@@ -29,14 +29,10 @@ class Status final {
   public:
     enum Exception : int32_t {
         EX_NONE = 0,
-        EX_SECURITY = -1,
-        EX_BAD_PARCELABLE = -2,
         EX_ILLEGAL_ARGUMENT = -3,
         EX_NULL_POINTER = -4,
         EX_ILLEGAL_STATE = -5,
-        EX_NETWORK_MAIN_THREAD = -6,
         EX_UNSUPPORTED_OPERATION = -7,
-        EX_HAS_REPLY_HEADER = -128,
         EX_TRANSACTION_FAILED = -129,
     };
 

@@ -16,8 +16,7 @@ class wp;
 template <typename T>
 class sp {
   public:
-    sp() : mObject(nullptr) {}
-    sp(std::nullptr_t) : mObject(nullptr) {}
+    sp(std::nullptr_t = nullptr) {}
     sp(T* object) : mObject(object) {
         if (mObject != nullptr) mObject->incStrong(this);
     }
@@ -33,21 +32,16 @@ class sp {
         return *this;
     }
 
-    void clear() { *this = sp(); }
     T* get() const { return mObject; }
     T& operator*() const { return *mObject; }
     T* operator->() const { return mObject; }
-    explicit operator bool() const { return mObject != nullptr; }
     bool operator==(const sp& other) const { return mObject == other.mObject; }
     bool operator!=(const sp& other) const { return mObject != other.mObject; }
-    bool operator==(std::nullptr_t) const { return mObject == nullptr; }
-    bool operator!=(std::nullptr_t) const { return mObject != nullptr; }
 
   private:
-    template <typename U>
-    friend class wp;
+    friend class wp<T>;
 
-    T* mObject;
+    T* mObject = nullptr;
 };
 
 }  // namespace android

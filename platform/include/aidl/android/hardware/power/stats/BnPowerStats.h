@@ -7,9 +7,6 @@
 namespace aidl::android::hardware::power::stats {
 
 /// Base of services. Derive from it and override the interface's methods.
-class BnPowerStats : public ::ndk::BnCInterface<IPowerStats> {
-  protected:
-    ::ndk::SpAIBinder createBinder() override;
-};
+class BnPowerStats : public IPowerStats {};
 
 }  // namespace aidl::android::hardware::power::stats
