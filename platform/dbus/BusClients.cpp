@@ -3,11 +3,12 @@
 // Finds services of other processes for the register: objects that carry each call over the bus. A
 // client's proxy uses them like a service of this process.
 
-#include <cstdlib>
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -31,11 +32,8 @@ class AidlBusClient : public AidlForwarder<AidlBusClient> {
 
     template <auto kMethod, typename Records, typename... Ids>
     ScopedAStatus transact(const char* method, Records* records, const Ids&... ids) {
-        static const std::string signature = signatureOf<Records>();
-        auto failure = mPeer->connection->call(
-            mPeer->owner, kAidlBusName, method, signature,
-            [&](Writer& write) { return write(ids...); },
-            [&](Reader& read) { return read(*records); });
+        const auto failure =
+            mPeer->connection->call(mPeer->owner, kAidlBusName, method, std::tie(*records), ids...);
         if (!failure) return ScopedAStatus::ok();
         // A service in another process can tell of an exception only by its error's name.
         const char* const message = failure->message.c_str();
@@ -59,13 +57,10 @@ class HidlBusClient : public HidlForwarder<HidlBusClient> {
         const char* method,
         const std::function<void(const hidl_vec<Record>&, stats_V1_0::Status)>& callback,
         const Ids&... ids) {
-        static const std::string signature = signatureOf<hidl_vec<Record>>() + "u";
         hidl_vec<Record> records;
         stats_V1_0::Status status = stats_V1_0::Status::SUCCESS;
-        auto failure = mPeer->connection->call(
-            mPeer->owner, kHidlBusName, method, signature,
-            [&](Writer& write) { return write(ids...); },
-            [&](Reader& read) { return read(records, status); });
+        const auto failure = mPeer->connection->call(mPeer->owner, kHidlBusName, method,
+                                                     std::tie(records, status), ids...);
         if (failure) {
             return ::android::hardware::Status::fromStatusT(failure->error,
                                                             failure->message.c_str());
@@ -87,9 +82,8 @@ std::shared_ptr<BusPeer> findOwner(Bus bus, const char* busName) {
     for (int attempts = 2; attempts > 0; --attempts) {
         auto connection = BusConnection::to(bus);
         if (connection == nullptr) return nullptr;
-        std::string owner = connection->ownerOf(busName);
-        if (!owner.empty()) return std::make_shared<BusPeer>(connection, std::move(owner));
-        if (connection->isOpen()) return nullptr;
+        auto peer = connection->findOwner(busName);
+        if (peer != nullptr || connection->isOpen()) return peer;
     }
     return nullptr;
 }
@@ -103,12 +97,7 @@ RegisteredService findAidl(Bus bus) {
     static auto* const last = new ::android::wp<AIBinder>;
     std::lock_guard<std::mutex> lock(mutex);
     const sp<AIBinder> known = last->promote();
-    if (known != nullptr && known->peer->isAlive()) {
-        const auto& owner = static_cast<const BusPeer&>(*known->peer);
-        if (owner.owner == peer->owner && owner.connection == peer->connection) {
-            return {known, known->peer};
-        }
-    }
+    if (known != nullptr && known->peer == peer) return {known, peer};
     const auto service = ::ndk::SharedRefBase::make<AidlBusClient>(peer);
     const ::ndk::SpAIBinder binder = service->asBinder();
     *last = binder.get();
@@ -139,18 +128,13 @@ std::string findBusTrouble(Bus bus) {
 }
 
 std::vector<std::string> listBusNames(Bus bus) {
-    dbus::UniqueBus opened;
-    char** names = nullptr;
-    if (dbus::openBus(bus, &opened) < 0 || sd_bus_list_names(opened.get(), &names, nullptr) < 0) {
-        return {};
-    }
-    std::vector<std::string> list;
-    for (char** name = names; *name != nullptr; ++name) {
-        if (**name != ':') list.emplace_back(*name);
-        std::free(*name);
-    }
-    std::free(names);
-    return list;
+    std::vector<std::string> names;
+    const auto connection = dbus::BusConnection::to(bus);
+    if (connection == nullptr) return names;
+    connection->call(dbus::kBusName, dbus::kBusName, "ListNames", std::tie(names));
+    const auto isUnique = [](const std::string& name) { return name[0] == ':'; };
+    names.erase(std::remove_if(names.begin(), names.end(), isUnique), names.end());
+    return names;
 }
 
 }  // namespace host

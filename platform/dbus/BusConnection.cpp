@@ -11,8 +11,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <new>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -27,8 +27,10 @@ std::atomic<uint64_t> gTimeLimitUs{25'000'000};
 
 using std::chrono::steady_clock;
 
-constexpr char kBusName[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
+constexpr char kDeathRule[] =
+    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+    "member='NameOwnerChanged'";
 
 /// Translates an error by its name. A peer killed during a call and our own time limit give the
 /// same name; only the time distinguishes them.
@@ -55,13 +57,9 @@ Failure failureOf(const sd_bus_error& error, bool late) {
     return Failure{android::FAILED_TRANSACTION, text};
 }
 
-bool isFrom(sd_bus_message* message, const char* name) {
+bool isFrom(sd_bus_message* message, std::string_view name) {
     const char* sender = sd_bus_message_get_sender(message);
-    return sender != nullptr && std::strcmp(sender, name) == 0;
-}
-
-bool isFromBus(sd_bus_message* message) {
-    return isFrom(message, kBusName);
+    return sender != nullptr && name == sender;
 }
 
 /// The open connections, by Bus.
@@ -82,11 +80,11 @@ struct OwnConnections : Connections {
 
 thread_local OwnConnections gOwnConnections;
 
-}  // namespace
-
 const char* nameOf(Bus bus) {
     return bus == Bus::kSession ? "session" : "system";
 }
+
+}  // namespace
 
 std::string describeTrouble(Bus bus, int result) {
     return std::string("the ") + nameOf(bus) +
@@ -101,6 +99,21 @@ int openBus(Bus bus, UniqueBus* opened) {
     const int result = bus == Bus::kSession ? sd_bus_open_user(&made) : sd_bus_open_system(&made);
     opened->reset(made);
     return result;
+}
+
+bool awaitWork(sd_bus* bus, int descriptor, bool onlySends) {
+    uint64_t untilUs = UINT64_MAX;
+    if (!onlySends) sd_bus_get_timeout(bus, &untilUs);
+    int timeoutMs = -1;
+    if (untilUs != UINT64_MAX) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            std::chrono::microseconds(untilUs) - steady_clock::now().time_since_epoch());
+        timeoutMs = std::max(static_cast<int>(left.count()), 0);
+    }
+    const int events = onlySends ? POLLOUT : sd_bus_get_events(bus);
+    pollfd fds[] = {{descriptor, POLLIN, 0}, {sd_bus_get_fd(bus), static_cast<int16_t>(events), 0}};
+    poll(fds, 2, timeoutMs);
+    return fds[0].revents != 0;
 }
 
 /// A call in progress. It belongs to the thread that waits for it.
@@ -139,26 +152,6 @@ struct BusConnection::Call {
     }
 };
 
-struct BusConnection::Watched {
-    BusConnection* connection;
-    std::weak_ptr<BusPeer> peer;
-    std::string owner;              // a copy, because the peer may be in its destructor
-    std::promise<bool>* watching;   // of the waiting thread; null once it has its answer
-    std::string rule = {};          // of the match
-    UniqueSlot match = nullptr;     // for NameOwnerChanged
-    UniqueSlot question = nullptr;  // the last GetNameOwner
-
-    void die() const {
-        if (auto held = peer.lock()) held->die();
-    }
-    void tell(bool isWatched) {
-        // Move it first: the waiting thread may destroy the original at once.
-        if (watching == nullptr) return;
-        std::promise<bool> told = std::move(*std::exchange(watching, nullptr));
-        told.set_value(isWatched);
-    }
-};
-
 std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
     Connections& connections =
         gOwnConnections.areUsed ? gOwnConnections : neverDestroyed<Connections>();
@@ -178,12 +171,19 @@ std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
 }
 
 bool BusConnection::start() {
+    const auto closeIfRefused = [](sd_bus_message* reply, void* bus, sd_bus_error*) {
+        const bool isRefused = sd_bus_message_is_method_error(reply, nullptr) > 0;
+        if (isRefused && isFrom(reply, kBusName)) sd_bus_close(static_cast<sd_bus*>(bus));
+        return 1;
+    };
     mWakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return mWakeUp >= 0 && sd_bus_add_filter(mBus.get(), nullptr, ignoreStrangers, nullptr) >= 0 &&
+    // The bus handles messages in order, so every answer about a name comes with the match in
+    // place.
+    return mWakeUp >= 0 && sd_bus_add_filter(mBus.get(), nullptr, heard, this) >= 0 &&
+           sd_bus_call_method_async(mBus.get(), nullptr, kBusName, kBusPath, kBusName, "AddMatch",
+                                    closeIfRefused, mBus.get(), "s", kDeathRule) >= 0 &&
            startThread([self = shared_from_this()] { self->run(); });
 }
-
-BusConnection::BusConnection(UniqueBus bus) : mBus(std::move(bus)) {}
 
 BusConnection::~BusConnection() {
     if (mWakeUp >= 0) close(mWakeUp);
@@ -198,37 +198,37 @@ void BusConnection::disconnect() {
     post([this] { sd_bus_close(mBus.get()); });
 }
 
-std::string BusConnection::ownerOf(const std::string& name) {
-    std::string owner;
-    const auto failed = call(
-        kBusName, kBusName, "GetNameOwner", "s", [&](Writer& writer) { return writer(name); },
-        [&](Reader& reader) { return reader(owner); });
+std::shared_ptr<BusPeer> BusConnection::findOwner(const std::string& name) {
+    std::shared_ptr<BusPeer> peer;
+    const auto failed = transact(
+        kBusName, kBusName, "GetNameOwner", "s", [&](Writer& write) { return write(name); },
+        [&](Reader& read) {
+            std::string owner;
+            if (const int result = read(owner); result < 0) return result;
+            // A death from now on is reported after this reply, so this thread reads of it later.
+            std::lock_guard<std::mutex> lock(mMutex);
+            auto& known = mPeers[owner];
+            peer = known.lock();
+            if (peer == nullptr) {
+                known = peer = std::make_shared<BusPeer>(shared_from_this(), std::move(owner));
+            }
+            return 0;
+        });
     if (failed) {
         __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "%s: %s", name.c_str(),
                             failed->message.c_str());
     }
-    return failed ? "" : owner;
+    return peer;
 }
 
-std::optional<Failure> BusConnection::call(const std::string& owner, const char* interface,
-                                           const char* method, const std::string& replySignature,
-                                           const Write& write, const Read& read) {
+std::optional<Failure> BusConnection::transact(const std::string& owner, const char* interface,
+                                               const char* method,
+                                               const std::string& replySignature,
+                                               const Write& write, const Read& read) {
     Call call{this, owner, interface, method, replySignature, write, read};
     auto done = call.done.get_future();
     if (!post([&call] { call.connection->begin(&call); })) return Failure{android::DEAD_OBJECT};
     return done.get();
-}
-
-bool BusConnection::watch(const std::shared_ptr<BusPeer>& peer) {
-    std::promise<bool> watching;
-    auto result = watching.get_future();
-    if (post([&] { beginWatching(peer, &watching); })) return result.get();
-    peer->die();
-    return true;
-}
-
-void BusConnection::unwatch(const BusPeer* peer) {
-    post([this, peer] { mWatched.erase(peer); });
 }
 
 /// Runs a job on the connection's thread.
@@ -247,8 +247,9 @@ void BusConnection::run() {
         const int result = sd_bus_process(mBus.get(), nullptr);
         if (result < 0 || sd_bus_is_open(mBus.get()) <= 0) {
             lose();
-        } else if (result == 0) {
-            wait();
+        } else if (result == 0 && awaitWork(mBus.get(), mWakeUp)) {
+            eventfd_t count = 0;
+            eventfd_read(mWakeUp, &count);
         }
     }
 }
@@ -264,40 +265,17 @@ bool BusConnection::runJobs() {
     return mBus != nullptr;
 }
 
-void BusConnection::wait() {
-    // A new job or a queued message ends the wait at once.
-    uint64_t untilUs = UINT64_MAX;
-    sd_bus_get_timeout(mBus.get(), &untilUs);
-    timespec timeout{};
-    if (untilUs != UINT64_MAX) {
-        const auto now = steady_clock::now().time_since_epoch();
-        const int64_t nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-        const int64_t leftUs = std::max<int64_t>(static_cast<int64_t>(untilUs) - nowUs, 0);
-        timeout.tv_sec = leftUs / 1'000'000;
-        timeout.tv_nsec = leftUs % 1'000'000 * 1000;
-    }
-    pollfd fds[2] = {
-        {mWakeUp, POLLIN, 0},
-        {sd_bus_get_fd(mBus.get()), static_cast<int16_t>(sd_bus_get_events(mBus.get())), 0}};
-    ppoll(fds, 2, untilUs != UINT64_MAX ? &timeout : nullptr, nullptr);
-    eventfd_t count = 0;
-    eventfd_read(mWakeUp, &count);
-}
-
 /// Marks all services of the lost connection as dead, and ends its calls.
 void BusConnection::lose() {
-    // The peers die before any thread can see the loss.
-    for (const auto& entry : mWatched) entry.second->die();
     {
+        // The peers die before any thread can see the loss.
         std::lock_guard<std::mutex> lock(mMutex);
+        for (const auto& entry : mPeers) {
+            if (const auto peer = entry.second.lock()) peer->die();
+        }
         close(std::exchange(mWakeUp, -1));
     }
     runJobs();  // the last ones
-    const auto watched = std::exchange(mWatched, {});
-    for (const auto& entry : watched) {
-        entry.second->die();
-        entry.second->tell(true);
-    }
     for (Call* call : std::exchange(mCalls, {})) finish(call, Failure{android::DEAD_OBJECT});
     mBus.reset();
 }
@@ -336,43 +314,21 @@ void BusConnection::finish(Call* call, std::optional<Failure> failure) {
     done.set_value(std::move(failure));
 }
 
-void BusConnection::beginWatching(const std::shared_ptr<BusPeer>& peer,
-                                  std::promise<bool>* watching) try {
-    auto watched = std::make_unique<Watched>(Watched{this, peer, peer->owner, watching});
-    watched->rule =
-        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-        "member='NameOwnerChanged',arg0='" +
-        peer->owner + "'";
-    auto& kept = mWatched[peer.get()];
-    kept = std::move(watched);
-    addMatch(kept.get());
-} catch (const std::bad_alloc&) {
-    std::promise<bool> told = std::move(*watching);
-    told.set_value(false);
-}
-
-void BusConnection::addMatch(Watched* watched) {
-    sd_bus_slot* slot = nullptr;
-    const int result = sd_bus_add_match_async(mBus.get(), &slot, watched->rule.c_str(),
-                                              ownerChanged, matchInstalled, watched);
-    watched->match.reset(slot);
-    if (result < 0) sd_bus_close(mBus.get());
-}
-
-/// Asks the bus whether a peer still exists.
-void BusConnection::ask(Watched* watched) {
-    sd_bus_slot* slot = nullptr;
-    const int result =
-        sd_bus_call_method_async(mBus.get(), &slot, kBusName, kBusPath, kBusName, "GetNameOwner",
-                                 ownerTold, watched, "s", watched->owner.c_str());
-    watched->question.reset(slot);
-    if (result < 0) sd_bus_close(mBus.get());
-}
-
-/// Drops all signals and calls that are not from the bus, without an answer.
-int BusConnection::ignoreStrangers(sd_bus_message* message, void* /*userData*/,
-                                   sd_bus_error* /*error*/) {
-    return isFromBus(message) ? 0 : 1;
+/// Marks a peer dead whose end the bus reports. Drops all other signals and calls, without an
+/// answer.
+int BusConnection::heard(sd_bus_message* message, void* userData, sd_bus_error* /*error*/) {
+    const char *name, *before, *after;
+    if (isFrom(message, kBusName) &&
+        sd_bus_message_is_signal(message, kBusName, "NameOwnerChanged") > 0 &&
+        sd_bus_message_read(message, "sss", &name, &before, &after) > 0 && *after == '\0') {
+        auto* connection = static_cast<BusConnection*>(userData);
+        std::lock_guard<std::mutex> lock(connection->mMutex);
+        if (const auto found = connection->mPeers.find(name); found != connection->mPeers.end()) {
+            if (const auto peer = found->second.lock()) peer->die();
+            connection->mPeers.erase(found);
+        }
+    }
+    return 1;
 }
 
 int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
@@ -380,7 +336,7 @@ int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* 
     BusConnection* const connection = call->connection;
     // If the connection is lost, lose() ends the call after it has marked the peers dead.
     if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;
-    if (isFromBus(reply) || isFrom(reply, call->owner.c_str())) {
+    if (isFrom(reply, kBusName) || isFrom(reply, call->owner)) {
         connection->finish(call, call->take(reply));
     } else {
         // sd-bus takes a reply by its number alone, and a session bus lets strangers send one.
@@ -388,63 +344,6 @@ int BusConnection::replied(sd_bus_message* reply, void* userData, sd_bus_error* 
         connection->begin(call);
     }
     return 1;
-}
-
-int BusConnection::matchInstalled(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
-    auto* watched = static_cast<Watched*>(userData);
-    BusConnection* const connection = watched->connection;
-    if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;  // lose() tells
-    if (!isFromBus(reply)) {
-        connection->addMatch(watched);
-    } else if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY) > 0) {
-        sd_bus_close(connection->mBus.get());  // a bus that does not answer is a lost one
-    } else if (sd_bus_message_is_method_error(reply, nullptr) <= 0) {
-        // A death before the match was installed sends no signal, so ask the bus now.
-        connection->ask(watched);
-    } else if (auto peer = watched->peer.lock()) {
-        watched->tell(false);
-        connection->mWatched.erase(peer.get());
-    }
-    return 1;
-}
-
-int BusConnection::ownerChanged(sd_bus_message* /*signal*/, void* userData,
-                                sd_bus_error* /*error*/) {
-    auto* watched = static_cast<Watched*>(userData);
-    watched->connection->ask(watched);
-    return 0;  // other peers of the same owner have the same match
-}
-
-int BusConnection::ownerTold(sd_bus_message* reply, void* userData, sd_bus_error* /*error*/) {
-    auto* watched = static_cast<Watched*>(userData);
-    BusConnection* const connection = watched->connection;
-    if (sd_bus_is_open(connection->mBus.get()) <= 0) return 1;  // lose() tells
-    if (!isFromBus(reply)) {
-        connection->ask(watched);
-        return 1;
-    }
-    if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
-        watched->die();
-    } else if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
-        sd_bus_close(connection->mBus.get());  // a bus that cannot say is a lost one
-        return 1;
-    }
-    watched->tell(true);
-    return 1;
-}
-
-BusPeer::~BusPeer() {
-    if (mWatched) connection->unwatch(this);
-}
-
-bool BusPeer::startWatching() {
-    if (mWatched || !isAlive()) return true;
-    mWatched = connection->watch(std::static_pointer_cast<BusPeer>(shared_from_this()));
-    return mWatched;
-}
-
-void BusPeer::stopWatching() {
-    if (std::exchange(mWatched, false)) connection->unwatch(this);
 }
 
 }  // namespace dbus
@@ -467,10 +366,8 @@ void noticeDeathsOnBuses() {
             connection = connections.of[static_cast<int>(bus)];
         }
         if (connection == nullptr) continue;
-        // The bus answers in order: the first answer follows all its signals, and the second one
-        // follows the answers to the questions that those signals caused.
-        connection->ownerOf(dbus::kBusName);
-        connection->ownerOf(dbus::kBusName);
+        std::string id;  // follows all signals of the bus so far
+        connection->call(dbus::kBusName, dbus::kBusName, "GetId", std::tie(id));
     }
 }
 

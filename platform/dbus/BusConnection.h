@@ -4,19 +4,19 @@
 
 #pragma once
 
-#include <host/BusServer.h>
 #include <host/ServiceControl.h>
 #include <systemd/sd-bus.h>
 
-#include <cstdint>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
+#include <tuple>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Peer.h"
@@ -24,24 +24,19 @@
 
 namespace host::dbus {
 
-struct CloseBus {
-    // Does not flush, because a bus that does not read must not block the caller.
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+template <auto kRelease>
+struct Release {
+    template <typename T>
+    void operator()(T* object) const {
+        kRelease(object);
+    }
 };
-using UniqueBus = std::unique_ptr<sd_bus, CloseBus>;
+/// Does not flush, because a bus that does not read must not block the caller.
+using UniqueBus = std::unique_ptr<sd_bus, Release<sd_bus_close_unref>>;
+using UniqueMessage = std::unique_ptr<sd_bus_message, Release<sd_bus_message_unref>>;
 
-struct ReleaseMessage {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using UniqueMessage = std::unique_ptr<sd_bus_message, ReleaseMessage>;
-
-struct ReleaseSlot {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using UniqueSlot = std::unique_ptr<sd_bus_slot, ReleaseSlot>;
-
-/// Returns "session" or "system".
-const char* nameOf(Bus bus);
+/// The bus itself, as a peer and an interface.
+inline constexpr const char* kBusName = "org.freedesktop.DBus";
 
 /// One line about a bus that could not be reached, with the remedy.
 /// @param result [in] a negative errno.
@@ -50,6 +45,11 @@ std::string describeTrouble(Bus bus, int result);
 /// Begins to connect to a bus. Does not wait for the bus.
 /// @return a negative errno when there is no such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);
+
+/// Waits until a bus has something to process or a descriptor is readable.
+/// @param onlySends [in] whether to wait on the bus only until it can send.
+/// @return whether the descriptor is readable.
+bool awaitWork(sd_bus* bus, int descriptor, bool onlySends = false);
 
 /// A transaction that failed in the transport.
 struct Failure {
@@ -60,24 +60,13 @@ struct Failure {
 class BusConnection;
 
 /// The process behind one connection to a bus.
-class BusPeer : public Peer {
-  public:
-    /// @param owner [in] the unique name of the service's connection. A restarted service has
-    ///     another one.
+struct BusPeer : Peer {
     BusPeer(std::shared_ptr<BusConnection> connection, std::string owner)
         : connection(std::move(connection)), owner(std::move(owner)) {}
-    ~BusPeer() override;
 
     const std::shared_ptr<BusConnection> connection;
+    /// The unique name of the service's connection. A restarted service has another one.
     const std::string owner;
-
-  protected:
-    /// Returns true once the death cannot be missed; a peer that is already dead is marked dead.
-    bool startWatching() override;
-    void stopWatching() override;
-
-  private:
-    bool mWatched = false;  // guarded by the caller's lock
 };
 
 /// One connection of this process to a bus, for calls and for deaths, and its thread, the only one
@@ -97,63 +86,60 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
 
-    explicit BusConnection(UniqueBus bus);
+    explicit BusConnection(UniqueBus bus) : mBus(std::move(bus)) {}
     ~BusConnection();
 
     bool isOpen();
     /// Loses the connection soon. Does not wait.
     void disconnect();
 
-    /// Returns the unique name of a service's connection; empty when the name has no owner.
-    std::string ownerOf(const std::string& name);
+    /// Finds the process that owns a name, which is marked dead when the bus reports its end. A
+    /// process is the same object as long as anybody holds it.
+    /// @return null when the name has no owner.
+    std::shared_ptr<BusPeer> findOwner(const std::string& name);
 
-    using Write = std::function<int(Writer& writer)>;
-    using Read = std::function<int(Reader& reader)>;
-
-    /// Calls a method of the object "/default" and reads its reply, all of it or none. Both
-    /// functions run on the connection's thread.
+    /// Calls a method of the object "/default", or of the bus, and reads its reply, all of it or
+    /// none, on the connection's thread.
     /// @param interface [in] of the method; its name on the bus.
-    /// @param replySignature [in] the required signature; a reply with another one is not read.
+    /// @param reply [out] the members of the reply. One with another signature is not read.
     /// @return the failure, or std::nullopt when the call succeeded.
+    template <typename... Replies, typename... Arguments>
     std::optional<Failure> call(const std::string& owner, const char* interface, const char* method,
-                                const std::string& replySignature, const Write& write,
-                                const Read& read);
-
-    /// Marks a peer dead when its unique name loses its owner, from now until `unwatch`.
-    /// @return false when the bus refused: it limits the matches of a connection.
-    bool watch(const std::shared_ptr<BusPeer>& peer);
-    void unwatch(const BusPeer* peer);
+                                const std::tuple<Replies&...>& reply,
+                                const Arguments&... arguments) {
+        static const std::string signature = signatureOf(reply);
+        return transact(
+            owner, interface, method, signature, [&](Writer& write) { return write(arguments...); },
+            [&](Reader& read) { return std::apply(read, reply); });
+    }
 
   private:
     struct Call;
-    struct Watched;
+    using Write = std::function<int(Writer& writer)>;
+    using Read = std::function<int(Reader& reader)>;
 
+    std::optional<Failure> transact(const std::string& owner, const char* interface,
+                                    const char* method, const std::string& replySignature,
+                                    const Write& write, const Read& read);
     bool start();
     bool post(std::function<void()> job);
-    void run();
-    void wait();
-    bool runJobs();
-    void lose();
 
     // For the connection's thread only.
+    void run();
+    bool runJobs();
+    void lose();
     void begin(Call* call);
     void finish(Call* call, std::optional<Failure> failure);
-    void beginWatching(const std::shared_ptr<BusPeer>& peer, std::promise<bool>* watching);
-    void addMatch(Watched* watched);
-    void ask(Watched* watched);
-    static int ignoreStrangers(sd_bus_message* message, void* userData, sd_bus_error* error);
+    static int heard(sd_bus_message* message, void* userData, sd_bus_error* error);
     static int replied(sd_bus_message* reply, void* userData, sd_bus_error* error);
-    static int matchInstalled(sd_bus_message* reply, void* userData, sd_bus_error* error);
-    static int ownerChanged(sd_bus_message* signal, void* userData, sd_bus_error* error);
-    static int ownerTold(sd_bus_message* reply, void* userData, sd_bus_error* error);
 
     std::mutex mMutex;
     std::vector<std::function<void()>> mJobs;  // guarded by mMutex
     int mWakeUp = -1;                          // guarded by mMutex; -1 once the connection is lost
+    std::map<std::string, std::weak_ptr<BusPeer>, std::less<>> mPeers;  // living; guarded by mMutex
 
     UniqueBus mBus;  // null once the connection is lost
     std::unordered_set<Call*> mCalls;
-    std::unordered_map<const BusPeer*, std::unique_ptr<Watched>> mWatched;
 };
 
 }  // namespace host::dbus

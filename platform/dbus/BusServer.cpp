@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <host/BusServer.h>
-#include <sys/epoll.h>
-#include <systemd/sd-bus.h>
-#include <systemd/sd-event.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <exception>
@@ -50,59 +51,57 @@ int replyError(sd_bus_message* call, const char* name, const std::string& text) 
     return sd_bus_reply_method_errorf(call, name, "%s", text.c_str());
 }
 
-/// Answers one call. An exception becomes an error reply, because none may cross sd-bus's frames.
-template <typename Answer>
-int serve(sd_bus_message* call, const Answer& answer) try {
+/// Answers one call, whose argument is a list of ids, or nothing. An exception becomes an error
+/// reply, because none may cross sd-bus's frames.
+/// @param refuse [in] answers a call whose ids cannot be read.
+template <typename... Ids, typename Answer, typename Refuse>
+int serve(sd_bus_message* call, const Answer& answer, const Refuse& refuse) try {
     // Skip calls that want no reply, so that a flood of them reads no counters.
     if (sd_bus_message_get_expect_reply(call) <= 0) return 1;
-    return answer();
+    std::tuple<Ids...> ids;
+    Reader reader(call, kMostIds);
+    return std::apply(reader, ids) < 0 ? refuse(reader.error) : std::apply(answer, ids);
 } catch (const std::bad_alloc&) {
     return sd_bus_reply_method_errnof(call, ENOMEM, "no memory is left for the answer");
 } catch (const std::exception& error) {
-    return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "%s", error.what());
+    return replyError(call, SD_BUS_ERROR_FAILED, error.what());
 }
 
-/// Serves one method of an AIDL service; `Ids` is its list of ids, or nothing.
+/// Serves one method of an AIDL service.
 template <auto kMethod, typename Records, typename... Ids>
 int serveAidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
-    return serve(call, [&] {
-        std::tuple<Ids...> ids;
-        Reader reader(call, kMostIds);
-        if (std::apply(reader, ids) < 0) {
-            return replyError(call, SD_BUS_ERROR_INVALID_ARGS, reader.error);
-        }
+    const auto answer = [&](const Ids&... ids) {
         Records records;
         auto* service = static_cast<stats_aidl::IPowerStats*>(userData);
-        const ScopedAStatus status = std::apply(
-            [&](const auto&... list) { return (service->*kMethod)(list..., &records); }, ids);
+        const ScopedAStatus status = (service->*kMethod)(ids..., &records);
         if (status.isOk()) return reply(call, records);
         if (status.get() == nullptr) return replyError(call, SD_BUS_ERROR_FAILED, "no status");
         const bool invalid = status.getExceptionCode() == EX_ILLEGAL_ARGUMENT;
         return replyError(call, invalid ? SD_BUS_ERROR_INVALID_ARGS : SD_BUS_ERROR_FAILED,
                           status.getDescription());
+    };
+    return serve<Ids...>(call, answer, [&](const std::string& error) {
+        return replyError(call, SD_BUS_ERROR_INVALID_ARGS, error);
     });
 }
 
-/// Serves one method of a HIDL service; `Ids` is its list of ids, or nothing.
+/// Serves one method of a HIDL service.
 template <auto kMethod, typename Record, typename... Ids>
 int serveHidl(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
-    return serve(call, [&] {
-        std::tuple<Ids...> ids;
-        Reader reader(call, kMostIds);
-        if (std::apply(reader, ids) < 0) {
-            // A D-Bus error would be a failed transaction, which ends a client that reads data.
-            return reply(call, hidl_vec<Record>(), stats_V1_0::Status::INVALID_INPUT);
-        }
+    const auto answer = [&](const Ids&... ids) {
         auto* service = static_cast<stats_V1_0::IPowerStats*>(userData);
         int sent = -ENOMSG;
-        const auto answer = [&](const hidl_vec<Record>& records, stats_V1_0::Status status) {
-            if (sent == -ENOMSG) sent = reply(call, records, status);
-        };
-        const Return<void> result = std::apply(
-            [&](const auto&... list) { return (service->*kMethod)(list..., answer); }, ids);
+        const Return<void> result = (service->*kMethod)(
+            ids..., [&](const hidl_vec<Record>& records, stats_V1_0::Status status) {
+                if (sent == -ENOMSG) sent = reply(call, records, status);
+            });
         if (result.isOk() && sent != -ENOMSG) return sent;
         return replyError(call, SD_BUS_ERROR_FAILED,
                           result.isOk() ? "the service gave no answer" : result.description());
+    };
+    return serve<Ids...>(call, answer, [&](const std::string& /*error*/) {
+        // A D-Bus error would be a failed transaction, which ends a client that reads data.
+        return reply(call, hidl_vec<Record>(), stats_V1_0::Status::INVALID_INPUT);
     });
 }
 
@@ -154,19 +153,12 @@ std::string errnoText(int result) {
     return std::generic_category().message(-result);
 }
 
-struct ReleaseEvent {
-    void operator()(sd_event* event) const { sd_event_unref(event); }
-    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-
 }  // namespace
 }  // namespace dbus
 
 struct BusServer::Impl {
-    std::unique_ptr<sd_event, dbus::ReleaseEvent> event;
     dbus::UniqueBus bus;
-    /// Set while the server only sends answers.
-    std::unique_ptr<sd_event_source, dbus::ReleaseEvent> sending;
+    int signals = -1;  ///< readable once a signal ends the server
     std::shared_ptr<dbus::stats_aidl::IPowerStats> aidl;
     ::android::sp<dbus::stats_V1_0::IPowerStats> hidl;
 
@@ -186,45 +178,8 @@ struct BusServer::Impl {
         return false;
     }
 
-    int attach() {
-        sending.reset();
-        // Below the signals' priority, so that they end the loop ahead of all queued messages.
-        return sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL + 1);
-    }
-
-    /// Detaches the bus from the loop, which would read and send, and then only sends.
-    int detach() {
-        int result = sd_bus_detach_event(bus.get());
-        sd_event_source* source = nullptr;
-        if (result >= 0) {
-            // A bus that can send a whole answer does so first, and does not read in that step.
-            const auto send = [](sd_event_source*, int, uint32_t, void* userData) {
-                auto* bus = static_cast<sd_bus*>(userData);
-                // A source whose callback fails is switched off; a closed bus ends the loop.
-                if (sd_bus_process(bus, nullptr) < 0) sd_bus_close(bus);
-                return 0;
-            };
-            result = sd_event_add_io(event.get(), &source, sd_bus_get_fd(bus.get()), EPOLLOUT, send,
-                                     bus.get());
-        }
-        sending.reset(source);
-        return result;
-    }
-
-    int limitQueue() {
-        if (sd_bus_is_open(bus.get()) <= 0) return -ECONNRESET;
-        uint64_t queued = 0;
-        sd_bus_get_n_queued_write(bus.get(), &queued);
-        const bool tooMany = queued > dbus::kMostQueuedAnswers;
-        if (tooMany == (sending != nullptr)) return 0;
-        return tooMany ? detach() : attach();
-    }
-
-    /// Called after every step of the loop.
-    static int afterStep(sd_event_source* /*source*/, void* userData) {
-        auto* server = static_cast<Impl*>(userData);
-        const int result = server->limitQueue();
-        return result < 0 ? sd_event_exit(server->event.get(), result) : 0;
+    ~Impl() {
+        if (signals >= 0) close(signals);
     }
 };
 
@@ -234,15 +189,18 @@ BusServer::~BusServer() = default;
 
 std::unique_ptr<BusServer> BusServer::connect(Bus bus, std::string* error) {
     auto impl = std::make_unique<Impl>();
-    sd_event* event = nullptr;
-    int result = sd_event_new(&event);
-    impl->event.reset(event);
-    if (result >= 0) result = dbus::openBus(bus, &impl->bus);
-    // By default the end of the event loop flushes, for as long as the bus does not read.
-    if (result >= 0) result = sd_bus_set_close_on_exit(impl->bus.get(), 0);
+    int result = dbus::openBus(bus, &impl->bus);
     const char* unique = nullptr;
     if (result >= 0) result = sd_bus_get_unique_name(impl->bus.get(), &unique);
-    if (result >= 0) result = sd_event_set_signal_exit(impl->event.get(), 1);
+    if (result >= 0) {
+        sigset_t ends;
+        sigemptyset(&ends);
+        sigaddset(&ends, SIGTERM);
+        sigaddset(&ends, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+        impl->signals = signalfd(-1, &ends, SFD_CLOEXEC);
+        if (impl->signals < 0) result = -errno;
+    }
     if (result < 0) {
         *error = dbus::describeTrouble(bus, result);
         return nullptr;
@@ -262,11 +220,18 @@ bool BusServer::add(const ::android::sp<dbus::stats_V1_0::IPowerStats>& service,
 }
 
 bool BusServer::run(std::string* error) {
-    int result = sd_event_add_post(mImpl->event.get(), nullptr, Impl::afterStep, mImpl.get());
-    if (result >= 0) result = mImpl->attach();
-    if (result >= 0) result = sd_event_loop(mImpl->event.get());
-    if (result >= 0) return true;
-    *error = sd_bus_is_open(mImpl->bus.get()) > 0 ? dbus::errnoText(result) : "the bus went away";
+    sd_bus* const bus = mImpl->bus.get();
+    int result = 0;
+    while (result >= 0 && sd_bus_is_open(bus) > 0) {
+        uint64_t queued = 0;
+        sd_bus_get_n_queued_write(bus, &queued);
+        // A bus that can send a whole answer does so first, and does not read in that step.
+        const bool onlySends = queued > dbus::kMostQueuedAnswers;
+        // A signal ends the server ahead of all queued messages.
+        if (dbus::awaitWork(bus, mImpl->signals, onlySends)) return true;
+        result = sd_bus_process(bus, nullptr);
+    }
+    *error = sd_bus_is_open(bus) > 0 ? dbus::errnoText(result) : "the bus went away";
     return false;
 }
 

@@ -56,47 +56,43 @@ auto members(Record& record) {
     }
 }
 
-/// Returns the D-Bus type of a number.
+/// The D-Bus type of a number. The interfaces' enumerations are unsigned.
 template <typename T>
-constexpr char numberType() {
-    if constexpr (std::is_enum_v<T>) {
-        return numberType<std::underlying_type_t<T>>();
-    } else if constexpr (sizeof(T) == 8) {
-        return std::is_signed_v<T> ? 'x' : 't';
-    } else {
-        static_assert(sizeof(T) == 4);
-        return std::is_signed_v<T> ? 'i' : 'u';
-    }
-}
+inline constexpr char kNumberType = sizeof(T) == 8 ? (std::is_signed_v<T> ? 'x' : 't')
+                                                   : (std::is_signed_v<T> ? 'i' : 'u');
 
 template <typename T>
 inline constexpr bool kIsNumber = std::is_integral_v<T> || std::is_enum_v<T>;
 template <typename T>
 inline constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v<T, hidl_string>;
+template <typename T>
+inline constexpr bool kIsList = false;
+template <typename T>
+inline constexpr bool kIsList<std::vector<T>> = true;
+template <typename T>
+inline constexpr bool kIsList<hidl_vec<T>> = true;
 
-/// Returns the signature of a member: of a number, a text, or a list of numbers or records.
 template <typename T>
 std::string signatureOf();
 
+/// Returns the signature of members.
 template <typename... Members>
 std::string signatureOf(const std::tuple<Members&...>& /*members*/) {
-    return (signatureOf<Members>() + ...);
+    return (signatureOf<std::remove_const_t<Members>>() + ...);
 }
 
+/// Returns the signature of a member: of a number, a text, a list or a record.
 template <typename T>
 std::string signatureOf() {
     if constexpr (kIsNumber<T>) {
-        return {numberType<T>()};
+        return {kNumberType<T>};
     } else if constexpr (kIsText<T>) {
         return "s";
+    } else if constexpr (kIsList<T>) {
+        return "a" + signatureOf<typename T::value_type>();
     } else {
-        using Element = typename T::value_type;
-        if constexpr (kIsNumber<Element>) {
-            return "a" + signatureOf<Element>();
-        } else {
-            Element record;
-            return "a(" + signatureOf(members(record)) + ")";
-        }
+        T record;
+        return "(" + signatureOf(members(record)) + ")";
     }
 }
 
@@ -117,32 +113,22 @@ class Writer {
     template <typename T>
     int write(const T& member) {
         if constexpr (kIsNumber<T>) {
-            return sd_bus_message_append_basic(mMessage, numberType<T>(), &member);
+            return sd_bus_message_append_basic(mMessage, kNumberType<T>, &member);
         } else if constexpr (kIsText<T>) {
             // Check first: sd-bus would cut the text at a NUL without an error.
             if (std::string(member).find('\0') != std::string::npos) return -EINVAL;
             return sd_bus_message_append_basic(mMessage, 's', member.c_str());
+        } else if constexpr (kIsList<T>) {
+            static const std::string contents = signatureOf<typename T::value_type>();
+            int result = sd_bus_message_open_container(mMessage, 'a', contents.c_str());
+            for (size_t i = 0; result >= 0 && i < member.size(); ++i) result = write(member[i]);
+            return result < 0 ? result : sd_bus_message_close_container(mMessage);
         } else {
-            return writeList(member);
+            static const std::string contents = signatureOf(members(member));
+            int result = sd_bus_message_open_container(mMessage, 'r', contents.c_str());
+            if (result >= 0) result = std::apply(*this, members(member));
+            return result < 0 ? result : sd_bus_message_close_container(mMessage);
         }
-    }
-
-    template <typename List>
-    int writeList(const List& list) {
-        using Element = typename List::value_type;
-        static const std::string contents = signatureOf<List>().substr(1);
-        int result = sd_bus_message_open_container(mMessage, 'a', contents.c_str());
-        for (size_t i = 0; result >= 0 && i < list.size(); ++i) {
-            if constexpr (kIsNumber<Element>) {
-                result = write(list[i]);
-            } else {
-                static const std::string record = contents.substr(1, contents.size() - 2);
-                result = sd_bus_message_open_container(mMessage, 'r', record.c_str());
-                if (result >= 0) result = std::apply(*this, members(list[i]));
-                if (result >= 0) result = sd_bus_message_close_container(mMessage);
-            }
-        }
-        return result < 0 ? result : sd_bus_message_close_container(mMessage);
     }
 
     sd_bus_message* const mMessage;
@@ -172,13 +158,11 @@ class Reader {
     template <typename T>
     int read(T* member) {
         if constexpr (kIsNumber<T>) {
-            return taken(sd_bus_message_read_basic(mMessage, numberType<T>(), member));
+            return taken(sd_bus_message_read_basic(mMessage, kNumberType<T>, member));
         } else if constexpr (kIsText<T>) {
             const char* text = nullptr;
-            if (const int result = taken(sd_bus_message_read_basic(mMessage, 's', &text));
-                result < 0) {
-                return result;
-            }
+            const int result = taken(sd_bus_message_read_basic(mMessage, 's', &text));
+            if (result < 0) return result;
             std::string copy(text);
             if (copy.size() > kMostBytes) {
                 error = "a text is longer than " + std::to_string(kMostBytes) + " bytes";
@@ -186,38 +170,38 @@ class Reader {
             }
             *member = std::move(copy);
             return 0;
-        } else {
+        } else if constexpr (kIsList<T>) {
             std::vector<typename T::value_type> list;
             const int result = readList(&list);
             *member = std::move(list);
             return result;
+        } else {
+            // No need to name the kind of container: the whole signature has been checked.
+            int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
+            if (result >= 0) result = std::apply(*this, members(*member));
+            return result < 0 ? result : sd_bus_message_exit_container(mMessage);
         }
     }
 
-    template <typename Record, std::enable_if_t<!kIsNumber<Record>, int> = 0>
-    int readList(std::vector<Record>* list) {
-        // No need to name the kind of container: the whole signature has been checked.
-        int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
-        while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
-            result = count(1);
-            if (result >= 0) result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
-            if (result >= 0) result = std::apply(*this, members(list->emplace_back()));
-            if (result >= 0) result = sd_bus_message_exit_container(mMessage);
+    template <typename Element>
+    int readList(std::vector<Element>* list) {
+        if constexpr (kIsNumber<Element>) {
+            const void* numbers = nullptr;
+            size_t size = 0;
+            int result =
+                taken(sd_bus_message_read_array(mMessage, kNumberType<Element>, &numbers, &size));
+            if (result >= 0) result = count(size / sizeof(Element));
+            const auto* first = static_cast<const Element*>(numbers);
+            if (result >= 0 && size != 0) list->assign(first, first + size / sizeof(Element));
+            return result;
+        } else {
+            int result = taken(sd_bus_message_enter_container(mMessage, 0, nullptr));
+            while (result >= 0 && (result = sd_bus_message_at_end(mMessage, 0)) == 0) {
+                result = count(1);
+                if (result >= 0) result = read(&list->emplace_back());
+            }
+            return result < 0 ? result : sd_bus_message_exit_container(mMessage);
         }
-        return result < 0 ? result : sd_bus_message_exit_container(mMessage);
-    }
-
-    template <typename Number, std::enable_if_t<kIsNumber<Number>, int> = 0>
-    int readList(std::vector<Number>* list) {
-        const void* numbers = nullptr;
-        size_t size = 0;
-        int result =
-            taken(sd_bus_message_read_array(mMessage, numberType<Number>(), &numbers, &size));
-        if (result >= 0) result = count(size / sizeof(Number));
-        if (result < 0) return result;
-        const auto* first = static_cast<const Number*>(numbers);
-        if (size != 0) list->assign(first, first + size / sizeof(Number));
-        return result;
     }
 
     int count(size_t elements) {

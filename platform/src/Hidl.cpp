@@ -82,10 +82,9 @@ namespace details {
 return_status::return_status(return_status&& other) noexcept
     : mStatus(std::move(other.mStatus)), mChecked(std::exchange(other.mChecked, true)) {}
 
-return_status& return_status::operator=(return_status&& other) noexcept {
-    endUnlessChecked();
-    mStatus = std::move(other.mStatus);
-    mChecked = std::exchange(other.mChecked, true);
+return_status& return_status::operator=(return_status other) noexcept {
+    std::swap(mStatus, other.mStatus);
+    std::swap(mChecked, other.mChecked);
     return *this;
 }
 

@@ -9,17 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
-#include <type_traits>
-#include <unordered_map>
 #include <utility>
 
 namespace host {
 
 namespace {
-
-/// Derived from JNIEnv, because the name of this structure differs between Java runtimes.
-using JniFunctions = std::remove_cv_t<std::remove_pointer_t<decltype(JNIEnv::functions)>>;
 
 constexpr char kResidenciesMethod[] =
     "Java_com_tavrel_android_ferrolith_TavrelPowerStatsHalDataProvider_getResidenciesNative";
@@ -37,81 +31,56 @@ std::string withoutPrefix(const std::string& text, const std::string& prefix) {
 
 }  // namespace
 
-/// The JNIEnv itself. A native method passes it back.
-struct HostJniEnv::Impl : JNIEnv {
-    explicit Impl(HostJniEnv* owner) : JNIEnv{&table}, owner(owner) {
-        table.NewByteArray = [](JNIEnv* env, jsize length) {
-            return static_cast<Impl*>(env)->create(length);
-        };
-        table.SetByteArrayRegion = [](JNIEnv* env, jbyteArray array, jsize start, jsize length,
-                                      const jbyte* bytes) {
-            static_cast<Impl*>(env)->fill(array, start, length, bytes);
-        };
+HostJniEnv::HostJniEnv() {
+    functions = &mFunctions;
+    mFunctions.NewByteArray = [](JNIEnv* env, jsize length) {
+        return static_cast<HostJniEnv*>(env)->create(length);
+    };
+    mFunctions.SetByteArrayRegion = [](JNIEnv* env, jbyteArray array, jsize start, jsize length,
+                                       const jbyte* bytes) {
+        static_cast<HostJniEnv*>(env)->fill(array, start, length, bytes);
+    };
+}
+
+jbyteArray HostJniEnv::create(jsize length) {
+    if (onCall) onCall("NewByteArray(" + std::to_string(length) + ")");
+    if (heapIsFull) return nullptr;
+    std::lock_guard<std::mutex> lock(mMutex);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never used as an address
+    jbyteArray array = reinterpret_cast<jbyteArray>(++mLastHandle);
+    mArrays.emplace(array, std::vector<uint8_t>(static_cast<size_t>(length)));
+    return array;
+}
+
+void HostJniEnv::fill(jbyteArray array, jsize start, jsize length, const jbyte* bytes) {
+    // Formatted only where somebody reads it, because benchmarks come through here.
+    const auto call = [&] {
+        return "SetByteArrayRegion(" + std::to_string(start) + ", " + std::to_string(length) + ")";
+    };
+    if (onCall) onCall(call());
+    if (array == nullptr) endProcess(call(), "the array is null");
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto found = mArrays.find(array);
+    if (found == mArrays.end()) endProcess(call(), "not an array of this environment");
+    std::vector<uint8_t>& content = found->second;
+    if (start < 0 || length < 0 ||
+        static_cast<size_t>(start) + static_cast<size_t>(length) > content.size()) {
+        endProcess(call(), "the region is outside of the array");
     }
-
-    /// Calls onCall if it is set. Formats the text only then, because benchmarks come through here.
-    template <typename Text>
-    void announce(Text text) const {
-        if (owner->onCall) owner->onCall(text());
-    }
-
-    jbyteArray create(jsize length) {
-        const auto text = [&] { return "NewByteArray(" + std::to_string(length) + ")"; };
-        announce(text);
-        if (length < 0) endProcess(text(), "the length is negative");
-        if (owner->heapIsFull) return nullptr;
-        std::lock_guard<std::mutex> lock(mutex);
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never used as an address
-        jbyteArray array = reinterpret_cast<jbyteArray>(++lastHandle);
-        arrays.emplace(array, std::vector<uint8_t>(static_cast<size_t>(length)));
-        return array;
-    }
-
-    void fill(jbyteArray array, jsize start, jsize length, const jbyte* bytes) {
-        const auto text = [&] {
-            return "SetByteArrayRegion(" + std::to_string(start) + ", " + std::to_string(length) +
-                   ")";
-        };
-        announce(text);
-        if (array == nullptr) endProcess(text(), "the array is null");
-        std::lock_guard<std::mutex> lock(mutex);
-        auto found = arrays.find(array);
-        if (found == arrays.end()) endProcess(text(), "not an array of this environment");
-        std::vector<uint8_t>& content = found->second;
-        if (start < 0 || length < 0 ||
-            static_cast<size_t>(start) + static_cast<size_t>(length) > content.size()) {
-            endProcess(text(), "the region is outside of the array");
-        }
-        std::copy_n(reinterpret_cast<const uint8_t*>(bytes), length, content.begin() + start);
-    }
-
-    HostJniEnv* const owner;
-    JniFunctions table{};
-    mutable std::mutex mutex;
-    std::unordered_map<jbyteArray, std::vector<uint8_t>> arrays;
-    /// Handles are numbers that are never used twice, so that a stale one is recognised.
-    uintptr_t lastHandle = 0;
-};
-
-HostJniEnv::HostJniEnv() : mImpl(std::make_unique<Impl>(this)) {}
-
-HostJniEnv::~HostJniEnv() = default;
-
-JNIEnv* HostJniEnv::get() {
-    return mImpl.get();
+    std::copy_n(reinterpret_cast<const uint8_t*>(bytes), length, content.begin() + start);
 }
 
 JavaBytes HostJniEnv::take(jbyteArray array) {
     if (array == nullptr) return std::nullopt;
-    std::lock_guard<std::mutex> lock(mImpl->mutex);
-    auto taken = mImpl->arrays.extract(array);
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto taken = mArrays.extract(array);
     if (taken.empty()) endProcess("take", "not an array of this environment, or taken already");
     return std::move(taken.mapped());
 }
 
 size_t HostJniEnv::arrays() const {
-    std::lock_guard<std::mutex> lock(mImpl->mutex);
-    return mImpl->arrays.size();
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mArrays.size();
 }
 
 std::string LoadedLibrary::defaultFile() {
@@ -134,31 +103,20 @@ std::unique_ptr<LoadedLibrary> LoadedLibrary::load(const std::string& file, std:
         *error = file + ": " + withoutPrefix(dlerror(), path + ": ");
         return nullptr;
     }
-    void* methods[] = {dlsym(handle, kResidenciesMethod), dlsym(handle, kRailEnergyMethod)};
-    if (methods[0] == nullptr || methods[1] == nullptr) {
-        *error = file + ": does not export " +
-                 (methods[0] == nullptr ? kResidenciesMethod : kRailEnergyMethod);
-        dlclose(handle);
-        return nullptr;
+    std::unique_ptr<LoadedLibrary> library(new LoadedLibrary(handle));
+    for (const auto& [name, method] : {std::pair(kResidenciesMethod, &library->mResidencies),
+                                       std::pair(kRailEnergyMethod, &library->mRailEnergy)}) {
+        *method = reinterpret_cast<NativeMethod>(dlsym(handle, name));
+        if (*method == nullptr) {
+            *error = file + ": does not export " + name;
+            return nullptr;
+        }
     }
-    return std::unique_ptr<LoadedLibrary>(
-        new LoadedLibrary(handle, reinterpret_cast<NativeMethod>(methods[0]),
-                          reinterpret_cast<NativeMethod>(methods[1])));
+    return library;
 }
-
-LoadedLibrary::LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy)
-    : mHandle(handle), mResidencies(residencies), mRailEnergy(railEnergy) {}
 
 LoadedLibrary::~LoadedLibrary() {
     dlclose(mHandle);
-}
-
-JavaBytes LoadedLibrary::residencies(HostJniEnv* env) const {
-    return env->take(mResidencies(env->get(), nullptr));
-}
-
-JavaBytes LoadedLibrary::railEnergy(HostJniEnv* env) const {
-    return env->take(mRailEnergy(env->get(), nullptr));
 }
 
 }  // namespace host

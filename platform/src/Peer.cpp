@@ -14,8 +14,6 @@ void Peer::die() {
 
 android::status_t Peer::link(const LinkKey& key, std::function<void()> deliver) {
     expectNotices();
-    std::lock_guard<std::mutex> watchLock(mWatchMutex);
-    if (!startWatching()) return android::FAILED_TRANSACTION;
     std::lock_guard<std::mutex> lock(mMutex);
     if (mReported) return android::DEAD_OBJECT;
     mLinks.emplace_back(key, std::move(deliver));
@@ -24,24 +22,18 @@ android::status_t Peer::link(const LinkKey& key, std::function<void()> deliver) 
 }
 
 android::status_t Peer::unlink(const LinkKey& key) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const bool isReported = mReported;
+    std::lock_guard<std::mutex> lock(mMutex);
     const auto link = std::find_if(mLinks.begin(), mLinks.end(),
                                    [&](const auto& entry) { return entry.first == key; });
     const bool found = link != mLinks.end();
     if (found) mLinks.erase(link);  // its notice may be due
-    lock.unlock();
-    if (found) stopWatchingUnlessLinked();
-    if (isReported) return android::DEAD_OBJECT;
+    if (mReported) return android::DEAD_OBJECT;
     return found ? android::OK : android::NAME_NOT_FOUND;
 }
 
 void Peer::unlinkAll(const void* proxy) {
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mLinks.remove_if([=](const auto& link) { return std::get<0>(link.first) == proxy; });
-    }
-    stopWatchingUnlessLinked();
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLinks.remove_if([=](const auto& link) { return std::get<0>(link.first) == proxy; });
 }
 
 void Peer::report() {
@@ -54,17 +46,6 @@ void Peer::report() {
         deliver();
         lock.lock();
     }
-    lock.unlock();
-    stopWatchingUnlessLinked();
-}
-
-void Peer::stopWatchingUnlessLinked() {
-    std::lock_guard<std::mutex> watchLock(mWatchMutex);
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (!mLinks.empty()) return;
-    }
-    stopWatching();  // may take locks under which a peer dies
 }
 
 }  // namespace host

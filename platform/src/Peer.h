@@ -25,8 +25,6 @@ using LinkKey = std::tuple<const void*, const void*, const void*>;
 
 class Peer : public std::enable_shared_from_this<Peer> {
   public:
-    virtual ~Peer() = default;
-
     bool isAlive() const { return mAlive; }
 
     /// Marks the process as ended: later transactions fail, and the links get their notices.
@@ -35,8 +33,7 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Adds a link. A dead peer whose death has not been reported yet accepts it, and its notice
     /// follows at once.
     /// @param deliver [in] calls the recipient. Runs on the delivering thread with no lock held.
-    /// @return OK, DEAD_OBJECT once the death has been reported, or FAILED_TRANSACTION when the
-    ///     death cannot be watched for.
+    /// @return OK, or DEAD_OBJECT once the death has been reported.
     android::status_t link(const LinkKey& key, std::function<void()> deliver);
 
     /// Ends the first link of this key.
@@ -48,16 +45,8 @@ class Peer : public std::enable_shared_from_this<Peer> {
     /// Delivers the notices. REQUIRES: this is the delivering thread
     void report();
 
-  protected:
-    /// Watching starts before the first link and stops after the last. Starting twice is harmless.
-    virtual bool startWatching() { return true; }
-    virtual void stopWatching() {}
-
   private:
-    void stopWatchingUnlessLinked();
-
     std::atomic<bool> mAlive{true};
-    std::mutex mWatchMutex;  // held while watching starts or stops; taken before mMutex
     std::mutex mMutex;
     bool mReported = false;                                       // guarded by mMutex
     std::list<std::pair<LinkKey, std::function<void()>>> mLinks;  // guarded by mMutex

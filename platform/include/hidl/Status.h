@@ -70,9 +70,7 @@ class return_status {
     return_status() = default;
     return_status(const Status& status) : mStatus(status) {}
     return_status(return_status&& other) noexcept;
-    return_status& operator=(return_status&& other) noexcept;
-    return_status(const return_status&) = delete;
-    return_status& operator=(const return_status&) = delete;
+    return_status& operator=(return_status other) noexcept;
     ~return_status();
 
     /// Returns whether the call succeeded, and marks the status as checked.

@@ -10,8 +10,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <unordered_map>
 #include <vector>
 
 namespace host {
@@ -23,14 +26,11 @@ using JavaBytes = std::optional<std::vector<uint8_t>>;
 /// A call of any other JNI function ends the process: its slot in the table is null.
 ///
 /// Many threads may use one object at once. Each object has arrays of its own.
-class HostJniEnv {
+class HostJniEnv : JNIEnv {
   public:
     HostJniEnv();
-    ~HostJniEnv();
-    HostJniEnv(const HostJniEnv&) = delete;
-    HostJniEnv& operator=(const HostJniEnv&) = delete;
 
-    JNIEnv* get();
+    JNIEnv* get() { return this; }
 
     /// Takes the array out of this environment, as a Java caller takes a returned local reference.
     /// @param array [in] the result of a native method; null is allowed and gives std::nullopt. An
@@ -50,15 +50,20 @@ class HostJniEnv {
     bool heapIsFull = false;
 
   private:
-    struct Impl;
-    std::unique_ptr<Impl> mImpl;
+    jbyteArray create(jsize length);
+    void fill(jbyteArray array, jsize start, jsize length, const jbyte* bytes);
+
+    // By this type, because the name of the structure differs between Java runtimes.
+    std::remove_cv_t<std::remove_pointer_t<decltype(JNIEnv::functions)>> mFunctions{};
+    mutable std::mutex mMutex;
+    std::unordered_map<jbyteArray, std::vector<uint8_t>> mArrays;
+    /// Handles are numbers that are never used twice, so that a stale one is recognised.
+    uintptr_t mLastHandle = 0;
 };
 
 /// One loaded copy of `libpowerstatshaldataprovider`.
 class LoadedLibrary {
   public:
-    using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
-
     /// The library in the folder jni/ next to libandroid_host.so's folder, as installed, or else in
     /// that folder itself, as built.
     static std::string defaultFile();
@@ -75,16 +80,22 @@ class LoadedLibrary {
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
     /// Calls `getResidenciesNative` as a Java caller does.
-    JavaBytes residencies(HostJniEnv* env) const;
+    JavaBytes residencies(HostJniEnv* env) const {
+        return env->take(mResidencies(env->get(), nullptr));
+    }
     /// Calls `getRailEnergyNative` as a Java caller does.
-    JavaBytes railEnergy(HostJniEnv* env) const;
+    JavaBytes railEnergy(HostJniEnv* env) const {
+        return env->take(mRailEnergy(env->get(), nullptr));
+    }
 
   private:
-    LoadedLibrary(void* handle, NativeMethod residencies, NativeMethod railEnergy);
+    using NativeMethod = jbyteArray (*)(JNIEnv* env, jclass clazz);
 
-    void* mHandle;
-    NativeMethod mResidencies;
-    NativeMethod mRailEnergy;
+    explicit LoadedLibrary(void* handle) : mHandle(handle) {}
+
+    void* const mHandle;
+    NativeMethod mResidencies = nullptr;
+    NativeMethod mRailEnergy = nullptr;
 };
 
 }  // namespace host
