@@ -38,9 +38,9 @@ AIBinder::~AIBinder() {
     {
         auto& table = host::neverDestroyed<BinderTable>();
         std::lock_guard<std::mutex> lock(table.mutex);
-        // The service may have another binder by now.
+        // The service may have another binder by now, or have had one.
         const auto entry = table.binders.find(service.get());
-        if (entry->second == this) table.binders.erase(entry);
+        if (entry != table.binders.end() && entry->second == this) table.binders.erase(entry);
     }
     peer->unlinkAll(this);
 }

@@ -38,32 +38,32 @@ class BpHwPowerStats : public host::HidlForwarder<BpHwPowerStats> {
     /// Makes one call of the service, and logs why it failed if it did.
     template <auto kCall, typename Callback, typename... Ids>
     Return<void> transact(const char* method, const Callback& callback, const Ids&... ids) {
-        Return<void> result = transactUnlogged<kCall>(callback, ids...);
-        if (!result.isOkUnchecked()) host::logFailure(descriptor, method, result.description());
-        return result;
-    }
-
-  private:
-    template <auto kCall, typename Callback, typename... Ids>
-    Return<void> transactUnlogged(const Callback& callback, const Ids&... ids) {
-        if (!mPeer->isAlive()) return TransportStatus::fromStatusT(DEAD_OBJECT);
         struct {
             const host::Peer& peer;
             const Callback& callback;
             bool answered;
         } transaction{*mPeer, callback, false};
-        // One captured pointer, so that the std::function made of it allocates nothing.
-        Return<void> result =
-            ((*mService).*kCall)(ids..., [&transaction](const auto& records, V1_0::Status status) {
-                if (transaction.answered || !transaction.peer.isAlive()) return;
-                transaction.answered = true;
-                transaction.callback(records, status);
-            });
-        if (transaction.answered || !result.isOkUnchecked()) return result;
-        if (!mPeer->isAlive()) return TransportStatus::fromStatusT(DEAD_OBJECT);
-        return TransportStatus::fromStatusT(FAILED_TRANSACTION, "the service gave no answer");
+        Return<void> result;
+        if (mPeer->isAlive()) {
+            // One captured pointer, so that the std::function made of it allocates nothing.
+            result = (*mService.*kCall)(ids...,
+                                        [&transaction](const auto& records, V1_0::Status status) {
+                                            if (transaction.answered || !transaction.peer.isAlive())
+                                                return;
+                                            transaction.answered = true;
+                                            transaction.callback(records, status);
+                                        });
+        }
+        if (!transaction.answered && result.isOkUnchecked()) {
+            result = mPeer->isAlive() ? TransportStatus::fromStatusT(FAILED_TRANSACTION,
+                                                                     "the service gave no answer")
+                                      : TransportStatus::fromStatusT(DEAD_OBJECT);
+        }
+        if (!result.isOkUnchecked()) host::logFailure(descriptor, method, result.description());
+        return result;
     }
 
+  private:
     const sp<IPowerStats> mService;
     const std::shared_ptr<host::Peer> mPeer;
 };
