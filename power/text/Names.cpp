@@ -73,27 +73,22 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
 
 std::vector<std::string> distinctNames(const std::vector<std::vector<std::string>>& choices) {
     std::vector<size_t> chosen(choices.size(), 0);
-    const auto bytes = [&](size_t thing) { return choices[thing][chosen[thing]]; };
-    const auto name = [&](size_t thing) { return safeName(bytes(thing)); };
-
+    std::vector<std::string> names(choices.size());
     for (bool moved = true; moved;) {
         moved = false;
-        std::map<std::string, std::vector<size_t>> things;
-        for (size_t i = 0; i < choices.size(); ++i) things[name(i)].push_back(i);
-        for (const auto& [sameName, namesakes] : things) {
-            if (namesakes.size() == 1) continue;
-            for (const size_t i : namesakes) {
-                if (chosen[i] + 1 == choices[i].size()) continue;
-                ++chosen[i];
-                moved = true;
-            }
+        std::map<std::string, size_t> namesakes;
+        for (size_t i = 0; i < choices.size(); ++i) {
+            names[i] = safeName(choices[i][chosen[i]]);
+            ++namesakes[names[i]];
+        }
+        for (size_t i = 0; i < choices.size(); ++i) {
+            if (namesakes[names[i]] == 1 || chosen[i] + 1 == choices[i].size()) continue;
+            ++chosen[i];
+            moved = true;
         }
     }
 
-    std::vector<std::string> names;
-    std::set<std::string> taken;
-    for (size_t i = 0; i < choices.size(); ++i) names.push_back(name(i));
-    taken.insert(names.begin(), names.end());
+    std::set<std::string> taken(names.begin(), names.end());
     // The number to go on with for each name, so that many namesakes take no longer than others.
     std::map<std::string, size_t> next;
     for (size_t i = 0; i < names.size(); ++i) {
@@ -101,7 +96,7 @@ std::vector<std::string> distinctNames(const std::vector<std::vector<std::string
         if (++number == 1) continue;
         do {
             const std::string suffix = " #" + std::to_string(number);
-            names[i] = safeName(bytes(i), kMaxNameSize - suffix.size()) + suffix;
+            names[i] = safeName(choices[i][chosen[i]], kMaxNameSize - suffix.size()) + suffix;
         } while (!taken.insert(names[i]).second && ++number != 0);
     }
     return names;
@@ -115,18 +110,14 @@ void rename(std::vector<Thing>* things, bool isFixed) {
     choices.reserve(things->size());
     for (const Thing& thing : *things) {
         const std::string id = "id " + std::to_string(thing.id);
-        if (thing.name.empty() || isFixed) {
-            choices.push_back({thing.name.empty() ? id : thing.name});
-            continue;
-        }
-        std::string name;
+        choices.push_back({thing.name.empty() ? id : thing.name});
+        if (thing.name.empty() || isFixed) continue;
+        std::string name = thing.name;
         if constexpr (std::is_same_v<Thing, Rail>) {
-            if (!thing.subsystem.empty()) name.append(thing.subsystem).append("/");
+            if (!thing.subsystem.empty()) name = thing.subsystem + '/' + name;
         }
-        name += thing.name;
-        std::string withId = name;
-        withId.append(" (").append(id).append(")");
-        choices.push_back({thing.name, std::move(name), std::move(withId)});
+        choices.back().push_back(name);
+        choices.back().push_back(fmt::format("{} ({})", name, id));
     }
     std::vector<std::string> names = distinctNames(choices);
     for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);
