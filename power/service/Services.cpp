@@ -3,6 +3,7 @@
 #include "power/service/Services.h"
 
 #include <aidl/android/hardware/power/stats/BnPowerStats.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <string>
@@ -57,12 +58,10 @@ class ServedIds {
         for (const auto wide : ids) {
             const auto id = static_cast<int32_t>(wide);
             const auto found = mPositions.find(id);
-            if (found == mPositions.end()) {
-                return "no " + mKind + " has the id " + std::to_string(id);
-            }
+            if (found == mPositions.end()) return fmt::format("no {} has the id {}", mKind, id);
             if (!chosen.insert(id).second) {
-                return "the request repeats the id " + std::to_string(id) + " (" + mKind +
-                       "); ask for each once";
+                return fmt::format("the request repeats the id {} ({}); ask for each once", id,
+                                   mKind);
             }
             granted.push_back(found->second);
         }
@@ -72,7 +71,7 @@ class ServedIds {
 
   private:
     const Positions mServed;
-    const std::string mKind;
+    const char* const mKind;
     std::unordered_map<int64_t, size_t> mPositions;
 };
 

@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cwchar>
+#include <locale>
 #include <map>
 #include <set>
 #include <type_traits>
@@ -29,21 +31,17 @@ bool isUnfit(uint32_t codePoint) {
 }  // namespace
 
 Utf8Character decodeUtf8(const std::string& bytes, size_t position) {
-    const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
-    const unsigned char lead = byteAt(position);
-    if (lead < 0x80) return {lead, 1};
-
-    const size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc0 || lead >= 0xf8 || size > bytes.size() - position) return {};
-    uint32_t codePoint = lead & (0x7fu >> size);
-    for (size_t i = position + 1; i < position + size; ++i) {
-        if ((byteAt(i) & 0xc0) != 0x80) return {};
-        codePoint = codePoint << 6 | (byteAt(i) & 0x3f);
-    }
-    constexpr uint32_t kLeastOfSize[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool isSurrogate = codePoint >= 0xd800 && codePoint <= 0xdfff;
-    if (codePoint < kLeastOfSize[size] || codePoint > 0x10ffff || isSurrogate) return {};
-    return {codePoint, size};
+    static const auto& decoder =
+        std::use_facet<std::codecvt<char32_t, char, std::mbstate_t>>(std::locale::classic());
+    std::mbstate_t state{};
+    const char* const first = bytes.data() + position;
+    const char* next = first;
+    char32_t character = 0;
+    char32_t* end = nullptr;
+    decoder.in(state, first, bytes.data() + bytes.size(), next, &character, &character + 1, end);
+    const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
+    if (end == &character || isSurrogate) return {};
+    return {character, static_cast<size_t>(next - first)};
 }
 
 bool isControlCharacter(uint32_t codePoint) {
