@@ -55,11 +55,8 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
         std::string text = bytes.substr(position, std::max<size_t>(character.size, 1));
         position += text.size();
         if (character.size == 0 || isControlCharacter(character.codePoint)) {
-            std::string escaped;
-            for (const char byte : text) {
-                escaped += fmt::format("\\x{:02X}", static_cast<unsigned char>(byte));
-            }
-            text = escaped;
+            const std::vector<unsigned char> escaped(text.begin(), text.end());
+            text = fmt::format("\\x{:02X}", fmt::join(escaped, "\\x"));
         } else if (isUnfit(character.codePoint)) {
             text = fmt::format("\\u{{{:X}}}", character.codePoint);
         }
@@ -112,7 +109,7 @@ void rename(std::vector<Thing>* things, bool isFixed) {
         if (thing.name.empty() || isFixed) continue;
         std::string name = thing.name;
         if constexpr (std::is_same_v<Thing, Rail>) {
-            if (!thing.subsystem.empty()) name = thing.subsystem + '/' + name;
+            if (!thing.subsystem.empty()) name.insert(0, thing.subsystem + "/");
         }
         choices.back().push_back(name);
         choices.back().push_back(fmt::format("{} ({})", name, id));

@@ -85,13 +85,12 @@ CsvFields csvFieldsOf(const Interval& interval) {
 
 std::string formatTable(const char* heading, const std::vector<Column>& columns, const Json& rows) {
     if (rows.empty()) return "";
-    std::vector<std::string> headings;
-    for (const Column& column : columns) headings.emplace_back(column.heading);
-    std::string text = tableRow(kIndent, heading, headings);
+    std::vector<std::string> cells(columns.size());
+    for (size_t i = 0; i < cells.size(); ++i) cells[i] = columns[i].heading;
+    std::string text = tableRow(kIndent, heading, cells);
     const auto addFigures = [&](size_t indent, const Json& row) {
-        std::vector<std::string> cells;
-        for (const auto& [key, title, digits] : columns) {
-            cells.push_back(formatFigure(row.value(key, Json()), digits));
+        for (size_t i = 0; i < cells.size(); ++i) {
+            cells[i] = formatFigure(row.value(columns[i].key, Json()), columns[i].digits);
         }
         text += tableRow(indent, textOf(row, "name"), cells);
     };
@@ -139,12 +138,12 @@ std::vector<std::string> notesOf(const Interval& interval) {
     }
     const Failure& rails = interval.railsFailure;
     const Failure& entities = interval.entitiesFailure;
+    const bool isSame = rails.text == entities.text;
     // What a machine does not measure is said once, at the start.
     if (rails && rails.kind != Failure::Kind::kNotMeasured) {
-        notes.push_back((rails == entities ? "rails and power entities: " : "rails: ") +
-                        rails.text);
+        notes.push_back((isSame ? "rails and power entities: " : "rails: ") + rails.text);
     }
-    if (entities && !(rails == entities)) notes.push_back("power entities: " + entities.text);
+    if (entities && !isSame) notes.push_back("power entities: " + entities.text);
     for (size_t i = 0; i < interval.entities.size(); ++i) {
         if (!interval.entities[i].isOverfull) continue;
         notes.push_back(interval.lists->entities[i].name +
@@ -243,7 +242,7 @@ std::string IntervalPrinter::print(const Interval& interval) {
                         {{"share_percent", "time (%)", 1}, {"entries_per_s", "entries/s", 1}},
                         json["entities"]);
     // Those of single rails and entities are in their rows.
-    for (const std::string& note : notesOf(interval)) text += "  " + note + '\n';
+    for (const Json& note : json["notes"]) text += fmt::format("  {}\n", note.get<std::string>());
     return text + '\n';
 }
 

@@ -30,7 +30,7 @@ Json toJson(const Spread& spread) {
 
 /// For people: "12.5", or "12.5 ± 0.1" for several runs.
 std::string format(const Spread& spread, int digits) {
-    const std::string mean = fmt::format("{:.{}f}", spread.mean, digits);
+    std::string mean = fmt::format("{:.{}f}", spread.mean, digits);
     if (!spread.deviation) return mean;
     return fmt::format("{} ± {:.{}f}", mean, *spread.deviation, digits);
 }
