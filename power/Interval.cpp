@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <utility>
@@ -30,38 +31,26 @@ nanoseconds difference(nanoseconds before, nanoseconds after) {
 
 using Position = std::optional<size_t>;
 
-/// Finds the position before of each thing.
-/// @param before [in] the things of the first reading.
-/// @param all [in,out] those of the second; those that only the first one has are added.
+/// Finds the position before of each thing, and then of those that are only before.
 template <typename Thing>
-std::vector<Position> pair(const std::vector<Thing>& before, std::vector<Thing>* all) {
+std::vector<Position> pair(const std::vector<Thing>& before, const std::vector<Thing>& after) {
+    std::vector<Position> positions(after.size());
+    if (&before == &after) {
+        std::iota(positions.begin(), positions.end(), size_t{0});
+        return positions;
+    }
     std::map<std::pair<int64_t, std::string>, size_t> left;
-    for (size_t i = 0; i < before.size(); ++i)
-        left.emplace(std::pair(before[i].id, before[i].name), i);
-    std::vector<Position> positions;
-    for (const Thing& thing : *all) {
-        const auto found = left.find({thing.id, thing.name});
-        positions.push_back(found == left.end() ? Position() : Position(found->second));
-        if (found != left.end()) left.erase(found);
+    for (size_t i = 0; i < before.size(); ++i) left[{before[i].id, before[i].name}] = i;
+    for (size_t i = 0; i < after.size(); ++i) {
+        const auto found = left.extract({after[i].id, after[i].name});
+        if (found) positions[i] = found.mapped();
     }
-    for (size_t i = 0; i < before.size(); ++i) {
-        const auto found = left.find({before[i].id, before[i].name});
-        if (found == left.end() || found->second != i) continue;
-        all->push_back(before[i]);
-        positions.emplace_back(i);
-    }
+    for (const auto& [name, i] : left) positions.emplace_back(i);
     return positions;
 }
 
-/// Why nothing can be compared.
-/// @param before, after [in] why a list could not be read; then nothing came or went.
-Trouble troubleOf(bool inBefore, bool inAfter, const Failure& before, const Failure& after) {
-    if (after) return Trouble::kNotRead;
-    if (!inBefore) return before ? Trouble::kNotRead : Trouble::kCame;
-    return inAfter ? Trouble::kNone : Trouble::kWent;
-}
-
-Trouble measure(const Energy& before, const Energy& after, Interval::RailFigures* rail) {
+Trouble measure(const Rail& /*before*/, const Rail& /*after*/, const Energy& before,
+                const Energy& after, Interval::RailFigures* rail) {
     const nanoseconds elapsed = difference(before.time, after.time);
     const int64_t energyUWs = difference(before.energyUWs, after.energyUWs);
     if (elapsed <= nanoseconds::zero()) return Trouble::kNoTime;
@@ -77,12 +66,12 @@ Trouble measure(const Energy& before, const Energy& after, Interval::RailFigures
     return Trouble::kNone;
 }
 
-/// @param positions [in] those of the states before.
-Trouble measure(const Residencies& before, const Residencies& after,
-                const std::vector<Position>& positions, Interval::EntityFigures* entity) {
+Trouble measure(const Entity& entityBefore, const Entity& entityAfter, const Residencies& before,
+                const Residencies& after, Interval::EntityFigures* entity) {
     const nanoseconds elapsed = difference(before.time, after.time);
     if (elapsed <= nanoseconds::zero()) return Trouble::kNoTime;
     if (after.resets != before.resets) return Trouble::kReset;
+    const std::vector<Position> positions = pair(entityBefore.states, entityAfter.states);
     nanoseconds claimed{};
     nanoseconds rounding = kRounding;
     std::vector<Interval::StateFigures> states(positions.size());
@@ -112,46 +101,6 @@ Trouble measure(const Residencies& before, const Residencies& after,
     return Trouble::kNone;
 }
 
-std::vector<Position> samePositions(size_t count) {
-    std::vector<Position> positions(count);
-    for (size_t i = 0; i < count; ++i) positions[i] = i;
-    return positions;
-}
-
-/// Which positions two readings compare.
-struct Pairing {
-    /// The second reading's, and things that only the first one has.
-    std::shared_ptr<const Lists> lists;
-    /// Those before, by position in `lists`.
-    std::vector<Position> rails;
-    std::vector<Position> entities;
-    std::vector<std::vector<Position>> states;
-};
-
-Pairing pair(const std::shared_ptr<const Lists>& before,
-             const std::shared_ptr<const Lists>& after) {
-    if (before == after) {
-        Pairing same{
-            after, samePositions(after->rails.size()), samePositions(after->entities.size()), {}};
-        for (const Entity& entity : after->entities) {
-            same.states.push_back(samePositions(entity.states.size()));
-        }
-        return same;
-    }
-    Lists all = *after;
-    Pairing pairing;
-    pairing.rails = pair(before->rails, &all.rails);
-    pairing.entities = pair(before->entities, &all.entities);
-    for (size_t i = 0; i < all.entities.size(); ++i) {
-        auto& states = all.entities[i].states;
-        const Position position = pairing.entities[i];
-        pairing.states.push_back(position ? pair(before->entities[*position].states, &states)
-                                          : std::vector<Position>(states.size()));
-    }
-    pairing.lists = std::make_shared<const Lists>(std::move(all));
-    return pairing;
-}
-
 }  // namespace
 
 const char* toText(Trouble trouble) {
@@ -174,38 +123,42 @@ const char* steadyState(const Interval& interval, size_t entity) {
 }
 
 Interval subtract(const Reading& before, const Reading& after) {
-    Pairing pairing = pair(before.lists, after.lists);
     Interval interval;
-    interval.lists = pairing.lists;
-    interval.railsFailure = after.railsFailure ? after.railsFailure : before.railsFailure;
-    interval.entitiesFailure =
-        after.entitiesFailure ? after.entitiesFailure : before.entitiesFailure;
     interval.time = after.time;
     interval.elapsed = std::max(nanoseconds::zero(), after.time - before.time);
     const nanoseconds suspended = after.suspended - before.suspended;
     if (suspended > kClockTolerance) interval.suspended = suspended;
 
-    const auto fill = [](auto* figures, const auto& positions, const auto& first,
-                         const auto& second, const Failure& failureBefore,
-                         const Failure& failureAfter, const auto&... states) {
-        figures->resize(positions.size());
+    std::shared_ptr<Lists> all;
+    if (before.lists != after.lists) all = std::make_shared<Lists>(*after.lists);
+    const auto compare = [&](auto things, auto totals, auto failure, auto figures,
+                             auto figuresFailure) {
+        interval.*figuresFailure = after.*failure ? after.*failure : before.*failure;
+        const auto& thingsBefore = (*before.lists).*things;
+        const auto& thingsAfter = (*after.lists).*things;
+        const std::vector<Position> positions = pair(thingsBefore, thingsAfter);
         for (size_t i = 0; i < positions.size(); ++i) {
-            auto& figuresOf = (*figures)[i];
-            const Position before = positions[i];
-            figuresOf.trouble =
-                troubleOf(before.has_value(), i < second.size(), failureBefore, failureAfter);
-            if (figuresOf.trouble != Trouble::kNone) continue;
-            figuresOf.trouble = first[*before] && second[i]
-                                    ? measure(*first[*before], *second[i], states[i]..., &figuresOf)
-                                    : Trouble::kNotRead;
+            const Position from = positions[i];
+            const bool went = i >= thingsAfter.size();
+            if (went) ((*all).*things).push_back(thingsBefore[*from]);
+            auto& its = (interval.*figures).emplace_back();
+            its.trouble = after.*failure             ? Trouble::kNotRead
+                          : !from && before.*failure ? Trouble::kNotRead
+                          : !from                    ? Trouble::kCame
+                          : went                     ? Trouble::kWent
+                          : !(before.*totals)[*from] || !(after.*totals)[i]
+                              ? Trouble::kNotRead
+                              : measure(thingsBefore[*from], thingsAfter[i],
+                                        *(before.*totals)[*from], *(after.*totals)[i], &its);
         }
     };
-    fill(&interval.rails, pairing.rails, before.rails, after.rails, before.railsFailure,
-         after.railsFailure);
-    fill(&interval.entities, pairing.entities, before.entities, after.entities,
-         before.entitiesFailure, after.entitiesFailure, pairing.states);
+    compare(&Lists::rails, &Reading::rails, &Reading::railsFailure, &Interval::rails,
+            &Interval::railsFailure);
+    compare(&Lists::entities, &Reading::entities, &Reading::entitiesFailure, &Interval::entities,
+            &Interval::entitiesFailure);
+    interval.lists = all != nullptr ? std::move(all) : after.lists;
     for (size_t i = 0; i < interval.entities.size(); ++i) {
-        interval.entities[i].states.resize(pairing.lists->entities[i].states.size());
+        interval.entities[i].states.resize(interval.lists->entities[i].states.size());
     }
     return interval;
 }

@@ -55,7 +55,8 @@ struct Interval {
         bool isOverfull = false;
     };
 
-    /// Those of the second reading, and at their ends the things that only the first one has.
+    /// Those of the second reading, and at their ends the rails and entities that only the first
+    /// one has.
     std::shared_ptr<const Lists> lists = std::make_shared<const Lists>();
     /// By position in the lists; as many as those.
     std::vector<RailFigures> rails;

@@ -113,7 +113,6 @@ struct Failure {
     std::string text = {};
 
     explicit operator bool() const { return kind != Kind::kNone; }
-    bool operator==(const Failure& other) const { return kind == other.kind && text == other.text; }
 };
 
 /// What a source reads at one time.

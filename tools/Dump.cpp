@@ -7,10 +7,8 @@
 #include <host/JavaRuntime.h>
 
 #include <algorithm>
-#include <deque>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -94,66 +92,56 @@ void callLibrary(const LoadedLibrary& library, std::vector<LibraryCall>* calls) 
     }
 }
 
-/// A result of the library, and the safe names in it.
-struct Result {
-    Section section;
-    nanoseconds time{};
-    std::deque<std::string> names = {};
-};
-
+/// @param rows [out] the elements of the result, as docs/formats.md has them.
 /// @return whether the bytes are a result. Otherwise one line says so.
-bool parse(const LibraryCall& call, Result* result) {
-    result->section =
-        call.isRails ? Section{"rails", "rail", {{"timestamp_ms"}, {"energy_mj", "energy (mJ)"}}}
-                     : Section{"entities",
-                               "entity and state",
-                               {{"timestamp_ms"}, {kStates}},
-                               {{"time_ms", "time (ms)"}, {"entries", "entries"}}};
+bool parse(const LibraryCall& call, Json* rows) {
+    *rows = Json::array();
     PowerDataResult message;
     if (call.bytes &&
         !message.ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
         say("the library's result cannot be read (build the library and this program together)");
         return false;
     }
-    const auto safe = [&](const std::string& name) {
-        return std::string_view(result->names.emplace_back(safeName(name, SIZE_MAX)));
-    };
     for (const auto& element : message.keyed_power_data()) {
-        Row& row = result->section.rows.emplace_back();
-        row.name = safe(element.id().name());
-        row.cells = {element.id().timestamp_ms()};
-        if (call.isRails) row.cells.emplace_back(element.data().scalar().value());
-        for (const auto& state : element.data().residency()) {
-            row.states.push_back(
-                {safe(state.name()),
-                 {},
-                 {},
-                 {state.total_time_in_state_ms(), state.total_state_entry_count()}});
+        Json& row = rows->emplace_back(Json{{"name", safeName(element.id().name(), SIZE_MAX)},
+                                            {"timestamp_ms", element.id().timestamp_ms()}});
+        if (call.isRails) {
+            row["energy_mj"] = element.data().scalar().value();
+            continue;
         }
-        result->time = fromMilliseconds(element.id().timestamp_ms());
+        Json& states = row["states"] = Json::array();
+        for (const auto& state : element.data().residency()) {
+            states.push_back({{"name", safeName(state.name(), SIZE_MAX)},
+                              {"time_ms", state.total_time_in_state_ms()},
+                              {"entries", state.total_state_entry_count()}});
+        }
     }
     return true;
 }
 
 bool format(const std::vector<LibraryCall>& calls, const std::string& form, std::string* text) {
-    Json::Object json;
+    Json json;
     for (const LibraryCall& call : calls) {
-        Result result{};
-        if (!parse(call, &result)) return false;
-        json.emplace_back(result.section.key, call.bytes ? toJson(result.section) : Json());
+        Json rows;
+        if (!parse(call, &rows)) return false;
+        json[call.isRails ? "rails" : "entities"] = call.bytes ? rows : Json();
         const char* const title = call.isRails ? "Rails" : "Power entities";
         if (form == "json") continue;
         if (!text->empty()) *text += '\n';
         if (!call.bytes) {
             *text += fmt::format("{}: not available\n", title);
-        } else if (result.section.rows.empty()) {
+        } else if (rows.empty()) {
             *text += fmt::format("{}: none reported\n", title);
         } else {
-            *text += fmt::format("{} at {}\n{}", title, afterBoot(result.time),
-                                 formatTable(result.section));
+            *text += fmt::format(
+                "{} at {}\n{}", title, afterBoot(fromMilliseconds(rows.back()["timestamp_ms"])),
+                call.isRails
+                    ? formatTable("rail", {{"energy_mj", "energy (mJ)"}}, rows)
+                    : formatTable("entity and state",
+                                  {{"time_ms", "time (ms)"}, {"entries", "entries"}}, rows));
         }
     }
-    if (form == "json") *text = Json(json).print(2) + '\n';
+    if (form == "json") *text = printJson(json, 2) + '\n';
     return true;
 }
 

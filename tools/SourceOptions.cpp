@@ -217,13 +217,11 @@ int openService(ServiceOptions* options, const RecordedSource::PlayingTime& play
     if (*own == nullptr) return status;
     bool isRegistered = false;
     if (options->hal == "hidl") {
-        const android::sp<HidlService> hidl = new HidlService(*own);
-        isRegistered = hidl->registerAsService() == android::OK;
+        isRegistered = serveHidl(*own)->registerAsService() == android::OK;
     } else {
         // The register keeps the binder, and the binder keeps the service.
-        const auto aidl = ndk::SharedRefBase::make<AidlService>(*own);
-        isRegistered =
-            AServiceManager_addService(aidl->asBinder().get(), host::kAidlPowerStats) == STATUS_OK;
+        isRegistered = AServiceManager_addService(serveAidl(*own)->asBinder().get(),
+                                                  host::kAidlPowerStats) == STATUS_OK;
     }
     if (isRegistered) return 0;
     return fail(kFailed, "the service could not be registered (this is a fault of this program)");

@@ -42,10 +42,8 @@ int serve(Arguments arguments) {
     const auto& lists = reading.lists;
     const bool aidl = hal != "hidl";
     const bool hidl = hal != "aidl";
-    if ((aidl && !server->add(ndk::SharedRefBase::make<AidlService>(source), &error)) ||
-        (hidl &&
-         !server->add(android::sp<stats_V1_0::IPowerStats>(new HidlService(source, hidlRails)),
-                      &error))) {
+    if ((aidl && !server->add(serveAidl(source), &error)) ||
+        (hidl && !server->add(serveHidl(source, hidlRails), &error))) {
         return fail(kUsage, error);
     }
     say(fmt::format(

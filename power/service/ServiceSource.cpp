@@ -31,32 +31,27 @@ bool join(const std::vector<Thing>& things, const std::vector<Record>& records,
           const Function& function) {
     std::unordered_map<int64_t, size_t> byId;
     bool allKnown = true;
-    for (size_t i = 0; i < records.size(); ++i) {
+    size_t next = 0;
+    for (const Record& record : records) {
+        size_t i = next++;
         // Nearly always the answer has the order of the list.
-        if (byId.empty() && i < things.size() && things[i].id == records[i].id) {
-            function(i, records[i]);
-            continue;
+        if (i >= things.size() || things[i].id != record.id) {
+            if (byId.empty()) {
+                for (size_t j = 0; j < things.size(); ++j) byId.emplace(things[j].id, j);
+            }
+            const auto found = byId.find(record.id);
+            allKnown = allKnown && found != byId.end();
+            if (found == byId.end()) continue;
+            i = found->second;
         }
-        if (byId.empty()) {
-            for (size_t j = 0; j < things.size(); ++j) byId.emplace(things[j].id, j);
-        }
-        const auto found = byId.find(records[i].id);
-        allKnown = allKnown && found != byId.end();
-        if (found != byId.end()) function(found->second, records[i]);
+        function(i, record);
     }
     return allKnown;
 }
 
-bool isPossible(nanoseconds time) {
-    return time >= nanoseconds::zero() && time != nanoseconds::max();
-}
-
-bool isPossible(const Energy& energy) {
-    return isPossible(energy.time) && isPossible(energy.duration) && energy.energyUWs >= 0;
-}
-
-bool isPossible(const Residency& residency) {
-    return isPossible(residency.totalTime) && residency.entryCount >= 0;
+/// Whether a counter can have both.
+bool isPossible(nanoseconds time, int64_t count) {
+    return time >= nanoseconds::zero() && time != nanoseconds::max() && count >= 0;
 }
 
 }  // namespace
@@ -108,7 +103,9 @@ bool ServiceSource::readRails(const Positions& positions, Reading* reading) {
     return join(mLists->rails, records, [&](size_t i, const auto& record) {
         Energy energy = fromHal(record);
         energy.resets = mRestarts;
-        if (isPossible(energy)) reading->rails[i] = energy;
+        if (isPossible(energy.time, 0) && isPossible(energy.duration, energy.energyUWs)) {
+            reading->rails[i] = energy;
+        }
     });
 }
 
@@ -129,17 +126,14 @@ bool ServiceSource::readEntities(const Positions& positions, Reading* reading) {
     bool statesKnown = true;
     const bool allKnown = join(mLists->entities, records, [&](size_t i, const auto& record) {
         const std::vector<State>& states = mLists->entities[i].states;
-        std::vector<std::optional<Residency>> read(states.size());
-        statesKnown &= join(states, record.stateResidencyData, [&](size_t j, const auto& state) {
-            const Residency residency = fromHal(state);
-            if (isPossible(residency)) read[j] = residency;
-        });
-        Residencies residencies{time, mRestarts, {}};
-        for (const auto& residency : read) {
-            if (!residency) return;
-            residencies.states.push_back(*residency);
+        const Residency notRead{{}, -1, {}};
+        Residencies read{time, mRestarts, std::vector<Residency>(states.size(), notRead)};
+        statesKnown &= join(states, record.stateResidencyData,
+                            [&](size_t j, const auto& state) { read.states[j] = fromHal(state); });
+        for (const Residency& state : read.states) {
+            if (!isPossible(state.totalTime, state.entryCount)) return;
         }
-        reading->entities[i] = std::move(residencies);
+        reading->entities[i] = std::move(read);
     });
     return allKnown && statesKnown;
 }

@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cwchar>
+#include <locale>
 #include <map>
 #include <set>
 #include <type_traits>
@@ -29,21 +31,17 @@ bool isUnfit(uint32_t codePoint) {
 }  // namespace
 
 Utf8Character decodeUtf8(const std::string& bytes, size_t position) {
-    const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
-    const unsigned char lead = byteAt(position);
-    if (lead < 0x80) return {lead, 1};
-
-    const size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc0 || lead >= 0xf8 || size > bytes.size() - position) return {};
-    uint32_t codePoint = lead & (0x7fu >> size);
-    for (size_t i = position + 1; i < position + size; ++i) {
-        if ((byteAt(i) & 0xc0) != 0x80) return {};
-        codePoint = codePoint << 6 | (byteAt(i) & 0x3f);
-    }
-    constexpr uint32_t kLeastOfSize[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool isSurrogate = codePoint >= 0xd800 && codePoint <= 0xdfff;
-    if (codePoint < kLeastOfSize[size] || codePoint > 0x10ffff || isSurrogate) return {};
-    return {codePoint, size};
+    static const auto& decoder =
+        std::use_facet<std::codecvt<char32_t, char, std::mbstate_t>>(std::locale::classic());
+    std::mbstate_t state{};
+    const char* const first = bytes.data() + position;
+    const char* next = first;
+    char32_t character = 0;
+    char32_t* end = nullptr;
+    decoder.in(state, first, bytes.data() + bytes.size(), next, &character, &character + 1, end);
+    const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
+    if (end == &character || isSurrogate) return {};
+    return {character, static_cast<size_t>(next - first)};
 }
 
 bool isControlCharacter(uint32_t codePoint) {
@@ -57,11 +55,8 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
         std::string text = bytes.substr(position, std::max<size_t>(character.size, 1));
         position += text.size();
         if (character.size == 0 || isControlCharacter(character.codePoint)) {
-            std::string escaped;
-            for (const char byte : text) {
-                escaped += fmt::format("\\x{:02X}", static_cast<unsigned char>(byte));
-            }
-            text = escaped;
+            const std::vector<unsigned char> escaped(text.begin(), text.end());
+            text = fmt::format("\\x{:02X}", fmt::join(escaped, "\\x"));
         } else if (isUnfit(character.codePoint)) {
             text = fmt::format("\\u{{{:X}}}", character.codePoint);
         }
@@ -73,27 +68,22 @@ std::string safeName(const std::string& bytes, size_t maxSize) {
 
 std::vector<std::string> distinctNames(const std::vector<std::vector<std::string>>& choices) {
     std::vector<size_t> chosen(choices.size(), 0);
-    const auto bytes = [&](size_t thing) { return choices[thing][chosen[thing]]; };
-    const auto name = [&](size_t thing) { return safeName(bytes(thing)); };
-
+    std::vector<std::string> names(choices.size());
     for (bool moved = true; moved;) {
         moved = false;
-        std::map<std::string, std::vector<size_t>> things;
-        for (size_t i = 0; i < choices.size(); ++i) things[name(i)].push_back(i);
-        for (const auto& [sameName, namesakes] : things) {
-            if (namesakes.size() == 1) continue;
-            for (const size_t i : namesakes) {
-                if (chosen[i] + 1 == choices[i].size()) continue;
-                ++chosen[i];
-                moved = true;
-            }
+        std::map<std::string, size_t> namesakes;
+        for (size_t i = 0; i < choices.size(); ++i) {
+            names[i] = safeName(choices[i][chosen[i]]);
+            ++namesakes[names[i]];
+        }
+        for (size_t i = 0; i < choices.size(); ++i) {
+            if (namesakes[names[i]] == 1 || chosen[i] + 1 == choices[i].size()) continue;
+            ++chosen[i];
+            moved = true;
         }
     }
 
-    std::vector<std::string> names;
-    std::set<std::string> taken;
-    for (size_t i = 0; i < choices.size(); ++i) names.push_back(name(i));
-    taken.insert(names.begin(), names.end());
+    std::set<std::string> taken(names.begin(), names.end());
     // The number to go on with for each name, so that many namesakes take no longer than others.
     std::map<std::string, size_t> next;
     for (size_t i = 0; i < names.size(); ++i) {
@@ -101,7 +91,7 @@ std::vector<std::string> distinctNames(const std::vector<std::vector<std::string
         if (++number == 1) continue;
         do {
             const std::string suffix = " #" + std::to_string(number);
-            names[i] = safeName(bytes(i), kMaxNameSize - suffix.size()) + suffix;
+            names[i] = safeName(choices[i][chosen[i]], kMaxNameSize - suffix.size()) + suffix;
         } while (!taken.insert(names[i]).second && ++number != 0);
     }
     return names;
@@ -115,18 +105,14 @@ void rename(std::vector<Thing>* things, bool isFixed) {
     choices.reserve(things->size());
     for (const Thing& thing : *things) {
         const std::string id = "id " + std::to_string(thing.id);
-        if (thing.name.empty() || isFixed) {
-            choices.push_back({thing.name.empty() ? id : thing.name});
-            continue;
-        }
-        std::string name;
+        choices.push_back({thing.name.empty() ? id : thing.name});
+        if (thing.name.empty() || isFixed) continue;
+        std::string name = thing.name;
         if constexpr (std::is_same_v<Thing, Rail>) {
-            if (!thing.subsystem.empty()) name.append(thing.subsystem).append("/");
+            if (!thing.subsystem.empty()) name.insert(0, thing.subsystem + "/");
         }
-        name += thing.name;
-        std::string withId = name;
-        withId.append(" (").append(id).append(")");
-        choices.push_back({thing.name, std::move(name), std::move(withId)});
+        choices.back().push_back(name);
+        choices.back().push_back(fmt::format("{} ({})", name, id));
     }
     std::vector<std::string> names = distinctNames(choices);
     for (size_t i = 0; i < names.size(); ++i) (*things)[i].name = std::move(names[i]);

@@ -4,9 +4,7 @@
 
 #include <fmt/format.h>
 
-#include <numeric>
-#include <unordered_map>
-#include <utility>
+#include <algorithm>
 
 #include "power/text/Names.h"
 
@@ -18,142 +16,98 @@ constexpr size_t kIndent = 2;
 constexpr size_t kLineWidth = 80;
 constexpr size_t kNumberWidth = 16;
 
+const std::string& textOf(const Json& row, const char* key) {
+    return row[key].get_ref<const std::string&>();
+}
+
 /// Formats one row of a table: a name, and right-aligned columns after it.
 std::string tableRow(size_t indent, const std::string& name,
                      const std::vector<std::string>& columns) {
     const size_t nameWidth = kLineWidth - indent - columns.size() * (kNumberWidth + 1);
     std::string text(indent, ' ');
     size_t width = 0;
-    for (size_t i = 0, size; i < name.size(); i += size, ++width) {
-        size = decodeUtf8(name, i).size;
-        if (width == nameWidth) {
+    for (const char byte : name) {
+        const bool isFirst = (static_cast<unsigned char>(byte) & 0xc0) != 0x80;  // of a character
+        if (isFirst && width++ == nameWidth) {
             text += '\n' + std::string(indent, ' ');
-            width = 0;
+            width = 1;
         }
-        text += name.substr(i, size);
+        text += byte;
     }
     if (!columns.empty()) text += std::string(nameWidth - width, ' ');
     for (const std::string& column : columns) text += fmt::format(" {:>{}}", column, kNumberWidth);
     return text.erase(text.find_last_not_of(' ') + 1) + '\n';
 }
 
-std::vector<std::string> tableCells(const Row& row, const std::vector<Column>& columns) {
-    std::vector<std::string> cells;
-    for (size_t i = 0; i < columns.size(); ++i) {
-        if (columns[i].heading == nullptr) continue;
-        cells.push_back(i < row.cells.size() ? formatCell(row.cells[i], columns[i].digits) : "");
-    }
-    return cells;
+std::string formatFigure(const Json& figure, int digits) {
+    if (figure.is_null()) return "";
+    if (figure.is_string()) return figure;
+    return figure.is_number_float() ? fmt::format("{:.{}f}", figure.get<double>(), digits)
+                                    : figure.dump();
 }
 
-Json::Object toJson(const Row& row, const std::vector<Column>& columns,
-                    const std::vector<Column>& stateColumns) {
-    Json::Object object;
-    if (row.id) object.emplace_back("id", *row.id);
-    object.emplace_back("name", row.name);
-    if (row.subsystem) object.emplace_back("subsystem", *row.subsystem);
-    for (size_t i = 0; i < columns.size(); ++i) {
-        if (columns[i].key != std::string_view(kStates)) {
-            object.emplace_back(columns[i].key, toJson(row.cells[i]));
-            continue;
-        }
-        Json::Array states;
-        for (const Row& state : row.states) {
-            if (!state.isRest) states.emplace_back(toJson(state, stateColumns, {}));
-        }
-        object.emplace_back(kStates, states);
-    }
-    if (row.trouble != nullptr) object.emplace_back("trouble", row.trouble);
-    return object;
-}
+/// The columns of CSV and their fields.
+using CsvFields = std::vector<std::pair<std::string, std::string>>;
 
-/// The figures that CSV has, after the names of their columns.
-using CsvFigures = std::vector<std::pair<std::string, Cell>>;
-
-CsvFigures csvFiguresOf(const std::vector<Section>& sections) {
-    CsvFigures figures;
-    const auto add = [&](const std::string& name, const Row& row,
-                         const std::vector<Column>& columns) {
-        for (size_t i = 0; i < row.cells.size(); ++i) {
-            if (columns[i].csvSuffix == nullptr) continue;
-            figures.emplace_back(name + columns[i].csvSuffix, row.cells[i]);
-        }
+CsvFields csvFieldsOf(const Interval& interval) {
+    const Json json = toJson(interval);
+    CsvFields fields;
+    const auto add = [&](std::string column, const Json& figure) {
+        fields.emplace_back(std::move(column), formatFigure(figure, 3));
     };
-    for (const Section& section : sections) {
-        for (const Row& row : section.rows) {
-            add(fmt::format("rail.{}", row.name), row, section.columns);
-            for (const Row& state : row.states) {
-                add(fmt::format("entity.{}.{}", row.name, state.name), state, section.stateColumns);
-            }
-        }
+    std::vector<std::string> notes = json["notes"];
+    const auto addNote = [&](const Json& row) {
+        if (textOf(row, "trouble").empty()) return;
+        notes.push_back(textOf(row, "name") + ' ' + textOf(row, "trouble"));
+    };
+    for (const char* const key : {"timestamp_ms", "interval_ms", "suspended_ms"}) {
+        add(key, json[key]);
     }
-    return figures;
-}
-
-/// The cells where they are known, otherwise as many without a figure.
-template <typename... Values>
-std::vector<Cell> cellsIf(bool isKnown, Values... values) {
-    if (!isKnown) return std::vector<Cell>(sizeof...(values));
-    return {Cell(values)...};
+    for (const Json& rail : json["rails"]) {
+        add(fmt::format("rail.{}.mw", textOf(rail, "name")), rail["power_mw"]);
+        addNote(rail);
+    }
+    for (const Json& entity : json["entities"]) {
+        const std::string prefix = "entity." + textOf(entity, "name") + '.';
+        for (const Json& state : entity["states"]) {
+            const std::string name = prefix + textOf(state, "name");
+            add(name + ".percent", state["share_percent"]);
+            add(name + ".entries_per_s", state["entries_per_s"]);
+        }
+        add(prefix + kNoState + ".percent", entity["none_of_these_percent"]);
+        addNote(entity);
+    }
+    fields.emplace_back("notes", csvField(fmt::format("{}", fmt::join(notes, "; "))));
+    return fields;
 }
 
 }  // namespace
 
-std::string formatCell(const Cell& cell, int digits) {
-    if (const auto* number = std::get_if<int64_t>(&cell)) return fmt::to_string(*number);
-    if (const auto* number = std::get_if<double>(&cell)) {
-        return fmt::format("{:.{}f}", *number, digits);
-    }
-    if (const auto* spread = std::get_if<Spread>(&cell)) {
-        std::string mean = fmt::format("{:.{}f}", spread->mean, digits);
-        if (!spread->deviation) return mean;
-        return fmt::format("{} ± {:.{}f}", mean, *spread->deviation, digits);
-    }
-    return "";
-}
-
-std::string formatTable(const Section& section) {
-    std::vector<std::string> headings;
-    for (const auto* columns : {&section.columns, &section.stateColumns}) {
-        for (const Column& column : *columns) {
-            if (column.heading != nullptr) headings.emplace_back(column.heading);
+std::string formatTable(const char* heading, const std::vector<Column>& columns, const Json& rows) {
+    if (rows.empty()) return "";
+    std::vector<std::string> cells(columns.size());
+    for (size_t i = 0; i < cells.size(); ++i) cells[i] = columns[i].heading;
+    std::string text = tableRow(kIndent, heading, cells);
+    const auto addFigures = [&](size_t indent, const Json& row) {
+        for (size_t i = 0; i < cells.size(); ++i) {
+            cells[i] = formatFigure(row.value(columns[i].key, Json()), columns[i].digits);
         }
-    }
-    std::string text = tableRow(kIndent, section.heading, headings);
-    for (const Row& row : section.rows) {
-        const std::string name(row.name);
-        if (row.trouble != nullptr && *row.trouble != '\0') {
-            text += tableRow(kIndent, name, {row.trouble});
-            continue;
-        }
-        if (row.steady != nullptr) {
-            text += tableRow(kIndent, name + ": " + row.steady, {"100.0", ""});
-            continue;
-        }
-        text += tableRow(kIndent, name, tableCells(row, section.columns));
-        for (const Row& state : row.states) {
-            text += tableRow(2 * kIndent, std::string(state.name),
-                             tableCells(state, section.stateColumns));
+        text += tableRow(indent, textOf(row, "name"), cells);
+    };
+    for (const Json& row : rows) {
+        const std::string& name = textOf(row, "name");
+        if (const std::string trouble = row.value("trouble", ""); !trouble.empty()) {
+            text += tableRow(kIndent, name, {trouble});
+        } else if (row.contains("steady")) {
+            text += tableRow(kIndent, name + ": " + textOf(row, "steady"), {"100.0", ""});
+        } else if (row.contains("states")) {
+            text += tableRow(kIndent, name, {});
+            for (const Json& state : row["states"]) addFigures(2 * kIndent, state);
+        } else {
+            addFigures(kIndent, row);
         }
     }
     return text;
-}
-
-Json toJson(const Cell& cell) {
-    if (const auto* number = std::get_if<int64_t>(&cell)) return *number;
-    if (const auto* number = std::get_if<double>(&cell)) return *number;
-    const auto* const spread = std::get_if<Spread>(&cell);
-    if (spread == nullptr) return {};
-    return Json::Object{{"mean", spread->mean},
-                        {"standard_deviation", spread->deviation.value_or(0)}};
-}
-
-Json toJson(const Section& section) {
-    Json::Array list;
-    for (const Row& row : section.rows) {
-        list.emplace_back(toJson(row, section.columns, section.stateColumns));
-    }
-    return list;
 }
 
 std::string csvField(std::string_view text) {
@@ -176,52 +130,6 @@ std::string afterBoot(nanoseconds time) {
                        seconds / 60 % 60, seconds % 60, timestampMs % 1000, timestampMs);
 }
 
-std::vector<Section> sectionsOf(const Interval& interval) {
-    Section rails{
-        "rails",
-        "rail",
-        {{"timestamp_ms"}, {"interval_ms"}, {"energy_uws"}, {"power_mw", "power (mW)", 1, ".mw"}}};
-    const Lists& lists = *interval.lists;
-    for (size_t i = 0; i < lists.rails.size(); ++i) {
-        const Interval::RailFigures& rail = interval.rails[i];
-        rails.rows.push_back(
-            {lists.rails[i].name, lists.rails[i].id, lists.rails[i].subsystem,
-             cellsIf(rail.trouble == Trouble::kNone, toMilliseconds(rail.time),
-                     roundToMilliseconds(rail.elapsed), rail.energyUWs, rail.milliwatts),
-             toText(rail.trouble)});
-    }
-    Section entities{"entities",
-                     "entity and state",
-                     {{"interval_ms"}, {kStates}, {"none_of_these_percent"}},
-                     {{"time_ms"},
-                      {"share_percent", "time (%)", 1, ".percent"},
-                      {"entries"},
-                      {"entries_per_s", "entries/s", 1, ".entries_per_s"}}};
-    for (size_t i = 0; i < lists.entities.size(); ++i) {
-        const Interval::EntityFigures& entity = interval.entities[i];
-        const bool isKnown = entity.trouble == Trouble::kNone;
-        Row& row = entities.rows.emplace_back();
-        row.name = lists.entities[i].name;
-        row.id = lists.entities[i].id;
-        row.cells = cellsIf(isKnown, roundToMilliseconds(entity.elapsed), std::monostate(),
-                            entity.noneShare * 100);
-        row.trouble = toText(entity.trouble);
-        row.steady = steadyState(interval, i);
-        for (size_t j = 0; j < entity.states.size(); ++j) {
-            const Interval::StateFigures& state = entity.states[j];
-            row.states.push_back(
-                {lists.entities[i].states[j].name, lists.entities[i].states[j].id, std::nullopt,
-                 cellsIf(isKnown, roundToMilliseconds(state.time), state.share * 100, state.entries,
-                         state.entriesPerSecond)});
-        }
-        Row& rest = row.states.emplace_back();
-        rest.name = kNoState;
-        rest.isRest = true;
-        rest.cells = cellsIf(isKnown, std::monostate(), entity.noneShare * 100);
-    }
-    return {std::move(rails), std::move(entities)};
-}
-
 std::vector<std::string> notesOf(const Interval& interval) {
     std::vector<std::string> notes;
     if (interval.suspended != nanoseconds::zero()) {
@@ -230,12 +138,12 @@ std::vector<std::string> notesOf(const Interval& interval) {
     }
     const Failure& rails = interval.railsFailure;
     const Failure& entities = interval.entitiesFailure;
+    const bool isSame = rails.text == entities.text;
     // What a machine does not measure is said once, at the start.
     if (rails && rails.kind != Failure::Kind::kNotMeasured) {
-        notes.push_back((rails == entities ? "rails and power entities: " : "rails: ") +
-                        rails.text);
+        notes.push_back((isSame ? "rails and power entities: " : "rails: ") + rails.text);
     }
-    if (entities && !(rails == entities)) notes.push_back("power entities: " + entities.text);
+    if (entities && !isSame) notes.push_back("power entities: " + entities.text);
     for (size_t i = 0; i < interval.entities.size(); ++i) {
         if (!interval.entities[i].isOverfull) continue;
         notes.push_back(interval.lists->entities[i].name +
@@ -245,86 +153,96 @@ std::vector<std::string> notesOf(const Interval& interval) {
 }
 
 Json toJson(const Interval& interval) {
-    Json::Object json = {{"timestamp_ms", toMilliseconds(interval.time)},
-                         {"interval_ms", roundToMilliseconds(interval.elapsed)},
-                         {"suspended_ms", roundToMilliseconds(interval.suspended)}};
-    for (const Section& section : sectionsOf(interval)) {
-        json.emplace_back(section.key, toJson(section));
+    Json rails = Json::array();
+    Json entities = Json::array();
+    Trouble trouble{};
+    const auto ifKnown = [&trouble](auto figure) {
+        return trouble == Trouble::kNone ? Json(figure) : Json();
+    };
+    for (size_t i = 0; i < interval.rails.size(); ++i) {
+        const Rail& names = interval.lists->rails[i];
+        const Interval::RailFigures& rail = interval.rails[i];
+        trouble = rail.trouble;
+        rails.push_back({{"id", names.id},
+                         {"name", names.name},
+                         {"subsystem", names.subsystem},
+                         {"timestamp_ms", ifKnown(toMilliseconds(rail.time))},
+                         {"interval_ms", ifKnown(roundToMilliseconds(rail.elapsed))},
+                         {"energy_uws", ifKnown(rail.energyUWs)},
+                         {"power_mw", ifKnown(rail.milliwatts)},
+                         {"trouble", toText(trouble)}});
     }
-    Json::Array notes;
-    for (std::string& note : notesOf(interval)) notes.emplace_back(std::move(note));
-    json.emplace_back("notes", std::move(notes));
-    return json;
-}
-
-/// Finds the columns of the figures of an interval.
-/// @return whether the header has them all.
-bool IntervalPrinter::placeColumns(const CsvFigures& figures) {
-    std::vector<std::vector<std::string>> names;
-    for (const auto& [name, figure] : figures) names.push_back({name});
-    const std::vector<std::string> distinct = distinctNames(names);
-    std::unordered_map<std::string, size_t> known;
-    if (mColumns) {
-        for (const std::string& column : *mColumns) known.emplace(column, known.size());
+    for (size_t i = 0; i < interval.entities.size(); ++i) {
+        const Entity& names = interval.lists->entities[i];
+        const Interval::EntityFigures& entity = interval.entities[i];
+        trouble = entity.trouble;
+        Json states = Json::array();
+        for (size_t j = 0; j < entity.states.size(); ++j) {
+            const Interval::StateFigures& state = entity.states[j];
+            states.push_back({{"id", names.states[j].id},
+                              {"name", names.states[j].name},
+                              {"time_ms", ifKnown(roundToMilliseconds(state.time))},
+                              {"share_percent", ifKnown(state.share * 100)},
+                              {"entries", ifKnown(state.entries)},
+                              {"entries_per_s", ifKnown(state.entriesPerSecond)}});
+        }
+        entities.push_back({{"id", names.id},
+                            {"name", names.name},
+                            {"interval_ms", ifKnown(roundToMilliseconds(entity.elapsed))},
+                            {"states", std::move(states)},
+                            {"none_of_these_percent", ifKnown(entity.noneShare * 100)},
+                            {"trouble", toText(trouble)}});
     }
-    mPlaces.clear();
-    for (const std::string& name : distinct) {
-        const auto found = known.find(name);
-        if (found != known.end()) mPlaces.push_back(found->second);
-    }
-    if (mColumns && mPlaces.size() == distinct.size()) return true;
-    mColumns = distinct;
-    mPlaces.resize(distinct.size());
-    std::iota(mPlaces.begin(), mPlaces.end(), 0);
-    return false;
+    return {{"timestamp_ms", toMilliseconds(interval.time)},
+            {"interval_ms", roundToMilliseconds(interval.elapsed)},
+            {"suspended_ms", roundToMilliseconds(interval.suspended)},
+            {"rails", std::move(rails)},
+            {"entities", std::move(entities)},
+            {"notes", notesOf(interval)}};
 }
 
 std::string IntervalPrinter::printCsv(const Interval& interval) {
-    const std::vector<Section> sections = sectionsOf(interval);
-    const CsvFigures figures = csvFiguresOf(sections);
-    std::string text;
+    const CsvFields found = csvFieldsOf(interval);
+    std::string header;
     if (mPlacesOf != interval.lists) {
         mPlacesOf = interval.lists;
-        if (!placeColumns(figures)) {
-            text = "timestamp_ms,interval_ms,suspended_ms";
-            for (const std::string& column : *mColumns) text += ',' + csvField(column);
-            text += ",notes\n";
+        std::vector<std::vector<std::string>> names;
+        for (const auto& [column, field] : found) names.push_back({column});
+        std::vector<std::string> columns = distinctNames(names);
+        const bool isNew = std::any_of(columns.begin(), columns.end(),
+                                       [&](const auto& name) { return mColumns.count(name) == 0; });
+        if (isNew) mColumns.clear();
+        mPlaces.clear();
+        for (std::string& column : columns) {
+            mPlaces.push_back(mColumns.emplace(column, mColumns.size()).first->second);
+            column = csvField(column);
         }
+        if (isNew) header = fmt::format("{}\n", fmt::join(columns, ","));
     }
-    text +=
-        fmt::format("{},{},{}", toMilliseconds(interval.time),
-                    roundToMilliseconds(interval.elapsed), roundToMilliseconds(interval.suspended));
-    std::vector<std::string> fields(mColumns->size());
-    for (size_t i = 0; i < figures.size(); ++i) {
-        fields[mPlaces[i]] = formatCell(figures[i].second, 3);
-    }
-    for (const std::string& field : fields) text += ',' + field;
-    std::vector<std::string> notes = notesOf(interval);
-    for (const Section& section : sections) {
-        for (const Row& row : section.rows) {
-            if (*row.trouble != '\0') notes.push_back(fmt::format("{} {}", row.name, row.trouble));
-        }
-    }
-    std::string joined;
-    for (const std::string& note : notes) joined += (joined.empty() ? "" : "; ") + note;
-    return text + ',' + csvField(joined) + '\n';
+    std::vector<std::string> fields(mColumns.size());
+    for (size_t i = 0; i < found.size(); ++i) fields[mPlaces[i]] = found[i].second;
+    return header + fmt::format("{}\n", fmt::join(fields, ","));
 }
 
 std::string IntervalPrinter::print(const Interval& interval) {
     if (mFormat == "csv") return printCsv(interval);
-    if (mFormat == "jsonl") return toJson(interval).print() + '\n';
+    Json json = toJson(interval);
+    if (mFormat == "jsonl") return printJson(json) + '\n';
+    for (size_t i = 0; i < interval.entities.size(); ++i) {
+        Json& entity = json["entities"][i];
+        if (const char* const state = steadyState(interval, i)) entity["steady"] = state;
+        if (interval.entities[i].noneShare == 0) continue;
+        entity["states"].push_back(
+            {{"name", kNoState}, {"share_percent", entity["none_of_these_percent"]}});
+    }
     std::string text = fmt::format("{} ms to {}\n", roundToMilliseconds(interval.elapsed),
                                    afterBoot(interval.time));
-    std::vector<Section> sections = sectionsOf(interval);
-    for (size_t i = 0; i < interval.entities.size(); ++i) {
-        if (interval.entities[i].noneShare > 0) continue;
-        sections.back().rows[i].states.pop_back();  // the time in no state
-    }
-    for (const Section& section : sections) {
-        if (!section.rows.empty()) text += formatTable(section);
-    }
+    text += formatTable("rail", {{"power_mw", "power (mW)", 1}}, json["rails"]);
+    text += formatTable("entity and state",
+                        {{"share_percent", "time (%)", 1}, {"entries_per_s", "entries/s", 1}},
+                        json["entities"]);
     // Those of single rails and entities are in their rows.
-    for (const std::string& note : notesOf(interval)) text += "  " + note + '\n';
+    for (const Json& note : json["notes"]) text += fmt::format("  {}\n", note.get<std::string>());
     return text + '\n';
 }
 

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Rows of figures, and the three forms in which they are written: a table for people, CSV and JSON
-// for programs.
+// for programs. A row is an object of JSON, as docs/formats.md has it.
 
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <optional>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <variant>
+#include <utility>
 #include <vector>
 
 #include "power/Interval.h"
@@ -18,69 +17,23 @@
 
 namespace powerstats {
 
-/// The mean of a figure over some runs, and its standard deviation.
-struct Spread {
-    double mean = 0;
-    /// Of the sample; std::nullopt for a single run.
-    std::optional<double> deviation = {};
-};
-
-/// Absent, a whole number, a number, or a spread.
-using Cell = std::variant<std::monostate, int64_t, double, Spread>;
-
-/// The column of JSON that has an entity's states in place of a figure.
-inline constexpr const char* kStates = "states";
-
+/// A column of a table.
 struct Column {
-    /// In JSON.
+    /// Of the figure in a row.
     const char* key;
-    /// In a table; null: the table has no such column.
-    const char* heading = nullptr;
-    /// The digits after the point in a table.
-    int digits = 0;
-    /// After the thing's name in a line of CSV for each interval; null: no such column.
-    const char* csvSuffix = nullptr;
-};
-
-/// A rail, an entity or a state, with its figures by column.
-struct Row {
-    /// Must outlive the row, and be safe.
-    std::string_view name;
-    std::optional<int64_t> id = {};
-    std::optional<std::string_view> subsystem = {};
-    std::vector<Cell> cells = {};
-    /// In place of the figures, or empty; null: figures are always known.
-    const char* trouble = nullptr;
-    /// Of an entity.
-    std::vector<Row> states = {};
-    /// The time in no state, which JSON has as a figure of the entity.
-    bool isRest = false;
-    /// The state that had all the time, so that a table has one line; or null.
-    const char* steady = nullptr;
-};
-
-/// All rails or all entities.
-struct Section {
-    /// In JSON: "rails".
-    const char* key;
-    /// In a table: "rail".
     const char* heading;
-    std::vector<Column> columns;
-    std::vector<Column> stateColumns = {};
-    std::vector<Row> rows = {};
+    /// The digits after the point of a number that is not whole.
+    int digits = 0;
 };
 
-/// A figure for people: "12.5", or "12.5 ± 0.1" for several runs; empty when it is absent.
-std::string formatCell(const Cell& cell, int digits);
-
-Json toJson(const Cell& cell);
-
-/// Formats a section within 80 characters: aligned columns, and a heading. A name that is too long
-/// for its column goes on in further lines. Every character is taken to be one column wide.
-std::string formatTable(const Section& section);
-
-/// Returns a list with an object for each row.
-Json toJson(const Section& section);
+/// Formats rows within 80 characters: aligned columns, and a heading; nothing for no rows. A
+/// name that is too long for its column goes on in further lines. Every character is taken to be
+/// one column wide.
+/// @param heading [in] of the names: "rail".
+/// @param rows [in] objects with a safe "name" and figures, each a number, a text or absent. In
+///     place of the figures a row may have "trouble", unless empty; "steady", the name of the state
+///     that had all the time; or "states" with rows of their own.
+std::string formatTable(const char* heading, const std::vector<Column>& columns, const Json& rows);
 
 /// A field of CSV: quoted where it must be. A text that a spreadsheet would take for a formula
 /// begins with an escape.
@@ -88,9 +41,6 @@ std::string csvField(std::string_view text);
 
 /// A time since boot, such as "01:11:41.211 after boot (4301211 ms)".
 std::string afterBoot(nanoseconds time);
-
-/// The rails and the entities of an interval.
-std::vector<Section> sectionsOf(const Interval& interval);
 
 /// The causes that keep figures out of an interval, or make them doubtful: one text for each.
 std::vector<std::string> notesOf(const Interval& interval);
@@ -108,13 +58,12 @@ class IntervalPrinter {
     std::string print(const Interval& interval);
 
   private:
-    bool placeColumns(const std::vector<std::pair<std::string, Cell>>& figures);
     std::string printCsv(const Interval& interval);
 
     const std::string mFormat;
-    /// The columns of the last header of CSV; std::nullopt before the first.
-    std::optional<std::vector<std::string>> mColumns;
-    /// The places of the figures of these lists among the columns.
+    /// The columns of the last header of CSV, with their places.
+    std::map<std::string, size_t> mColumns;
+    /// The places of the fields of these lists.
     std::vector<size_t> mPlaces;
     std::shared_ptr<const Lists> mPlacesOf;
 };

@@ -13,6 +13,7 @@ namespace powerstats {
 namespace {
 
 using stats_V1_0::Status;
+using Hidl = android::sp<stats_V1_0::IPowerStats>;
 
 constexpr int32_t kZone = 962335114;  // the id of "zone:39751"; "zone:61784" has the next one
 /// A counter with this range may have wrapped after 262 s.
@@ -33,13 +34,13 @@ class ServicesTest : public testing::Test {
     auto keep() {
         return [this](const auto& records, Status status) { mGot = {status, records.size()}; };
     }
-    Got rails(HidlService& service) {
-        EXPECT_TRUE(service.getRailInfo(keep()).isOk());
+    Got rails(const Hidl& service) {
+        EXPECT_TRUE(service->getRailInfo(keep()).isOk());
         return mGot;
     }
-    Got energies(HidlService& service, const std::vector<int32_t>& ids = {}) {
+    Got energies(const Hidl& service, const std::vector<int32_t>& ids = {}) {
         EXPECT_TRUE(
-            service.getEnergyData(std::vector<uint32_t>(ids.begin(), ids.end()), keep()).isOk());
+            service->getEnergyData(std::vector<uint32_t>(ids.begin(), ids.end()), keep()).isOk());
         return mGot;
     }
 
@@ -53,14 +54,11 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
     mTree.writeZone("zone:61784", "b", 43);
     mTree.writeIdleState(2, 4, "C6", 5000, 6);
     const auto source = makeSource();
-    const auto aidl = ndk::SharedRefBase::make<AidlService>(source);
-    HidlService hidl(source);
+    const auto aidl = serveAidl(source);
+    const Hidl hidl = serveHidl(source);
     const std::pair<std::vector<int32_t>, const char*> refusals[] = {
         {{kZone, 77}, "no rail has the id 77"},
         {{kZone, kZone}, "the request repeats the id 962335114 (rail); ask for each once"},
-        {{77, kZone, kZone},
-         "the request has 3 ids, for 2 known (rail); ask for each once, or for all by an empty "
-         "list"},
     };
     for (const auto& [ids, message] : refusals) {
         std::vector<stats_aidl::EnergyMeasurement> measurements(1);
@@ -74,11 +72,11 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
     EXPECT_STREQ(aidl->getStateResidency({77}, &residencies).getMessage(),
                  "no power entity has the id 77");
     EXPECT_EQ(residencies.size(), 0u);
-    EXPECT_TRUE(hidl.getPowerEntityStateInfo({77}, keep()).isOk());
+    EXPECT_TRUE(hidl->getPowerEntityStateInfo({77}, keep()).isOk());
     EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
-    EXPECT_TRUE(hidl.getPowerEntityStateResidencyData({2, 2}, keep()).isOk());
+    EXPECT_TRUE(hidl->getPowerEntityStateResidencyData({2, 2}, keep()).isOk());
     EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
-    EXPECT_TRUE(hidl.getPowerEntityInfo([](const auto& entities, Status) {
+    EXPECT_TRUE(hidl->getPowerEntityInfo([](const auto& entities, Status) {
                         using Type = stats_V1_0::PowerEntityType;
                         EXPECT_EQ(entities[0].type, Type::SUBSYSTEM);
                         EXPECT_EQ(entities[1].type, Type::POWER_DOMAIN);
@@ -97,7 +95,7 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
     EXPECT_TRUE(aidl->readEnergyMeter({kZone}, &read).isOk());
     EXPECT_EQ(read.size(), 0u) << "a rail that cannot be read";
     EXPECT_EQ(energies(hidl), Got(Status::FILESYSTEM_ERROR, 0));
-    EXPECT_TRUE(hidl.getPowerEntityStateResidencyData({2}, keep()).isOk());
+    EXPECT_TRUE(hidl->getPowerEntityStateResidencyData({2}, keep()).isOk());
     EXPECT_EQ(mGot, Got(Status::FILESYSTEM_ERROR, 0));
 }
 
@@ -106,7 +104,7 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     mTree.write(meter, 42);
     mTree.writeZone("zone:39751", "package-0", 1000, kRangeUj);
     const auto source = makeSource();
-    HidlService early(source), unserved(source, HidlRails::kNotServed);
+    const Hidl early = serveHidl(source), unserved = serveHidl(source, HidlRails::kNotServed);
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 2));
     EXPECT_EQ(rails(unserved), Got(Status::NOT_SUPPORTED, 0));
     EXPECT_EQ(energies(unserved, {77}), Got(Status::NOT_SUPPORTED, 0));
@@ -115,13 +113,13 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 1));
     EXPECT_EQ(energies(early, {kZone}), Got(Status::NOT_SUPPORTED, 0));
     EXPECT_EQ(rails(early), Got(Status::SUCCESS, 2)) << "a list that clients keep";
-    HidlService late(source);
+    const Hidl late = serveHidl(source);
     EXPECT_EQ(rails(late), Got(Status::SUCCESS, 1));
     EXPECT_EQ(energies(late, {kZone}), Got(Status::INVALID_INPUT, 0)) << "never announced";
 
     mTree.remove(meter);
     mNow = std::chrono::seconds(20);
-    HidlService ending(makeSource());
+    const Hidl ending = serveHidl(makeSource());
     EXPECT_EQ(rails(ending), Got(Status::SUCCESS, 1));
     mNow = std::chrono::seconds(320);
     EXPECT_EQ(energies(ending), Got(Status::NOT_SUPPORTED, 0));

@@ -51,30 +51,30 @@ Json report(const Rule& rule, Verdict verdict, const Findings& findings, std::st
         consequence = faults.first.front().consequence;
         if (consequence.empty() && isBroken) consequence = rule.consequence;
     }
-    Json::Array evidence;
+    Json evidence = Json::array();
     for (const Finding& one : faults.first) {
         const int64_t readMs = toMilliseconds(one.read);
         *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.method,
                               one.thing.empty() ? "" : ", ", one.thing,
                               readMs == 0 ? "" : fmt::format(" at {} ms", readMs), one.found,
                               one.expected);
-        evidence.emplace_back(Json::Object{{"method", one.method},
-                                           {"thing", one.thing},
-                                           {"read_ms", readMs},
-                                           {"found", one.found},
-                                           {"expected", one.expected}});
+        evidence.push_back({{"method", one.method},
+                            {"thing", one.thing},
+                            {"read_ms", readMs},
+                            {"found", one.found},
+                            {"expected", one.expected}});
     }
     if (faults.count > faults.first.size()) {
         *table += fmt::format("      and {} more\n", faults.count - faults.first.size());
     }
     if (!consequence.empty()) *table += "      so " + consequence + "\n";
-    return Json::Object{{"name", rule.name},
-                        {"verdict", name},
-                        {"published_test", rule.isPublishedTest},
-                        {"sentence", rule.sentence},
-                        {"consequence", consequence},
-                        {"evidence", std::move(evidence)},
-                        {"findings", faults.count}};
+    return {{"name", rule.name},
+            {"verdict", name},
+            {"published_test", rule.isPublishedTest},
+            {"sentence", rule.sentence},
+            {"consequence", consequence},
+            {"evidence", std::move(evidence)},
+            {"findings", faults.count}};
 }
 
 Json reportCalls(const Survey& survey, std::string* table) {
@@ -92,7 +92,7 @@ Json reportCalls(const Survey& survey, std::string* table) {
     });
     *table += fmt::format("{:<34}{:>7}{:>11}{:>9}{:>9}{:>8}\n", "Calls", "number", "median ms",
                           "99 % ms", "bytes", "records");
-    Json::Array calls;
+    Json calls = Json::array();
     for (auto& [method, timing] : timings) {
         std::vector<double>& tookMs = timing.tookMs;
         std::sort(tookMs.begin(), tookMs.end());
@@ -103,12 +103,12 @@ Json reportCalls(const Survey& survey, std::string* table) {
         *table +=
             fmt::format("  {:<32}{:>7}{:>11.3f}{:>9.3f}{:>9}{:>8}\n", method, tookMs.size(),
                         percentile(0.5), percentile(0.99), timing.mostBytes, timing.mostRecords);
-        calls.emplace_back(Json::Object{{"method", method},
-                                        {"number", tookMs.size()},
-                                        {"median_ms", percentile(0.5)},
-                                        {"percentile_99_ms", percentile(0.99)},
-                                        {"bytes", timing.mostBytes},
-                                        {"records", timing.mostRecords}});
+        calls.push_back({{"method", method},
+                         {"number", tookMs.size()},
+                         {"median_ms", percentile(0.5)},
+                         {"percentile_99_ms", percentile(0.99)},
+                         {"bytes", timing.mostBytes},
+                         {"records", timing.mostRecords}});
     }
     return calls;
 }
@@ -122,7 +122,7 @@ Json reportLibrary(const Survey::Library& library, std::string* table) {
         text = "Java receives " + text + (log.empty() ? "" : ": " + log);
     }
     *table += "Library: " + text + "\n";
-    return Json::Object{{"called", library.wasCalled}, {"signal", library.signal}, {"text", text}};
+    return {{"called", library.wasCalled}, {"signal", library.signal}, {"text", text}};
 }
 
 int check(CheckArguments arguments) {
@@ -144,7 +144,7 @@ int check(CheckArguments arguments) {
                     survey.hal == Hal::kAidl ? "AIDL" : "HIDL", arguments.durationSeconds,
                     survey.residencies.size());
     std::string table = title + "\n";
-    Json::Array rules;
+    Json rules = Json::array();
     std::map<Verdict, size_t> counts;
     for (const Rule& rule : kRules) {
         if (arguments.except.count(rule.name) != 0) continue;
@@ -175,12 +175,12 @@ int check(CheckArguments arguments) {
     for (const std::string& note : notes) table += "Note: " + note + "\n";
     Json library = reportLibrary(survey.library, &table);
 
-    const Json json = Json::Object{{"title", title},
-                                   {"rules", std::move(rules)},
-                                   {"calls", std::move(calls)},
-                                   {"notes", Json::Array(notes.begin(), notes.end())},
-                                   {"library", std::move(library)}};
-    if (!writeOutput(arguments.format == "json" ? json.print(2) + "\n" : table)) return kUsage;
+    const Json json = {{"title", title},
+                       {"rules", std::move(rules)},
+                       {"calls", std::move(calls)},
+                       {"notes", std::move(notes)},
+                       {"library", std::move(library)}};
+    if (!writeOutput(arguments.format == "json" ? printJson(json, 2) + "\n" : table)) return kUsage;
     return counts[Verdict::kBroken] == 0 ? 0 : 1;
 }
 

@@ -67,13 +67,13 @@ std::string summarize(const std::string& log, bool isEnded) {
 }
 
 /// Says how many rails and entities are in the output of "dump --format json".
-std::string describeResult(const std::string& json) {
-    const auto sizes = arraySizes(json);
-    if (!sizes) return "nothing that can be read";
-    const auto count = [&](const char* list, const char* one, const char* many) {
-        const auto found = sizes->find(list);
-        if (found == sizes->end()) return fmt::format("null for the {}", many);
-        return fmt::format("{} {}", found->second, found->second == 1 ? one : many);
+std::string describeResult(const std::string& text) {
+    const Json json = Json::parse(text, nullptr, false);
+    if (!json.is_object()) return "nothing that can be read";
+    const auto count = [&](const char* key, const char* one, const char* many) {
+        const Json list = json.value(key, Json());
+        if (!list.is_array()) return fmt::format("null for the {}", many);
+        return fmt::format("{} {}", list.size(), list.size() == 1 ? one : many);
     };
     return count("rails", "rail", "rails") + " and " +
            count("entities", "power entity", "power entities");

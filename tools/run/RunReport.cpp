@@ -17,6 +17,24 @@ namespace powerstats {
 
 namespace {
 
+/// The mean of a figure over some runs, and its standard deviation.
+struct Spread {
+    double mean = 0;
+    /// Of the sample; std::nullopt for a single run.
+    std::optional<double> deviation = {};
+};
+
+Json toJson(const Spread& spread) {
+    return {{"mean", spread.mean}, {"standard_deviation", spread.deviation.value_or(0)}};
+}
+
+/// For people: "12.5", or "12.5 ± 0.1" for several runs.
+std::string format(const Spread& spread, int digits) {
+    std::string mean = fmt::format("{:.{}f}", spread.mean, digits);
+    if (!spread.deviation) return mean;
+    return fmt::format("{} ± {:.{}f}", mean, *spread.deviation, digits);
+}
+
 Spread summarize(const std::vector<double>& values) {
     const auto count = static_cast<double>(values.size());
     Spread spread;
@@ -87,19 +105,25 @@ double wattsOf(const Interval::RailFigures& rail) {
     return rail.milliwatts / 1000;
 }
 
-Section railsOf(const std::vector<Interval>& runs) {
-    Section section{"rails", "rail", {{"energy_j", "energy (J)", 3}, {"power_w", "power (W)", 3}}};
-    if (runs.empty()) return section;
-    const std::vector<Rail>& rails = runs[0].lists->rails;
-    for (size_t i = 0; i < rails.size(); ++i) {
-        const auto row = collect(runs, i, &Lists::rails, &Interval::rails);
-        std::vector<Cell> cells(2);
-        if (row.trouble == Trouble::kNone)
-            cells = {row.summarize(joulesOf), row.summarize(wattsOf)};
-        section.rows.push_back(
-            {rails[i].name, rails[i].id, std::nullopt, std::move(cells), toText(row.trouble)});
+/// Returns a row for each rail.
+/// @param write [in] makes a figure of a spread.
+template <typename Write>
+Json railsOf(const std::vector<Interval>& runs, const Write& write) {
+    Json rows = Json::array();
+    for (size_t i = 0; !runs.empty() && i < runs[0].rails.size(); ++i) {
+        const Rail& rail = runs[0].lists->rails[i];
+        const auto figures = collect(runs, i, &Lists::rails, &Interval::rails);
+        const auto ifKnown = [&](const auto& valueOf) {
+            return figures.trouble == Trouble::kNone ? Json(write(figures.summarize(valueOf)))
+                                                     : Json();
+        };
+        rows.push_back({{"id", rail.id},
+                        {"name", rail.name},
+                        {"energy_j", ifKnown(joulesOf)},
+                        {"power_w", ifKnown(wattsOf)},
+                        {"trouble", toText(figures.trouble)}});
     }
-    return section;
+    return rows;
 }
 
 /// The state that had all of the time of every run, or null.
@@ -114,36 +138,37 @@ const char* steadyState(const std::vector<Interval>& runs, size_t entity) {
     return isSteady ? steady : nullptr;
 }
 
-Section entitiesOf(const std::vector<Interval>& runs) {
+/// Returns a row for each entity, with its figures as texts.
+Json entitiesOf(const std::vector<Interval>& runs) {
     using Figures = Interval::EntityFigures;
-    Section section{"entities",
-                    "entity and state",
-                    {},
-                    {{"share_percent", "time (%)", 1}, {"entries_per_s", "entries/s", 1}}};
-    if (runs.empty()) return section;
-    const std::vector<Entity>& entities = runs[0].lists->entities;
-    for (size_t i = 0; i < entities.size(); ++i) {
+    Json rows = Json::array();
+    for (size_t i = 0; !runs.empty() && i < runs[0].entities.size(); ++i) {
+        const Entity& entity = runs[0].lists->entities[i];
         auto figures = collect(runs, i, &Lists::entities, &Interval::entities);
-        const size_t count = entities[i].states.size();
+        const size_t count = entity.states.size();
         for (const Figures* run : figures.runs) {
             if (run->states.size() != count) figures.trouble = Trouble::kWent;
         }
-        Row& row = section.rows.emplace_back();
-        row.name = entities[i].name;
-        row.trouble = toText(figures.trouble);
+        Json& row = rows.emplace_back(Json{{"name", entity.name},
+                                           {"trouble", toText(figures.trouble)},
+                                           {"states", Json::array()}});
         if (figures.trouble != Trouble::kNone) continue;
-        row.steady = steadyState(runs, i);
+        if (const char* const state = steadyState(runs, i)) row["steady"] = state;
         for (size_t j = 0; j < count; ++j) {
             const auto share =
                 figures.summarize([j](const Figures& run) { return run.states[j].share * 100; });
             const auto rate = figures.summarize(
                 [j](const Figures& run) { return run.states[j].entriesPerSecond; });
-            row.states.push_back({entities[i].states[j].name, {}, {}, {share, rate}});
+            row["states"].push_back({{"name", entity.states[j].name},
+                                     {"share_percent", format(share, 1)},
+                                     {"entries_per_s", format(rate, 1)}});
         }
         const auto rest = figures.summarize([](const Figures& run) { return run.noneShare * 100; });
-        if (rest.mean > 0) row.states.push_back({kNoState, {}, {}, {rest}});
+        if (rest.mean > 0) {
+            row["states"].push_back({{"name", kNoState}, {"share_percent", format(rest, 1)}});
+        }
     }
-    return section;
+    return rows;
 }
 
 /// The figures of the rail with a name, or null.
@@ -201,10 +226,13 @@ std::string formatTable(const RunReport& report) {
     const size_t runs = report.runs.size();
     std::string text = fmt::format("{}: {} of {} s\n", commandLine(report),
                                    runs == 1 ? "1 run" : fmt::format("{} runs", runs),
-                                   formatCell(elapsedOf(report), 3));
-    for (const Section& section : {railsOf(report.runs), entitiesOf(report.runs)}) {
-        if (!section.rows.empty()) text += powerstats::formatTable(section);
-    }
+                                   format(elapsedOf(report), 3));
+    const auto write = [](const Spread& spread) { return format(spread, 3); };
+    text += powerstats::formatTable("rail", {{"energy_j", "energy (J)"}, {"power_w", "power (W)"}},
+                                    railsOf(report.runs, write));
+    text += powerstats::formatTable("entity and state",
+                                    {{"share_percent", "time (%)"}, {"entries_per_s", "entries/s"}},
+                                    entitiesOf(report.runs));
     for (size_t i = 0; i < runs; ++i) {
         for (const std::string& note : notesOf(report.runs[i])) {
             text += fmt::format("  run {}: {}\n", i + 1, note);
@@ -255,24 +283,24 @@ std::string formatJson(const RunReport& report) {
     const auto orNull = [](const std::optional<double>& value) {
         return value ? Json(*value) : Json();
     };
-    Json::Array command, limits, runs;
-    for (const std::string& word : report.command) command.emplace_back(safeName(word, SIZE_MAX));
+    Json command = Json::array(), limits = Json::array(), runs = Json::array();
+    for (const std::string& word : report.command) command.push_back(safeName(word, SIZE_MAX));
     for (const Limit& limit : report.limits) {
         const LimitJudgement judgement = judge(limit, report.runs);
-        limits.emplace_back(
-            Json::Object{{"rail", safeName(limit.rail)},
-                         {"max_w", limit.watts},
-                         {"mean_w", orNull(judgement.mean)},
-                         {"margin_w", orNull(judgement.margin)},
-                         {"verdict", kVerdicts[static_cast<int>(judgement.verdict)]}});
+        limits.push_back({{"rail", safeName(limit.rail)},
+                          {"max_w", limit.watts},
+                          {"mean_w", orNull(judgement.mean)},
+                          {"margin_w", orNull(judgement.margin)},
+                          {"verdict", kVerdicts[static_cast<int>(judgement.verdict)]}});
     }
     for (const Interval& run : report.runs) runs.push_back(toJson(run));
-    return Json(Json::Object{{"command", std::move(command)},
-                             {"elapsed_s", toJson(Cell(elapsedOf(report)))},
-                             {"rails", toJson(railsOf(report.runs))},
-                             {"limits", std::move(limits)},
-                             {"runs", std::move(runs)}})
-               .print(2) +
+    const auto write = [](const Spread& spread) { return toJson(spread); };
+    return printJson({{"command", std::move(command)},
+                      {"elapsed_s", toJson(elapsedOf(report))},
+                      {"rails", railsOf(report.runs, write)},
+                      {"limits", std::move(limits)},
+                      {"runs", std::move(runs)}},
+                     2) +
            '\n';
 }
 
