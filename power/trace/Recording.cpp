@@ -74,10 +74,10 @@ nanoseconds toTime(uint64_t milliseconds) {
     return time == nanoseconds::max() ? nanoseconds::min() : time;
 }
 
-/// Gives each thing an id: `indices` are those that were recorded.
+/// Gives each thing an id from its recorded index.
 template <typename Listed>
-void setIds(std::vector<Listed>* things, const std::vector<int64_t>& indices) {
-    const auto ids = distinctNumbers(indices, std::numeric_limits<int32_t>::max());
+void setIds(std::vector<Listed>* things) {
+    const auto ids = distinctNumbers(*things);
     for (size_t i = 0; i < ids.size(); ++i) (*things)[i].id = ids[i];
 }
 
@@ -249,44 +249,38 @@ class Collector {
 
     bool finishRails(Recording* recording, std::vector<Rail>* rails) {
         std::map<std::string, uint32_t> sequences;
-        std::vector<int64_t> indices;
         for (RecordedRail& rail : mRails) {
             if (rail.readings.empty()) continue;
             if (!checkName(rail, "rail")) return false;
             if (!serves(rail, &sequences)) continue;
             mRailSequences.insert(rail.sequence);
-            indices.push_back(rail.index);
-            rails->push_back({0, std::move(rail.name), std::move(rail.subsystem)});
+            rails->push_back({rail.index, std::move(rail.name), std::move(rail.subsystem)});
             recording->energies.push_back(std::move(rail.readings));
         }
-        setIds(rails, indices);
+        setIds(rails);
         return true;
     }
 
     bool finishEntities(Recording* recording, std::vector<Entity>* entities) {
         std::map<std::string, uint32_t> sequences;
-        std::vector<int64_t> indices;
         for (const RecordedEntity& entity : mEntities) {
-            Entity shown{0, entity.name};
-            std::vector<int64_t> stateIndices;
+            Entity shown{entity.index, entity.name};
             std::vector<Recording::Stays> stays;
             for (const size_t place : entity.states) {
                 RecordedState& state = mStates[place];
                 if (state.readings.empty()) continue;
                 if (!checkName(state, "state") || !checkName(entity, "entity")) return false;
-                stateIndices.push_back(state.index);
-                shown.states.push_back({0, std::move(state.name)});
+                shown.states.push_back({state.index, std::move(state.name)});
                 stays.push_back(std::move(state.readings));
             }
             if (shown.states.empty() || !serves(entity, &sequences)) continue;
-            setIds(&shown.states, stateIndices);
-            indices.push_back(entity.index);
+            setIds(&shown.states);
             entities->push_back(std::move(shown));
             recording->stays.push_back(std::move(stays));
             recording->sequences.push_back(entity.sequence);
             recording->packets[entity.sequence];
         }
-        setIds(entities, indices);
+        setIds(entities);
         return true;
     }
 
