@@ -22,20 +22,4 @@ std::vector<int32_t> pathIds(const std::vector<std::string>& paths, int32_t base
     return ids;
 }
 
-std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max) {
-    std::set<int64_t> taken(wishes.begin(), wishes.end());
-    std::set<int64_t> given;
-    std::vector<int64_t> numbers;
-    int64_t next = 0;
-    for (const int64_t wish : wishes) {
-        if (wish >= 0 && wish <= max && given.insert(wish).second) {
-            numbers.push_back(wish);
-            continue;
-        }
-        while (!taken.insert(next).second) ++next;
-        numbers.push_back(next);
-    }
-    return numbers;
-}
-
 }  // namespace powerstats

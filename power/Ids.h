@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,9 +20,25 @@ namespace powerstats {
 /// @param bits [in] ids run from `base` to `base + 2^bits - 1`, which must fit an int32_t.
 std::vector<int32_t> pathIds(const std::vector<std::string>& paths, int32_t base, int bits);
 
-/// Gives each thing a number of its own: its wish where that is from 0 to `max` and no earlier
-/// thing has it, otherwise the least number that is nobody's wish and not given, in the order of
-/// the things.
-std::vector<int64_t> distinctNumbers(const std::vector<int64_t>& wishes, int64_t max);
+/// Gives each thing a number of its own that fits an int32_t: its `id` where that is not negative
+/// and no earlier thing has it, otherwise the least number that is nobody's id and not given, in
+/// the order of the things.
+template <typename Thing>
+std::vector<int64_t> distinctNumbers(const std::vector<Thing>& things) {
+    std::set<int64_t> taken;
+    for (const Thing& thing : things) taken.insert(thing.id);
+    std::set<int64_t> given;
+    std::vector<int64_t> numbers;
+    int64_t next = 0;
+    for (const Thing& thing : things) {
+        if (thing.id >= 0 && thing.id <= INT32_MAX && given.insert(thing.id).second) {
+            numbers.push_back(thing.id);
+            continue;
+        }
+        while (!taken.insert(next).second) ++next;
+        numbers.push_back(next);
+    }
+    return numbers;
+}
 
 }  // namespace powerstats

@@ -39,9 +39,8 @@ Command addRecord(CommandLine program) {
     const auto arguments = std::make_shared<RecordArguments>();
     CommandLine command = program.addSubcommand(
         "record", "Write what a service reports to a file, for trace viewers.",
-        "The file is a protobuf trace with the readings, and with counters in milliwatts and\n"
-        "percent. It is readable at any moment, also after the program was killed. --replay plays\n"
-        "it back. The document recordings.md describes it.\n"
+        "The file is a protobuf trace with the readings. It is readable at any moment, also after\n"
+        "the program was killed. --replay plays it back. The document recordings.md describes it.\n"
         "Exit status: 0 the duration or the recording that was played back is over, 1 no service,\n"
         "or the file cannot be written on, 2 bad argument, or a file that exists or cannot be\n"
         "created.\n"

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <optional>
 #include <utility>
 
 #include "tools/CommandLine.h"
@@ -39,7 +38,7 @@ std::shared_ptr<Sampler> Sampler::open(SamplerOptions options, int* status) {
     }
     sampler->mLatest = sampler->mSource->read();
     sayWhyNoRails(sampler->mLatest);
-    sampler->record(sampler->mLatest, nullptr);
+    sampler->record(sampler->mLatest);
     return sampler;
 }
 
@@ -56,12 +55,10 @@ Sampler::End Sampler::run(const std::function<bool(Interval interval)>& take) {
         }
         ++*mReadings;
         Reading reading = mSource->read();
-        const std::optional<Reading> toRecord =
-            mWriter != nullptr ? std::optional(reading) : std::nullopt;
+        const bool isRecorded = record(reading);
         keepFigures(mLatest, &reading);
         Interval interval = subtract(mLatest, reading);
         mLatest = std::move(reading);
-        const bool isRecorded = !toRecord || record(*toRecord, &interval);
         if (!take(std::move(interval)) && isRecorded) return End::kTaken;
     }
     return End::kFailed;
@@ -73,8 +70,8 @@ void Sampler::stop() {
     mStopped.notify_all();
 }
 
-bool Sampler::record(const Reading& reading, const Interval* since) {
-    return mWriter == nullptr || mWriter->write(reading, since, &mFailure);
+bool Sampler::record(const Reading& reading) {
+    return mWriter == nullptr || mWriter->write(reading, &mFailure);
 }
 
 }  // namespace powerstats

@@ -58,7 +58,7 @@ class Sampler {
 
   private:
     Sampler() = default;
-    bool record(const Reading& reading, const Interval* since);
+    bool record(const Reading& reading);
 
     std::string mTitle;
     nanoseconds mStep{};

@@ -177,8 +177,8 @@ void addServiceOptions(CommandLine command, ServiceOptions* options) {
                       choice(&options->hal, {"aidl", "hidl"}));
 }
 
-std::shared_ptr<Source> openSource(SourceOptions* asked,
-                                   const RecordedSource::PlayingTime& playingTime, int* status) {
+std::shared_ptr<Source> openSource(SourceOptions* asked, const PlayingTime& playingTime,
+                                   int* status) {
     const SourceOptions& options = *asked;
     *status = 0;
     if (!options.bus.empty()) {
@@ -193,13 +193,12 @@ std::shared_ptr<Source> openSource(SourceOptions* asked,
         linux.warn = warn;
         return std::make_shared<LinuxSource>(linux);
     }
-    RecordedSource::Options playing;
-    playing.loop = options.loop;
-    RecordedSource::PlayingTime time = playingTime;
+    PlayingTime time = playingTime;
     if (!time) time = [start = steady_clock::now()] { return steady_clock::now() - start; };
-    playing.playingTime = [time, speed = options.speed] { return scale(time(), speed); };
     std::string error;
-    auto source = RecordedSource::open(options.replay, playing, warn, &error);
+    auto source = playRecording(
+        options.replay, [time, speed = options.speed] { return scale(time(), speed); },
+        options.loop, warn, &error);
     if (source == nullptr) {
         say(error);
         *status = kUsage;
@@ -207,7 +206,7 @@ std::shared_ptr<Source> openSource(SourceOptions* asked,
     return source;
 }
 
-int openService(ServiceOptions* options, const RecordedSource::PlayingTime& playingTime,
+int openService(ServiceOptions* options, const PlayingTime& playingTime,
                 std::shared_ptr<Source>* own) {
     if (!options->source.bus.empty()) return awaitService(&options->source, options->hal);
     // A service on a bus must not answer in its place.

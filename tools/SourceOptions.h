@@ -46,7 +46,7 @@ void addServiceOptions(CommandLine command, ServiceOptions* options);
 ///     service is on the bus, kUsage when the recording cannot be used.
 /// @param options [in,out] gets the name of the bus that the service is on.
 std::shared_ptr<Source> openSource(SourceOptions* options,
-                                   const RecordedSource::PlayingTime& playingTime, int* status);
+                                   const PlayingTime& playingTime, int* status);
 
 /// The playing time of a recording that stays at its first sample.
 constexpr auto kAtFirstSample = [] { return nanoseconds::zero(); };
@@ -56,7 +56,7 @@ constexpr auto kAtFirstSample = [] { return nanoseconds::zero(); };
 /// @param playingTime [in] that of a recording; empty: the clock.
 /// @param own [out] the source of this process; null with `--bus`.
 /// @return 0, or after one line the exit status, as of openSource().
-int openService(ServiceOptions* options, const RecordedSource::PlayingTime& playingTime,
+int openService(ServiceOptions* options, const PlayingTime& playingTime,
                 std::shared_ptr<Source>* own);
 
 /// Says why no energy can be read here, in one line, if there is such a reason.

@@ -4,7 +4,12 @@
 
 #include <algorithm>
 #include <limits>
+#include <numeric>
+#include <optional>
 #include <utility>
+#include <vector>
+
+#include "power/trace/Recording.h"
 
 namespace powerstats {
 
@@ -23,136 +28,129 @@ nanoseconds addTimes(nanoseconds value, int64_t count, nanoseconds step) {
     return nanoseconds(addTimes(value.count(), count, step.count()));
 }
 
-/// Finds the latest item that is not later than the view.
-/// @param view [in,out] the round goes back by one when the item is of the round before.
-/// @return null when there has been none.
-template <typename Item, typename View>
-const Item* find(const std::vector<Item>& items, View* view) {
-    const auto next = std::upper_bound(items.begin(), items.end(), view->time);
-    if (next != items.begin()) return &*std::prev(next);
-    if (view->round == 0) return nullptr;
-    --view->round;
-    return &items.back();
-}
+class RecordedSource : public Source {
+  public:
+    RecordedSource(Recording recording, PlayingTime playingTime, bool loop)
+        : mRecording(std::move(recording)), mPlayingTime(std::move(playingTime)), mLoop(loop) {
+        const std::vector<nanoseconds>& samples = mRecording.samples;
+        if (samples.size() < 2) return;
+        std::vector<nanoseconds> gaps(samples.size());
+        std::adjacent_difference(samples.begin(), samples.end(), gaps.begin());
+        gaps.erase(gaps.begin());
+        std::vector<nanoseconds> sorted = gaps;
+        // The median, which an outage does not widen.
+        const auto middle = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() / 2);
+        std::nth_element(sorted.begin(), middle, sorted.end());
+        const nanoseconds spacing = *middle;
+        if (loop) {
+            // The first reading of a round is later than the last of the round before.
+            const nanoseconds step = std::max<nanoseconds>(
+                spacing, samples.front() - mRecording.first + std::chrono::milliseconds(1));
+            const nanoseconds length = samples.back() - samples.front();
+            mPeriod = addTimes(length, 1, step);
+            gaps.push_back(mPeriod - length);
+        }
+        nanoseconds time{};
+        for (const nanoseconds gap : gaps) {
+            time += gap;
+            mEnds.push_back(time - std::min((gap - nanoseconds(1)) / 2, spacing / 2));
+        }
+    }
 
-nanoseconds findSpacing(const std::vector<nanoseconds>& samples) {
-    if (samples.size() < 2) return {};
-    std::vector<nanoseconds> gaps;
-    for (size_t i = 1; i < samples.size(); ++i) gaps.push_back(samples[i] - samples[i - 1]);
-    const auto middle = gaps.begin() + static_cast<ptrdiff_t>(gaps.size() / 2);
-    std::nth_element(gaps.begin(), middle, gaps.end());
-    return *middle;
-}
+    Reading read(const Positions& rails, const Positions& entities) override {
+        const View now = view();
+        Reading reading;
+        reading.lists = mRecording.lists;
+        reading.time = addTimes(now.time, now.round, mPeriod);
+        reading.rails.resize(mRecording.rails.size());
+        forPositions(rails, reading.rails.size(), [&](size_t i) {
+            const auto energy = find(mRecording.rails[i], now);
+            if (energy) reading.rails[i] = {energy->time, energy->time, energy->totals.entryCount};
+        });
+        reading.entities.resize(mRecording.entities.size());
+        forPositions(entities, reading.entities.size(), [&](size_t i) {
+            reading.entities[i] = readEntity(mRecording.entities[i], now);
+        });
+        return reading;
+    }
+
+    bool isOver() const override { return !mLoop && view().time == mRecording.samples.back(); }
+
+  private:
+    /// A moment of the recording, and how often the recording has ended before.
+    struct View {
+        int64_t round;
+        nanoseconds time;
+    };
+
+    View view() const {
+        const std::vector<nanoseconds>& samples = mRecording.samples;
+        const nanoseconds played =
+            std::clamp(mPlayingTime(), nanoseconds::zero(), nanoseconds::max() - nanoseconds(1));
+        const auto sample = static_cast<size_t>(
+            std::upper_bound(mEnds.begin(), mEnds.end(), played % mPeriod) - mEnds.begin());
+        const int64_t round = played / mPeriod;
+        if (sample == samples.size()) return {round + 1, samples.front()};
+        return {round, samples[sample]};
+    }
+
+    /// Finds the latest totals that are not later than the view, and carries them on into the
+    /// round.
+    std::optional<Recording::Timed> find(const Recording::Series& series, View view) const {
+        const auto next = std::upper_bound(
+            series.begin(), series.end(), view.time,
+            [](nanoseconds time, const Recording::Timed& item) { return time < item.time; });
+        const bool isOfRoundBefore = next == series.begin();
+        const int64_t round = isOfRoundBefore ? view.round - 1 : view.round;
+        if (round < 0) return std::nullopt;
+        Recording::Timed found = isOfRoundBefore ? series.back() : *std::prev(next);
+        if (round == 0) return found;
+        const Residency& first = series.front().totals;
+        const Residency& last = series.back().totals;
+        auto& [totalTime, entryCount, lastEntry] = found.totals;
+        // The stamp of the last entry moves with the count of entries only. Before a round has an
+        // entry it is that of the latest round that had one.
+        const bool isEntered = entryCount > first.entryCount;
+        const int64_t before = last.entryCount > first.entryCount ? round - 1 : 0;
+        if (!isEntered) lastEntry = last.lastEntry;
+        if (lastEntry > nanoseconds::zero()) {
+            lastEntry = addTimes(lastEntry, isEntered ? round : before, mPeriod);
+        }
+        totalTime = addTimes(totalTime, round, last.totalTime - first.totalTime);
+        entryCount = addTimes(entryCount, round, last.entryCount - first.entryCount);
+        found.time = addTimes(found.time, round, mPeriod);
+        return found;
+    }
+
+    std::optional<Residencies> readEntity(const Recording::EntitySeries& entity, View view) const {
+        const auto packet = find(*entity.packets, view);
+        if (!packet) return std::nullopt;
+        Residencies residencies{packet->time, 0, {}};
+        for (const Recording::Series& series : entity.states) {
+            const auto state = find(series, view);
+            if (!state || state->time != packet->time) return std::nullopt;
+            residencies.states.push_back(state->totals);
+        }
+        return residencies;
+    }
+
+    const Recording mRecording;
+    const PlayingTime mPlayingTime;
+    const bool mLoop;
+    /// The playing time at which each sample gives way to the next one; not that of the last sample
+    /// of a recording that ends.
+    std::vector<nanoseconds> mEnds;
+    /// How long a round takes.
+    nanoseconds mPeriod = nanoseconds::max();
+};
 
 }  // namespace
 
-std::shared_ptr<Source> RecordedSource::open(const std::string& file, const Options& options,
-                                             const WarningCallback& warn, std::string* error) {
+std::shared_ptr<Source> playRecording(const std::string& file, const PlayingTime& playingTime,
+                                      bool loop, const WarningCallback& warn, std::string* error) {
     std::optional<Recording> recording = Recording::read(file, warn, error);
     if (!recording) return nullptr;
-    return std::shared_ptr<Source>(new RecordedSource(*std::move(recording), options));
-}
-
-RecordedSource::RecordedSource(Recording recording, const Options& options)
-    : mRecording(std::move(recording)),
-      mOptions(options),
-      mSpacing(findSpacing(mRecording.samples)) {
-    const std::vector<nanoseconds>& samples = mRecording.samples;
-    if (!options.loop || samples.size() < 2) return;
-    // The first reading of a round is later than the last of the round before.
-    const nanoseconds step = std::max<nanoseconds>(
-        mSpacing, samples.front() - mRecording.first + std::chrono::milliseconds(1));
-    mPeriod = addTimes(samples.back() - samples.front(), 1, step);
-}
-
-RecordedSource::View RecordedSource::view() const {
-    nanoseconds played = std::max(mOptions.playingTime(), nanoseconds::zero());
-    int64_t round = 0;
-    if (mPeriod > nanoseconds::zero()) {
-        round = played / mPeriod;
-        played %= mPeriod;
-    }
-    const std::vector<nanoseconds>& samples = mRecording.samples;
-    const nanoseconds start = samples.front();
-    const auto next = std::upper_bound(
-        samples.begin(), samples.end(), played,
-        [start](nanoseconds played, nanoseconds sample) { return played < sample - start; });
-    const nanoseconds since = played - (*std::prev(next) - start);
-    const auto isNearest = [&](nanoseconds until) {
-        return until < since && until <= mSpacing / 2;
-    };
-    if (next != samples.end()) {
-        return {round, isNearest(*next - start - played) ? *next : *std::prev(next)};
-    }
-    if (mPeriod > nanoseconds::zero() && isNearest(mPeriod - played)) return {round + 1, start};
-    return {round, samples.back()};
-}
-
-bool RecordedSource::isOver() const {
-    return !mOptions.loop && view().time == mRecording.samples.back();
-}
-
-nanoseconds RecordedSource::addRounds(nanoseconds time, int64_t round) const {
-    return addTimes(time, round, mPeriod);
-}
-
-Reading RecordedSource::read(const Positions& rails, const Positions& entities) {
-    const View now = view();
-    Reading reading;
-    reading.lists = mRecording.lists;
-    reading.time = addRounds(now.time, now.round);
-    reading.rails.resize(mRecording.energies.size());
-    forPositions(rails, reading.rails.size(),
-                 [&](size_t i) { reading.rails[i] = readRail(i, now); });
-    reading.entities.resize(mRecording.stays.size());
-    forPositions(entities, reading.entities.size(),
-                 [&](size_t i) { reading.entities[i] = readEntity(i, now); });
-    return reading;
-}
-
-std::optional<Energy> RecordedSource::readRail(size_t rail, View view) const {
-    const Recording::Energies& energies = mRecording.energies[rail];
-    const auto* const energy = find(energies, &view);
-    if (energy == nullptr) return std::nullopt;
-    const nanoseconds time = addRounds(energy->time, view.round);
-    const int64_t energyOfRound = energies.back().value - energies.front().value;
-    return Energy{time, time, addTimes(energy->value, view.round, energyOfRound)};
-}
-
-std::optional<Residencies> RecordedSource::readEntity(size_t entity, View view) const {
-    const nanoseconds* const packet =
-        find(mRecording.packets.at(mRecording.sequences[entity]), &view);
-    if (packet == nullptr) return std::nullopt;
-    view.time = *packet;
-    Residencies residencies;
-    residencies.time = addRounds(*packet, view.round);
-    for (const Recording::Stays& stays : mRecording.stays[entity]) {
-        const auto* const stay = find(stays, &view);
-        if (stay == nullptr || stay->time != *packet) return std::nullopt;
-        residencies.states.push_back(residencyOf(stays, stay->value, view.round));
-    }
-    return residencies;
-}
-
-/// Carries a residency on into a round.
-Residency RecordedSource::residencyOf(const Recording::Stays& stays, const Residency& recorded,
-                                      int64_t round) const {
-    if (round == 0) return recorded;
-    const Residency& first = stays.front().value;
-    const Residency& last = stays.back().value;
-    Residency residency;
-    residency.totalTime = addTimes(recorded.totalTime, round, last.totalTime - first.totalTime);
-    residency.entryCount = addTimes(recorded.entryCount, round, last.entryCount - first.entryCount);
-    // The stamp of the last entry moves with the count of entries only. Before a round has an entry
-    // it is that of the latest round that had one.
-    const int64_t before = last.entryCount > first.entryCount ? round - 1 : 0;
-    if (last.lastEntry > nanoseconds::zero()) {
-        residency.lastEntry = addRounds(last.lastEntry, before);
-    }
-    if (recorded.entryCount > first.entryCount && recorded.lastEntry > nanoseconds::zero()) {
-        residency.lastEntry = std::max(residency.lastEntry, addRounds(recorded.lastEntry, round));
-    }
-    return residency;
+    return std::make_shared<RecordedSource>(*std::move(recording), playingTime, loop);
 }
 
 }  // namespace powerstats

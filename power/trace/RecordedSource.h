@@ -2,18 +2,17 @@
 
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "power/Source.h"
-#include "power/trace/Recording.h"
 
 namespace powerstats {
+
+/// Returns the time since playing started, which never goes backwards. Called on each reading, on
+/// any thread.
+using PlayingTime = std::function<nanoseconds()>;
 
 /// Plays a recording back.
 ///
@@ -25,49 +24,11 @@ namespace powerstats {
 /// An entity has no figures when the latest residencies of its packet sequence are without it or
 /// one of its states, as those of a CPU that was offline. A rail has its last energy, with its own
 /// stamp.
-class RecordedSource : public Source {
-  public:
-    /// Returns the time since playing started, which never goes backwards. Called on each reading,
-    /// on any thread.
-    using PlayingTime = std::function<nanoseconds()>;
-
-    struct Options {
-        PlayingTime playingTime;
-        /// Whether the recording starts again after its end, with the totals and stamps going on.
-        /// The step from the last sample to the first takes the spacing of the samples, and adds
-        /// nothing to a total. A recording of one sample stands still.
-        bool loop = false;
-    };
-
-    /// @param warn, error as Recording::read().
-    static std::shared_ptr<Source> open(const std::string& file, const Options& options,
-                                        const WarningCallback& warn, std::string* error);
-
-    using Source::read;
-    Reading read(const Positions& rails, const Positions& entities) override;
-    bool isOver() const override;
-
-  private:
-    /// A moment of the recording, and how often the recording has ended before.
-    struct View {
-        int64_t round = 0;
-        nanoseconds time{};
-    };
-
-    RecordedSource(Recording recording, const Options& options);
-    View view() const;
-    nanoseconds addRounds(nanoseconds time, int64_t round) const;
-    std::optional<Energy> readRail(size_t rail, View view) const;
-    std::optional<Residencies> readEntity(size_t entity, View view) const;
-    Residency residencyOf(const Recording::Stays& stays, const Residency& recorded,
-                          int64_t round) const;
-
-    const Recording mRecording;
-    const Options mOptions;
-    /// The median time between two samples, which an outage does not widen.
-    nanoseconds mSpacing{};
-    /// How long a round takes; 0 when there is one only.
-    nanoseconds mPeriod{};
-};
+/// @param loop [in] whether the recording starts again after its end, with the totals and stamps
+///     going on. The step from the last sample to the first takes the spacing of the samples, and
+///     adds nothing to a total. A recording of one sample stands still.
+/// @param warn, error as Recording::read(), with null as the result.
+std::shared_ptr<Source> playRecording(const std::string& file, const PlayingTime& playingTime,
+                                      bool loop, const WarningCallback& warn, std::string* error);
 
 }  // namespace powerstats

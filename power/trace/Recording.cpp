@@ -2,71 +2,106 @@
 
 #include "power/trace/Recording.h"
 
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl.h>
+#include <google/protobuf/wire_format_lite.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
 #include <limits>
+#include <map>
 #include <set>
-#include <type_traits>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 
 #include "power/Ids.h"
 #include "power/text/Names.h"
-#include "power/trace/TraceFile.h"
+#include "power/trace/power_trace.pb.h"
 
 namespace powerstats {
 
 namespace {
 
-using com::tavrel::android::ferrolith::powertrace::EntityStateResidency;
-using com::tavrel::android::ferrolith::powertrace::PowerRails;
+using com::tavrel::android::ferrolith::powertrace::Trace;
 using com::tavrel::android::ferrolith::powertrace::TracePacket;
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
 
 /// Readings that are further apart belong to two samples. The common recorder takes a sample every
 /// 100 ms at most.
 constexpr std::chrono::milliseconds kSampleSpan{100};
 
+/// Small enough for a processor's cache, where the block is scanned after it is read.
+constexpr int kBlockSize = 256 << 10;
+/// Thousands of rails take less, and a message in memory is many times its encoding.
+constexpr uint64_t kMaxPowerPacketSize = 1 << 20;
+constexpr uint64_t kMaxVarintSize = 10;
+
+constexpr uint32_t messageTag(int field) {
+    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+}
+
+constexpr uint32_t numberTag(int field) {
+    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_VARINT);
+}
+
+/// Reads the power data of a packet, and skips its other fields.
+/// @return false when the packet is damaged.
+bool readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
+    // Protobuf has no larger messages.
+    constexpr uint64_t kMaxSize = std::numeric_limits<int>::max();
+    if (size > kMaxSize - static_cast<uint64_t>(stream->CurrentPosition())) return false;
+    stream->PushLimit(static_cast<int>(size));
+    while (const uint32_t tag = stream->ReadTag()) {
+        uint64_t number = 0;
+        bool isRead = size <= kMaxPowerPacketSize;
+        switch (tag) {
+            case messageTag(TracePacket::kPowerRailsFieldNumber):
+                isRead =
+                    isRead && WireFormatLite::ReadMessage(stream, packet->mutable_power_rails());
+                break;
+            case messageTag(TracePacket::kEntityStateResidencyFieldNumber):
+                isRead = isRead && WireFormatLite::ReadMessage(
+                                       stream, packet->mutable_entity_state_residency());
+                break;
+            case numberTag(TracePacket::kTimestampFieldNumber):
+                isRead = stream->ReadVarint64(&number);
+                packet->set_timestamp(number);
+                break;
+            case numberTag(TracePacket::kTrustedPacketSequenceIdFieldNumber):
+                isRead = stream->ReadVarint64(&number);
+                packet->set_trusted_packet_sequence_id(static_cast<uint32_t>(number));
+                break;
+            default:
+                isRead = WireFormatLite::SkipField(stream, tag);
+        }
+        if (!isRead) return false;
+    }
+    return stream->ConsumedEntireMessage();
+}
+
+enum Kind { kRail, kEntity, kState };
+constexpr const char* kKinds[] = {"rail", "entity", "state"};
+
 /// A rail, an entity or a state, as a packet sequence tells of it.
 struct Thing {
-    uint32_t sequence = 0;
-    int64_t index = 0;
+    Kind kind;
+    uint32_t sequence;
+    int64_t index;
     /// Of the packet that first tells of it.
-    uint64_t offset = 0;
+    uint64_t offset;
     /// Empty until a packet tells.
     std::string name = {};
-};
-
-struct RecordedRail : Thing {
     std::string subsystem = {};
-    Recording::Energies readings = {};
-};
-
-struct RecordedState : Thing {
-    Recording::Stays readings = {};
-};
-
-struct RecordedEntity : Thing {
-    /// Places in the list of all states.
+    Recording::Series readings = {};
+    /// The places of an entity's states. A rail has itself.
     std::vector<size_t> states = {};
 };
-
-/// A time at which a packet has readings.
-struct Moment {
-    nanoseconds time;
-    uint64_t packetOffset;
-    uint32_t sequence;
-    bool isOfRails;
-};
-
-/// The places of things in a list, in order of first appearance.
-using Places = std::unordered_map<uint64_t, size_t>;
-
-/// Whether a total is less than before, which never happens within a recording.
-bool isLess(int64_t energyUWs, int64_t before) {
-    return energyUWs < before;
-}
-bool isLess(const Residency& residency, const Residency& before) {
-    return residency.isLessThan(before);
-}
 
 /// Negative for a number that does not fit.
 nanoseconds toTime(uint64_t milliseconds) {
@@ -74,248 +109,236 @@ nanoseconds toTime(uint64_t milliseconds) {
     return time == nanoseconds::max() ? nanoseconds::min() : time;
 }
 
-/// Gives each thing an id: `indices` are those that were recorded.
+/// Gives each thing an id in place of its recorded index.
 template <typename Listed>
-void setIds(std::vector<Listed>* things, const std::vector<int64_t>& indices) {
-    const auto ids = distinctNumbers(indices, std::numeric_limits<int32_t>::max());
+void setIds(std::vector<Listed>* things) {
+    const auto ids = distinctNumbers(*things);
     for (size_t i = 0; i < ids.size(); ++i) (*things)[i].id = ids[i];
 }
 
-/// Collects the power data of a file packet by packet. A function that returns false has set the
-/// error.
+/// Collects the power data of a file packet by packet, until there is an error.
 class Collector {
   public:
     Collector(const std::string& file, const WarningCallback& warn, std::string* error)
-        : mFile(file), mWarn(warn), mError(error) {}
-
-    bool add(uint64_t offset, const TracePacket& packet) {
-        mOffset = offset;
-        mSequence = packet.trusted_packet_sequence_id();
-        const nanoseconds time(static_cast<int64_t>(packet.timestamp()));
-        return addRails(packet.power_rails(), time) &&
-               addResidencies(packet.entity_state_residency(), time);
+        : mFile(file), mWarn(warn), mError(error) {
+        mError->clear();
     }
 
-    bool finish(uint64_t fileSize, Recording* recording) {
-        if (mMoments.empty()) {
-            return fail(fileSize, "no power data up to here (record rails or power entities)");
+    /// Reads the whole file, whose descriptor it closes.
+    bool read(int descriptor, uint64_t fileSize) {
+        google::protobuf::io::FileInputStream input(descriptor, kBlockSize);
+        input.SetCloseOnDelete(true);
+        const auto refuse = [&](const std::string& text) {
+            const int problem = input.GetErrno();
+            fail(mOffset, problem == 0 ? text
+                                       : std::generic_category().message(problem) +
+                                             " (copy it to another disk)");
+            return false;
+        };
+        TracePacket packet;
+        while (mOffset < fileSize) {
+            packet.Clear();
+            const uint64_t available = fileSize - mOffset;
+            CodedInputStream stream(&input);
+            uint64_t size = 0;
+            const bool isPacket = stream.ReadTag() == messageTag(Trace::kPacketFieldNumber);
+            const bool isSized = isPacket && stream.ReadVarint64(&size);
+            const auto headerSize = static_cast<uint64_t>(stream.CurrentPosition());
+            if (!isPacket || (!isSized && available > kMaxVarintSize)) {
+                return refuse("not a packet of a trace (give an uncompressed protobuf trace)");
+            }
+            if (!isSized || size > available - headerSize) {
+                mWarn(at(mOffset, "the last packet is cut off (it is left out)"));
+                break;
+            }
+            if (!readFields(&stream, size, &packet)) {
+                return refuse(
+                    "a malformed packet, or one of more than 1 MiB with power data (the file is "
+                    "damaged: copy or record it again)");
+            }
+            if (!add(packet)) return false;
+            mOffset += headerSize + size;
         }
+        return true;
+    }
+
+    bool finish(Recording* recording) {
         std::vector<Rail> rails;
         std::vector<Entity> entities;
-        if (!finishRails(recording, &rails) || !finishEntities(recording, &entities)) return false;
-        recording->lists = nameLists(std::move(rails), std::move(entities), true);
-        if (mTwins != 0) {
-            mWarn(mFirstTwin +
-                  (mTwins == 1 ? "" : ", the first of " + std::to_string(mTwins) + " such names") +
-                  " (only the first sequence's is shown; record one service at a time)");
+        std::map<std::pair<Kind, std::string>, uint32_t> sequences;
+        std::map<PacketKind, std::shared_ptr<Recording::Series>> packets;
+        bool hasTwins = false;
+        for (const Thing& thing : mThings) {
+            std::vector<State> states;
+            std::vector<Recording::Series> readings;
+            for (const size_t place : thing.states) {
+                Thing& state = mThings[place];
+                if (state.readings.empty()) continue;
+                checkName(state);
+                checkName(thing);
+                states.push_back({state.index, state.name});
+                readings.push_back(std::move(state.readings));
+            }
+            if (readings.empty()) continue;
+            const uint32_t first =
+                sequences.emplace(std::pair(thing.kind, thing.name), thing.sequence).first->second;
+            if (first != thing.sequence) {
+                if (!hasTwins) {
+                    mWarn(at(thing.offset,
+                             fmt::format("packet sequences {} and {} both have {} (of such names "
+                                         "only the first sequence's is shown; record one service "
+                                         "at a time)",
+                                         first, thing.sequence, safeName(thing.name))));
+                }
+                hasTwins = true;
+                continue;
+            }
+            for (const auto& series : readings) {
+                recording->first = std::min(recording->first, series.front().time);
+            }
+            auto& ofSequence = packets[{thing.kind, thing.sequence}];
+            if (ofSequence == nullptr) ofSequence = std::make_shared<Recording::Series>();
+            if (thing.kind == kRail) {
+                rails.push_back({thing.index, thing.name, thing.subsystem});
+                recording->rails.push_back(std::move(readings.front()));
+                continue;
+            }
+            setIds(&states);
+            entities.push_back({thing.index, thing.name, EntityType::kDevice, std::move(states)});
+            recording->entities.push_back({ofSequence, std::move(readings)});
         }
-        findSamples(recording);
+        if (mPackets.empty())
+            fail(mOffset, "no power data up to here (record rails or power entities)");
+        if (!mError->empty()) return false;
+        setIds(&rails);
+        setIds(&entities);
+        recording->lists = nameLists(std::move(rails), std::move(entities), true);
+
+        std::sort(mPackets.begin(), mPackets.end());
+        std::vector<nanoseconds>& samples = recording->samples;
+        std::set<PacketKind> sample;
+        nanoseconds start{};
+        for (const auto& [time, kind] : mPackets) {
+            const auto shown = packets.find(kind);
+            if (shown == packets.end()) continue;
+            shown->second->push_back({time});
+            const bool isAgain = !sample.insert(kind).second;
+            if (samples.empty() || (isAgain && time != samples.back()) ||
+                time - start >= kSampleSpan) {
+                samples.push_back(time);
+                start = time;
+                sample = {kind};
+            }
+            samples.back() = time;
+        }
         return true;
     }
 
   private:
-    bool fail(uint64_t offset, const std::string& text) const {
-        *mError = atByte(mFile, offset, text);
-        return false;
+    /// Of packets, by whether they have rails or entities, and their sequence.
+    using PacketKind = std::pair<Kind, uint32_t>;
+
+    std::string at(uint64_t offset, const std::string& text) const {
+        return fmt::format("{}: at byte {}: {}", mFile, offset, text);
     }
 
-    static std::string describe(const Thing& thing, const char* kind) {
+    /// Keeps the first error.
+    void fail(uint64_t offset, const std::string& text) {
+        if (mError->empty()) *mError = at(offset, text);
+    }
+
+    static std::string describe(const Thing& thing) {
         const std::string name = thing.name.empty() ? "" : " (" + safeName(thing.name) + ")";
-        return std::string(kind) + " " + std::to_string(thing.index) + name +
-               " of packet sequence " + std::to_string(thing.sequence);
+        return fmt::format("{} {}{} of packet sequence {}", kKinds[thing.kind], thing.index, name,
+                           thing.sequence);
     }
 
-    template <typename Recorded>
-    Recorded* findOrAdd(std::vector<Recorded>* things, Places* places, uint32_t owner,
-                        int64_t index) const {
+    /// @param owner [in] a sequence, or the place of a state's entity.
+    /// @return the place of the thing.
+    size_t find(Kind kind, size_t owner, int64_t index) {
         const uint64_t key = uint64_t{owner} << 32 | static_cast<uint32_t>(index);
-        const size_t place = places->try_emplace(key, things->size()).first->second;
-        if (place == things->size()) things->push_back({{mSequence, index, mOffset}});
-        return &(*things)[place];
-    }
-
-    RecordedRail* rail(uint32_t index) {
-        return findOrAdd(&mRails, &mRailPlaces, mSequence, index);
-    }
-
-    RecordedEntity* entity(int32_t index) {
-        return findOrAdd(&mEntities, &mEntityPlaces, mSequence, index);
-    }
-
-    RecordedState* state(int32_t entityIndex, int32_t index) {
-        RecordedEntity* const owner = entity(entityIndex);
-        const auto entityPlace = static_cast<uint32_t>(owner - mEntities.data());
-        const size_t count = mStates.size();
-        RecordedState* const found = findOrAdd(&mStates, &mStatePlaces, entityPlace, index);
-        if (mStates.size() > count) owner->states.push_back(count);
-        return found;
-    }
-
-    bool setName(Thing* thing, const char* kind, const std::string& name) const {
-        if (!thing->name.empty() && name != thing->name) {
-            return fail(mOffset, describe(*thing, kind) + " is also called " + safeName(name) +
-                                     " (the file is damaged: record it again)");
+        const auto [found, isNew] = mPlaces[kind].try_emplace(key, mThings.size());
+        const size_t place = found->second;
+        if (isNew) {
+            mThings.push_back({kind, mSequence, index, mOffset});
+            if (kind != kEntity) mThings[kind == kRail ? place : owner].states.push_back(place);
         }
-        thing->name = name;
-        return true;
+        return place;
     }
 
-    template <typename Recorded, typename Value>
-    bool append(Recorded* thing, const char* kind, nanoseconds time, const Value& value) {
-        if (time < nanoseconds::zero() || isLess(value, {})) {
-            return fail(mOffset,
-                        describe(*thing, kind) +
-                            " has a value above 2^63 - 1, or a time above 292 years (check "
-                            "the service that it was recorded from)");
+    void setName(size_t place, const std::string& name) {
+        Thing& thing = mThings[place];
+        if (!thing.name.empty() && name != thing.name) {
+            fail(mOffset, describe(thing) + " is also called " + safeName(name) +
+                              " (the file is damaged: record it again)");
         }
-        auto& readings = thing->readings;
-        if (!readings.empty()) {
-            const bool isEarlier = time < readings.back().time;
-            if (isEarlier || isLess(value, readings.back().value)) {
-                return fail(mOffset, std::string(isEarlier ? "the time" : "a total") + " of " +
-                                         describe(*thing, kind) +
-                                         " goes backwards (record again, without a restart of the "
-                                         "service)");
+        thing.name = name;
+    }
+
+    void checkName(const Thing& thing) {
+        if (!thing.name.empty()) return;
+        fail(thing.offset, describe(thing) +
+                               " has no name (names are in the first packet of a sequence: record "
+                               "from the start)");
+    }
+
+    void append(size_t place, nanoseconds time, const Residency& totals) {
+        Thing& thing = mThings[place];
+        if (time < nanoseconds::zero() || totals.isLessThan({})) {
+            fail(mOffset, describe(thing) +
+                              " has a value above 2^63 - 1, or a time above 292 years (check the "
+                              "service that it was recorded from)");
+        }
+        if (!thing.readings.empty()) {
+            const Recording::Timed& before = thing.readings.back();
+            const bool isEarlier = time < before.time;
+            if (isEarlier || totals.isLessThan(before.totals)) {
+                fail(mOffset, std::string(isEarlier ? "the time" : "a total") + " of " +
+                                  describe(thing) +
+                                  " goes backwards (record again, without a restart of the "
+                                  "service)");
             }
             // Of several readings at one time the last one counts.
-            if (time == readings.back().time) {
-                readings.back().value = value;
-                return true;
-            }
+            if (time == before.time) thing.readings.pop_back();
         }
-        readings.push_back({time, value});
-        constexpr bool kIsOfRails = std::is_same_v<Recorded, RecordedRail>;
-        if (mMoments.empty() || mMoments.back().time != time ||
-            mMoments.back().packetOffset != mOffset || mMoments.back().isOfRails != kIsOfRails) {
-            mMoments.push_back({time, mOffset, mSequence, kIsOfRails});
-        }
-        return true;
+        thing.readings.push_back({time, totals});
     }
 
-    bool addRails(const PowerRails& packet, nanoseconds time) {
-        for (const auto& descriptor : packet.rail_descriptor()) {
-            RecordedRail* named = rail(descriptor.index());
-            if (!setName(named, "rail", descriptor.rail_name())) return false;
-            named->subsystem = descriptor.subsys_name();
+    bool add(const TracePacket& packet) {
+        mSequence = packet.trusted_packet_sequence_id();
+        const nanoseconds time(static_cast<int64_t>(packet.timestamp()));
+        for (const auto& names : packet.power_rails().rail_descriptor()) {
+            const size_t rail = find(kRail, mSequence, names.index());
+            setName(rail, names.rail_name());
+            mThings[rail].subsystem = names.subsys_name();
         }
-        return std::all_of(
-            packet.energy_data().begin(), packet.energy_data().end(), [&](const auto& energy) {
-                return append(rail(energy.index()), "rail",
-                              energy.has_timestamp_ms() ? toTime(energy.timestamp_ms()) : time,
-                              static_cast<int64_t>(energy.energy()));
-            });
-    }
-
-    bool addResidencies(const EntityStateResidency& packet, nanoseconds time) {
-        for (const auto& names : packet.power_entity_state()) {
-            if (!setName(entity(names.entity_index()), "entity", names.entity_name()) ||
-                !setName(state(names.entity_index(), names.state_index()), "state",
-                         names.state_name())) {
-                return false;
-            }
+        nanoseconds latest{};
+        for (const auto& energy : packet.power_rails().energy_data()) {
+            const nanoseconds read =
+                energy.has_timestamp_ms() ? toTime(energy.timestamp_ms()) : time;
+            append(find(kRail, mSequence, energy.index()), read,
+                   {{}, static_cast<int64_t>(energy.energy()), {}});
+            latest = std::max(latest, read);
         }
-        return std::all_of(
-            packet.residency().begin(), packet.residency().end(), [&](const auto& residency) {
-                // A huge number is no time, so the time is not known.
-                const nanoseconds lastEntry =
-                    std::max(toTime(residency.last_entry_timestamp_ms()), nanoseconds::zero());
-                return append(state(residency.entity_index(), residency.state_index()), "state",
-                              time,
-                              Residency{toTime(residency.total_time_in_state_ms()),
-                                        static_cast<int64_t>(residency.total_state_entry_count()),
-                                        lastEntry});
-            });
-    }
-
-    /// Whether a rail or an entity is the first with its name. Within a sequence names may repeat.
-    bool serves(const Thing& thing, std::map<std::string, uint32_t>* sequences) {
-        const auto first = sequences->emplace(thing.name, thing.sequence).first;
-        if (first->second == thing.sequence) return true;
-        if (mTwins++ == 0) {
-            mFirstTwin =
-                atByte(mFile, thing.offset,
-                       "packet sequences " + std::to_string(first->second) + " and " +
-                           std::to_string(thing.sequence) + " both have " + safeName(thing.name));
+        if (packet.power_rails().energy_data_size() != 0) {
+            mPackets.push_back({latest, {kRail, mSequence}});
         }
-        return false;
-    }
-
-    bool checkName(const Thing& thing, const char* kind) const {
-        return !thing.name.empty() ||
-               fail(thing.offset, describe(thing, kind) +
-                                      " has no name (names are in the first packet of a sequence: "
-                                      "record from the start)");
-    }
-
-    bool finishRails(Recording* recording, std::vector<Rail>* rails) {
-        std::map<std::string, uint32_t> sequences;
-        std::vector<int64_t> indices;
-        for (RecordedRail& rail : mRails) {
-            if (rail.readings.empty()) continue;
-            if (!checkName(rail, "rail")) return false;
-            if (!serves(rail, &sequences)) continue;
-            mRailSequences.insert(rail.sequence);
-            indices.push_back(rail.index);
-            rails->push_back({0, std::move(rail.name), std::move(rail.subsystem)});
-            recording->energies.push_back(std::move(rail.readings));
+        const auto& states = packet.entity_state_residency();
+        for (const auto& names : states.power_entity_state()) {
+            const size_t entity = find(kEntity, mSequence, names.entity_index());
+            setName(entity, names.entity_name());
+            setName(find(kState, entity, names.state_index()), names.state_name());
         }
-        setIds(rails, indices);
-        return true;
-    }
-
-    bool finishEntities(Recording* recording, std::vector<Entity>* entities) {
-        std::map<std::string, uint32_t> sequences;
-        std::vector<int64_t> indices;
-        for (const RecordedEntity& entity : mEntities) {
-            Entity shown{0, entity.name};
-            std::vector<int64_t> stateIndices;
-            std::vector<Recording::Stays> stays;
-            for (const size_t place : entity.states) {
-                RecordedState& state = mStates[place];
-                if (state.readings.empty()) continue;
-                if (!checkName(state, "state") || !checkName(entity, "entity")) return false;
-                stateIndices.push_back(state.index);
-                shown.states.push_back({0, std::move(state.name)});
-                stays.push_back(std::move(state.readings));
-            }
-            if (shown.states.empty() || !serves(entity, &sequences)) continue;
-            setIds(&shown.states, stateIndices);
-            indices.push_back(entity.index);
-            entities->push_back(std::move(shown));
-            recording->stays.push_back(std::move(stays));
-            recording->sequences.push_back(entity.sequence);
-            recording->packets[entity.sequence];
+        for (const auto& residency : states.residency()) {
+            const size_t entity = find(kEntity, mSequence, residency.entity_index());
+            // A huge number is no time, so the time is not known.
+            append(find(kState, entity, residency.state_index()), time,
+                   {toTime(residency.total_time_in_state_ms()),
+                    static_cast<int64_t>(residency.total_state_entry_count()),
+                    std::max(toTime(residency.last_entry_timestamp_ms()), nanoseconds::zero())});
         }
-        setIds(entities, indices);
-        return true;
-    }
-
-    void findSamples(Recording* recording) {
-        std::stable_sort(mMoments.begin(), mMoments.end(),
-                         [](const Moment& a, const Moment& b) { return a.time < b.time; });
-        // The packets of the current sample, by kind and sequence.
-        std::map<std::pair<bool, uint32_t>, uint64_t> sample;
-        std::vector<nanoseconds>& samples = recording->samples;
-        nanoseconds start{};
-        for (const Moment& moment : mMoments) {
-            const auto packets = recording->packets.find(moment.sequence);
-            if (moment.isOfRails ? mRailSequences.count(moment.sequence) == 0
-                                 : packets == recording->packets.end()) {
-                continue;
-            }
-            if (!moment.isOfRails) packets->second.push_back(moment.time);
-            const std::pair key(moment.isOfRails, moment.sequence);
-            const bool isNext =
-                sample.emplace(key, moment.packetOffset).first->second != moment.packetOffset;
-            if (samples.empty()) recording->first = moment.time;
-            if (samples.empty() || (isNext && moment.time != samples.back()) ||
-                moment.time - start >= kSampleSpan) {
-                samples.push_back(moment.time);
-                start = moment.time;
-                sample = {{key, moment.packetOffset}};
-            }
-            samples.back() = moment.time;
-        }
+        if (states.residency_size() != 0) mPackets.push_back({time, {kEntity, mSequence}});
+        return mError->empty();
     }
 
     const std::string& mFile;
@@ -325,34 +348,31 @@ class Collector {
     uint64_t mOffset = 0;
     uint32_t mSequence = 0;
 
-    std::vector<RecordedRail> mRails;
-    std::vector<RecordedEntity> mEntities;
-    std::vector<RecordedState> mStates;
-    /// By sequence and index; a state by its entity's place and its index.
-    Places mRailPlaces;
-    Places mEntityPlaces;
-    Places mStatePlaces;
-    std::vector<Moment> mMoments;
-    /// The sequences with rails that are shown.
-    std::set<uint32_t> mRailSequences;
-    std::string mFirstTwin;
-    size_t mTwins = 0;
+    /// In order of first appearance.
+    std::vector<Thing> mThings;
+    /// By kind; by sequence and index, of a state by its entity's place and its index.
+    std::unordered_map<uint64_t, size_t> mPlaces[3];
+    /// Packets with readings, and the time of their latest one.
+    std::vector<std::pair<nanoseconds, PacketKind>> mPackets;
 };
 
 }  // namespace
 
 std::optional<Recording> Recording::read(const std::string& file, const WarningCallback& warn,
                                          std::string* error) {
-    Collector collector(file, warn, error);
-    const TraceEnd end = readTrace(
-        file,
-        [&](uint64_t offset, const TracePacket& packet) { return collector.add(offset, packet); },
-        error);
-    Recording recording;
-    if (!end.isReached || !collector.finish(end.offset, &recording)) return std::nullopt;
-    if (end.isCutOff) {
-        warn(atByte(file, end.offset, "the last packet is cut off (it is left out)"));
+    std::error_code problem;
+    const uint64_t fileSize = std::filesystem::file_size(file, problem);
+    // Opening a pipe, put in the place of the file, would wait for its writer.
+    const int descriptor =
+        problem ? -1 : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (descriptor < 0) {
+        if (!problem) problem.assign(errno, std::generic_category());
+        *error = file + ": " + problem.message() + " (name a trace, a file that you may read)";
+        return std::nullopt;
     }
+    Collector collector(file, warn, error);
+    Recording recording;
+    if (!collector.read(descriptor, fileSize) || !collector.finish(&recording)) return std::nullopt;
     return recording;
 }
 

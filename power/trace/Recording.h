@@ -2,8 +2,6 @@
 
 #pragma once
 
-#include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,37 +18,34 @@ namespace powerstats {
 /// negative, gets another number. A name that two sequences have is that of the first. Rails and
 /// states that have a name and no reading are left out.
 struct Recording {
-    template <typename Value>
+    /// Totals at a time. Those of a rail are its microwatt-seconds, as a number of entries.
     struct Timed {
         nanoseconds time{};
-        Value value{};
-
-        friend bool operator<(nanoseconds time, const Timed& reading) {
-            return time < reading.time;
-        }
+        Residency totals = {};
     };
-    /// In microwatt-seconds.
-    using Energies = std::vector<Timed<int64_t>>;
-    /// Of one state. The time is that of the packet.
-    using Stays = std::vector<Timed<Residency>>;
+    /// At least one; times ascend.
+    using Series = std::vector<Timed>;
+    struct EntitySeries {
+        /// The packets with residencies of the entity's sequence, which have no totals here.
+        std::shared_ptr<const Series> packets;
+        std::vector<Series> states;
+    };
 
     /// In order of first appearance.
     std::shared_ptr<const Lists> lists;
-    /// The readings of each rail, and of each state of each entity; at least one. Times ascend.
-    std::vector<Energies> energies;
-    std::vector<std::vector<Stays>> stays;
-    /// The packet sequence of each entity, and the times of each sequence's packets with
-    /// residencies, ascending.
-    std::vector<uint32_t> sequences;
-    std::map<uint32_t, std::vector<nanoseconds>> packets;
+    /// By position in the lists. The time of a residency is that of its packet.
+    std::vector<Series> rails;
+    std::vector<EntitySeries> entities;
     /// The time of each sample, ascending; at least one. A sample is what was read together:
     /// packets less than 100 ms apart, at most one of rails and one of residencies of a sequence.
     /// Its time is that of its latest reading.
     std::vector<nanoseconds> samples;
     /// The time of the earliest reading.
-    nanoseconds first{};
+    nanoseconds first = nanoseconds::max();
 
-    /// Reads a file. Memory is bounded by the power data in it.
+    /// Reads a file. Memory is bounded by the power data in it: of gigabytes of packets of hundreds
+    /// of other kinds it reads no more than the field headers. It holds one block of the file,
+    /// because a mapped file that shrinks ends the process.
     /// @param warn [in] receives a line when the file is cut off, and one when a name is in two
     ///     sequences.
     /// @param error [out] one line, when there is no result: the file cannot be read, is no trace

@@ -5,20 +5,19 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "power/Interval.h"
 #include "power/Reading.h"
+
+namespace com::tavrel::android::ferrolith::powertrace {
+class Trace;
+}
 
 namespace powerstats {
 
 /// Writes readings as a protobuf trace, which trace viewers open and RecordedSource plays.
-///
-/// A sample is the readings as they are and, for viewers, counters: the average power of each rail
-/// in milliwatts and the share of each state in percent. A viewer draws a counter's value up to the
-/// next one, so the value has the time at which its interval began.
 ///
 /// A rail has its own stamp in milliseconds. All residencies of a sample have the time of the
 /// reading, because the format has one time for them.
@@ -37,59 +36,48 @@ class TraceWriter {
     TraceWriter& operator=(const TraceWriter&) = delete;
 
     /// Appends a sample with one write(), so that the file of a program that was killed ends with a
-    /// whole sample. Leaves out things without figures, negative values, figures from before the
-    /// last ones, and residencies that are the last ones.
-    /// @param since [in] the interval that ends with this reading; null for the first one, which
-    ///     then has no counters.
+    /// whole sample. Leaves out a reading from before the last one, and of the others the things
+    /// without figures, negative values and figures that are not newer than the last ones.
     /// @param error [out] one line, when the result is false: the file has all samples up to this
     ///     one, and nothing more may be written.
-    bool write(const Reading& reading, const Interval* since, std::string* error);
+    bool write(const Reading& reading, std::string* error);
 
   private:
-    using Name = std::pair<int64_t, std::string>;
     /// What the file has of a rail or an entity.
-    template <typename Figures>
     struct Series {
         /// 0 when it has nothing yet.
         uint32_t sequence = 0;
         int64_t index = 0;
-        Figures last = {};
-        /// The uuid of its line in a viewer, or 0.
-        uint64_t track = 0;
-        /// Of each state.
-        std::vector<int64_t> stateIndices = {};
-        std::vector<uint64_t> stateTracks = {};
+        /// The latest figures; those of a rail are one state.
+        Residencies last = {nanoseconds::min(), 0, {}};
     };
-    using RailSeries = Series<Energy>;
-    using EntitySeries = Series<Residencies>;
-    struct Sample;
+    /// A thing of the latest lists, with its indices for a sequence that it begins.
+    struct Slot {
+        Series* series;
+        int64_t index;
+        std::vector<int64_t> stateIndices;
+    };
 
     TraceWriter(std::string path, int descriptor);
-    void setLists(const std::shared_ptr<const Lists>& lists);
-    void addRails(const Reading& reading, Sample* sample);
-    void addEntities(const Reading& reading, Sample* sample);
-    void addCounters(const Interval& interval, Sample* sample);
-    uint64_t describe(uint64_t* track, uint64_t parent, const std::string& name, const char* unit,
-                      Sample* sample);
-    bool append(const std::string& bytes, std::string* error);
+    template <typename Thing>
+    std::vector<Slot> findSlots(const std::vector<Thing>& things);
+    template <typename Thing, typename Figures>
+    void add(const std::vector<Thing>& things, const std::vector<Slot>& slots,
+             const std::vector<std::optional<Figures>>& figures,
+             com::tavrel::android::ferrolith::powertrace::Trace* trace);
 
     const std::string mPath;
     const int mDescriptor;
     int64_t mSize = 0;
     /// The latest sequence in use.
-    uint32_t mSequence;
-    /// By id and name, an entity also by its states'.
-    std::map<Name, RailSeries> mAllRails;
-    std::map<std::pair<Name, std::vector<Name>>, EntitySeries> mAllEntities;
-    /// Those of the latest reading, by position in its lists.
+    uint32_t mSequence = 0;
+    /// By kind, ids and names.
+    std::map<std::string, Series> mSeries;
+    nanoseconds mTime{};
+    /// By position in the latest lists.
     std::shared_ptr<const Lists> mLists;
-    std::vector<RailSeries*> mRails;
-    std::vector<EntitySeries*> mEntities;
-    nanoseconds mResidenciesTime{};
-    /// The uuids of the groups in a viewer, and the number of all.
-    uint64_t mRailsTrack = 0;
-    uint64_t mEntitiesTrack = 0;
-    uint64_t mTracks = 0;
+    std::vector<Slot> mRails;
+    std::vector<Slot> mEntities;
 };
 
 }  // namespace powerstats

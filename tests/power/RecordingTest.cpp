@@ -81,8 +81,8 @@ class RecordingTest : public testing::Test {
   protected:
     bool read(const std::string& bytes, bool loop = false) {
         std::ofstream(mFile, std::ios::binary) << bytes;
-        mSource = RecordedSource::open(
-            mFile, {[this] { return mPlayed; }, loop},
+        mSource = playRecording(
+            mFile, [this] { return mPlayed; }, loop,
             [this](const std::string& text) { mWarnings.push_back(cut(text)); }, &mError);
         return mSource != nullptr;
     }
@@ -135,7 +135,9 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
     const std::string good = rails(1, {{{1}, "vdd"}}, {{1, 1000, 500}});
     const std::string goodStates = states(2, 1000, {{{1, 2}, "gpu/on"}}, {{1, 2, 5, 6, 7}});
     const std::string at = fmt::format("at byte {}: ", good.size());
-    const std::string damaged = " (the file is damaged: copy or record it again)";
+    const std::string damaged =
+        "a malformed packet, or one of more than 1 MiB with power data (the file is damaged: copy "
+        "or record it again)";
     const std::string backwards =
         " goes backwards (record again, without a restart of the service)";
     const std::string unnamed =
@@ -150,13 +152,12 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
         {"\x1f\x8b compressed", "at byte 0: " + notATrace},
         {good + "text", at + notATrace},
         {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
-        // A group, a field without a number, and a field longer than its packet.
-        {good + std::string("\x0a\x02\x43\x44"), at + "a malformed packet" + damaged},
-        {good + std::string("\x0a\x02\x02\x00", 4), at + "a malformed packet" + damaged},
-        {good + std::string("\x0a\x03\x5a\x05x12345"), at + "a malformed packet" + damaged},
-        {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + "malformed power data" + damaged},
-        {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}),
-         at + "a packet with power data of 1048602 bytes, more than 1048576" + damaged},
+        // A group without an end, a field without a number, and one longer than its packet.
+        {good + std::string("\x0a\x02\x43\x08"), at + damaged},
+        {good + std::string("\x0a\x02\x02\x00", 4), at + damaged},
+        {good + std::string("\x0a\x03\x5a\x05x12345"), at + damaged},
+        {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + damaged},
+        {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}), at + damaged},
         {good + rails(1, {}, {{2, 1000, 5}}), at + "rail 2 of packet sequence 1" + unnamed},
         {good + rails(2, {}, {{1, 1000, 5}}), at + "rail 1 of packet sequence 2" + unnamed},
         {good + states(1, 1, {}, {{-1, 2}}), at + "state 2 of packet sequence 1" + unnamed},
@@ -195,8 +196,9 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
     }
     EXPECT_THAT(mWarnings, IsEmpty());
     std::filesystem::create_directory(mTree.path("folder"));
-    EXPECT_FALSE(RecordedSource::open(mTree.path("folder").string(), {}, nullptr, &mError));
-    EXPECT_EQ(mError, mTree.path("folder").string() + ": not a regular file (name a trace)");
+    EXPECT_FALSE(playRecording(mTree.path("folder").string(), {}, false, {}, &mError));
+    EXPECT_EQ(mError, mTree.path("folder").string() +
+                          ": Is a directory (name a trace, a file that you may read)");
 }
 
 TEST_F(RecordingTest, IdsAndNamesOfInterleavedSequences) {
@@ -205,15 +207,15 @@ TEST_F(RecordingTest, IdsAndNamesOfInterleavedSequences) {
     // Names come after the first readings, and packets of other kinds are larger than a block.
     std::string others = other(300000);
     for (size_t i = 0; i < 20000; ++i) others += other(i % 50);
+    const std::string second = states(2, 1000, {{{-1, 1}, "cpu/on"}, {{0}, "gpu/on"}},
+                                      {{-1, 1, 10, 11, 12}, {0, 0, 1, 1, 1}});
     const std::string bytes =
         others + rails(1, {}, {{huge, 1000, 1}, {3, 1000, 2}}) + other(0) +
         rails(2, {{{3}, "b"}, {{greatest}, "c\x1b"}, {{4}, "never read"}},
               {{3, 1000, 3}, {greatest, 1000, 4}}) +
         states(1, 1000, {{{-1, -2}, "gpu/on"}, {{-1, 1}, "gpu/off"}, {{7}, "idle/never read"}},
                {{-1, -2, 5, 6, 7}, {-1, 1, 8, 9, -1}}) +
-        states(2, 1000, {{{-1, 1}, "cpu/on"}, {{0}, "gpu/on"}},
-               {{-1, 1, 10, 11, 12}, {0, 0, 1, 1, 1}}) +
-        other(200) + rails(1, {{{huge}, "a"}, {{3}, "a"}, {{3}, "a"}}, {{3, 1001, 20}}) +
+        second + other(200) + rails(1, {{{huge}, "a"}, {{3}, "a"}, {{3}, "a"}}, {{3, 1001, 20}}) +
         rails(3, {{{9}, "b"}}, {{9, 1000, 5}});
     // A third sequence has a name of the second's, and gpu is in two.
     const std::string shown =
@@ -222,12 +224,11 @@ TEST_F(RecordingTest, IdsAndNamesOfInterleavedSequences) {
     play(bytes);
     EXPECT_EQ(at(1), shown);
     EXPECT_THAT(mSource->read().lists->rails, testing::SizeIs(4));
-    const std::string twins =
-        "packet sequences 2 and 3 both have b, the first of 2 such names (only the first "
-        "sequence's "
-        "is shown; record one service at a time)";
-    const size_t third = bytes.size() - rails(3, {{{9}, "b"}}, {{9, 1000, 5}}).size();
-    EXPECT_THAT(mWarnings, ElementsAre(fmt::format("at byte {}: ", third) + twins));
+    EXPECT_THAT(mWarnings,
+                ElementsAre(fmt::format("at byte {}: packet sequences 1 and 2 both have gpu (of "
+                                        "such names only the first sequence's is shown; record one "
+                                        "service at a time)",
+                                        bytes.find(second))));
 
     // Cut off anywhere in its last packet.
     const std::string last = states(1, 9000, {}, {{-1, 1, 9, 9, 9}});
@@ -237,7 +238,7 @@ TEST_F(RecordingTest, IdsAndNamesOfInterleavedSequences) {
         EXPECT_EQ(at(9999), shown);
         ASSERT_THAT(mWarnings, testing::SizeIs(2)) << size;
         EXPECT_EQ(
-            mWarnings[1],
+            mWarnings[0],
             fmt::format("at byte {}: the last packet is cut off (it is left out)", bytes.size()));
     }
 }

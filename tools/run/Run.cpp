@@ -130,12 +130,8 @@ class Recorder {
     }
     void add(const Reading& reading) {
         if (mWriter == nullptr) return;
-        const Interval since = mLatest ? subtract(*mLatest, reading) : Interval();
         std::string error;
-        if (mWriter->write(reading, mLatest ? &since : nullptr, &error)) {
-            mLatest = reading;
-            return;
-        }
+        if (mWriter->write(reading, &error)) return;
         say(error);
         mWriter.reset();
         mFailed = true;
@@ -145,7 +141,6 @@ class Recorder {
 
   private:
     std::unique_ptr<TraceWriter> mWriter;
-    std::optional<Reading> mLatest;
     bool mFailed = false;
 };
 
