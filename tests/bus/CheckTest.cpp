@@ -33,7 +33,7 @@ TEST(Check, FindsTheFaultsOfAServiceAndNoOther) {
           "getEnergyMeterInfo, rail 2 \"\\x07\\x0A4\" at "}},
         {{"serve", "aidl", "watts", "getStateResidency"},
          1,
-         {"DEAD_OBJECT", "Library: not called"}},
+         {"the service is gone", "Library: not called"}},
         {{"answer", "error"},
          1,
          {" 1 broken, ", "com.example.No: not today", "Library: Java receives null"}},

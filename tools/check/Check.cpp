@@ -35,46 +35,48 @@ struct CheckArguments {
 };
 
 /// By Verdict.
-constexpr const char* kVerdicts[] = {"kept", "broken", "legal", "not judged", "not applicable"};
+constexpr const char* kVerdicts[] = {"broken", "legal", "kept", "not judged", "not applicable"};
 
 // Each adds its lines to the table, and returns the same for JSON.
 
-Json report(const Rule& rule, Verdict verdict, const Findings& findings, std::string* table) {
-    const bool isBroken = verdict == Verdict::kBroken;
-    const Findings::List& faults = isBroken ? findings.broken : findings.legal;
-    std::string name = kVerdicts[static_cast<size_t>(verdict)];
-    if (verdict == Verdict::kLegal && rule.isPublishedTest) name += ", but fails published tests";
-    *table += fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", name);
+Json report(const Rule& rule, const Findings& findings, std::string* table) {
+    std::string verdict = kVerdicts[static_cast<size_t>(findings.verdict)];
+    if (findings.verdict == Verdict::kLegal && rule.isPublishedTest) {
+        verdict += ", but fails published tests";
+    }
+    *table +=
+        fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", verdict);
     std::string consequence;
-    if (faults.count > 0) {
+    if (findings.count > 0) {
         *table += fmt::format("      {}\n", rule.sentence);
-        consequence = faults.first.front().consequence;
-        if (consequence.empty() && isBroken) consequence = rule.consequence;
+        consequence = findings.first.front().consequence;
+        if (consequence.empty() && findings.verdict == Verdict::kBroken) {
+            consequence = rule.consequence;
+        }
     }
     Json::Array evidence;
-    for (const Finding& one : faults.first) {
-        const int64_t readMs = toMilliseconds(one.read);
+    for (const Finding& one : findings.first) {
         *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.method,
                               one.thing.empty() ? "" : ", ", one.thing,
-                              readMs == 0 ? "" : fmt::format(" at {} ms", readMs), one.found,
-                              one.expected);
+                              one.readMs == 0 ? "" : fmt::format(" at {} ms", one.readMs),
+                              one.found, one.expected);
         evidence.emplace_back(Json::Object{{"method", one.method},
                                            {"thing", one.thing},
-                                           {"read_ms", readMs},
+                                           {"read_ms", one.readMs},
                                            {"found", one.found},
                                            {"expected", one.expected}});
     }
-    if (faults.count > faults.first.size()) {
-        *table += fmt::format("      and {} more\n", faults.count - faults.first.size());
+    if (findings.count > findings.first.size()) {
+        *table += fmt::format("      and {} more\n", findings.count - findings.first.size());
     }
     if (!consequence.empty()) *table += "      so " + consequence + "\n";
     return Json::Object{{"name", rule.name},
-                        {"verdict", name},
+                        {"verdict", verdict},
                         {"published_test", rule.isPublishedTest},
                         {"sentence", rule.sentence},
                         {"consequence", consequence},
                         {"evidence", std::move(evidence)},
-                        {"findings", faults.count}};
+                        {"findings", findings.count}};
 }
 
 Json reportCalls(const Survey& survey, std::string* table) {
@@ -84,7 +86,7 @@ Json reportCalls(const Survey& survey, std::string* table) {
         size_t mostRecords = 0;
     };
     std::map<std::string, Timing> timings;
-    survey.forAnswers([&](const auto& answer) {
+    survey.forAnswers([&](const Answer& answer) {
         Timing& timing = timings[answer.method];
         timing.tookMs.push_back(toSeconds(answer.took) * 1000);
         timing.mostBytes = std::max(timing.mostBytes, answer.bytes);
@@ -149,10 +151,9 @@ int check(CheckArguments arguments) {
     for (const Rule& rule : kRules) {
         if (arguments.except.count(rule.name) != 0) continue;
         if (!arguments.only.empty() && arguments.only.count(rule.name) == 0) continue;
-        Findings findings;
-        const Verdict verdict = judge(rule, survey, &findings);
-        ++counts[verdict];
-        rules.push_back(report(rule, verdict, findings, &table));
+        const Findings findings = judge(rule, survey);
+        ++counts[findings.verdict];
+        rules.push_back(report(rule, findings, &table));
     }
     const size_t notJudged = counts[Verdict::kNotJudged];
     table += fmt::format(
