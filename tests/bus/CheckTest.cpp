@@ -26,7 +26,7 @@ TEST(Check, FindsTheFaultsOfAServiceAndNoOther) {
          1,
          {" 4 broken, ", "; it looks like seconds;", "state-entries-monotonic          broken",
           "readEnergyMeter, rail 900 at ", "so this library's process would end",
-          "Library: signal 6 ended the process: out_of_range"}},
+          "Library: signal 6 (Aborted) ended its process: out_of_range"}},
         {{"serve", "aidl", "many"},
          1,
          {"rail-ids-unique                * broken",

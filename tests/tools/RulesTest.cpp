@@ -36,7 +36,7 @@ void add(Answers* answers, const char* method, int64_t ms, Records records) {
 Survey makeSurvey(Hal hal) {
     Survey survey;
     survey.hal = hal;
-    survey.library = {true, 0, "", ""};
+    survey.library = {true, 0, ""};
     const Records states = {{0, "on"}, {1, "off"}};
     const auto entity = [](int64_t id, const char* name, Records its) {
         return Record{id, name, "", 0, 0, 0, std::move(its)};

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "power/text/Json.h"
-#include "power/text/Names.h"
 #include "tools/Commands.h"
 #include "tools/SourceOptions.h"
 #include "tools/check/Rules.h"
@@ -46,14 +45,8 @@ Json report(const Rule& rule, const Findings& findings, std::string* table) {
     }
     *table +=
         fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", verdict);
-    std::string consequence;
-    if (findings.count > 0) {
-        *table += fmt::format("      {}\n", rule.sentence);
-        consequence = findings.first.front().consequence;
-        if (consequence.empty() && findings.verdict == Verdict::kBroken) {
-            consequence = rule.consequence;
-        }
-    }
+    const std::string consequence = findings.count > 0 ? findings.first.front().consequence : "";
+    if (findings.count > 0) *table += fmt::format("      {}\n", rule.sentence);
     Json::Array evidence;
     for (const Finding& one : findings.first) {
         *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.method,
@@ -80,51 +73,34 @@ Json report(const Rule& rule, const Findings& findings, std::string* table) {
 }
 
 Json reportCalls(const Survey& survey, std::string* table) {
-    struct Timing {
-        std::vector<double> tookMs;
-        size_t mostBytes = 0;
-        size_t mostRecords = 0;
-    };
-    std::map<std::string, Timing> timings;
-    survey.forAnswers([&](const Answer& answer) {
-        Timing& timing = timings[answer.method];
-        timing.tookMs.push_back(toSeconds(answer.took) * 1000);
-        timing.mostBytes = std::max(timing.mostBytes, answer.bytes);
-        timing.mostRecords = std::max(timing.mostRecords, answer.records.size());
-    });
+    std::map<std::string, std::vector<const Answer*>> methods;
+    survey.forAnswers([&](const Answer& answer) { methods[answer.method].push_back(&answer); });
     *table += fmt::format("{:<34}{:>7}{:>11}{:>9}{:>9}{:>8}\n", "Calls", "number", "median ms",
                           "99 % ms", "bytes", "records");
     Json::Array calls;
-    for (auto& [method, timing] : timings) {
-        std::vector<double>& tookMs = timing.tookMs;
-        std::sort(tookMs.begin(), tookMs.end());
-        const auto percentile = [&](double share) {
-            return tookMs[static_cast<size_t>(
-                std::lround(share * static_cast<double>(tookMs.size() - 1)))];
+    for (auto& [method, answers] : methods) {
+        std::sort(answers.begin(), answers.end(),
+                  [](const Answer* a, const Answer* b) { return a->took < b->took; });
+        const auto percentileMs = [&answers = answers](double share) {
+            const long i = std::lround(share * static_cast<double>(answers.size() - 1));
+            return toSeconds(answers[static_cast<size_t>(i)]->took) * 1000;
         };
-        *table +=
-            fmt::format("  {:<32}{:>7}{:>11.3f}{:>9.3f}{:>9}{:>8}\n", method, tookMs.size(),
-                        percentile(0.5), percentile(0.99), timing.mostBytes, timing.mostRecords);
+        size_t bytes = 0;
+        size_t records = 0;
+        for (const Answer* const answer : answers) {
+            bytes = std::max(bytes, answer->bytes);
+            records = std::max(records, answer->records.size());
+        }
+        *table += fmt::format("  {:<32}{:>7}{:>11.3f}{:>9.3f}{:>9}{:>8}\n", method, answers.size(),
+                              percentileMs(0.5), percentileMs(0.99), bytes, records);
         calls.emplace_back(Json::Object{{"method", method},
-                                        {"number", tookMs.size()},
-                                        {"median_ms", percentile(0.5)},
-                                        {"percentile_99_ms", percentile(0.99)},
-                                        {"bytes", timing.mostBytes},
-                                        {"records", timing.mostRecords}});
+                                        {"number", answers.size()},
+                                        {"median_ms", percentileMs(0.5)},
+                                        {"percentile_99_ms", percentileMs(0.99)},
+                                        {"bytes", bytes},
+                                        {"records", records}});
     }
     return calls;
-}
-
-Json reportLibrary(const Survey::Library& library, std::string* table) {
-    const std::string log = safeName(library.log, SIZE_MAX);
-    std::string text = safeName(library.result, SIZE_MAX);
-    if (library.signal != 0) {
-        text = fmt::format("signal {} ended the process: {}", library.signal, log);
-    } else if (library.wasCalled) {
-        text = "Java receives " + text + (log.empty() ? "" : ": " + log);
-    }
-    *table += "Library: " + text + "\n";
-    return Json::Object{{"called", library.wasCalled}, {"signal", library.signal}, {"text", text}};
 }
 
 int check(CheckArguments arguments) {
@@ -135,11 +111,8 @@ int check(CheckArguments arguments) {
 
     Survey survey = takeSurvey(own.get(), arguments.durationSeconds, arguments.timeoutSeconds);
     survey.isReplay = !arguments.service.source.replay.empty();
-    if (survey.isGone) {
-        survey.library.result = "not called, because the service does not answer";
-    } else {
-        survey.library = tryLibrary(arguments.service);
-    }
+    survey.library.text = "not called, because the service does not answer";
+    if (!survey.isGone) survey.library = tryLibrary(arguments.service);
 
     const std::string title =
         fmt::format("{} over {}, {} s, with {} full readings", describe(arguments.service.source),
@@ -174,13 +147,16 @@ int check(CheckArguments arguments) {
         notes.emplace_back("calls were left out, because the answers are slow or large");
     }
     for (const std::string& note : notes) table += "Note: " + note + "\n";
-    Json library = reportLibrary(survey.library, &table);
+    const Survey::Library& library = survey.library;
+    table += "Library: " + library.text + "\n";
 
     const Json json = Json::Object{{"title", title},
                                    {"rules", std::move(rules)},
                                    {"calls", std::move(calls)},
                                    {"notes", Json::Array(notes.begin(), notes.end())},
-                                   {"library", std::move(library)}};
+                                   {"library", Json::Object{{"called", library.wasCalled},
+                                                            {"signal", library.signal},
+                                                            {"text", library.text}}}};
     if (!writeOutput(arguments.format == "json" ? json.print(2) + "\n" : table)) return kUsage;
     return counts[Verdict::kBroken] == 0 ? 0 : 1;
 }

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -506,11 +505,9 @@ Finding powerPlausible(const Item& item) {
 Finding libraryGoesOn(const Item& item) {
     const Survey::Library& library = item.survey.library;
     if (!library.wasCalled) return {};
-    return expect(library.signal == 0, "signal {} ({}) ended its process: {}", "both calls return",
-                  library.signal, strsignal(library.signal), safeName(library.log));
+    return expect(library.signal == 0, "{}", "both calls return", library.text);
 }
 
-constexpr auto kBoth = std::nullopt;
 constexpr Hal kAidl = Hal::kAidl;
 constexpr Hal kHidl = Hal::kHidl;
 constexpr bool kPublished = true;
@@ -534,121 +531,113 @@ bool lacksThings(const Rule& rule, const Survey& survey) {
 
 const std::vector<Rule> kRules = {
     // Lists.
-    {"rail-ids-unique", kBoth, kPublished, "Every rail has an id of its own.",
-     "readings of two rails are mixed up", kRails, idUnique},
-    {"rail-names-unique", kBoth, kPublished, "Every rail has a name of its own.",
-     "clients cannot tell two rails apart", kRails, nameUnique},
-    {"rail-names-present", kBoth, kPublished, "No rail's name is empty.",
-     "clients show a rail without a name", kRails, namePresent},
-    {"rail-subsystems-present", kBoth, kPublished, "No rail's subsystem name is empty.",
-     "clients cannot group the rails", kRails, subsystemPresent},
-    {"rail-list-stable", kBoth, kOwn, "The list of rails is the same in every call.",
+    {"rail-ids-unique", "Every rail has an id of its own.", "readings of two rails are mixed up",
+     kRails, idUnique, kPublished},
+    {"rail-names-unique", "Every rail has a name of its own.",
+     "clients cannot tell two rails apart", kRails, nameUnique, kPublished},
+    {"rail-names-present", "No rail's name is empty.", "clients show a rail without a name", kRails,
+     namePresent, kPublished},
+    {"rail-subsystems-present", "No rail's subsystem name is empty.",
+     "clients cannot group the rails", kRails, subsystemPresent, kPublished},
+    {"rail-list-stable", "The list of rails is the same in every call.",
      "clients read the list once, and give readings to the wrong rail", kRailLists, stable},
-    {"entity-ids-unique", kBoth, kPublished, "Every power entity has an id of its own.",
-     "residencies of two entities are mixed up", kEntities, idUnique},
-    {"entity-names-unique", kBoth, kPublished, "Every power entity has a name of its own.",
-     "clients cannot tell two entities apart", kEntities, nameUnique},
-    {"entity-names-present", kBoth, kPublished, "No power entity's name is empty.",
-     "clients show an entity without a name", kEntities, namePresent},
-    {"entity-states-present", kBoth, kPublished, "Every power entity has at least one state.",
-     "the entity has nothing to report", kEntities, statesPresent},
-    {"state-ids-unique", kBoth, kPublished,
-     "Every state has an id of its own within its power entity.",
-     "residencies of two states are mixed up", kStates, idUnique},
-    {"state-names-unique", kBoth, kPublished,
-     "Every state has a name of its own within its power entity.",
-     "clients cannot tell two states apart", kStates, nameUnique},
-    {"entity-list-stable", kBoth, kOwn,
+    {"entity-ids-unique", "Every power entity has an id of its own.",
+     "residencies of two entities are mixed up", kEntities, idUnique, kPublished},
+    {"entity-names-unique", "Every power entity has a name of its own.",
+     "clients cannot tell two entities apart", kEntities, nameUnique, kPublished},
+    {"entity-names-present", "No power entity's name is empty.",
+     "clients show an entity without a name", kEntities, namePresent, kPublished},
+    {"entity-states-present", "Every power entity has at least one state.",
+     "the entity has nothing to report", kEntities, statesPresent, kPublished},
+    {"state-ids-unique", "Every state has an id of its own within its power entity.",
+     "residencies of two states are mixed up", kStates, idUnique, kPublished},
+    {"state-names-unique", "Every state has a name of its own within its power entity.",
+     "clients cannot tell two states apart", kStates, nameUnique, kPublished},
+    {"entity-list-stable",
      "The lists of power entities and their states are the same in every call.",
      "clients read the lists once, and give residencies to the wrong state", kEntityLists, stable},
-    {"names-utf8", kAidl, kOwn, "Every name is UTF-8.", "the transport may refuse the whole list",
-     kNames, textsUtf8},
+    {"names-utf8", "Every name is UTF-8.", "the transport may refuse the whole list", kNames,
+     textsUtf8, kOwn, kAidl},
 
     // Requests and answers.
-    {"calls-answered", kBoth, kPublished, "Every call is answered.", "Java receives null", kCalls,
-     answered<false>},
-    {"calls-at-once-answered", kBoth, kOwn, "Calls of several clients at once are answered.",
+    {"calls-answered", "Every call is answered.", "Java receives null", kCalls, answered<false>,
+     kPublished},
+    {"calls-at-once-answered", "Calls of several clients at once are answered.",
      "Java receives null now and then", kCalls, answered<true>},
-    {"rail-request-exact", kBoth, kPublished,
-     "A request for rails returns a record of each of them, and no other; an empty list asks for "
+    {"rail-request-exact",
+     "A request for rails returns one record of each, and no other; an empty list asks for all.",
+     "clients miss rails, or count them twice", kRequestedRails, requestExact, kPublished},
+    {"entity-request-exact",
+     "A request for entities returns one record of each, and no other; an empty list asks for all.",
+     "clients miss entities, or count them twice", kRequestedEntities, requestExact, kPublished},
+    {"state-list-request-exact",
+     "A request for states returns a list of each entity, and no other; an empty list asks for "
      "all.",
-     "clients miss rails, or count them twice", kRequestedRails, requestExact},
-    {"entity-request-exact", kBoth, kPublished,
-     "A request for power entities returns a record of each of them, and no other; an empty list "
-     "asks for all.",
-     "clients miss entities, or count them twice", kRequestedEntities, requestExact},
-    {"state-list-request-exact", kHidl, kPublished,
-     "A request for lists of states returns one of each power entity, and no other; an empty list "
-     "asks for all.",
-     "the states of an entity have no names", kRequestedStateLists, requestExact},
-    {"unknown-id-refused", kAidl, kOwn, "A request for an unknown id gives EX_ILLEGAL_ARGUMENT.",
-     "a client with old ids does not notice its mistake", kCalls, unknownRefused},
-    {"known-ids-accepted", kAidl, kOwn,
-     "A request for known ids, or for all, never gives EX_ILLEGAL_ARGUMENT.", "Java receives null",
-     kCalls, knownAccepted},
-    {"rail-ids-announced", kBoth, kPublished, "Every rail in an answer is in the list of rails.",
-     kLibraryEnds, kEnergies, isAnnounced},
-    {"entity-ids-announced", kBoth, kPublished,
-     "Every power entity in an answer is in the list of power entities.", kLibraryEnds,
-     kEntityAnswers, isAnnounced},
-    {"state-ids-announced", kBoth, kPublished,
-     "Every state in an answer is in the list of its power entity's states.", kLibraryEnds,
-     kStateResidencies, isAnnounced},
-    {"states-complete", kBoth, kPublished, "A residency has every state of its power entity.",
-     "the shares do not add up", kRequestedStates, statePresent},
-    {"status-matches-records", kHidl, kPublished,
-     "The status is SUCCESS with records, or another one without any.",
-     "clients take a failure for an answer", kCalls, statusMatches},
-    {"rails-not-supported", kHidl, kOwn, "Without rails both calls for rails answer NOT_SUPPORTED.",
-     "clients take a device without meters for a faulty one", kCallsForRails, railsNotSupported},
+     "the states of an entity have no names", kRequestedStateLists, requestExact, kPublished,
+     kHidl},
+    {"unknown-id-refused", "A request for an unknown id gives EX_ILLEGAL_ARGUMENT.",
+     "a client with old ids does not notice its mistake", kCalls, unknownRefused, kOwn, kAidl},
+    {"known-ids-accepted", "A request for known ids, or for all, never gives EX_ILLEGAL_ARGUMENT.",
+     "Java receives null", kCalls, knownAccepted, kOwn, kAidl},
+    {"rail-ids-announced", "Every rail in an answer is in the list of rails.", kLibraryEnds,
+     kEnergies, isAnnounced, kPublished},
+    {"entity-ids-announced", "Every power entity in an answer is in the list of power entities.",
+     kLibraryEnds, kEntityAnswers, isAnnounced, kPublished},
+    {"state-ids-announced", "Every state in an answer is in the list of its power entity's states.",
+     kLibraryEnds, kStateResidencies, isAnnounced, kPublished},
+    {"states-complete", "A residency has every state of its power entity.",
+     "the shares do not add up", kRequestedStates, statePresent, kPublished},
+    {"status-matches-records", "The status is SUCCESS with records, or another one without any.",
+     "clients take a failure for an answer", kCalls, statusMatches, kPublished, kHidl},
+    {"rails-not-supported", "Without rails both calls for rails answer NOT_SUPPORTED.",
+     "clients take a device without meters for a faulty one", kCallsForRails, railsNotSupported,
+     kOwn, kHidl},
 
     // Residencies.
-    {"residency-not-negative", kBoth, kOwn, "No total of a state is negative.",
-     "shares and rates are wrong", kStateResidencies, residencyNotNegative},
-    {"state-time-monotonic", kAidl, kOwn, "The time in a state never goes backwards.",
-     "shares are wrong", kStateResidencies, noFall<kTotalTime>},
-    {"state-entries-monotonic", kAidl, kOwn,
-     "The count of entries into a state never goes backwards.", "rates of entries are wrong",
-     kStateResidencies, noFall<kEntryCount>},
-    {"state-time-within-uptime", kAidl, kOwn,
+    {"residency-not-negative", "No total of a state is negative.", "shares and rates are wrong",
+     kStateResidencies, residencyNotNegative},
+    {"state-time-monotonic", "The time in a state never goes backwards.", "shares are wrong",
+     kStateResidencies, noFall<kTotalTime>, kOwn, kAidl},
+    {"state-entries-monotonic", "The count of entries into a state never goes backwards.",
+     "rates of entries are wrong", kStateResidencies, noFall<kEntryCount>, kOwn, kAidl},
+    {"state-time-within-uptime",
      "The times in the states of a power entity add up to the uptime at most.",
-     "shares since boot exceed 100 %", kResidencies, timeWithinUptime},
-    {"state-time-within-interval", kBoth, kOwn,
-     "Between two readings the times in the states of a power entity grow by the time between them "
-     "at most.",
+     "shares since boot exceed 100 %", kResidencies, timeWithinUptime, kOwn, kAidl},
+    {"state-time-within-interval",
+     "Between two readings the times in an entity's states grow by the time between them at most.",
      "shares exceed 100 %", kResidencies, timeWithinInterval},
-    {"last-entry-not-future", kBoth, kOwn,
+    {"last-entry-not-future",
      "The last entry into a state is milliseconds since boot, and not in the future.",
      "clients show a time that has not come", kStateResidencies, lastEntryNotFuture},
-    {"last-entry-clock", kBoth, kOwn,
+    {"last-entry-clock",
      "The last entry into a state has the unit and the clock of the other stamps.",
      "clients show a wrong time", kStateResidencies, lastEntryClock},
-    {"last-entry-monotonic", kBoth, kOwn, "The last entry into a state never goes backwards.",
+    {"last-entry-monotonic", "The last entry into a state never goes backwards.",
      "clients show a wrong time", kStateResidencies, lastEntryMonotonic},
-    {"last-entry-moves-with-entries", kBoth, kOwn,
+    {"last-entry-moves-with-entries",
      "The last entry into a state moves only when the count of entries does.",
      "entries are missed, or the time is not that of an entry", kStateResidencies, lastEntryMoves},
 
     // Energy.
-    {"energy-stamp-boottime", kBoth, kOwn,
+    {"energy-stamp-boottime",
      "An energy's time stamp is CLOCK_BOOTTIME in milliseconds when it was read.",
      "powers computed from it are wrong", kEnergies, energyStampBoottime},
-    {"energy-stamp-monotonic", kBoth, kOwn, "An energy's time stamp never goes backwards.",
+    {"energy-stamp-monotonic", "An energy's time stamp never goes backwards.",
      "powers computed from it are wrong", kEnergies, noFall<kTimestamp>},
-    {"energy-duration-within-stamp", kAidl, kOwn, "An energy's duration is at most its time stamp.",
-     "this library leaves the rail out", kEnergies, durationWithinStamp},
-    {"energy-duration-grows", kAidl, kOwn, "An energy's duration grows as its time stamp does.",
-     "this library leaves the rail out", kEnergies, durationGrows},
-    {"energy-not-negative", kBoth, kOwn, "No energy is negative.", "powers are wrong", kEnergies,
+    {"energy-duration-within-stamp", "An energy's duration is at most its time stamp.",
+     "this library leaves the rail out", kEnergies, durationWithinStamp, kOwn, kAidl},
+    {"energy-duration-grows", "An energy's duration grows as its time stamp does.",
+     "this library leaves the rail out", kEnergies, durationGrows, kOwn, kAidl},
+    {"energy-not-negative", "No energy is negative.", "powers are wrong", kEnergies,
      energyNotNegative},
-    {"energy-monotonic", kBoth, kOwn, "An energy is neither reset nor wraps.",
+    {"energy-monotonic", "An energy is neither reset nor wraps.",
      "powers are negative, or energy is lost", kEnergies, noFall<kEnergy>},
-    {"energy-power-plausible", kBoth, kOwn,
+    {"energy-power-plausible",
      "An energy is in microwatt-seconds: no rail carries more than 10 kW.",
      "sums over rails are of no use", kEnergies, powerPlausible},
 
-    {"library-goes-on", kBoth, kOwn, "The library calls the service, and its process goes on.",
-     kLibraryEnds, kLibrary, libraryGoesOn},
+    {"library-goes-on", "The library calls the service, and its process goes on.", kLibraryEnds,
+     kLibrary, libraryGoesOn},
 };
 
 Findings judge(const Rule& rule, const Survey& survey) {
@@ -660,6 +649,9 @@ Findings judge(const Rule& rule, const Survey& survey) {
         if (finding.verdict < findings.verdict) findings = {finding.verdict};
         if (finding.verdict >= Verdict::kKept) return;
         ++findings.count;
+        if (finding.verdict == Verdict::kBroken && finding.consequence.empty()) {
+            finding.consequence = rule.consequence;
+        }
         finding.method = item.answer.method;
         finding.readMs = item.answer.beforeMs;
         if (finding.thing.empty()) finding.thing = nameOf(item, item.record);

@@ -24,7 +24,7 @@ struct Finding {
     Verdict verdict = Verdict::kNotApplicable;
     std::string found = {};
     std::string expected = {};
-    /// What follows for a client; empty if that is the rule's own consequence.
+    /// What follows for a client.
     std::string consequence = {};
     /// The rail, or the power entity and its state, by id and name; empty for a whole answer.
     std::string thing = {};
@@ -60,15 +60,15 @@ struct Item;
 struct Rule {
     /// Stays for ever: people exclude rules by their names.
     const char* name;
-    /// The interface that makes the promise; empty: both.
-    std::optional<Hal> hal;
-    /// Whether the interface's published tests check it.
-    bool isPublishedTest;
     const char* sentence;
     /// What follows for a client when the rule is broken.
     const char* consequence;
     const Subject& subject;
     Finding (*judge)(const Item& item);
+    /// Whether the interface's published tests check it.
+    bool isPublishedTest = false;
+    /// The interface that makes the promise; empty: both.
+    std::optional<Hal> hal = {};
 };
 
 extern const std::vector<Rule> kRules;

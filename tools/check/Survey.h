@@ -115,10 +115,9 @@ struct Survey {
         bool wasCalled = false;
         /// The signal that ended the process; 0 when it went on.
         int signal = 0;
-        /// What Java receives, or why nothing was called.
-        std::string result = {};
-        /// The messages of the process, or its last line when it was ended.
-        std::string log = {};
+        /// What Java receives, how the process ended, or why nothing was called; with the messages
+        /// of the process, or its last line when it was ended. Fit for output.
+        std::string text = {};
     };
     Library library;
 };
