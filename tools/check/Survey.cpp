@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -30,71 +31,50 @@ using std::chrono::steady_clock;
 using Aidl = stats_aidl::IPowerStats;
 using Hidl = stats_V1_0::IPowerStats;
 
-Record convert(const stats_aidl::Channel& rail) {
-    return {rail.id, rail.name, rail.subsystem};
-}
-Record convert(const stats_V1_0::RailInfo& rail) {
-    return {rail.index, rail.railName, rail.subsysName};
-}
-Record convert(const stats_V1_0::PowerEntityInfo& entity) {
-    return {entity.powerEntityId, entity.powerEntityName};
-}
-Record convert(const stats_aidl::State& state) {
-    return {state.id, state.name};
-}
-Record convert(const stats_V1_0::PowerEntityStateInfo& state) {
-    return {state.powerEntityStateId, state.powerEntityStateName};
-}
-Record convert(const stats_aidl::EnergyMeasurement& energy) {
-    return {energy.id, "", "", energy.timestampMs, energy.durationMs, energy.energyUWs};
-}
-Record convert(const stats_V1_0::EnergyData& energy) {
-    const auto stampMs = static_cast<int64_t>(energy.timestamp);
-    return {energy.index, "", "", stampMs, stampMs, static_cast<int64_t>(energy.energy)};
-}
-Record convert(const stats_aidl::StateResidency& state) {
-    return {state.id,
-            "",
-            "",
-            state.lastEntryTimestampMs,
-            state.totalTimeInStateMs,
-            state.totalStateEntryCount};
-}
-Record convert(const stats_V1_0::PowerEntityStateResidencyData& state) {
-    const auto lastEntryMs = static_cast<int64_t>(state.lastEntryTimestampMs);
-    const auto totalMs = static_cast<int64_t>(state.totalTimeInStateMs);
-    return {state.powerEntityStateId,
-            "",
-            "",
-            lastEntryMs,
-            totalMs,
-            static_cast<int64_t>(state.totalStateEntryCount)};
-}
-template <typename States>
-Record convert(Record entity, const States& states) {
-    entity.states.reserve(states.size());
-    for (const auto& state : states) entity.states.push_back(convert(state));
-    return entity;
-}
-Record convert(const stats_aidl::PowerEntity& entity) {
-    return convert({entity.id, entity.name}, entity.states);
-}
-Record convert(const stats_V1_0::PowerEntityStateSpace& entity) {
-    return convert({entity.powerEntityId}, entity.states);
-}
-Record convert(const stats_aidl::StateResidencyResult& entity) {
-    return convert({entity.id}, entity.stateResidencyData);
-}
-Record convert(const stats_V1_0::PowerEntityStateResidencyResult& entity) {
-    return convert({entity.powerEntityId}, entity.stateResidencyData);
-}
+/// The numbers of a record, in the order of its members.
+using Numbers = std::vector<int64_t Record::*>;
+const Numbers kOfThings = {&Record::id};
+const Numbers kOfAidlEnergies = {&Record::id, &Record::stampMs, &Record::durationMs,
+                                 &Record::count};
+const Numbers kOfHidlEnergies = {&Record::id, &Record::stampMs, &Record::count};
+const Numbers kOfStates = {&Record::id, &Record::durationMs, &Record::count, &Record::stampMs};
 
-/// @param numbers, stateNumbers [in] the sizes of the numbers of a record and of each of its
-///     states.
-size_t sizeOf(const Record& record, size_t numbers, size_t stateNumbers) {
-    size_t size = numbers + record.name.size() + record.subsystem.size();
-    for (const Record& state : record.states) size += sizeOf(state, stateNumbers, 0);
-    return size;
+/// Converts a record of an interface: a number that has no place is left out, the first text is the
+/// name, and a list has the states.
+/// @tparam kMembers, kStateMembers how many it has, and each of its states.
+/// @param bytes [in,out] is increased by the size of its numbers and texts.
+template <size_t kMembers, size_t kStateMembers, typename From>
+Record convert(const From& from, const Numbers& numbers, size_t* bytes) {
+    Record record;
+    auto number = numbers.begin();
+    auto text = &Record::name;
+    const auto take = [&](const auto& member) {
+        using Member = std::decay_t<decltype(member)>;
+        if constexpr (std::is_integral_v<Member> || std::is_enum_v<Member>) {
+            if (number != numbers.end()) record.** number++ = static_cast<int64_t>(member);
+            *bytes += sizeof(member);
+        } else if constexpr (std::is_convertible_v<Member, std::string>) {
+            record.*text = member;
+            *bytes += (record.*text).size();
+            text = &Record::subsystem;
+        } else {
+            for (const auto& state : member) {
+                record.states.push_back(convert<kStateMembers, 0>(state, numbers, bytes));
+            }
+        }
+    };
+    const auto takeAll = [&](const auto&... members) { (take(members), ...); };
+    if constexpr (kMembers == 2) {
+        const auto& [first, second] = from;
+        takeAll(first, second);
+    } else if constexpr (kMembers == 3) {
+        const auto& [first, second, third] = from;
+        takeAll(first, second, third);
+    } else {
+        const auto& [first, second, third, fourth] = from;
+        takeAll(first, second, third, fourth);
+    }
+    return record;
 }
 
 void sortById(Records* records) {
@@ -157,42 +137,38 @@ class Client {
         Answers Survey::*answers;
         /// The lists that have the ids that it takes; null when it takes none.
         Answers Survey::*known;
-        /// The sizes of the numbers of a record, and of each of its states.
-        size_t numbers;
-        size_t stateNumbers;
-        void (Client::*call)(Answer* answer);
+        const Numbers& numbers;
+        void (Client::*call)(const Numbers& numbers, Answer* answer);
     };
 
     const std::vector<Method>& methods() const {
         using AidlIds = std::vector<int32_t>;
         using HidlIds = std::vector<uint32_t>;
-        constexpr size_t kId = 4;
-        constexpr size_t kNumber = 8;
         static const std::vector<Method> aidl = {
-            {"getEnergyMeterInfo", true, &Survey::rails, nullptr, kId, 0,
-             &Client::callAidl<&Aidl::getEnergyMeterInfo, stats_aidl::Channel>},
-            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kId, kId,
-             &Client::callAidl<&Aidl::getPowerEntityInfo, stats_aidl::PowerEntity>},
-            {"readEnergyMeter", false, &Survey::energies, &Survey::rails, kId + 3 * kNumber, 0,
-             &Client::callAidl<&Aidl::readEnergyMeter, stats_aidl::EnergyMeasurement, AidlIds>},
-            {"getStateResidency", false, &Survey::residencies, &Survey::entities, kId,
-             kId + 3 * kNumber,
-             &Client::callAidl<&Aidl::getStateResidency, stats_aidl::StateResidencyResult,
+            {"getEnergyMeterInfo", true, &Survey::rails, nullptr, kOfThings,
+             &Client::callAidl<&Aidl::getEnergyMeterInfo, stats_aidl::Channel, 3, 0>},
+            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+             &Client::callAidl<&Aidl::getPowerEntityInfo, stats_aidl::PowerEntity, 3, 2>},
+            {"readEnergyMeter", false, &Survey::energies, &Survey::rails, kOfAidlEnergies,
+             &Client::callAidl<&Aidl::readEnergyMeter, stats_aidl::EnergyMeasurement, 4, 0,
+                               AidlIds>},
+            {"getStateResidency", false, &Survey::residencies, &Survey::entities, kOfStates,
+             &Client::callAidl<&Aidl::getStateResidency, stats_aidl::StateResidencyResult, 2, 4,
                                AidlIds>}};
         static const std::vector<Method> hidl = {
-            {"getRailInfo", true, &Survey::rails, nullptr, 2 * kId, 0,
-             &Client::callHidl<&Hidl::getRailInfo, stats_V1_0::RailInfo>},
-            {"getPowerEntityInfo", true, &Survey::entities, nullptr, 2 * kId, 0,
-             &Client::callHidl<&Hidl::getPowerEntityInfo, stats_V1_0::PowerEntityInfo>},
-            {"getPowerEntityStateInfo", true, &Survey::stateLists, &Survey::entities, kId, kId,
-             &Client::callHidl<&Hidl::getPowerEntityStateInfo, stats_V1_0::PowerEntityStateSpace,
-                               HidlIds>},
-            {"getEnergyData", false, &Survey::energies, &Survey::rails, kId + 2 * kNumber, 0,
-             &Client::callHidl<&Hidl::getEnergyData, stats_V1_0::EnergyData, HidlIds>},
+            {"getRailInfo", true, &Survey::rails, nullptr, kOfThings,
+             &Client::callHidl<&Hidl::getRailInfo, stats_V1_0::RailInfo, 4, 0>},
+            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+             &Client::callHidl<&Hidl::getPowerEntityInfo, stats_V1_0::PowerEntityInfo, 3, 0>},
+            {"getPowerEntityStateInfo", true, &Survey::stateLists, &Survey::entities, kOfThings,
+             &Client::callHidl<&Hidl::getPowerEntityStateInfo, stats_V1_0::PowerEntityStateSpace, 2,
+                               2, HidlIds>},
+            {"getEnergyData", false, &Survey::energies, &Survey::rails, kOfHidlEnergies,
+             &Client::callHidl<&Hidl::getEnergyData, stats_V1_0::EnergyData, 3, 0, HidlIds>},
             {"getPowerEntityStateResidencyData", false, &Survey::residencies, &Survey::entities,
-             kId, kId + 3 * kNumber,
+             kOfStates,
              &Client::callHidl<&Hidl::getPowerEntityStateResidencyData,
-                               stats_V1_0::PowerEntityStateResidencyResult, HidlIds>}};
+                               stats_V1_0::PowerEntityStateResidencyResult, 2, 4, HidlIds>}};
         return mSurvey.hal == Hal::kAidl ? aidl : hidl;
     }
 
@@ -214,10 +190,7 @@ class Client {
         if (mAidl == nullptr && mHidl == nullptr) {
             finish({Failure::Kind::kGone, "the service is gone"}, &answer);
         } else {
-            (this->*method.call)(&answer);
-        }
-        for (const Record& record : answer.records) {
-            answer.bytes += sizeOf(record, method.numbers, method.stateNumbers);
+            (this->*method.call)(method.numbers, &answer);
         }
         sortById(&answer.records);
         mProgress->bytes += answer.bytes;
@@ -227,21 +200,24 @@ class Client {
 
     /// Calls a method of the AIDL service.
     /// @tparam Ids the type of the list that it takes; left out for a method without one.
-    template <auto kMethod, typename From, typename... Ids>
-    void callAidl(Answer* answer) {
+    template <auto kMethod, typename From, size_t kMembers, size_t kStateMembers, typename... Ids>
+    void callAidl(const Numbers& numbers, Answer* answer) {
         std::vector<From> records;
         const ndk::ScopedAStatus status =
             (mAidl.get()->*kMethod)(Ids(answer->ids.begin(), answer->ids.end())..., &records);
         finish(failureOf(status), answer);
-        keep(records, answer);
+        for (const From& record : records) {
+            answer->records.push_back(
+                convert<kMembers, kStateMembers>(record, numbers, &answer->bytes));
+        }
         if (status.get() != nullptr && status.getExceptionCode() == EX_ILLEGAL_ARGUMENT) {
             answer->outcome = Outcome::kIllegalArgument;
         }
     }
 
     /// The same for HIDL, whose methods hand their answer to a function.
-    template <auto kMethod, typename From, typename... Ids>
-    void callHidl(Answer* answer) {
+    template <auto kMethod, typename From, size_t kMembers, size_t kStateMembers, typename... Ids>
+    void callHidl(const Numbers& numbers, Answer* answer) {
         hidl_vec<From> records;
         auto status = stats_V1_0::Status::SUCCESS;
         const auto copy = [&](const hidl_vec<From>& from, stats_V1_0::Status its) {
@@ -251,7 +227,12 @@ class Client {
         const Return<void> result =
             (mHidl.get()->*kMethod)(Ids(answer->ids.begin(), answer->ids.end())..., copy);
         finish(failureOf(result), answer);
-        keep(records, answer);
+        for (const From& record : records) {
+            answer->records.push_back(
+                convert<kMembers, kStateMembers>(record, numbers, &answer->bytes));
+        }
+        // Without a duration, all energy is since boot.
+        for (Record& record : answer->records) record.durationMs = record.stampMs;
         if (status == stats_V1_0::Status::SUCCESS) return;
         constexpr const char* kNames[] = {"SUCCESS", "NOT_SUPPORTED", "INVALID_INPUT",
                                           "FILESYSTEM_ERROR", "INSUFFICIENT_RESOURCES"};
@@ -261,12 +242,6 @@ class Client {
         answer->outcome = status == stats_V1_0::Status::NOT_SUPPORTED   ? Outcome::kNotSupported
                           : status == stats_V1_0::Status::INVALID_INPUT ? Outcome::kIllegalArgument
                                                                         : Outcome::kOtherStatus;
-    }
-
-    template <typename List>
-    static void keep(const List& records, Answer* answer) {
-        answer->records.reserve(records.size());
-        for (const auto& record : records) answer->records.push_back(convert(record));
     }
 
     /// Notes the end of a call, and then how it ended.
