@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The clients' side of the two interfaces: their services, failures of their calls, and our records
-// from theirs. Times of the interfaces are milliseconds.
+// from those of AIDL. Times of the interfaces are milliseconds.
 
 #pragma once
 
@@ -30,27 +30,9 @@ inline Rail fromHal(const stats_aidl::Channel& channel) {
     return {channel.id, channel.name, channel.subsystem};
 }
 
-inline Rail fromHal(const stats_V1_0::RailInfo& rail) {
-    return {rail.index, rail.railName, rail.subsysName};
-}
-
 inline Entity fromHal(const stats_aidl::PowerEntity& from) {
     Entity entity{from.id, from.name};
     for (const auto& state : from.states) entity.states.push_back({state.id, state.name});
-    return entity;
-}
-
-/// Without its states, which PowerEntityStateSpace has.
-inline Entity fromHal(const stats_V1_0::PowerEntityInfo& entity) {
-    return {entity.powerEntityId, entity.powerEntityName};
-}
-
-/// Without its name, which PowerEntityInfo has.
-inline Entity fromHal(const stats_V1_0::PowerEntityStateSpace& from) {
-    Entity entity{from.powerEntityId};
-    for (const auto& state : from.states) {
-        entity.states.push_back({state.powerEntityStateId, state.powerEntityStateName});
-    }
     return entity;
 }
 
@@ -59,21 +41,9 @@ inline Energy fromHal(const stats_aidl::EnergyMeasurement& energy) {
             energy.energyUWs};
 }
 
-/// HIDL has no duration: all energy is since boot.
-inline Energy fromHal(const stats_V1_0::EnergyData& energy) {
-    const nanoseconds time = fromMilliseconds(static_cast<int64_t>(energy.timestamp));
-    return {time, time, static_cast<int64_t>(energy.energy)};
-}
-
 inline Residency fromHal(const stats_aidl::StateResidency& state) {
     return {fromMilliseconds(state.totalTimeInStateMs), state.totalStateEntryCount,
             fromMilliseconds(state.lastEntryTimestampMs)};
-}
-
-inline Residency fromHal(const stats_V1_0::PowerEntityStateResidencyData& state) {
-    return {fromMilliseconds(static_cast<int64_t>(state.totalTimeInStateMs)),
-            static_cast<int64_t>(state.totalStateEntryCount),
-            fromMilliseconds(static_cast<int64_t>(state.lastEntryTimestampMs))};
 }
 
 }  // namespace powerstats

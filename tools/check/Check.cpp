@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "power/text/Json.h"
-#include "power/text/Names.h"
 #include "tools/Commands.h"
 #include "tools/SourceOptions.h"
 #include "tools/check/Rules.h"
@@ -35,94 +34,73 @@ struct CheckArguments {
 };
 
 /// By Verdict.
-constexpr const char* kVerdicts[] = {"kept", "broken", "legal", "not judged", "not applicable"};
+constexpr const char* kVerdicts[] = {"broken", "legal", "kept", "not judged", "not applicable"};
 
 // Each adds its lines to the table, and returns the same for JSON.
 
-Json report(const Rule& rule, Verdict verdict, const Findings& findings, std::string* table) {
-    const bool isBroken = verdict == Verdict::kBroken;
-    const Findings::List& faults = isBroken ? findings.broken : findings.legal;
-    std::string name = kVerdicts[static_cast<size_t>(verdict)];
-    if (verdict == Verdict::kLegal && rule.isPublishedTest) name += ", but fails published tests";
-    *table += fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", name);
-    std::string consequence;
-    if (faults.count > 0) {
-        *table += fmt::format("      {}\n", rule.sentence);
-        consequence = faults.first.front().consequence;
-        if (consequence.empty() && isBroken) consequence = rule.consequence;
+Json report(const Rule& rule, const Findings& findings, std::string* table) {
+    std::string verdict = kVerdicts[static_cast<size_t>(findings.verdict)];
+    if (findings.verdict == Verdict::kLegal && rule.isPublishedTest) {
+        verdict += ", but fails published tests";
     }
+    *table +=
+        fmt::format("  {:<30} {}{}\n", rule.name, rule.isPublishedTest ? "* " : "  ", verdict);
+    const std::string consequence = findings.count > 0 ? findings.first.front().consequence : "";
+    if (findings.count > 0) *table += fmt::format("      {}\n", rule.sentence);
     Json evidence = Json::array();
-    for (const Finding& one : faults.first) {
-        const int64_t readMs = toMilliseconds(one.read);
+    for (const Finding& one : findings.first) {
         *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.method,
                               one.thing.empty() ? "" : ", ", one.thing,
-                              readMs == 0 ? "" : fmt::format(" at {} ms", readMs), one.found,
-                              one.expected);
+                              one.readMs == 0 ? "" : fmt::format(" at {} ms", one.readMs),
+                              one.found, one.expected);
         evidence.push_back({{"method", one.method},
                             {"thing", one.thing},
-                            {"read_ms", readMs},
+                            {"read_ms", one.readMs},
                             {"found", one.found},
                             {"expected", one.expected}});
     }
-    if (faults.count > faults.first.size()) {
-        *table += fmt::format("      and {} more\n", faults.count - faults.first.size());
+    if (findings.count > findings.first.size()) {
+        *table += fmt::format("      and {} more\n", findings.count - findings.first.size());
     }
     if (!consequence.empty()) *table += "      so " + consequence + "\n";
     return {{"name", rule.name},
-            {"verdict", name},
+            {"verdict", verdict},
             {"published_test", rule.isPublishedTest},
             {"sentence", rule.sentence},
             {"consequence", consequence},
             {"evidence", std::move(evidence)},
-            {"findings", faults.count}};
+            {"findings", findings.count}};
 }
 
 Json reportCalls(const Survey& survey, std::string* table) {
-    struct Timing {
-        std::vector<double> tookMs;
-        size_t mostBytes = 0;
-        size_t mostRecords = 0;
-    };
-    std::map<std::string, Timing> timings;
-    survey.forAnswers([&](const auto& answer) {
-        Timing& timing = timings[answer.method];
-        timing.tookMs.push_back(toSeconds(answer.took) * 1000);
-        timing.mostBytes = std::max(timing.mostBytes, answer.bytes);
-        timing.mostRecords = std::max(timing.mostRecords, answer.records.size());
-    });
+    std::map<std::string, std::vector<const Answer*>> methods;
+    survey.forAnswers([&](const Answer& answer) { methods[answer.method].push_back(&answer); });
     *table += fmt::format("{:<34}{:>7}{:>11}{:>9}{:>9}{:>8}\n", "Calls", "number", "median ms",
                           "99 % ms", "bytes", "records");
     Json calls = Json::array();
-    for (auto& [method, timing] : timings) {
-        std::vector<double>& tookMs = timing.tookMs;
-        std::sort(tookMs.begin(), tookMs.end());
-        const auto percentile = [&](double share) {
-            return tookMs[static_cast<size_t>(
-                std::lround(share * static_cast<double>(tookMs.size() - 1)))];
+    for (auto& [method, answers] : methods) {
+        std::sort(answers.begin(), answers.end(),
+                  [](const Answer* a, const Answer* b) { return a->took < b->took; });
+        const auto percentileMs = [&answers = answers](double share) {
+            const long i = std::lround(share * static_cast<double>(answers.size() - 1));
+            return toSeconds(answers[static_cast<size_t>(i)]->took) * 1000;
         };
-        *table +=
-            fmt::format("  {:<32}{:>7}{:>11.3f}{:>9.3f}{:>9}{:>8}\n", method, tookMs.size(),
-                        percentile(0.5), percentile(0.99), timing.mostBytes, timing.mostRecords);
+        size_t bytes = 0;
+        size_t records = 0;
+        for (const Answer* const answer : answers) {
+            bytes = std::max(bytes, answer->bytes);
+            records = std::max(records, answer->records.size());
+        }
+        *table += fmt::format("  {:<32}{:>7}{:>11.3f}{:>9.3f}{:>9}{:>8}\n", method, answers.size(),
+                              percentileMs(0.5), percentileMs(0.99), bytes, records);
         calls.push_back({{"method", method},
-                         {"number", tookMs.size()},
-                         {"median_ms", percentile(0.5)},
-                         {"percentile_99_ms", percentile(0.99)},
-                         {"bytes", timing.mostBytes},
-                         {"records", timing.mostRecords}});
+                         {"number", answers.size()},
+                         {"median_ms", percentileMs(0.5)},
+                         {"percentile_99_ms", percentileMs(0.99)},
+                         {"bytes", bytes},
+                         {"records", records}});
     }
     return calls;
-}
-
-Json reportLibrary(const Survey::Library& library, std::string* table) {
-    const std::string log = safeName(library.log, SIZE_MAX);
-    std::string text = safeName(library.result, SIZE_MAX);
-    if (library.signal != 0) {
-        text = fmt::format("signal {} ended the process: {}", library.signal, log);
-    } else if (library.wasCalled) {
-        text = "Java receives " + text + (log.empty() ? "" : ": " + log);
-    }
-    *table += "Library: " + text + "\n";
-    return {{"called", library.wasCalled}, {"signal", library.signal}, {"text", text}};
 }
 
 int check(CheckArguments arguments) {
@@ -133,11 +111,8 @@ int check(CheckArguments arguments) {
 
     Survey survey = takeSurvey(own.get(), arguments.durationSeconds, arguments.timeoutSeconds);
     survey.isReplay = !arguments.service.source.replay.empty();
-    if (survey.isGone) {
-        survey.library.result = "not called, because the service does not answer";
-    } else {
-        survey.library = tryLibrary(arguments.service);
-    }
+    survey.library.text = "not called, because the service does not answer";
+    if (!survey.isGone) survey.library = tryLibrary(arguments.service);
 
     const std::string title =
         fmt::format("{} over {}, {} s, with {} full readings", describe(arguments.service.source),
@@ -149,10 +124,9 @@ int check(CheckArguments arguments) {
     for (const Rule& rule : kRules) {
         if (arguments.except.count(rule.name) != 0) continue;
         if (!arguments.only.empty() && arguments.only.count(rule.name) == 0) continue;
-        Findings findings;
-        const Verdict verdict = judge(rule, survey, &findings);
-        ++counts[verdict];
-        rules.push_back(report(rule, verdict, findings, &table));
+        const Findings findings = judge(rule, survey);
+        ++counts[findings.verdict];
+        rules.push_back(report(rule, findings, &table));
     }
     const size_t notJudged = counts[Verdict::kNotJudged];
     table += fmt::format(
@@ -173,13 +147,16 @@ int check(CheckArguments arguments) {
         notes.emplace_back("calls were left out, because the answers are slow or large");
     }
     for (const std::string& note : notes) table += "Note: " + note + "\n";
-    Json library = reportLibrary(survey.library, &table);
+    const Survey::Library& library = survey.library;
+    table += "Library: " + library.text + "\n";
 
-    const Json json = {{"title", title},
-                       {"rules", std::move(rules)},
-                       {"calls", std::move(calls)},
-                       {"notes", std::move(notes)},
-                       {"library", std::move(library)}};
+    const Json json = {
+        {"title", title},
+        {"rules", std::move(rules)},
+        {"calls", std::move(calls)},
+        {"notes", notes},
+        {"library",
+         {{"called", library.wasCalled}, {"signal", library.signal}, {"text", library.text}}}};
     if (!writeOutput(arguments.format == "json" ? printJson(json, 2) + "\n" : table)) return kUsage;
     return counts[Verdict::kBroken] == 0 ? 0 : 1;
 }

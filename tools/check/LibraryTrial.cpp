@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "power/text/Json.h"
+#include "power/text/Names.h"
 #include "tools/CommandLine.h"
 #include "tools/check/Survey.h"
 
@@ -27,40 +27,34 @@ namespace {
 /// The command line of a program that asks the same service.
 std::vector<std::string> dumpCommand(const ServiceOptions& options) {
     const SourceOptions& source = options.source;
-    std::vector<std::string> words = {"/proc/self/exe", "dump", "--format", "json"};
+    std::vector<std::string> words = {"/proc/self/exe", "dump", "--format=json"};
     if (!options.hal.empty()) words.push_back("--hal=" + options.hal);
-    if (!source.bus.empty()) {
-        words.push_back("--bus=" + source.bus);
-        words.push_back(fmt::format("--wait={}", source.waitSeconds));
-    } else if (source.replay.empty()) {
-        words.push_back("--sysfs=" + source.sysfs);
-    } else {
-        words.push_back("--replay=" + source.replay);
-    }
+    words.push_back(!source.bus.empty()     ? "--bus=" + source.bus
+                    : source.replay.empty() ? "--sysfs=" + source.sysfs
+                                            : "--replay=" + source.replay);
+    if (!source.bus.empty()) words.push_back(fmt::format("--wait={}", source.waitSeconds));
     return words;
 }
 
 /// Reads a file in memory from its start, and closes it.
 std::string takeText(int descriptor) {
     std::ifstream file("/proc/self/fd/" + std::to_string(descriptor));
-    std::string text((std::istreambuf_iterator<char>(file)), {});
-    if (descriptor >= 0) close(descriptor);
-    return text;
+    close(descriptor);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 /// Returns the last line of a process that was ended; of another one its messages, in one line and
 /// without the remedies in brackets, which are not for the author of a service.
 std::string summarize(const std::string& log, bool isEnded) {
-    constexpr char kPrefix[] = "powerstats: ";
+    const std::string prefix = "powerstats: ";
     std::string summary;
     std::istringstream lines(log);
     for (std::string line; std::getline(lines, line);) {
         if (isEnded) {
             summary = line;
-        } else if (line.rfind(kPrefix, 0) == 0) {
-            const size_t remedy = line.back() == ')' ? line.rfind(" (") : std::string::npos;
-            line = line.substr(0, remedy);
-            summary += (summary.empty() ? "" : "; ") + line.substr(std::strlen(kPrefix));
+        } else if (line.rfind(prefix, 0) == 0) {
+            line = line.substr(0, line.back() == ')' ? line.rfind(" (") : std::string::npos);
+            summary += (summary.empty() ? "" : "; ") + line.substr(prefix.size());
         }
     }
     return summary;
@@ -83,12 +77,11 @@ std::string describeResult(const std::string& text) {
 
 Survey::Library tryLibrary(const ServiceOptions& options) {
     constexpr unsigned kMostSeconds = 60;
-    Survey::Library library;
-    const std::vector<std::string> command = dumpCommand(options);
-    std::vector<char*> words;
-    words.reserve(command.size() + 1);
-    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
-    words.push_back(nullptr);
+    std::vector<std::string> words = dumpCommand(options);
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
     const int output = memfd_create("result", MFD_CLOEXEC);
     const int errors = memfd_create("log", MFD_CLOEXEC);
     const pid_t child = fork();
@@ -99,23 +92,25 @@ Survey::Library tryLibrary(const ServiceOptions& options) {
         restoreForExec();
         dup2(output, STDOUT_FILENO);
         dup2(errors, STDERR_FILENO);
-        execv(words[0], words.data());
+        execv(arguments[0], arguments.data());
         _exit(kUsage);
     }
-    int status = 0;
-    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    // Stays as it is when there is no child.
+    int status = W_EXITCODE(kUsage, 0);
+    waitpid(child, &status, 0);
     const std::string result = takeText(output);
-    const std::string log = takeText(errors);
-    if (child > 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
-        library.result = fmt::format("did not return within {} s", kMostSeconds);
-        return library;
+    const std::string log = safeName(summarize(takeText(errors), WIFSIGNALED(status)), SIZE_MAX);
+    if (status == W_EXITCODE(0, SIGALRM)) {
+        return {false, 0, fmt::format("did not return within {} s", kMostSeconds)};
     }
-    library.wasCalled = child > 0 && (WIFSIGNALED(status) || WEXITSTATUS(status) != kUsage);
-    library.signal = library.wasCalled && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    library.log = summarize(log, library.signal != 0);
-    library.result = library.wasCalled ? describeResult(result) : "not called: " + library.log;
-    return library;
+    if (WIFSIGNALED(status)) {
+        const int signal = WTERMSIG(status);
+        return {
+            true, signal,
+            fmt::format("signal {} ({}) ended its process: {}", signal, strsignal(signal), log)};
+    }
+    if (status == W_EXITCODE(kUsage, 0)) return {false, 0, "not called: " + log};
+    return {true, 0, "Java receives " + describeResult(result) + (log.empty() ? "" : ": " + log)};
 }
 
 }  // namespace powerstats

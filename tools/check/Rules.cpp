@@ -5,53 +5,82 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstring>
+#include <functional>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <set>
 #include <string_view>
-#include <type_traits>
+#include <unordered_map>
 #include <utility>
 
 #include "power/text/Names.h"
 
 namespace powerstats {
 
+/// Something to be judged.
+struct Item {
+    const Survey& survey;
+    /// The list of the survey that has the answer.
+    Answers Survey::*list;
+    const Answer& answer;
+    /// Null for a whole answer.
+    const Record* record = nullptr;
+    /// The records of the answer, or the states of its entity, which are its siblings.
+    const Records* siblings = nullptr;
+    /// The first one with its name.
+    const Record* namesake = nullptr;
+    /// The record that has this state; otherwise null.
+    const Record* entity = nullptr;
+    /// The one of the same id in the answer before, or null.
+    const Record* before = nullptr;
+    const Answer* answerBefore = nullptr;
+};
+
 namespace {
 
-// Sums and differences are floating-point, because a service may report any number.
-using Ms = std::chrono::duration<double, std::milli>;
-
 /// A reading may be this old: meters have buffers.
-constexpr std::chrono::seconds kStale{1};
+constexpr int64_t kStaleMs = 1000;
 /// A stamp that is off by less than this has no wrong unit, and is of the clock that it matches.
-constexpr std::chrono::seconds kClockTolerance{2};
-/// A text of the service is cut after so many bytes.
-constexpr size_t kMostTextBytes = 400;
-/// Rounding of a stamp or a total to milliseconds.
-constexpr std::chrono::milliseconds kRounding{1};
+constexpr double kClockToleranceMs = 2000;
+/// Rounding of a stamp or a total.
+constexpr int64_t kRoundingMs = 1;
 
-constexpr char kTotalTime[] = "totalTimeInStateMs";
-constexpr char kEntryCount[] = "totalStateEntryCount";
-constexpr char kLastEntry[] = "lastEntryTimestampMs";
-constexpr char kTimestamp[] = "timestampMs";
-constexpr char kEnergy[] = "energyUWs";
+struct Figure {
+    const char* name;
+    int64_t Record::*value;
+};
+constexpr Figure kTotalTime{"totalTimeInStateMs", &Record::durationMs};
+constexpr Figure kEntryCount{"totalStateEntryCount", &Record::count};
+constexpr Figure kLastEntry{"lastEntryTimestampMs", &Record::stampMs};
+constexpr Figure kTimestamp{"timestampMs", &Record::stampMs};
+constexpr Figure kEnergy{"energyUWs", &Record::count};
 constexpr char kLibraryEnds[] = "this library's process would end";
 
 // The things of a survey.
 
-template <typename Record>
-constexpr bool kIsOfRail = std::is_same_v<Record, Rail> || std::is_same_v<Record, EnergyResult>;
-template <typename Record>
-constexpr bool kIsOfState = std::is_same_v<Record, State> || std::is_same_v<Record, StateResult>;
-template <typename Answer>
-using RecordOf = typename decltype(std::decay_t<Answer>::records)::value_type;
+const Subject kCalls = {{&Survey::entities, &Survey::stateLists, &Survey::residencies,
+                         &Survey::rails, &Survey::energies},
+                        true};
+const Subject kCallsForRails = {{&Survey::rails, &Survey::energies}, true};
+const Subject kRailLists = {{&Survey::rails}, true};
+const Subject kEntityLists = {{&Survey::entities, &Survey::stateLists}, true};
+const Subject kRails = {{&Survey::rails}};
+const Subject kEntities = {{&Survey::entities}};
+// Either has the states, by the interface.
+const Subject kStates = {{&Survey::entities, &Survey::stateLists}, false, false, true};
+const Subject kNames = {{&Survey::rails, &Survey::entities}, false, true, true};
+const Subject kEnergies = {{&Survey::energies}};
+const Subject kResidencies = {{&Survey::residencies}};
+const Subject kStateResidencies = {{&Survey::residencies}, false, false, true};
+const Subject kEntityAnswers = {{&Survey::residencies, &Survey::stateLists}};
+const Subject kRequestedRails = {{&Survey::energies}, false, true, false, true};
+const Subject kRequestedEntities = {{&Survey::residencies}, false, true, false, true};
+const Subject kRequestedStateLists = {{&Survey::stateLists}, false, true, false, true};
+const Subject kRequestedStates = {{&Survey::residencies}, false, false, true, true};
+const Subject kLibrary = {};
 
 /// Returns the first record with the id; null when there is none, or no list.
-template <typename Record>
-const Record* find(const std::vector<Record>* sorted, int64_t id) {
+const Record* find(const Records* sorted, int64_t id) {
     if (sorted == nullptr) return nullptr;
     const auto found =
         std::lower_bound(sorted->begin(), sorted->end(), id,
@@ -59,142 +88,90 @@ const Record* find(const std::vector<Record>* sorted, int64_t id) {
     return found != sorted->end() && found->id == id ? &*found : nullptr;
 }
 
-bool isForAll(const Call& call) {
-    return call.outcome == Outcome::kAnswered && call.request == Request::kAll;
-}
-
 /// Returns the records of the first list that was answered; null when none was.
-template <typename Record>
-const std::vector<Record>* announced(const Answers<Record>& lists) {
-    const auto first = std::find_if(lists.begin(), lists.end(), isForAll);
+const Records* announced(const Answers& lists) {
+    const auto first = std::find_if(lists.begin(), lists.end(), std::mem_fn(&Answer::isForAll));
     return first != lists.end() ? &first->records : nullptr;
 }
 
-/// Returns the answers that tell the states of entities.
-const Answers<Entity>& listsOfStates(const Survey& survey) {
-    return survey.hal == Hal::kAidl ? survey.entities : survey.stateLists;
+bool isOfRails(const Answers Survey::*list) {
+    return list == &Survey::rails || list == &Survey::energies;
 }
 
-const std::vector<State>* statesOf(const Survey& survey, int64_t entity) {
-    const Entity* const known = find(announced(listsOfStates(survey)), entity);
+/// Returns the list that announces an item or, for a state, that of its entity's states; null when
+/// there is none.
+const Records* listOf(const Survey& survey, Answers Survey::*list, const Record* entity = nullptr) {
+    if (entity == nullptr) return announced(isOfRails(list) ? survey.rails : survey.entities);
+    const Record* const known =
+        find(announced(survey.hal == Hal::kAidl ? survey.entities : survey.stateLists), entity->id);
     return known != nullptr ? &known->states : nullptr;
 }
 
-/// Returns the list that announces the ids of such records; null when there is none.
-template <typename Record>
-const auto* announcedFor(const Survey& survey) {
-    if constexpr (kIsOfRail<Record>) return announced(survey.rails);
-    if constexpr (!kIsOfRail<Record>) return announced(survey.entities);
+std::string nameIn(const Records* list, const Record& record) {
+    const Record* const known = find(list, record.id);
+    return known != nullptr ? fmt::format("{} \"{}\"", record.id, safeName(known->name))
+                            : std::to_string(record.id);
 }
 
-/// Returns the answers with records of this type; those with its entity for a state.
-template <typename Record>
-const auto& answersWith(const Survey& survey) {
-    if constexpr (std::is_same_v<Record, Rail>) return survey.rails;
-    if constexpr (std::is_same_v<Record, Entity>) return survey.entities;
-    if constexpr (std::is_same_v<Record, State>) return listsOfStates(survey);
-    if constexpr (std::is_same_v<Record, EnergyResult>) return survey.energies;
-    if constexpr (std::is_same_v<Record, EntityResult>) return survey.residencies;
-    if constexpr (std::is_same_v<Record, StateResult>) return survey.residencies;
+/// Returns the name of an item, or of a sibling of it.
+std::string nameOf(const Item& item, const Record* record) {
+    if (record == nullptr) return "";
+    const Record& thing = item.entity != nullptr ? *item.entity : *record;
+    const std::string name = (isOfRails(item.list) ? "rail " : "power entity ") +
+                             nameIn(listOf(item.survey, item.list), thing);
+    if (item.entity == nullptr) return name;
+    return name + ", state " + nameIn(listOf(item.survey, item.list, item.entity), *record);
 }
 
-template <typename Thing>
-std::string nameIn(const std::vector<Thing>* list, int64_t id) {
-    const Thing* const known = find(list, id);
-    return known != nullptr ? fmt::format("{} \"{}\"", id, safeName(known->name))
-                            : std::to_string(id);
-}
-
-// Walks over a survey.
-
-/// A record in an answer, and the one of the same id in an answer before it.
-template <typename Record>
-struct Item {
-    const Survey& survey;
-    const Call& call;
-    const Record& record;
-    /// The records among which it is.
-    const std::vector<Record>* siblings = nullptr;
-    int64_t entity = 0;  ///< that of a state
-    /// Null when there is none.
-    const Record* before = nullptr;
-    const Call* callBefore = nullptr;
-
-    std::string name() const {
-        std::string thing =
-            (kIsOfRail<Record> ? "rail " : "power entity ") +
-            nameIn(announcedFor<Record>(survey), kIsOfState<Record> ? entity : record.id);
-        if (!kIsOfState<Record>) return thing;
-        return thing + ", state " + nameIn(statesOf(survey, entity), record.id);
-    }
-};
-
-/// One answer of any method, whatever its request and outcome. A call that the bus refused is none,
-/// because it says nothing about the service.
-struct CallItem {
-    const Survey& survey;
-    const Call& call;
-    size_t records = 0;
-    bool isOfRails = false;
-
-    static std::string name() { return ""; }
-};
-
+/// Calls a function with each item of a subject. A call that the bus refused is none, because it
+/// says nothing about the service. Of calls that were made at once nobody knows the order, so these
+/// are not compared.
 template <typename Function>
-void walk(const Survey& survey, const Function& function, const CallItem* /*type*/) {
-    survey.forAnswers([&](const auto& answer) {
-        if (answer.outcome == Outcome::kRefused) return;
-        constexpr bool kIsOfRails = kIsOfRail<RecordOf<decltype(answer)>>;
-        function(CallItem{survey, answer, answer.records.size(), kIsOfRails});
-    });
-}
-
-/// Calls a function with each record of the answers to requests for everything. Of calls that were
-/// made at once nobody knows the order, so these are not compared.
-template <typename Function, typename Record>
-void walk(const Survey& survey, const Function& function, const Item<Record>* /*type*/) {
-    const auto& answers = answersWith<Record>(survey);
-    for (auto answer = answers.begin(); answer != answers.end(); ++answer) {
-        if (!isForAll(*answer)) continue;
-        const auto last =
-            std::find_if(std::make_reverse_iterator(answer), answers.rend(), [&](const Call& call) {
-                return isForAll(call) &&
-                       (call.thread == answer->thread || call.after < answer->before);
-            });
-        const auto* const before = last != answers.rend() ? &*last : nullptr;
-        const auto* const recordsBefore = before != nullptr ? &before->records : nullptr;
-        for (const auto& record : answer->records) {
-            const auto* const same = find(recordsBefore, record.id);
-            if constexpr (kIsOfState<Record>) {
-                for (const Record& state : record.states) {
-                    function(Item<Record>{survey, *answer, state, &record.states, record.id,
-                                          find(same != nullptr ? &same->states : nullptr, state.id),
-                                          before});
+void forEach(const Survey& survey, const Subject& subject, const Function& function) {
+    static const Answer library{"the library"};
+    if (subject.lists.empty()) function(Item{survey, nullptr, library});
+    for (const auto list : subject.lists) {
+        const Answers& answers = survey.*list;
+        for (auto answer = answers.begin(); answer != answers.end(); ++answer) {
+            if (answer->outcome == Outcome::kRefused) continue;
+            Item item{survey, list, *answer};
+            if (subject.isOfAnswers) function(item);
+            if (subject.isOfAnswers || answer->outcome != Outcome::kAnswered ||
+                answer->request == Request::kUnknown) {
+                continue;
+            }
+            const auto last = std::find_if(
+                std::make_reverse_iterator(answer), answers.rend(), [&](const Answer& one) {
+                    return one.isForAll() && answer->isForAll() &&
+                           (one.thread == answer->thread || one.afterMs < answer->beforeMs);
+                });
+            if (last != answers.rend()) item.answerBefore = &*last;
+            const auto visit = [&](const Records& siblings, const Records* before) {
+                std::unordered_map<std::string_view, const Record*> names;
+                item.siblings = &siblings;
+                for (const Record& record : siblings) {
+                    item.record = &record;
+                    item.namesake = names.emplace(record.name, &record).first->second;
+                    item.before = find(before, record.id);
+                    function(item);
                 }
-            } else {
-                function(Item<Record>{survey, *answer, record, &answer->records, 0, same, before});
+                const Records* const announced = listOf(survey, list, item.entity);
+                if (!subject.isOfMissing || announced == nullptr) return;
+                for (const Record& record : *announced) {
+                    item.record = &record;
+                    if (find(&siblings, record.id) == nullptr) function(item);
+                }
+            };
+            const Records* const before =
+                item.answerBefore != nullptr ? &item.answerBefore->records : nullptr;
+            if (subject.isOfRecords) visit(answer->records, before);
+            if (!subject.isOfStates) continue;
+            for (const Record& entity : answer->records) {
+                item.entity = &entity;
+                const Record* const same = find(before, entity.id);
+                visit(entity.states, same != nullptr ? &same->states : nullptr);
             }
         }
-    }
-}
-
-template <typename ItemType, typename Function>
-void forEach(const Survey& survey, const Function& function) {
-    walk(survey, function, static_cast<const ItemType*>(nullptr));
-}
-
-// Findings.
-
-/// Turns a time into milliseconds. One that fromMilliseconds() has cut is "at least" as long.
-template <typename Argument>
-auto toArgument(const Argument& argument) {
-    if constexpr (std::is_convertible_v<Argument, Ms>) {
-        const Ms time = argument;
-        const Ms most = nanoseconds::max();
-        const char* const bound = time >= most ? "at least " : time <= -most ? "at most " : "";
-        return fmt::format("{}{:.0f}", bound, time.count());
-    } else {
-        return argument;
     }
 }
 
@@ -204,77 +181,54 @@ Finding expect(bool isKept, const char* found, const char* expected,
                const Arguments&... arguments) {
     if (isKept) return {Verdict::kKept};
     const auto format = [&](const char* text) {
-        return fmt::vformat(text, fmt::make_format_args(toArgument(arguments)...));
+        return fmt::vformat(text, fmt::make_format_args(arguments...));
     };
     return {Verdict::kBroken, format(found), format(expected)};
 }
 
-template <typename ItemType>
-void judgeItems(const Survey& survey, Finding (*judge)(const ItemType&), Findings* findings) {
-    forEach<ItemType>(survey, [&](const ItemType& item) { findings->add(item, judge(item)); });
-}
-
-/// Judges each item of the types that the functions take.
-template <auto... kJudges>
-void each(const Survey& survey, Findings* findings) {
-    (judgeItems(survey, kJudges, findings), ...);
-}
-
 // Lists.
 
-template <typename Thing>
-Finding idUnique(const Item<Thing>& item) {
-    return expect(find(item.siblings, item.record.id) == &item.record,
-                  "the id {} again, with the name \"{}\"", "an id of its own", item.record.id,
-                  safeName(item.record.name));
+Finding idUnique(const Item& item) {
+    return expect(item.record == find(item.siblings, item.record->id),
+                  "the id {} again, with the name \"{}\"", "an id of its own", item.record->id,
+                  safeName(item.record->name));
 }
 
-template <typename Thing>
-void namesUnique(const Survey& survey, Findings* findings) {
-    std::map<std::pair<const void*, std::string_view>, Item<Thing>> firsts;
-    forEach<Item<Thing>>(survey, [&](const Item<Thing>& item) {
-        const auto [first, isNew] = firsts.try_emplace({item.siblings, item.record.name}, item);
-        findings->add(item, expect(isNew || item.record.name.empty(), "the name of {}",
-                                   "a name of its own", isNew ? "" : first->second.name()));
-    });
+Finding nameUnique(const Item& item) {
+    const bool isKept = item.namesake == item.record || item.record->name.empty();
+    return expect(isKept, "the name of {}", "a name of its own",
+                  isKept ? "" : nameOf(item, item.namesake));
 }
 
-template <typename Thing>
-Finding namePresent(const Item<Thing>& item) {
-    return expect(!item.record.name.empty(), "an empty name", "a name");
+Finding namePresent(const Item& item) {
+    return expect(!item.record->name.empty(), "an empty name", "a name");
 }
 
-Finding subsystemPresent(const Item<Rail>& rail) {
-    return expect(!rail.record.subsystem.empty(), "an empty subsystem", "a name");
+Finding subsystemPresent(const Item& item) {
+    return expect(!item.record->subsystem.empty(), "an empty subsystem", "a name");
 }
 
-Finding statesPresent(const Item<Entity>& item) {
-    const std::vector<State>* const states = statesOf(item.survey, item.record.id);
+Finding statesPresent(const Item& item) {
+    const Records* const states = listOf(item.survey, item.list, item.record);
     if (states == nullptr) return {};
     return expect(!states->empty(), "no state", "at least one state");
 }
 
-template <auto kLists, auto... kMore>
-void stable(const Survey& survey, Findings* findings) {
-    for (const auto& list : survey.*kLists) {
-        if (!isForAll(list)) continue;
-        const auto& first = *announced(survey.*kLists);
-        findings->add(
-            CallItem{survey, list},
-            expect(list.records == first, "{} entries, not those of the first call",
-                   "the {1} entries of the first call", list.records.size(), first.size()));
-    }
-    (stable<kMore>(survey, findings), ...);
+Finding stable(const Item& item) {
+    if (!item.answer.isForAll()) return {};
+    const Records& first = *announced(item.survey.*item.list);
+    return expect(item.answer.records == first, "{} entries, not those of the first call",
+                  "the {1} entries of the first call", item.answer.records.size(), first.size());
 }
 
-template <typename Thing, std::string Thing::*kText>
-Finding textUtf8(const Item<Thing>& item) {
-    const std::string& text = item.record.*kText;
-    size_t end = 0;
-    for (size_t size = 1; size > 0 && end < text.size(); end += size) {
-        size = decodeUtf8(text, end).size;
+Finding textsUtf8(const Item& item) {
+    for (const std::string* const text : {&item.record->name, &item.record->subsystem}) {
+        for (size_t i = 0, size; i < text->size(); i += size) {
+            size = decodeUtf8(*text, i).size;
+            if (size == 0) return expect(false, "the text \"{}\"", "UTF-8", safeName(*text));
+        }
     }
-    return expect(end == text.size(), "the text \"{}\"", "UTF-8", safeName(text));
+    return {Verdict::kKept};
 }
 
 // Requests and answers.
@@ -286,510 +240,466 @@ std::string countOf(size_t records) {
 /// Whether a method fails when one client asks for everything.
 bool fails(const Survey& survey, const std::string& method) {
     bool isFailing = false;
-    survey.forAnswers([&](const Call& call) {
-        const bool isAlone = call.thread == 0 && call.request == Request::kAll;
-        if (isAlone && call.outcome == Outcome::kFailed && call.method == method) isFailing = true;
+    survey.forAnswers([&](const Answer& answer) {
+        isFailing |= answer.thread == 0 && answer.request == Request::kAll &&
+                     answer.outcome == Outcome::kFailed && answer.method == method;
     });
     return isFailing;
+}
+
+bool isForKnownIds(const Answer& answer) {
+    return answer.request == Request::kAll || answer.request == Request::kSome;
 }
 
 /// Judges the answers that clients need: everything, and some.
 /// @tparam kAtOnce whether to judge the calls that were made at once, of those methods that answer
 ///     when they are called alone.
 template <bool kAtOnce>
-Finding answered(const CallItem& item) {
-    const Call& call = item.call;
+Finding answered(const Item& item) {
+    const Answer& answer = item.answer;
     const bool isHidl = item.survey.hal == Hal::kHidl;
-    const bool isNeeded = call.request == Request::kAll || call.request == Request::kSome ||
-                          (isHidl && call.request == Request::kUnknown);
-    if (!isNeeded || (call.thread != 0) != kAtOnce) return {};
-    if (kAtOnce && fails(item.survey, call.method)) return {};
-    const bool isFailed = call.outcome == Outcome::kFailed;
+    const bool isNeeded = isForKnownIds(answer) || (isHidl && answer.request == Request::kUnknown);
+    if (!isNeeded || (answer.thread != 0) != kAtOnce) return {};
+    if (kAtOnce && fails(item.survey, answer.method)) return {};
+    const bool isFailed = answer.outcome == Outcome::kFailed;
     const bool isRefused =
-        call.outcome == Outcome::kOtherStatus ||
-        (call.outcome == Outcome::kIllegalArgument && call.request != Request::kUnknown);
-    Finding finding = expect(!isFailed && !(isHidl && isRefused), "{}", "an answer",
-                             safeName(call.error, kMostTextBytes));
+        answer.outcome == Outcome::kOtherStatus ||
+        (answer.outcome == Outcome::kIllegalArgument && answer.request != Request::kUnknown);
+    Finding finding = expect(!isFailed && !(isHidl && isRefused), "{}", "an answer", answer.error);
     if (finding.verdict == Verdict::kBroken && !isFailed) finding.verdict = Verdict::kLegal;
     if (isHidl) finding.consequence = kLibraryEnds;
     return finding;
 }
 
-/// Judges that an answer has the requested ids, each once. An answer may lack some of them.
-template <auto kAnswers>
-void requestExact(const Survey& survey, Findings* findings) {
-    for (const auto& answer : survey.*kAnswers) {
-        using Record = RecordOf<decltype(answer)>;
-        const auto* const list = announcedFor<Record>(survey);
-        const bool isWanted = isForAll(answer) || answer.request == Request::kSome;
-        if (list == nullptr || !isWanted || answer.outcome != Outcome::kAnswered) continue;
-        std::set<int64_t> asked(answer.ids.begin(), answer.ids.end());
-        if (isForAll(answer)) {
-            for (const auto& known : *list) asked.insert(known.id);
-        }
-        std::set<int64_t> missing = asked;
-        for (const Record& record : answer.records) {
-            // An id that was never announced is the matter of another rule.
-            if (find(list, record.id) == nullptr) continue;
-            findings->add(Item<Record>{survey, answer, record},
-                          expect(missing.erase(record.id) != 0,
-                                 asked.count(record.id) != 0 ? "a second record"
-                                                             : "a record that was not asked for",
-                                 "one record of each id that was asked for"));
-        }
-        for (const int64_t id : missing) {
-            Record record;
-            record.id = id;
-            findings->add(Item<Record>{survey, answer, record},
-                          {Verdict::kLegal, "no record", "a record of each id that was asked for"});
-        }
+Finding requestExact(const Item& item) {
+    const int64_t id = item.record->id;
+    const Record* const first = find(item.siblings, id);
+    // An id that was never announced is the matter of another rule.
+    const bool isKnown = find(listOf(item.survey, item.list), id) != nullptr;
+    if (!isKnown || !isForKnownIds(item.answer)) return {};
+    const std::vector<int64_t>& ids = item.answer.ids;
+    const bool isAsked = ids.empty() || std::binary_search(ids.begin(), ids.end(), id);
+    if (first == nullptr && !isAsked) return {};
+    if (first == nullptr) {
+        return {Verdict::kLegal, "no record", "a record of each id that was asked for"};
     }
+    return expect(isAsked && item.record == first,
+                  isAsked ? "a second record" : "a record that was not asked for",
+                  "one record of each id that was asked for");
 }
 
-Finding unknownRefused(const CallItem& item) {
-    const Call& call = item.call;
-    if (call.request != Request::kUnknown || fails(item.survey, call.method)) return {};
-    Finding finding = expect(call.outcome == Outcome::kIllegalArgument,
-                             call.error.empty() ? "an answer with {}" : "{1}",
+Finding statePresent(const Item& item) {
+    return expect(find(item.siblings, item.record->id) != nullptr, "no record", "every state");
+}
+
+Finding unknownRefused(const Item& item) {
+    const Answer& answer = item.answer;
+    if (answer.request != Request::kUnknown || fails(item.survey, answer.method)) return {};
+    Finding finding = expect(answer.outcome == Outcome::kIllegalArgument,
+                             answer.error.empty() ? "an answer with {}" : "{1}",
                              "EX_ILLEGAL_ARGUMENT, on a bus org.freedesktop.DBus.Error.InvalidArgs",
-                             item.records, safeName(call.error, kMostTextBytes));
-    finding.thing = fmt::format("id {}, which is not announced", call.ids.front());
+                             countOf(answer.records.size()), answer.error);
+    finding.thing = fmt::format("id {}, which is not announced", answer.ids.front());
     return finding;
 }
 
-Finding knownAccepted(const CallItem& item) {
-    const Call& call = item.call;
-    if (call.request != Request::kAll && call.request != Request::kSome) return {};
-    Finding finding = expect(call.outcome != Outcome::kIllegalArgument, "{}", "an answer",
-                             safeName(call.error, kMostTextBytes));
-    finding.thing = call.ids.empty() ? "all ids" : fmt::format("{} known ids", call.ids.size());
+Finding knownAccepted(const Item& item) {
+    const Answer& answer = item.answer;
+    if (!isForKnownIds(answer)) return {};
+    Finding finding =
+        expect(answer.outcome != Outcome::kIllegalArgument, "{}", "an answer", answer.error);
+    finding.thing = answer.ids.empty() ? "all ids" : fmt::format("{} known ids", answer.ids.size());
     return finding;
 }
 
-template <auto kAnswers, auto... kMore>
-void announcedOnly(const Survey& survey, Findings* findings) {
-    for (const auto& answer : survey.*kAnswers) {
-        using Record = RecordOf<decltype(answer)>;
-        const auto* const list = announcedFor<Record>(survey);
-        if (list == nullptr || answer.request == Request::kUnknown) continue;
-        for (const Record& record : answer.records) {
-            findings->add(Item<Record>{survey, answer, record},
-                          expect(find(list, record.id) != nullptr, "an id that is not in the list",
-                                 "only ids that are announced"));
-        }
-    }
-    (announcedOnly<kMore>(survey, findings), ...);
+Finding isAnnounced(const Item& item) {
+    const Records* const list = listOf(item.survey, item.list, item.entity);
+    if (list == nullptr) return {};
+    return expect(find(list, item.record->id) != nullptr, "an id that is not in the list",
+                  "only ids that are announced");
 }
 
-Finding stateAnnounced(const Item<StateResult>& item) {
-    const std::vector<State>* const states = statesOf(item.survey, item.entity);
-    if (states == nullptr) return {};
-    return expect(find(states, item.record.id) != nullptr, "a state that is not in the list",
-                  "only states that are announced");
+std::string statusOf(const Answer& answer) {
+    return answer.outcome == Outcome::kAnswered ? "SUCCESS" : answer.error;
 }
 
-void statesComplete(const Survey& survey, Findings* findings) {
-    forEach<Item<EntityResult>>(survey, [&](const Item<EntityResult>& item) {
-        const EntityResult& entity = item.record;
-        const std::vector<State>* const states = statesOf(survey, entity.id);
-        if (states == nullptr) return;
-        for (const State& state : *states) {
-            findings->add(
-                Item<State>{survey, item.call, state, nullptr, entity.id},
-                expect(find(&entity.states, state.id) != nullptr, "no record", "every state"));
-        }
-    });
+Finding statusMatches(const Item& item) {
+    const Answer& answer = item.answer;
+    if (answer.outcome == Outcome::kFailed) return {};
+    return expect((answer.outcome == Outcome::kAnswered) == !answer.records.empty(), "{} with {}",
+                  "SUCCESS with records, or another status without any", statusOf(answer),
+                  countOf(answer.records.size()));
 }
 
-std::string statusOf(const Call& call) {
-    return call.outcome == Outcome::kAnswered ? "SUCCESS" : call.error;
-}
-
-Finding statusMatches(const CallItem& item) {
-    if (item.call.outcome == Outcome::kFailed) return {};
-    return expect((item.call.outcome == Outcome::kAnswered) == (item.records > 0), "{} with {}",
-                  "SUCCESS with records, or another status without any", statusOf(item.call),
-                  countOf(item.records));
-}
-
-Finding railsNotSupported(const CallItem& item) {
+Finding railsNotSupported(const Item& item) {
     const bool hasRails = announced(item.survey.rails) != nullptr;
-    if (hasRails || !item.isOfRails || item.call.outcome == Outcome::kFailed) return {};
-    return expect(item.call.outcome == Outcome::kNotSupported, "{}", "NOT_SUPPORTED",
-                  statusOf(item.call));
+    if (hasRails || item.answer.outcome == Outcome::kFailed) return {};
+    return expect(item.answer.outcome == Outcome::kNotSupported, "{}", "NOT_SUPPORTED",
+                  statusOf(item.answer));
 }
 
 // Values.
 
-/// Names the mistake that turns a time of an interval into this stamp; empty when none does.
-std::string describeMistake(Ms stamp, nanoseconds from, nanoseconds to, nanoseconds suspended) {
-    const auto matches = [&](Ms time) {
-        return time > from - kClockTolerance && time < to + kClockTolerance;
+/// Sums and differences are floating-point, because a service may report any number.
+double minus(double a, double b) {
+    return a - b;
+}
+
+/// Names the mistake that turns a time until the end of a call into this stamp; empty when none
+/// does.
+std::string describeMistake(double stamp, int64_t from, const Answer& answer) {
+    const auto matches = [&](double time) {
+        return time > from - kClockToleranceMs && time < answer.afterMs + kClockToleranceMs;
     };
-    if (stamp >= nanoseconds::max()) return "; it may be microseconds or nanoseconds";
-    if (suspended > kClockTolerance && matches(stamp + suspended)) {
+    if (answer.suspendedMs > kClockToleranceMs && matches(stamp + answer.suspendedMs)) {
         return fmt::format(
             "; it looks like CLOCK_MONOTONIC: off by the {} s this machine was suspended",
-            std::chrono::floor<std::chrono::seconds>(suspended).count());
+            answer.suspendedMs / 1000);
     }
     if (matches(stamp * 1000)) return "; it looks like seconds";
     if (matches(stamp / 1000)) return "; it looks like microseconds";
     if (matches(stamp / 1e6)) return "; it looks like nanoseconds";
-    constexpr Ms k2017{1.5e12};
-    constexpr Ms k2096{4e12};
+    constexpr double k2017 = 1.5e12;
+    constexpr double k2096 = 4e12;
     return stamp > k2017 && stamp < k2096 ? "; it looks like the time since 1970" : "";
 }
 
-std::string describeMistake(nanoseconds stamp, const Call& call) {
-    return describeMistake(stamp, call.before, call.after, call.suspended);
-}
-
 /// Judges that a value does not fall from one reading to the next.
-template <typename Record, const char* kName, auto kValue>
-Finding noFall(const Item<Record>& item) {
+template <const Figure& kFigure>
+Finding noFall(const Item& item) {
     if (item.before == nullptr) return {};
-    return expect(item.record.*kValue >= item.before->*kValue, "{} {}",
-                  "at least {2}, as read at {3} ms", kName, item.record.*kValue,
-                  item.before->*kValue, item.callBefore->before);
+    const int64_t value = item.record->*kFigure.value;
+    const int64_t before = item.before->*kFigure.value;
+    return expect(value >= before, "{} {}", "at least {2}, as read at {3} ms", kFigure.name, value,
+                  before, item.answerBefore->beforeMs);
 }
 
 // Residencies.
 
-Finding residencyNotNegative(const Item<StateResult>& item) {
-    const StateResult& state = item.record;
-    return expect(state.totalTime.count() >= 0 && state.entryCount >= 0,
-                  "totalTimeInStateMs {} and totalStateEntryCount {}", "0 and more",
-                  state.totalTime, state.entryCount);
-}
-
 /// The sign of the entries since the reading before; std::nullopt, which is less than any number,
 /// when there is none.
-std::optional<int> entriesSince(const Item<StateResult>& item) {
+std::optional<int> entriesSince(const Item& item) {
     if (item.before == nullptr) return std::nullopt;
-    const int64_t before = item.before->entryCount;
-    return item.record.entryCount < before ? -1 : item.record.entryCount > before ? 1 : 0;
+    return (item.record->count > item.before->count) - (item.record->count < item.before->count);
 }
 
-Finding lastEntryMonotonic(const Item<StateResult>& item) {
+Finding residencyNotNegative(const Item& item) {
+    return expect(item.record->durationMs >= 0 && item.record->count >= 0,
+                  "totalTimeInStateMs {} and totalStateEntryCount {}", "0 and more",
+                  item.record->durationMs, item.record->count);
+}
+
+Finding lastEntryMonotonic(const Item& item) {
     // 0 is a time that is not known. A HIDL entity may be reset.
     const bool isReset = item.survey.hal == Hal::kHidl && entriesSince(item) < 0;
-    if (item.record.lastEntry == nanoseconds::zero() || isReset) return {};
-    return noFall<StateResult, kLastEntry, &Residency::lastEntry>(item);
+    if (item.record->stampMs == 0 || isReset) return {};
+    return noFall<kLastEntry>(item);
 }
 
-Finding timeWithinUptime(const Item<EntityResult>& item) {
-    const Call& call = item.call;
-    Ms sum{0};
-    for (const StateResult& state : item.record.states) sum += state.totalTime;
-    const Ms most = call.after + item.record.states.size() * kRounding;
-    return expect(sum <= most, "{} ms in its states{}", "at most the uptime, {2} ms", sum,
-                  describeMistake(sum, call.before, call.after, {}), most);
+Finding timeWithinUptime(const Item& item) {
+    const Answer& answer = item.answer;
+    double sum = 0;
+    for (const Record& state : item.record->states) sum += state.durationMs;
+    const double most = answer.afterMs + item.record->states.size() * kRoundingMs;
+    return expect(sum <= most, "{:.0f} ms in its states{}", "at most the uptime, {2:.0f} ms", sum,
+                  describeMistake(sum, answer.beforeMs, answer), most);
 }
 
-Finding timeWithinInterval(const Item<EntityResult>& item) {
+Finding timeWithinInterval(const Item& item) {
     if (item.before == nullptr) return {};
-    Ms sum{0};
-    Ms most = item.call.after - item.callBefore->before;
-    for (const StateResult& state : item.record.states) {
-        const StateResult* const before = find(&item.before->states, state.id);
+    double sum = 0;
+    double most = item.answer.afterMs - item.answerBefore->beforeMs;
+    for (const Record& state : item.record->states) {
+        const Record* const before = find(&item.before->states, state.id);
         if (before == nullptr) continue;
-        sum += std::max(Ms{0}, Ms(state.totalTime) - Ms(before->totalTime));
-        most += kRounding;
+        sum += std::max(0.0, minus(state.durationMs, before->durationMs));
+        most += kRoundingMs;
     }
-    return expect(sum <= most, "{} ms in its states since the reading at {} ms",
-                  "at most {2} ms, the time since then", sum, item.callBefore->before, most);
+    return expect(sum <= most, "{:.0f} ms in its states since the reading at {} ms",
+                  "at most {2:.0f} ms, the time since then", sum, item.answerBefore->beforeMs,
+                  most);
 }
 
-Finding lastEntryNotFuture(const Item<StateResult>& item) {
-    const nanoseconds stamp = item.record.lastEntry;
-    return expect(stamp.count() >= 0 && stamp <= item.call.after + kRounding,
+Finding lastEntryNotFuture(const Item& item) {
+    const int64_t stamp = item.record->stampMs;
+    return expect(stamp >= 0 && stamp <= item.answer.afterMs + kRoundingMs,
                   "lastEntryTimestampMs {}{}", "0 to {2}, milliseconds since boot", stamp,
-                  describeMistake(stamp, item.call), item.call.after);
+                  describeMistake(stamp, item.answer.beforeMs, item.answer), item.answer.afterMs);
 }
 
 /// Judges the entries that happened between two readings.
-Finding lastEntryClock(const Item<StateResult>& item) {
-    const nanoseconds stamp = item.record.lastEntry;
-    if (entriesSince(item) <= 0 || stamp.count() <= 0) return {};
-    const nanoseconds from = item.callBefore->before;
-    const nanoseconds to = item.call.after;
-    const std::string mistake = describeMistake(stamp, from, to, item.call.suspended);
-    return expect(stamp >= from - kStale || mistake.empty(),
+Finding lastEntryClock(const Item& item) {
+    const int64_t stamp = item.record->stampMs;
+    if (entriesSince(item) <= 0 || stamp <= 0) return {};
+    const int64_t from = item.answerBefore->beforeMs;
+    const std::string mistake = describeMistake(stamp, from, item.answer);
+    return expect(stamp >= from - kStaleMs || mistake.empty(),
                   "lastEntryTimestampMs {} of a new entry{}", "{2} to {3}, milliseconds since boot",
-                  stamp, mistake, from, to);
+                  stamp, mistake, from, item.answer.afterMs);
 }
 
-Finding lastEntryMoves(const Item<StateResult>& item) {
+Finding lastEntryMoves(const Item& item) {
     if (entriesSince(item) != 0) return {};
     // A step back is the matter of another rule.
-    return expect(item.record.lastEntry <= item.before->lastEntry,
+    return expect(item.record->stampMs <= item.before->stampMs,
                   "lastEntryTimestampMs {} and totalStateEntryCount {}",
                   "lastEntryTimestampMs {2}, as read at {3} ms with that count",
-                  item.record.lastEntry, item.record.entryCount, item.before->lastEntry,
-                  item.callBefore->before);
+                  item.record->stampMs, item.record->count, item.before->stampMs,
+                  item.answerBefore->beforeMs);
 }
 
 // Energy.
 
-Finding energyStampBoottime(const Item<EnergyResult>& item) {
-    const Call& call = item.call;
-    const nanoseconds stamp = item.record.time;
-    const bool isFresh = item.survey.isReplay || stamp >= call.before - kStale;
-    return expect(isFresh && stamp <= call.after + kRounding, "timestampMs {}{}",
-                  "{2} to {3}, CLOCK_BOOTTIME in milliseconds", stamp, describeMistake(stamp, call),
-                  call.before, call.after);
+Finding energyStampBoottime(const Item& item) {
+    const Answer& answer = item.answer;
+    const int64_t stamp = item.record->stampMs;
+    const bool isFresh = item.survey.isReplay || stamp >= answer.beforeMs - kStaleMs;
+    return expect(isFresh && stamp <= answer.afterMs + kRoundingMs, "timestampMs {}{}",
+                  "{2} to {3}, CLOCK_BOOTTIME in milliseconds", stamp,
+                  describeMistake(stamp, answer.beforeMs, answer), answer.beforeMs, answer.afterMs);
 }
 
-Finding energyNotNegative(const Item<EnergyResult>& item) {
-    return expect(item.record.energyUWs >= 0, "energyUWs {}", "0 and more", item.record.energyUWs);
+Finding energyNotNegative(const Item& item) {
+    return expect(item.record->count >= 0, "energyUWs {}", "0 and more", item.record->count);
 }
 
-Finding durationWithinStamp(const Item<EnergyResult>& item) {
-    const EnergyResult& energy = item.record;
-    return expect(energy.duration.count() >= 0 && energy.duration <= energy.time, "durationMs {}",
-                  "0 to timestampMs, {1}", energy.duration, energy.time);
+Finding durationWithinStamp(const Item& item) {
+    const Record& energy = *item.record;
+    return expect(energy.durationMs >= 0 && energy.durationMs <= energy.stampMs, "durationMs {}",
+                  "0 to timestampMs, {1}", energy.durationMs, energy.stampMs);
 }
 
-Finding durationGrows(const Item<EnergyResult>& item) {
+Finding durationGrows(const Item& item) {
     if (item.before == nullptr) return {};
-    const Ms passed = Ms(item.record.time) - item.before->time;
-    const Ms grown = Ms(item.record.duration) - item.before->duration;
-    if (passed <= kRounding) return {};
-    return expect(grown > Ms{0} && grown <= passed + kRounding,
-                  "durationMs {}, {} ms more than at {} ms", "about {3} ms more, as timestampMs",
-                  item.record.duration, grown, item.callBefore->before, passed);
+    const double passed = minus(item.record->stampMs, item.before->stampMs);
+    const double grown = minus(item.record->durationMs, item.before->durationMs);
+    if (passed <= kRoundingMs) return {};
+    return expect(grown > 0 && grown <= passed + kRoundingMs,
+                  "durationMs {}, {:.0f} ms more than at {} ms",
+                  "about {3:.0f} ms more, as timestampMs", item.record->durationMs, grown,
+                  item.answerBefore->beforeMs, passed);
 }
 
 /// Judges the power since boot, and that of the longest interval: a meter that counts in large
 /// steps shows any power in a short one.
-template <bool kSinceBoot>
-Finding powerPlausible(const Item<EnergyResult>& item) {
+Finding powerPlausible(const Item& item) {
     constexpr double kMostWatts = 10'000;  // no rail of a machine carries more
-    const auto& readings = item.survey.energies;
-    const auto last = std::find_if(readings.rbegin(), readings.rend(), isForAll);
-    const EnergyResult* const first = find(announced(readings), item.record.id);
-    if (&item.call != &*last || first == nullptr) return {};
-    const Ms time = kSinceBoot ? item.record.duration : Ms(item.record.time) - first->time;
-    if (time < Ms(kSinceBoot ? 1000 : 100)) return {};
-    const double before = kSinceBoot ? 0 : static_cast<double>(first->energyUWs);
-    const double watts =
-        (static_cast<double>(item.record.energyUWs) - before) / time.count() / 1000;
-    return expect(watts <= kMostWatts,
-                  kSinceBoot ? "{:.0f} W on average over durationMs"
-                             : "{:.0f} W on average since timestampMs {}",
-                  "at most {2:.0f} W", watts, first->time, kMostWatts);
+    const Answers& readings = item.survey.energies;
+    const auto last =
+        std::find_if(readings.rbegin(), readings.rend(), std::mem_fn(&Answer::isForAll));
+    const Record* const first = find(announced(readings), item.record->id);
+    if (&item.answer != &*last || first == nullptr) return {};
+    const auto average = [&](double ms, int64_t since, const char* found) {
+        const double watts = minus(item.record->count, since) / ms / 1000;
+        return expect(watts <= kMostWatts, found, "at most {2:.0f} W", watts, first->stampMs,
+                      kMostWatts);
+    };
+    const double sinceBoot = item.record->durationMs;
+    const double sinceFirst = minus(item.record->stampMs, first->stampMs);
+    Finding finding;
+    if (sinceBoot >= 1000) finding = average(sinceBoot, 0, "{:.0f} W on average over durationMs");
+    if (finding.verdict == Verdict::kBroken || sinceFirst < 100) return finding;
+    return average(sinceFirst, first->count, "{:.0f} W on average since timestampMs {}");
 }
 
-void libraryGoesOn(const Survey& survey, Findings* findings) {
-    const Survey::Library& library = survey.library;
-    if (!library.wasCalled) return;
-    findings->add(
-        CallItem{survey, {"the library"}},
-        expect(library.signal == 0, "signal {} ({}) ended its process: {}", "both calls return",
-               library.signal, strsignal(library.signal), safeName(library.log, kMostTextBytes)));
+Finding libraryGoesOn(const Item& item) {
+    const Survey::Library& library = item.survey.library;
+    if (!library.wasCalled) return {};
+    return expect(library.signal == 0, "{}", "both calls return", library.text);
 }
 
-constexpr auto kBoth = std::nullopt;
 constexpr Hal kAidl = Hal::kAidl;
 constexpr Hal kHidl = Hal::kHidl;
 constexpr bool kPublished = true;
 constexpr bool kOwn = false;
 
-/// Whether the bus refused the list, or the readings, of the things that a rule is about. Its name
-/// tells these: rails and their energy, or power entities.
+/// Whether the bus refused a list, or a reading, of the things that a rule is about.
 bool lacksThings(const Rule& rule, const Survey& survey) {
-    const std::string_view name = rule.name;
-    const bool isOfRails = name.rfind("rail-", 0) == 0 || name.rfind("energy-", 0) == 0;
-    bool lacks = false;
-    survey.forAnswers([&](const auto& answer) {
-        using Record = RecordOf<decltype(answer)>;
-        const auto* const list = announcedFor<Record>(survey);
-        if (kIsOfRail<Record> == isOfRails && answer.outcome == Outcome::kRefused) {
-            lacks |= list == nullptr || !list->empty();
-        }
+    const auto& subjects = rule.subject.lists;
+    const bool isAboutRails = !subjects.empty() && isOfRails(subjects.front());
+    const Records* const known = announced(isAboutRails ? survey.rails : survey.entities);
+    if (known != nullptr && known->empty()) return false;
+    return std::any_of(kCalls.lists.begin(), kCalls.lists.end(), [&](Answers Survey::*list) {
+        return isOfRails(list) == isAboutRails &&
+               std::any_of((survey.*list).begin(), (survey.*list).end(), [](const Answer& answer) {
+                   return answer.outcome == Outcome::kRefused;
+               });
     });
-    return lacks;
 }
 
 }  // namespace
 
 const std::vector<Rule> kRules = {
     // Lists.
-    {"rail-ids-unique", kBoth, kPublished, "Every rail has an id of its own.",
-     "readings of two rails are mixed up", each<idUnique<Rail>>},
-    {"rail-names-unique", kBoth, kPublished, "Every rail has a name of its own.",
-     "clients cannot tell two rails apart", namesUnique<Rail>},
-    {"rail-names-present", kBoth, kPublished, "No rail's name is empty.",
-     "clients show a rail without a name", each<namePresent<Rail>>},
-    {"rail-subsystems-present", kBoth, kPublished, "No rail's subsystem name is empty.",
-     "clients cannot group the rails", each<subsystemPresent>},
-    {"rail-list-stable", kBoth, kOwn, "The list of rails is the same in every call.",
-     "clients read the list once, and give readings to the wrong rail", stable<&Survey::rails>},
-    {"entity-ids-unique", kBoth, kPublished, "Every power entity has an id of its own.",
-     "residencies of two entities are mixed up", each<idUnique<Entity>>},
-    {"entity-names-unique", kBoth, kPublished, "Every power entity has a name of its own.",
-     "clients cannot tell two entities apart", namesUnique<Entity>},
-    {"entity-names-present", kBoth, kPublished, "No power entity's name is empty.",
-     "clients show an entity without a name", each<namePresent<Entity>>},
-    {"entity-states-present", kBoth, kPublished, "Every power entity has at least one state.",
-     "the entity has nothing to report", each<statesPresent>},
-    {"state-ids-unique", kBoth, kPublished,
-     "Every state has an id of its own within its power entity.",
-     "residencies of two states are mixed up", each<idUnique<State>>},
-    {"state-names-unique", kBoth, kPublished,
-     "Every state has a name of its own within its power entity.",
-     "clients cannot tell two states apart", namesUnique<State>},
-    {"entity-list-stable", kBoth, kOwn,
+    {"rail-ids-unique", "Every rail has an id of its own.", "readings of two rails are mixed up",
+     kRails, idUnique, kPublished},
+    {"rail-names-unique", "Every rail has a name of its own.",
+     "clients cannot tell two rails apart", kRails, nameUnique, kPublished},
+    {"rail-names-present", "No rail's name is empty.", "clients show a rail without a name", kRails,
+     namePresent, kPublished},
+    {"rail-subsystems-present", "No rail's subsystem name is empty.",
+     "clients cannot group the rails", kRails, subsystemPresent, kPublished},
+    {"rail-list-stable", "The list of rails is the same in every call.",
+     "clients read the list once, and give readings to the wrong rail", kRailLists, stable},
+    {"entity-ids-unique", "Every power entity has an id of its own.",
+     "residencies of two entities are mixed up", kEntities, idUnique, kPublished},
+    {"entity-names-unique", "Every power entity has a name of its own.",
+     "clients cannot tell two entities apart", kEntities, nameUnique, kPublished},
+    {"entity-names-present", "No power entity's name is empty.",
+     "clients show an entity without a name", kEntities, namePresent, kPublished},
+    {"entity-states-present", "Every power entity has at least one state.",
+     "the entity has nothing to report", kEntities, statesPresent, kPublished},
+    {"state-ids-unique", "Every state has an id of its own within its power entity.",
+     "residencies of two states are mixed up", kStates, idUnique, kPublished},
+    {"state-names-unique", "Every state has a name of its own within its power entity.",
+     "clients cannot tell two states apart", kStates, nameUnique, kPublished},
+    {"entity-list-stable",
      "The lists of power entities and their states are the same in every call.",
-     "clients read the lists once, and give residencies to the wrong state",
-     stable<&Survey::entities, &Survey::stateLists>},
-    {"names-utf8", kAidl, kOwn, "Every name is UTF-8.", "the transport may refuse the whole list",
-     each<textUtf8<Rail, &Rail::name>, textUtf8<Rail, &Rail::subsystem>,
-          textUtf8<Entity, &Entity::name>, textUtf8<State, &State::name>>},
+     "clients read the lists once, and give residencies to the wrong state", kEntityLists, stable},
+    {"names-utf8", "Every name is UTF-8.", "the transport may refuse the whole list", kNames,
+     textsUtf8, kOwn, kAidl},
 
     // Requests and answers.
-    {"calls-answered", kBoth, kPublished, "Every call is answered.", "Java receives null",
-     each<answered<false>>},
-    {"calls-at-once-answered", kBoth, kOwn, "Calls of several clients at once are answered.",
-     "Java receives null now and then", each<answered<true>>},
-    {"rail-request-exact", kBoth, kPublished,
-     "A request for rails returns a record of each of them, and no other; an empty list asks for "
+    {"calls-answered", "Every call is answered.", "Java receives null", kCalls, answered<false>,
+     kPublished},
+    {"calls-at-once-answered", "Calls of several clients at once are answered.",
+     "Java receives null now and then", kCalls, answered<true>},
+    {"rail-request-exact",
+     "A request for rails returns one record of each, and no other; an empty list asks for all.",
+     "clients miss rails, or count them twice", kRequestedRails, requestExact, kPublished},
+    {"entity-request-exact",
+     "A request for entities returns one record of each, and no other; an empty list asks for all.",
+     "clients miss entities, or count them twice", kRequestedEntities, requestExact, kPublished},
+    {"state-list-request-exact",
+     "A request for states returns a list of each entity, and no other; an empty list asks for "
      "all.",
-     "clients miss rails, or count them twice", requestExact<&Survey::energies>},
-    {"entity-request-exact", kBoth, kPublished,
-     "A request for power entities returns a record of each of them, and no other; an empty list "
-     "asks for all.",
-     "clients miss entities, or count them twice", requestExact<&Survey::residencies>},
-    {"state-list-request-exact", kHidl, kPublished,
-     "A request for lists of states returns one of each power entity, and no other; an empty list "
-     "asks for all.",
-     "the states of an entity have no names", requestExact<&Survey::stateLists>},
-    {"unknown-id-refused", kAidl, kOwn, "A request for an unknown id gives EX_ILLEGAL_ARGUMENT.",
-     "a client with old ids does not notice its mistake", each<unknownRefused>},
-    {"known-ids-accepted", kAidl, kOwn,
-     "A request for known ids, or for all, never gives EX_ILLEGAL_ARGUMENT.", "Java receives null",
-     each<knownAccepted>},
-    {"rail-ids-announced", kBoth, kPublished, "Every rail in an answer is in the list of rails.",
-     kLibraryEnds, announcedOnly<&Survey::energies>},
-    {"entity-ids-announced", kBoth, kPublished,
-     "Every power entity in an answer is in the list of power entities.", kLibraryEnds,
-     announcedOnly<&Survey::residencies, &Survey::stateLists>},
-    {"state-ids-announced", kBoth, kPublished,
-     "Every state in an answer is in the list of its power entity's states.", kLibraryEnds,
-     each<stateAnnounced>},
-    {"states-complete", kBoth, kPublished, "A residency has every state of its power entity.",
-     "the shares do not add up", statesComplete},
-    {"status-matches-records", kHidl, kPublished,
-     "The status is SUCCESS with records, or another one without any.",
-     "clients take a failure for an answer", each<statusMatches>},
-    {"rails-not-supported", kHidl, kOwn, "Without rails both calls for rails answer NOT_SUPPORTED.",
-     "clients take a device without meters for a faulty one", each<railsNotSupported>},
+     "the states of an entity have no names", kRequestedStateLists, requestExact, kPublished,
+     kHidl},
+    {"unknown-id-refused", "A request for an unknown id gives EX_ILLEGAL_ARGUMENT.",
+     "a client with old ids does not notice its mistake", kCalls, unknownRefused, kOwn, kAidl},
+    {"known-ids-accepted", "A request for known ids, or for all, never gives EX_ILLEGAL_ARGUMENT.",
+     "Java receives null", kCalls, knownAccepted, kOwn, kAidl},
+    {"rail-ids-announced", "Every rail in an answer is in the list of rails.", kLibraryEnds,
+     kEnergies, isAnnounced, kPublished},
+    {"entity-ids-announced", "Every power entity in an answer is in the list of power entities.",
+     kLibraryEnds, kEntityAnswers, isAnnounced, kPublished},
+    {"state-ids-announced", "Every state in an answer is in the list of its power entity's states.",
+     kLibraryEnds, kStateResidencies, isAnnounced, kPublished},
+    {"states-complete", "A residency has every state of its power entity.",
+     "the shares do not add up", kRequestedStates, statePresent, kPublished},
+    {"status-matches-records", "The status is SUCCESS with records, or another one without any.",
+     "clients take a failure for an answer", kCalls, statusMatches, kPublished, kHidl},
+    {"rails-not-supported", "Without rails both calls for rails answer NOT_SUPPORTED.",
+     "clients take a device without meters for a faulty one", kCallsForRails, railsNotSupported,
+     kOwn, kHidl},
 
     // Residencies.
-    {"residency-not-negative", kBoth, kOwn, "No total of a state is negative.",
-     "shares and rates are wrong", each<residencyNotNegative>},
-    {"state-time-monotonic", kAidl, kOwn, "The time in a state never goes backwards.",
-     "shares are wrong", each<noFall<StateResult, kTotalTime, &Residency::totalTime>>},
-    {"state-entries-monotonic", kAidl, kOwn,
-     "The count of entries into a state never goes backwards.", "rates of entries are wrong",
-     each<noFall<StateResult, kEntryCount, &Residency::entryCount>>},
-    {"state-time-within-uptime", kAidl, kOwn,
+    {"residency-not-negative", "No total of a state is negative.", "shares and rates are wrong",
+     kStateResidencies, residencyNotNegative},
+    {"state-time-monotonic", "The time in a state never goes backwards.", "shares are wrong",
+     kStateResidencies, noFall<kTotalTime>, kOwn, kAidl},
+    {"state-entries-monotonic", "The count of entries into a state never goes backwards.",
+     "rates of entries are wrong", kStateResidencies, noFall<kEntryCount>, kOwn, kAidl},
+    {"state-time-within-uptime",
      "The times in the states of a power entity add up to the uptime at most.",
-     "shares since boot exceed 100 %", each<timeWithinUptime>},
-    {"state-time-within-interval", kBoth, kOwn,
-     "Between two readings the times in the states of a power entity grow by the time between them "
-     "at most.",
-     "shares exceed 100 %", each<timeWithinInterval>},
-    {"last-entry-not-future", kBoth, kOwn,
+     "shares since boot exceed 100 %", kResidencies, timeWithinUptime, kOwn, kAidl},
+    {"state-time-within-interval",
+     "Between two readings the times in an entity's states grow by the time between them at most.",
+     "shares exceed 100 %", kResidencies, timeWithinInterval},
+    {"last-entry-not-future",
      "The last entry into a state is milliseconds since boot, and not in the future.",
-     "clients show a time that has not come", each<lastEntryNotFuture>},
-    {"last-entry-clock", kBoth, kOwn,
+     "clients show a time that has not come", kStateResidencies, lastEntryNotFuture},
+    {"last-entry-clock",
      "The last entry into a state has the unit and the clock of the other stamps.",
-     "clients show a wrong time", each<lastEntryClock>},
-    {"last-entry-monotonic", kBoth, kOwn, "The last entry into a state never goes backwards.",
-     "clients show a wrong time", each<lastEntryMonotonic>},
-    {"last-entry-moves-with-entries", kBoth, kOwn,
+     "clients show a wrong time", kStateResidencies, lastEntryClock},
+    {"last-entry-monotonic", "The last entry into a state never goes backwards.",
+     "clients show a wrong time", kStateResidencies, lastEntryMonotonic},
+    {"last-entry-moves-with-entries",
      "The last entry into a state moves only when the count of entries does.",
-     "entries are missed, or the time is not that of an entry", each<lastEntryMoves>},
+     "entries are missed, or the time is not that of an entry", kStateResidencies, lastEntryMoves},
 
     // Energy.
-    {"energy-stamp-boottime", kBoth, kOwn,
+    {"energy-stamp-boottime",
      "An energy's time stamp is CLOCK_BOOTTIME in milliseconds when it was read.",
-     "powers computed from it are wrong", each<energyStampBoottime>},
-    {"energy-stamp-monotonic", kBoth, kOwn, "An energy's time stamp never goes backwards.",
-     "powers computed from it are wrong", each<noFall<EnergyResult, kTimestamp, &Energy::time>>},
-    {"energy-duration-within-stamp", kAidl, kOwn, "An energy's duration is at most its time stamp.",
-     "this library leaves the rail out", each<durationWithinStamp>},
-    {"energy-duration-grows", kAidl, kOwn, "An energy's duration grows as its time stamp does.",
-     "this library leaves the rail out", each<durationGrows>},
-    {"energy-not-negative", kBoth, kOwn, "No energy is negative.", "powers are wrong",
-     each<energyNotNegative>},
-    {"energy-monotonic", kBoth, kOwn, "An energy is neither reset nor wraps.",
-     "powers are negative, or energy is lost",
-     each<noFall<EnergyResult, kEnergy, &Energy::energyUWs>>},
-    {"energy-power-plausible", kBoth, kOwn,
+     "powers computed from it are wrong", kEnergies, energyStampBoottime},
+    {"energy-stamp-monotonic", "An energy's time stamp never goes backwards.",
+     "powers computed from it are wrong", kEnergies, noFall<kTimestamp>},
+    {"energy-duration-within-stamp", "An energy's duration is at most its time stamp.",
+     "this library leaves the rail out", kEnergies, durationWithinStamp, kOwn, kAidl},
+    {"energy-duration-grows", "An energy's duration grows as its time stamp does.",
+     "this library leaves the rail out", kEnergies, durationGrows, kOwn, kAidl},
+    {"energy-not-negative", "No energy is negative.", "powers are wrong", kEnergies,
+     energyNotNegative},
+    {"energy-monotonic", "An energy is neither reset nor wraps.",
+     "powers are negative, or energy is lost", kEnergies, noFall<kEnergy>},
+    {"energy-power-plausible",
      "An energy is in microwatt-seconds: no rail carries more than 10 kW.",
-     "sums over rails are of no use", each<powerPlausible<true>, powerPlausible<false>>},
+     "sums over rails are of no use", kEnergies, powerPlausible},
 
-    {"library-goes-on", kBoth, kOwn, "The library calls the service, and its process goes on.",
-     kLibraryEnds, libraryGoesOn},
+    {"library-goes-on", "The library calls the service, and its process goes on.", kLibraryEnds,
+     kLibrary, libraryGoesOn},
 };
 
-void Findings::addFault(Finding fault) {
-    List& list = fault.verdict == Verdict::kBroken ? broken : legal;
-    ++list.count;
-    constexpr size_t kMostKept = 3;
-    const auto isSame = [&](const Finding& one) {
-        return one.method == fault.method && one.thing == fault.thing;
-    };
-    if (list.first.size() == kMostKept ||
-        std::any_of(list.first.begin(), list.first.end(), isSame)) {
-        return;
+Findings judge(const Rule& rule, const Survey& survey) {
+    Findings findings;
+    if (rule.hal.value_or(survey.hal) != survey.hal) return findings;
+    forEach(survey, rule.subject, [&](const Item& item) {
+        Finding finding = rule.judge(item);
+        if (finding.verdict > findings.verdict) return;
+        if (finding.verdict < findings.verdict) findings = {finding.verdict};
+        if (finding.verdict >= Verdict::kKept) return;
+        ++findings.count;
+        if (finding.verdict == Verdict::kBroken && finding.consequence.empty()) {
+            finding.consequence = rule.consequence;
+        }
+        finding.method = item.answer.method;
+        finding.readMs = item.answer.beforeMs;
+        if (finding.thing.empty()) finding.thing = nameOf(item, item.record);
+        const auto isSame = [&](const Finding& one) {
+            return one.method == finding.method && one.thing == finding.thing;
+        };
+        constexpr size_t kMostKept = 3;
+        std::vector<Finding>& first = findings.first;
+        if (first.size() < kMostKept && std::none_of(first.begin(), first.end(), isSame)) {
+            first.push_back(std::move(finding));
+        }
+    });
+    if (findings.verdict == Verdict::kNotApplicable && lacksThings(rule, survey)) {
+        findings.verdict = Verdict::kNotJudged;
     }
-    list.first.push_back(std::move(fault));
-}
-
-Verdict judge(const Rule& rule, const Survey& survey, Findings* findings) {
-    *findings = {};
-    const bool applies = rule.hal.value_or(survey.hal) == survey.hal;
-    if (applies) rule.judge(survey, findings);
-    if (findings->broken.count > 0) return Verdict::kBroken;
-    if (findings->legal.count > 0) return Verdict::kLegal;
-    if (findings->judged > 0) return Verdict::kKept;
-    return applies && lacksThings(rule, survey) ? Verdict::kNotJudged : Verdict::kNotApplicable;
+    return findings;
 }
 
 std::vector<std::string> takeNotes(const Survey& survey) {
     std::set<std::string> notes;
-    survey.forAnswers([&](const auto& answer) {
-        const std::string& method = answer.method;
+    survey.forAnswers([&](const Answer& answer) {
         const bool isRefused = answer.outcome == Outcome::kRefused;
-        if (answer.request == Request::kRepeated && !isRefused && !fails(survey, method)) {
-            notes.insert(method + " with an id twice: " +
-                         (answer.error.empty()
-                              ? countOf(answer.records.size())
-                              : "refused, " + safeName(answer.error, kMostTextBytes)));
+        if (answer.request == Request::kRepeated && !isRefused && !fails(survey, answer.method)) {
+            notes.insert(answer.method + " with an id twice: " +
+                         (answer.error.empty() ? countOf(answer.records.size())
+                                               : "refused, " + answer.error));
         }
         if (answer.outcome == Outcome::kNotSupported || isRefused) {
-            notes.insert(method + ": " + answer.error);
+            notes.insert(answer.method + ": " + answer.error);
         }
     });
     // One note for all things of a kind names the first of them, by the ids of entity and thing.
     std::map<std::string, std::map<std::pair<int64_t, int64_t>, std::string>> things;
-    const auto add = [&](const char* text, const auto& item) {
-        things[text].try_emplace({item.entity, item.record.id}, item.name());
+    const auto add = [&](const char* text, const Item& item) {
+        const int64_t entity = item.entity != nullptr ? item.entity->id : 0;
+        things[text].try_emplace({entity, item.record->id}, nameOf(item, item.record));
     };
-    forEach<Item<StateResult>>(survey, [&](const Item<StateResult>& item) {
+    forEach(survey, kStateResidencies, [&](const Item& item) {
         if (item.before == nullptr) return;
-        if (survey.hal == Hal::kHidl && item.record.totalTime < item.before->totalTime) {
+        if (survey.hal == Hal::kHidl && item.record->durationMs < item.before->durationMs) {
             add("the total fell, so the entity was reset", item);
         }
-        if (item.record.lastEntry == nanoseconds::zero() && entriesSince(item) > 0) {
+        if (item.record->stampMs == 0 && entriesSince(item) > 0) {
             add("the service does not know the last entry", item);
         }
     });
-    forEach<Item<EnergyResult>>(survey, [&](const Item<EnergyResult>& item) {
-        if (item.record.isSinceBoot()) return;
+    forEach(survey, kEnergies, [&](const Item& item) {
+        if (item.record->durationMs == item.record->stampMs) return;
         add("left out by this library, because durationMs is not timestampMs", item);
     });
     for (const auto& [text, names] : things) {

@@ -5,80 +5,76 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/check/Survey.h"
 
 namespace powerstats {
 
-/// A rule is not judged when the bus refused the calls for its things, and not applicable when
-/// there is nothing to judge.
-enum class Verdict { kKept, kBroken, kLegal, kNotJudged, kNotApplicable };
+/// From the worst. A rule is not judged when the bus refused the calls for its things, and not
+/// applicable when there is nothing to judge. kLegal: permitted by the interface, but clients or
+/// published tests do not expect it.
+enum class Verdict { kBroken, kLegal, kKept, kNotJudged, kNotApplicable };
 
 /// The judgement of one thing, and for a fault the facts that lead to it in the service.
 struct Finding {
-    /// kLegal: permitted by the interface, but clients or published tests do not expect it.
-    /// kNotApplicable: there is nothing to judge.
     Verdict verdict = Verdict::kNotApplicable;
     std::string found = {};
     std::string expected = {};
-    /// What follows for a client; empty if that is the rule's own consequence.
+    /// What follows for a client.
     std::string consequence = {};
     /// The rail, or the power entity and its state, by id and name; empty for a whole answer.
     std::string thing = {};
     std::string method = {};
     /// The start of the call, since boot; 0 when it is not known.
-    nanoseconds read{};
+    int64_t readMs = 0;
 };
 
 /// The outcome of one rule.
 struct Findings {
-    /// All faults are counted, and the first ones are kept, each of another method or thing.
-    struct List {
-        size_t count = 0;
-        std::vector<Finding> first = {};
-    };
-
-    /// @param item [in] has the call, and the thing's name, which a finding may have too.
-    template <typename Item>
-    void add(const Item& item, Finding finding) {
-        if (finding.verdict == Verdict::kNotApplicable) return;
-        ++judged;
-        if (finding.verdict == Verdict::kKept) return;
-        finding.method = item.call.method;
-        finding.read = item.call.before;
-        if (finding.thing.empty()) finding.thing = item.name();
-        addFault(std::move(finding));
-    }
-
-    size_t judged = 0;
-    List broken;
-    List legal;
-
-  private:
-    void addFault(Finding fault);
+    /// The worst of its findings.
+    Verdict verdict = Verdict::kNotApplicable;
+    /// All faults with this verdict are counted, and the first ones are kept, each of another
+    /// method or thing.
+    size_t count = 0;
+    std::vector<Finding> first = {};
 };
+
+/// What a rule looks at, one by one.
+struct Subject {
+    std::vector<Answers Survey::*> lists;
+    /// The answers as a whole, whatever their requests and outcomes; or
+    bool isOfAnswers = false;
+    /// the records of the answers, and
+    bool isOfRecords = true;
+    /// the states of these.
+    bool isOfStates = false;
+    /// And the announced things whose record an answer lacks.
+    bool isOfMissing = false;
+};
+struct Item;
 
 struct Rule {
     /// Stays for ever: people exclude rules by their names.
     const char* name;
-    /// The interface that makes the promise; empty: both.
-    std::optional<Hal> hal;
-    /// Whether the interface's published tests check it.
-    bool isPublishedTest;
     const char* sentence;
     /// What follows for a client when the rule is broken.
     const char* consequence;
-    void (*judge)(const Survey& survey, Findings* findings);
+    const Subject& subject;
+    Finding (*judge)(const Item& item);
+    /// Whether the interface's published tests check it.
+    bool isPublishedTest = false;
+    /// The interface that makes the promise; empty: both.
+    std::optional<Hal> hal = {};
 };
 
 extern const std::vector<Rule> kRules;
 
 /// Judges a survey by one rule.
-Verdict judge(const Rule& rule, const Survey& survey, Findings* findings);
+Findings judge(const Rule& rule, const Survey& survey);
 
 /// Things that are worth knowing and break no rule, one sentence each.
 std::vector<std::string> takeNotes(const Survey& survey);

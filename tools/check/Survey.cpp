@@ -10,11 +10,12 @@
 #include <atomic>
 #include <chrono>
 #include <iterator>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "power/linux/Counters.h"
 #include "power/service/Interfaces.h"
@@ -29,58 +30,57 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using Aidl = stats_aidl::IPowerStats;
 using Hidl = stats_V1_0::IPowerStats;
-using Ids = std::vector<int64_t>;
 
-template <typename From>
-auto convert(const From& thing) {
-    return fromHal(thing);
-}
-EnergyResult convert(const stats_aidl::EnergyMeasurement& energy) {
-    return {fromHal(energy), energy.id};
-}
-EnergyResult convert(const stats_V1_0::EnergyData& energy) {
-    return {fromHal(energy), energy.index};
-}
-template <typename From, typename Id>
-EntityResult convertStates(int64_t entity, const From& states, Id id) {
-    EntityResult result{entity, {}};
-    for (const auto& state : states) result.states.push_back({fromHal(state), state.*id});
-    return result;
-}
-EntityResult convert(const stats_aidl::StateResidencyResult& from) {
-    return convertStates(from.id, from.stateResidencyData, &stats_aidl::StateResidency::id);
-}
-EntityResult convert(const stats_V1_0::PowerEntityStateResidencyResult& from) {
-    using State = stats_V1_0::PowerEntityStateResidencyData;
-    return convertStates(from.powerEntityId, from.stateResidencyData, &State::powerEntityStateId);
+/// The numbers of a record, in the order of its members.
+using Numbers = std::vector<int64_t Record::*>;
+const Numbers kOfThings = {&Record::id};
+const Numbers kOfAidlEnergies = {&Record::id, &Record::stampMs, &Record::durationMs,
+                                 &Record::count};
+const Numbers kOfHidlEnergies = {&Record::id, &Record::stampMs, &Record::count};
+const Numbers kOfStates = {&Record::id, &Record::durationMs, &Record::count, &Record::stampMs};
+
+/// Converts a record of an interface: a number that has no place is left out, the first text is the
+/// name, and a list has the states.
+/// @tparam kMembers, kStateMembers how many it has, and each of its states.
+/// @param bytes [in,out] is increased by the size of its numbers and texts.
+template <size_t kMembers, size_t kStateMembers, typename From>
+Record convert(const From& from, const Numbers& numbers, size_t* bytes) {
+    Record record;
+    auto number = numbers.begin();
+    auto text = &Record::name;
+    const auto take = [&](const auto& member) {
+        using Member = std::decay_t<decltype(member)>;
+        if constexpr (std::is_integral_v<Member> || std::is_enum_v<Member>) {
+            if (number != numbers.end()) record.** number++ = static_cast<int64_t>(member);
+            *bytes += sizeof(member);
+        } else if constexpr (std::is_convertible_v<Member, std::string>) {
+            record.*text = member;
+            *bytes += (record.*text).size();
+            text = &Record::subsystem;
+        } else {
+            for (const auto& state : member) {
+                record.states.push_back(convert<kStateMembers, 0>(state, numbers, bytes));
+            }
+        }
+    };
+    const auto takeAll = [&](const auto&... members) { (take(members), ...); };
+    if constexpr (kMembers == 2) {
+        const auto& [first, second] = from;
+        takeAll(first, second);
+    } else if constexpr (kMembers == 3) {
+        const auto& [first, second, third] = from;
+        takeAll(first, second, third);
+    } else {
+        const auto& [first, second, third, fourth] = from;
+        takeAll(first, second, third, fourth);
+    }
+    return record;
 }
 
-constexpr size_t kId = 4;
-constexpr size_t kNumber = 8;
-
-// Each returns the size of the texts and the states of a record.
-size_t sizeOf(const Rail& rail) {
-    return rail.name.size() + rail.subsystem.size();
-}
-size_t sizeOf(const Entity& entity) {
-    size_t size = entity.name.size();
-    for (const State& state : entity.states) size += kId + state.name.size();
-    return size;
-}
-size_t sizeOf(const EnergyResult& /*energy*/) {
-    return 0;
-}
-size_t sizeOf(const EntityResult& entity) {
-    return entity.states.size() * (kId + 3 * kNumber);
-}
-
-template <typename Record>
-void sortById(std::vector<Record>* records) {
+void sortById(Records* records) {
     std::stable_sort(records->begin(), records->end(),
                      [](const Record& a, const Record& b) { return a.id < b.id; });
-    if constexpr (std::is_same_v<Record, Entity> || std::is_same_v<Record, EntityResult>) {
-        for (Record& record : *records) sortById(&record.states);
-    }
+    for (Record& record : *records) sortById(&record.states);
 }
 
 /// Answers of so many bytes are kept, because a service may send any number of records. It is
@@ -95,8 +95,6 @@ struct Progress {
     std::atomic<bool> isGone{false};
     std::atomic<bool> isCut{false};
     std::atomic<size_t> bytes{0};
-    /// That of the first client.
-    std::optional<Hal> hal = {};
     /// Guards the answers while clients call at once.
     std::mutex mutex = {};
     Survey survey = {};
@@ -107,152 +105,163 @@ class Client {
   public:
     Client(int thread, Progress* progress)
         : mThread(thread), mProgress(progress), mSurvey(progress->survey) {
-        if (progress->hal != Hal::kHidl) mAidl = findAidl();
-        if (mAidl == nullptr && progress->hal != Hal::kAidl) mHidl = findHidl();
-        if (!progress->hal) progress->hal = mAidl != nullptr ? Hal::kAidl : Hal::kHidl;
-        mIsAidl = progress->hal == Hal::kAidl;
+        if (mSurvey.hal == Hal::kAidl) mAidl = findAidl();
+        if (mSurvey.hal == Hal::kHidl) mHidl = findHidl();
     }
 
-    void askLists() {
-        if (mIsAidl) {
-            askAidl<stats_aidl::Channel>({"getEnergyMeterInfo", kId}, &mSurvey.rails,
-                                         &Aidl::getEnergyMeterInfo);
-            askAidl<stats_aidl::PowerEntity>({"getPowerEntityInfo", kId}, &mSurvey.entities,
-                                             &Aidl::getPowerEntityInfo);
-        } else {
-            askHidl<stats_V1_0::RailInfo>({"getRailInfo", 2 * kId}, &mSurvey.rails,
-                                          &Hidl::getRailInfo);
-            askHidl<stats_V1_0::PowerEntityInfo>({"getPowerEntityInfo", 2 * kId}, &mSurvey.entities,
-                                                 &Hidl::getPowerEntityInfo);
-            askStates(Request::kAll, {});
-        }
-    }
-
-    void askReadings() {
-        askEnergies(Request::kAll, {});
-        askResidencies(Request::kAll, {});
-    }
+    void askLists() { askAll(true); }
+    void askReadings() { askAll(false); }
 
     /// Asks for some ids, a repeated one and an unknown one. REQUIRES: askLists() was called
     void askForIds() {
-        askForIds(mSurvey.rails, &Client::askEnergies);
-        askForIds(mSurvey.entities, &Client::askResidencies);
-        if (!mIsAidl) askForIds(mSurvey.entities, &Client::askStates);
+        for (const Method& method : methods()) {
+            if (method.known == nullptr || (mSurvey.*method.known).empty()) continue;
+            const Records& known = (mSurvey.*method.known).front().records;
+            if (known.empty()) continue;
+            std::vector<int64_t> some;
+            for (size_t i = 0; i < known.size(); i += 2) some.push_back(known[i].id);
+            int64_t unknown = INT32_MAX;
+            for (auto last = known.rbegin(); last != known.rend(); ++last) {
+                if (last->id == unknown) --unknown;
+            }
+            ask(method, Request::kSome, some);
+            ask(method, Request::kRepeated, {some.front(), some.front()});
+            ask(method, Request::kUnknown, {unknown});
+        }
     }
 
   private:
     struct Method {
         const char* name;
-        /// The size of the numbers that each of its records has.
-        size_t recordBytes;
-        Request request = Request::kAll;
-        Ids ids = {};
+        bool isList;
+        Answers Survey::*answers;
+        /// The lists that have the ids that it takes; null when it takes none.
+        Answers Survey::*known;
+        const Numbers& numbers;
+        void (Client::*call)(const Numbers& numbers, Answer* answer);
     };
 
-    void askEnergies(Request request, const Ids& ids) {
-        if (mIsAidl) {
-            askAidl<stats_aidl::EnergyMeasurement>(
-                {"readEnergyMeter", kId + 3 * kNumber, request, ids}, &mSurvey.energies,
-                &Aidl::readEnergyMeter, std::vector<int32_t>(ids.begin(), ids.end()));
-        } else {
-            askHidl<stats_V1_0::EnergyData>({"getEnergyData", kId + 2 * kNumber, request, ids},
-                                            &mSurvey.energies, &Hidl::getEnergyData,
-                                            std::vector<uint32_t>(ids.begin(), ids.end()));
-        }
-    }
-    void askResidencies(Request request, const Ids& ids) {
-        if (mIsAidl) {
-            askAidl<stats_aidl::StateResidencyResult>(
-                {"getStateResidency", kId, request, ids}, &mSurvey.residencies,
-                &Aidl::getStateResidency, std::vector<int32_t>(ids.begin(), ids.end()));
-        } else {
-            askHidl<stats_V1_0::PowerEntityStateResidencyResult>(
-                {"getPowerEntityStateResidencyData", kId, request, ids}, &mSurvey.residencies,
-                &Hidl::getPowerEntityStateResidencyData,
-                std::vector<uint32_t>(ids.begin(), ids.end()));
-        }
-    }
-    void askStates(Request request, const Ids& ids) {
-        askHidl<stats_V1_0::PowerEntityStateSpace>(
-            {"getPowerEntityStateInfo", kId, request, ids}, &mSurvey.stateLists,
-            &Hidl::getPowerEntityStateInfo, std::vector<uint32_t>(ids.begin(), ids.end()));
-    }
-
-    template <typename Record>
-    void askForIds(const Answers<Record>& lists, void (Client::*askFor)(Request, const Ids&)) {
-        if (lists.empty() || lists.front().records.empty()) return;
-        const std::vector<Record>& known = lists.front().records;
-        Ids some;
-        for (size_t i = 0; i < known.size(); i += 2) some.push_back(known[i].id);
-        int64_t unknown = INT32_MAX;
-        for (auto last = known.rbegin(); last != known.rend(); ++last) {
-            if (last->id == unknown) --unknown;
-        }
-        (this->*askFor)(Request::kSome, some);
-        (this->*askFor)(Request::kRepeated, {some.front(), some.front()});
-        (this->*askFor)(Request::kUnknown, {unknown});
+    const std::vector<Method>& methods() const {
+        using AidlIds = std::vector<int32_t>;
+        using HidlIds = std::vector<uint32_t>;
+        static const std::vector<Method> aidl = {
+            {"getEnergyMeterInfo", true, &Survey::rails, nullptr, kOfThings,
+             &Client::callAidl<&Aidl::getEnergyMeterInfo, stats_aidl::Channel, 3, 0>},
+            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+             &Client::callAidl<&Aidl::getPowerEntityInfo, stats_aidl::PowerEntity, 3, 2>},
+            {"readEnergyMeter", false, &Survey::energies, &Survey::rails, kOfAidlEnergies,
+             &Client::callAidl<&Aidl::readEnergyMeter, stats_aidl::EnergyMeasurement, 4, 0,
+                               AidlIds>},
+            {"getStateResidency", false, &Survey::residencies, &Survey::entities, kOfStates,
+             &Client::callAidl<&Aidl::getStateResidency, stats_aidl::StateResidencyResult, 2, 4,
+                               AidlIds>}};
+        static const std::vector<Method> hidl = {
+            {"getRailInfo", true, &Survey::rails, nullptr, kOfThings,
+             &Client::callHidl<&Hidl::getRailInfo, stats_V1_0::RailInfo, 4, 0>},
+            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+             &Client::callHidl<&Hidl::getPowerEntityInfo, stats_V1_0::PowerEntityInfo, 3, 0>},
+            {"getPowerEntityStateInfo", true, &Survey::stateLists, &Survey::entities, kOfThings,
+             &Client::callHidl<&Hidl::getPowerEntityStateInfo, stats_V1_0::PowerEntityStateSpace, 2,
+                               2, HidlIds>},
+            {"getEnergyData", false, &Survey::energies, &Survey::rails, kOfHidlEnergies,
+             &Client::callHidl<&Hidl::getEnergyData, stats_V1_0::EnergyData, 3, 0, HidlIds>},
+            {"getPowerEntityStateResidencyData", false, &Survey::residencies, &Survey::entities,
+             kOfStates,
+             &Client::callHidl<&Hidl::getPowerEntityStateResidencyData,
+                               stats_V1_0::PowerEntityStateResidencyResult, 2, 4, HidlIds>}};
+        return mSurvey.hal == Hal::kAidl ? aidl : hidl;
     }
 
-    /// Calls a method of the AIDL interface.
-    /// @param ids [in] those that it takes; none for a method without ids.
-    template <typename From, typename Record, typename Function, typename... AskedIds>
-    void askAidl(const Method& method, Answers<Record>* answers, Function function,
-                 const AskedIds&... ids) {
-        ask<From>(method, answers, [&](std::vector<From>* records, Call* call) {
-            note((mAidl.get()->*function)(ids..., records), call);
-        });
-    }
-
-    /// The same for HIDL, whose methods hand their answer to a function.
-    template <typename From, typename Record, typename Function, typename... AskedIds>
-    void askHidl(const Method& method, Answers<Record>* answers, Function function,
-                 const AskedIds&... ids) {
-        ask<From>(method, answers, [&](std::vector<From>* records, Call* call) {
-            stats_V1_0::Status status{};
-            const auto copy = [&](const hidl_vec<From>& from, stats_V1_0::Status its) {
-                records->assign(from.begin(), from.end());
-                status = its;
-            };
-            const Return<void> result = (mHidl.get()->*function)(ids..., copy);
-            note(result, status, call);
-        });
+    void askAll(bool forLists) {
+        for (const Method& method : methods()) {
+            if (method.isList == forLists) ask(method, Request::kAll, {});
+        }
     }
 
     /// Makes one call, and adds its answer to the survey.
-    template <typename From, typename Record, typename Function>
-    void ask(const Method& method, Answers<Record>* answers, const Function& call) {
+    void ask(const Method& method, Request request, const std::vector<int64_t>& ids) {
         if (steady_clock::now() > mProgress->end || mProgress->bytes > kMostBytes) {
             mProgress->isCut = true;
         }
         if (mProgress->isGone || mProgress->isCut) return;
-        Answer<Record> answer{{method.name, method.request, method.ids, mThread}, {}};
-        std::vector<From> records;
-        answer.before = std::chrono::floor<milliseconds>(readMoment().time);
-        const auto before = steady_clock::now();
+        Answer answer{method.name, request, ids, mThread};
+        answer.beforeMs = toMilliseconds(readMoment().time);
+        mBefore = steady_clock::now();
         if (mAidl == nullptr && mHidl == nullptr) {
-            note({Failure::Kind::kGone, "the service is gone"}, "", &answer);
+            finish({Failure::Kind::kGone, "the service is gone"}, &answer);
         } else {
-            call(&records, &answer);
-        }
-        answer.took = steady_clock::now() - before;
-        const Reading after = readMoment();
-        answer.after = std::chrono::ceil<milliseconds>(after.time);
-        answer.suspended = after.suspended;
-        for (const From& record : records) {
-            answer.records.push_back(convert(record));
-            answer.bytes += method.recordBytes + sizeOf(answer.records.back());
+            (this->*method.call)(method.numbers, &answer);
         }
         sortById(&answer.records);
         mProgress->bytes += answer.bytes;
         const std::lock_guard<std::mutex> lock(mProgress->mutex);
-        answers->push_back(std::move(answer));
+        (mSurvey.*method.answers).push_back(std::move(answer));
+    }
+
+    /// Calls a method of the AIDL service.
+    /// @tparam Ids the type of the list that it takes; left out for a method without one.
+    template <auto kMethod, typename From, size_t kMembers, size_t kStateMembers, typename... Ids>
+    void callAidl(const Numbers& numbers, Answer* answer) {
+        std::vector<From> records;
+        const ndk::ScopedAStatus status =
+            (mAidl.get()->*kMethod)(Ids(answer->ids.begin(), answer->ids.end())..., &records);
+        finish(failureOf(status), answer);
+        for (const From& record : records) {
+            answer->records.push_back(
+                convert<kMembers, kStateMembers>(record, numbers, &answer->bytes));
+        }
+        if (status.get() != nullptr && status.getExceptionCode() == EX_ILLEGAL_ARGUMENT) {
+            answer->outcome = Outcome::kIllegalArgument;
+        }
+    }
+
+    /// The same for HIDL, whose methods hand their answer to a function.
+    template <auto kMethod, typename From, size_t kMembers, size_t kStateMembers, typename... Ids>
+    void callHidl(const Numbers& numbers, Answer* answer) {
+        hidl_vec<From> records;
+        auto status = stats_V1_0::Status::SUCCESS;
+        const auto copy = [&](const hidl_vec<From>& from, stats_V1_0::Status its) {
+            records = from;
+            status = its;
+        };
+        const Return<void> result =
+            (mHidl.get()->*kMethod)(Ids(answer->ids.begin(), answer->ids.end())..., copy);
+        finish(failureOf(result), answer);
+        for (const From& record : records) {
+            answer->records.push_back(
+                convert<kMembers, kStateMembers>(record, numbers, &answer->bytes));
+        }
+        // Without a duration, all energy is since boot.
+        for (Record& record : answer->records) record.durationMs = record.stampMs;
+        if (status == stats_V1_0::Status::SUCCESS) return;
+        constexpr const char* kNames[] = {"SUCCESS", "NOT_SUPPORTED", "INVALID_INPUT",
+                                          "FILESYSTEM_ERROR", "INSUFFICIENT_RESOURCES"};
+        const auto number = static_cast<uint32_t>(status);
+        answer->error =
+            number < std::size(kNames) ? kNames[number] : fmt::format("status {}", number);
+        answer->outcome = status == stats_V1_0::Status::NOT_SUPPORTED   ? Outcome::kNotSupported
+                          : status == stats_V1_0::Status::INVALID_INPUT ? Outcome::kIllegalArgument
+                                                                        : Outcome::kOtherStatus;
+    }
+
+    /// Notes the end of a call, and then how it ended.
+    void finish(const Failure& failure, Answer* answer) {
+        answer->took = steady_clock::now() - mBefore;
+        const Reading after = readMoment();
+        answer->afterMs = std::chrono::ceil<milliseconds>(after.time).count();
+        answer->suspendedMs = toMilliseconds(after.suspended);
+        if (!failure) return;
+        using Kind = Failure::Kind;
+        if (failure.kind == Kind::kGone || failure.kind == Kind::kTimedOut) {
+            mProgress->isGone = true;
+        }
+        answer->outcome = failure.kind == Kind::kRefused ? Outcome::kRefused : Outcome::kFailed;
+        answer->error = failure.text;
     }
 
     /// Returns a reading of nothing, which has the time.
     Reading readMoment() const {
-        if (mProgress->own != nullptr) {
-            return mProgress->own->read({std::vector<size_t>()}, {std::vector<size_t>()});
-        }
+        if (mProgress->own != nullptr) return mProgress->own->read(kNothing, kNothing);
         Reading moment;
         const nanoseconds running = readKernelClock(CLOCK_MONOTONIC);
         moment.time = readKernelClock(CLOCK_BOOTTIME);
@@ -260,42 +269,13 @@ class Client {
         return moment;
     }
 
-    void note(const ndk::ScopedAStatus& status, Call* call) {
-        if (status.isOk()) return;
-        note(failureOf(status), status.get() != nullptr ? status.getDescription() : "", call);
-        if (status.get() != nullptr && status.getExceptionCode() == EX_ILLEGAL_ARGUMENT) {
-            call->outcome = Outcome::kIllegalArgument;
-        }
-    }
-    void note(const Return<void>& result, stats_V1_0::Status status, Call* call) {
-        if (!result.isOk()) return note(failureOf(result), result.description(), call);
-        if (status == stats_V1_0::Status::SUCCESS) return;
-        constexpr const char* kNames[] = {"SUCCESS", "NOT_SUPPORTED", "INVALID_INPUT",
-                                          "FILESYSTEM_ERROR", "INSUFFICIENT_RESOURCES"};
-        const auto number = static_cast<uint32_t>(status);
-        call->error =
-            number < std::size(kNames) ? kNames[number] : fmt::format("status {}", number);
-        call->outcome = status == stats_V1_0::Status::NOT_SUPPORTED   ? Outcome::kNotSupported
-                        : status == stats_V1_0::Status::INVALID_INPUT ? Outcome::kIllegalArgument
-                                                                      : Outcome::kOtherStatus;
-    }
-    /// @param text [in] in the words of the transport; empty when it has none.
-    void note(const Failure& failure, const std::string& text, Call* call) {
-        using Kind = Failure::Kind;
-        if (failure.kind == Kind::kGone || failure.kind == Kind::kTimedOut) {
-            mProgress->isGone = true;
-        }
-        const bool isRefused = failure.kind == Kind::kRefused;
-        call->outcome = isRefused ? Outcome::kRefused : Outcome::kFailed;
-        call->error = isRefused || text.empty() ? failure.text : text;
-    }
-
     const int mThread;
     Progress* const mProgress;
     Survey& mSurvey;
-    bool mIsAidl;
     std::shared_ptr<Aidl> mAidl;
     android::sp<Hidl> mHidl;
+    /// The start of the call.
+    steady_clock::time_point mBefore;
 };
 
 /// Calls the service on several threads at once.
@@ -326,6 +306,7 @@ Survey takeSurvey(Source* own, double durationSeconds, double moreSeconds) {
     const auto start = steady_clock::now();
     Progress progress{own, start + std::chrono::duration_cast<steady_clock::duration>(
                                        duration + Seconds(moreSeconds))};
+    progress.survey.hal = findAidl() != nullptr ? Hal::kAidl : Hal::kHidl;
     Client client(0, &progress);
     client.askLists();
     bool isShort = false;
@@ -342,7 +323,6 @@ Survey takeSurvey(Source* own, double durationSeconds, double moreSeconds) {
     Client last(0, &progress);
     last.askLists();
     last.askReadings();
-    progress.survey.hal = *progress.hal;
     progress.survey.isGone = progress.isGone;
     progress.survey.isCut = progress.isCut || isShort;
     return std::move(progress.survey);

@@ -7,26 +7,37 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "power/Reading.h"
 #include "power/Source.h"
 #include "tools/SourceOptions.h"
 
 namespace powerstats {
 
-/// The figures of a thing as the service answers them. An answer may repeat ids and lack some, so
-/// nothing is by position.
-template <typename Figures>
-struct Identified : Figures {
+/// A thing of a list, or its figures. An answer may repeat ids and lack some, so nothing is by
+/// position. Ids, numbers and texts are the service's own; safeName() makes texts fit for output.
+struct Record {
     int64_t id = 0;
+    std::string name = {};
+    std::string subsystem = {};  ///< of a rail
+    /// The timestampMs of an energy, the lastEntryTimestampMs of a state.
+    int64_t stampMs = 0;
+    /// The durationMs of an energy, which over HIDL is its timestamp; the totalTimeInStateMs of a
+    /// state.
+    int64_t durationMs = 0;
+    /// The energyUWs of an energy, the totalStateEntryCount of a state.
+    int64_t count = 0;
+    /// Sorted by id.
+    std::vector<Record> states = {};
+
+    /// Whether both are the same thing of a list.
+    bool operator==(const Record& other) const {
+        return std::tie(id, name, subsystem, states) ==
+               std::tie(other.id, other.name, other.subsystem, other.states);
+    }
 };
-using EnergyResult = Identified<Energy>;
-using StateResult = Identified<Residency>;
-struct EntityResult {
-    int64_t id = 0;
-    std::vector<StateResult> states;
-};
+using Records = std::vector<Record>;
 
 enum class Hal { kAidl, kHidl };
 
@@ -47,36 +58,34 @@ enum class Outcome {
 };
 
 /// What a call asked for, and how it ended.
-struct Call {
-    std::string method = {};
+struct Answer {
+    std::string method;
     Request request = Request::kAll;
+    /// In ascending order.
     std::vector<int64_t> ids = {};
     /// 0 for the first thread, which calls alone; 1 and above for those that call at once.
     int thread = 0;
-    /// The start and the end since boot, rounded down and up to milliseconds as the service's
-    /// stamps are. For a recording in this process, the recorded time.
-    nanoseconds before{};
-    nanoseconds after{};
+    /// The start and the end since boot, rounded down and up as the service's stamps are. For a
+    /// recording in this process, the recorded time.
+    int64_t beforeMs = 0;
+    int64_t afterMs = 0;
     /// How long the machine had been suspended since boot.
-    nanoseconds suspended{};
+    int64_t suspendedMs = 0;
     nanoseconds took{};
     Outcome outcome = Outcome::kAnswered;
-    /// The failure in the words of the transport or the service; empty when it answered.
+    /// The failure in the words of the transport or the service, fit for output; empty when it
+    /// answered.
     std::string error = {};
     /// The numbers and texts of the answer, without the framing of a transport.
     size_t bytes = 0;
-};
+    /// Sorted by id.
+    Records records = {};
 
-template <typename Record>
-struct Answer : Call {
-    /// Sorted by id, and so are the states of a record.
-    std::vector<Record> records;
+    bool isForAll() const { return outcome == Outcome::kAnswered && request == Request::kAll; }
 };
-template <typename Record>
-using Answers = std::vector<Answer<Record>>;
+using Answers = std::vector<Answer>;
 
 /// The calls of a power stats service in the order of their end, in one form for both interfaces.
-/// Ids and numbers are the service's own; so are texts, which safeName() makes fit for output.
 struct Survey {
     Hal hal = Hal::kAidl;
     /// Whether the stamps are those of a recording: they stand still between its samples.
@@ -85,22 +94,20 @@ struct Survey {
     bool isGone = false;
     /// Whether calls were left out, because the answers are slow or large.
     bool isCut = false;
-    Answers<Rail> rails;
+    Answers rails;
     /// HIDL answers the names of entities and those of their states in two calls. The states are
     /// empty in the first and the names in the second.
-    Answers<Entity> entities;
-    Answers<Entity> stateLists;
-    Answers<EnergyResult> energies;
-    Answers<EntityResult> residencies;
+    Answers entities;
+    Answers stateLists;
+    Answers energies;
+    Answers residencies;
 
-    /// Calls a function with each answer, of whatever records.
+    /// Calls a function with each answer.
     template <typename Function>
     void forAnswers(const Function& function) const {
-        for (const auto& answer : rails) function(answer);
-        for (const auto& answer : entities) function(answer);
-        for (const auto& answer : stateLists) function(answer);
-        for (const auto& answer : energies) function(answer);
-        for (const auto& answer : residencies) function(answer);
+        for (const auto* answers : {&rails, &entities, &stateLists, &energies, &residencies}) {
+            for (const Answer& answer : *answers) function(answer);
+        }
     }
 
     /// What the library of this project does with the service, in a process of its own.
@@ -108,10 +115,9 @@ struct Survey {
         bool wasCalled = false;
         /// The signal that ended the process; 0 when it went on.
         int signal = 0;
-        /// What Java receives, or why nothing was called.
-        std::string result = {};
-        /// The messages of the process, or its last line when it was ended.
-        std::string log = {};
+        /// What Java receives, how the process ended, or why nothing was called; with the messages
+        /// of the process, or its last line when it was ended. Fit for output.
+        std::string text = {};
     };
     Library library;
 };
