@@ -10,20 +10,19 @@ script=scripts/${0##*/}
 
 # Ends the script with a message about its arguments.
 refuse() {
-    echo "$script: $1 (see $script --help)" >&2
+    echo "$script: $* (see $script --help)" >&2
     exit 2
 }
 
-# Ends the script with a message, after what was logged.
-log=/dev/null
-fail() {
-    cat "$log" >&2
-    echo "$script: $1" >&2
-    exit 1
-}
-
-# Makes the log, until the script ends.
+# Makes an empty $log, until the script ends.
 start_log() {
     log=$(mktemp)
     trap 'rm -f "$log"' EXIT
+}
+
+# Ends the script with a message, after what was logged.
+fail() {
+    cat "$log" >&2
+    echo "$script: $*" >&2
+    exit 1
 }
