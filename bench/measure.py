@@ -159,16 +159,10 @@ def write(folder, **files):
         (folder / name).write_text(f"{content}\n")
 
 
-def make_counters(folder):
-    for i in range(100):
+def make_machine(folder, rails, cpus, states):
+    for i in range(rails):
         write(folder / f"class/hwmon/hwmon{i}", energy1_input=5000000, energy1_label=f"rail{i}")
-    for i in range(50):
-        write(folder / f"devices/pci0/{i}/power", runtime_active_time=1000 + i,
-              runtime_suspended_time=1000 + i, runtime_status="active")
-
-
-def make_cpus(folder):
-    for cpu, state in itertools.product(range(512), range(8)):
+    for cpu, state in itertools.product(range(cpus), range(states)):
         write(folder / f"devices/system/cpu/cpu{cpu}/cpuidle/state{state}", name=f"C{state}",
               time=1000000 * state + cpu, usage=100 * state + cpu)
 
@@ -203,7 +197,7 @@ def tools_figures(repetitions, is_chosen, folder, program, *others):
                    cpu_percent(program, "watch", interval, "--format", "csv", "--count", str(round(60 / interval))),
                    "this machine")
     if is_chosen("tools/record"):
-        make_counters(folder / "sys")
+        make_machine(folder / "sys", rails=100, cpus=25, states=4)
         run(program, "record", "--interval=0.05", "--duration=2", "--sysfs", folder / "sys", "-o", folder / "short")
         yield ("record at 20 Hz, percent of a CPU", 1,
                cpu_percent(program, "record", 0.05, "--duration", "60", "--replay", folder / "short", "--loop",
@@ -218,7 +212,7 @@ def tools_figures(repetitions, is_chosen, folder, program, *others):
         yield "memory to open it, MiB", 64 + 10, run(*opening)[1].ru_maxrss / 1024, "1 GB, 10 MB of power data"
         trace.unlink()
     if is_chosen("tools/formats"):
-        make_cpus(folder / "cpus")
+        make_machine(folder / "cpus", rails=0, cpus=512, states=8)
         watch = "watch", "--sysfs", folder / "cpus", "--interval", "0.05", "--count", "20", "--format"
         for tool, limit, of in ((program, 1, ""), *((other, None, ", the other commit's") for other in others)):
             yield ("watch, user CPU of csv compared with jsonl" + of, limit,
@@ -238,11 +232,10 @@ def main():
     options = parser.parse_args()
     if options.repetitions < 1:
         parser.error("argument --repetitions: at least 1")
-    against = options.against and subprocess.run(
-        ["git", "rev-parse", "--verify", "--quiet", options.against + "^{commit}"], stdout=subprocess.PIPE, text=True
-    ).stdout.strip()
-    if against == "":
-        parser.error(f"{options.against}: no such revision of this repository (see git log)")
+    against = options.against
+    if against and subprocess.run(["git", "rev-parse", "--verify", "--quiet", against + "^{commit}"],
+                                  stdout=subprocess.DEVNULL).returncode != 0:
+        parser.error(f"{against}: no such revision of this repository (see git log)")
 
     for command in ("scripts/setup run bench", "scripts/build --benchmarks powerstats_bench powerstats"):
         if subprocess.run(command.split()).returncode != 0:

@@ -4,13 +4,15 @@
 //
 // Benchmarks are named "GROUP/BACKEND/COLLECTION/SIZE/NAME-LENGTH". The groups are "steady" calls,
 // the "first" call, and "threads-N" that call at once. Each repetition measures all subjects: the
-// library, another build of it ("against"), and the bare client of bench/BareClient.h ("floor").
+// library, another build of it ("against"), and the bare client ("floor").
 // Their nanoseconds are counters. Only ratios of subjects within one repetition count: times differ
 // between machines and moments.
 //
 // Usage: powerstats_bench REPETITIONS [OTHER-LIBRARY] [--benchmark_...]
 // Large collections have a quarter of the repetitions.
 
+#include <android/binder_auto_utils.h>
+#include <android/binder_ibinder.h>
 #include <android/binder_manager.h>
 #include <android/log.h>
 #include <benchmark/benchmark.h>
@@ -22,6 +24,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -29,20 +32,218 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
-#include "bench/BareClient.h"
-#include "bench/Workload.h"
 #include "proto/power_data_result.pb.h"
 #include "tests/support/Allocations.h"
+#include "tests/support/FakeServices.h"
 
-namespace bench {
 namespace {
+
+namespace proto = ::com::tavrel::android::ferrolith::poweranomalyservice::proto;
+namespace stats = support::stats;
+namespace stats_V1_0 = support::stats_V1_0;
 
 using benchmark::State;
 using host::HostJniEnv;
 using host::JavaBytes;
 using host::LoadedLibrary;
+using support::Backend;
+using support::Call;
+
+/// The collection that is measured.
+struct Workload {
+    Backend backend;
+    Call call;
+    int elements;    ///< rails, or power entities
+    int states;      ///< of each entity; a rail counts as one
+    int nameLength;  ///< of every name, in bytes
+
+    /// "aidl/residencies/50x8/12", as in the names of benchmarks.
+    std::string text() const {
+        return fmt::format("{}/{}/{}", backend == Backend::kAidl ? "aidl" : "hidl",
+                           call == Call::kRails
+                               ? fmt::format("rails/{}", elements)
+                               : fmt::format("residencies/{}x{}", elements, states),
+                           nameLength);
+    }
+    /// The number of items: rails, or states of all entities.
+    int size() const { return elements * states; }
+    /// The content of the service: values of the sizes that a device has after a day.
+    support::Machine machine() const {
+        constexpr int64_t kSinceBootMs = 86400000;
+        const auto name = [this](const char* prefix, int index) {
+            return fmt::format("{}{:0{}}", prefix, index, nameLength - 2);
+        };
+        support::Machine machine;
+        // Over HIDL the library asks for entities first, even for the rails.
+        if (call == Call::kRails) machine.entities = {{0, "SOC", {{0, "ON"}}}};
+        for (int i = 0; i < elements; ++i) {
+            if (call == Call::kRails) {
+                machine.rails.push_back({i, name("E_", i), "a subsystem"});
+                machine.energies.push_back(
+                    {i, kSinceBootMs, kSinceBootMs, 1000000000 + 12345678LL * (i % 1000)});
+                continue;
+            }
+            auto& entity = machine.entities.emplace_back();
+            auto& totals = machine.totals.emplace_back();
+            totals.id = entity.id = i;
+            entity.name = name("E_", i);
+            for (int j = 0; j < states; ++j) {
+                entity.states.push_back({j, name("S_", j)});
+                totals.stateResidencyData.push_back(
+                    {j, 5000000 + 97777LL * j, 300 + 41LL * j, kSinceBootMs});
+            }
+        }
+        return machine;
+    }
+};
+
+/// The client that the library is measured against. It does only the work that no client can leave
+/// out: it asks the same questions through the same proxies, builds the same messages from names
+/// that it has at hand in the order of the answers, serializes them and hands them to Java. It
+/// neither looks a name up nor checks anything.
+class BareClient {
+  public:
+    explicit BareClient(const Workload& workload)
+        : mWorkload(workload), mMachine(workload.machine()) {}
+
+    /// One collection. The first one connects.
+    JavaBytes collect(int64_t timestampMs, HostJniEnv* env) {
+        if (!mAidl && mHidl == nullptr) connect();
+        // The records, and the message, exist until the bytes are handed over, as in the library.
+        // An allocator's cost depends on that order.
+        std::vector<stats::EnergyMeasurement> measurements;
+        std::vector<stats::StateResidencyResult> residencies;
+        std::unordered_map<uint32_t, std::pair<std::string, std::string>> names;
+        ::android::hardware::hidl_vec<stats_V1_0::EnergyData> energies;
+        proto::PowerDataResult result;
+        std::string bytes;
+        const auto addElement = [&](const std::string& name, proto::IdKind kind) {
+            proto::KeyedPowerData* element = result.add_keyed_power_data();
+            proto::Id* id = element->mutable_id();
+            id->mutable_name()->assign(name);
+            id->set_timestamp_ms(timestampMs);
+            id->set_kind(kind);
+            return element->mutable_data();
+        };
+        const auto addRails = [&](const auto& records, auto energy) {
+            for (size_t i = 0; i < records.size(); ++i) {
+                const auto microwattSeconds = static_cast<float>(records[i].*energy);
+                addElement(mMachine.rails[i].name, proto::KIND_RAIL)
+                    ->mutable_scalar()
+                    ->set_value(static_cast<int32_t>(microwattSeconds / 1000.0f));
+            }
+            result.SerializeToString(&bytes);
+        };
+        const auto addEntities = [&](const auto& records) {
+            for (size_t i = 0; i < records.size(); ++i) {
+                const stats::PowerEntity& entity = mMachine.entities[i];
+                proto::PowerData* data = addElement(entity.name, proto::KIND_POWER_ENTITY);
+                const auto& states = records[i].stateResidencyData;
+                for (size_t j = 0; j < states.size(); ++j) {
+                    proto::Residency* residency = data->add_residency();
+                    residency->mutable_name()->assign(entity.states[j].name);
+                    residency->set_total_time_in_state_ms(
+                        static_cast<int64_t>(states[j].totalTimeInStateMs));
+                    residency->set_total_state_entry_count(
+                        static_cast<int64_t>(states[j].totalStateEntryCount));
+                }
+            }
+            result.SerializeToString(&bytes);
+        };
+        const bool rails = mWorkload.call == Call::kRails;
+        if (mAidl && rails) {
+            mAidl->readEnergyMeter({}, &measurements);
+            addRails(measurements, &stats::EnergyMeasurement::energyUWs);
+        } else if (mAidl) {
+            mAidl->getStateResidency({}, &residencies);
+            addEntities(residencies);
+        } else if (rails) {
+            // The table is part of the service's protocol: rails are asked for in every call.
+            (void)mHidl->getRailInfo([&](const auto& all, auto) {
+                for (const auto& rail : all) {
+                    names.emplace(rail.index, std::pair<std::string, std::string>(rail.subsysName,
+                                                                                  rail.railName));
+                }
+            });
+            (void)mHidl->getEnergyData({}, [&](const auto& all, auto) { energies = all; });
+            addRails(energies, &stats_V1_0::EnergyData::energy);
+        } else {
+            (void)mHidl->getPowerEntityStateResidencyData({}, [&](const auto& all, auto) {
+                addEntities(all);
+                // This message ends with the service's callback.
+                proto::PowerDataResult().Swap(&result);
+            });
+        }
+        const auto length = static_cast<jsize>(bytes.size());
+        jbyteArray array = env->get()->NewByteArray(length);
+        env->get()->SetByteArrayRegion(array, 0, length,
+                                       reinterpret_cast<const jbyte*>(bytes.data()));
+        return env->take(array);
+    }
+
+  private:
+    struct Recipient : public ::android::hardware::hidl_death_recipient {
+        void serviceDied(uint64_t,
+                         const ::android::wp<::android::hidl::base::V1_0::IBase>&) override {}
+    };
+
+    /// Looks the service up as the library does in its first call, links to its death, asks for the
+    /// names that the library would ask for, and fills caches like the library's.
+    void connect() {
+        // By this look-up the library chooses its backend.
+        const ::ndk::SpAIBinder chosen(AServiceManager_getService(host::kAidlPowerStats));
+        if (mWorkload.backend == Backend::kHidl) {
+            mHidl = stats_V1_0::IPowerStats::getService("default", false);
+            mHidl->linkToDeath(mHidlRecipient, 0).isOk();
+            (void)mHidl->getPowerEntityInfo([this](const auto& entities, auto) {
+                for (const auto& entity : entities) {
+                    mEntityNames.emplace(entity.powerEntityId, entity.powerEntityName);
+                }
+            });
+            (void)mHidl->getPowerEntityStateInfo({}, [this](const auto& entities, auto) {
+                for (const auto& entity : entities) {
+                    auto& states = mStateNames[entity.powerEntityId];
+                    for (const auto& state : entity.states) {
+                        states.emplace(state.powerEntityStateId, state.powerEntityStateName);
+                    }
+                }
+            });
+            return;
+        }
+        mAidl = stats::IPowerStats::fromBinder(
+            ::ndk::SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));
+        AIBinder_linkToDeath(mAidl->asBinder().get(), mAidlRecipient.get(), nullptr);
+        if (mWorkload.call == Call::kRails) {
+            std::vector<stats::Channel> channels;
+            mAidl->getEnergyMeterInfo(&channels);
+            for (const auto& channel : channels) mChannels.emplace(channel.id, channel);
+            return;
+        }
+        std::vector<stats::PowerEntity> entities;
+        mAidl->getPowerEntityInfo(&entities);
+        for (const auto& entity : entities) {
+            mEntityNames.emplace(entity.id, entity.name);
+            auto& states = mStateNames[entity.id];
+            for (const auto& state : entity.states) states.emplace(state.id, state.name);
+        }
+    }
+
+    const Workload mWorkload;
+    const support::Machine mMachine;  ///< has the names that the service announces, by position
+
+    std::shared_ptr<stats::IPowerStats> mAidl;
+    ::android::sp<stats_V1_0::IPowerStats> mHidl;
+    const ::ndk::ScopedAIBinder_DeathRecipient mAidlRecipient{
+        AIBinder_DeathRecipient_new([](void*) {})};
+    const ::android::sp<Recipient> mHidlRecipient = new Recipient;
+    std::unordered_map<uint32_t, std::string> mEntityNames;
+    std::unordered_map<uint32_t, std::unordered_map<uint32_t, std::string>> mStateNames;
+    std::unordered_map<int, stats::Channel> mChannels;
+};
 
 /// Ends the program with a line on standard error.
 [[noreturn]] void fail(const std::string& text) {
@@ -223,7 +424,9 @@ void addAll(const std::vector<Subject>& subjects, const Workload& workload, int 
     }
 }
 
-int run(int argc, char** argv) {
+}  // namespace
+
+int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const int repetitions = argc > 1 ? std::atoi(argv[1]) : 0;
     if (repetitions < 1 || argc > 3) {
@@ -264,12 +467,4 @@ int run(int argc, char** argv) {
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    return 0;
-}
-
-}  // namespace
-}  // namespace bench
-
-int main(int argc, char** argv) {
-    return bench::run(argc, argv);
 }
