@@ -56,8 +56,7 @@ def build_other(revision, folder, target, *layers):
 
 def processor_time():
     """Returns the time that others than this program have used, and all that there was, in ticks since boot."""
-    with open("/proc/stat") as file:
-        ticks = [int(ticks) for ticks in file.readline().split()[1:9]]
+    ticks = [int(tick) for tick in pathlib.Path("/proc/stat").read_text().split()[1:9]]
     own = sum(os.times()[:4]) * os.sysconf("SC_CLK_TCK")
     return sum(ticks) - ticks[3] - ticks[4] - own, sum(ticks)
 
