@@ -2,12 +2,13 @@
 
 package com.tavrel.android.ferrolith;
 
+import static com.tavrel.android.ferrolith.TavrelPowerStatsHalDataProvider.getRailEnergyNative;
+import static com.tavrel.android.ferrolith.TavrelPowerStatsHalDataProvider.getResidenciesNative;
+
 import com.google.protobuf.InvalidProtocolBufferException;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.KeyedPowerData;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.PowerDataResult;
 import com.tavrel.android.ferrolith.poweranomalyservice.proto.Residency;
-import java.io.FileDescriptor;
-import java.io.FileOutputStream;
 import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.util.regex.Pattern;
@@ -23,8 +24,7 @@ public final class PowerDataReader {
     private static final Pattern CONTROL = Pattern.compile("\\p{Cc}");
     // Names are UTF-8 in every locale, as in the messages that they come from.
     private static final PrintStream OUT =
-            new PrintStream(
-                    new FileOutputStream(FileDescriptor.out), false, StandardCharsets.UTF_8);
+            new PrintStream(System.out, false, StandardCharsets.UTF_8);
 
     private PowerDataReader() {}
 
@@ -32,21 +32,13 @@ public final class PowerDataReader {
         if (arguments.length > 0) fail("takes no arguments (java/README.md says more)", 2);
         try {
             // The second call may end the process, so the first result is printed before it.
-            boolean rails =
-                    print("Rail energy", TavrelPowerStatsHalDataProvider.getRailEnergyNative());
-            boolean entities =
-                    print(
-                            "State residencies",
-                            TavrelPowerStatsHalDataProvider.getResidenciesNative());
+            boolean rails = print("Rail energy", getRailEnergyNative());
+            boolean entities = print("State residencies", getResidenciesNative());
             if (!rails && !entities) System.exit(1);
         } catch (UnsatisfiedLinkError e) {
             fail(e.getMessage() + " (run java with -Djava.library.path=FOLDER of the library)", 2);
         } catch (InvalidProtocolBufferException e) {
-            fail(
-                    "result of the library: "
-                            + e.getMessage()
-                            + " (build the library and this program from the same schema)",
-                    1);
+            fail("the library's result: " + e.getMessage() + " (build both from one schema)", 1);
         }
     }
 
