@@ -190,8 +190,8 @@ class Body {
     Ranking select(const std::vector<Thing>& things, const Failure& failure, Measure measure) {
         Ranking selected;
         for (size_t i = 0; i < things.size(); ++i) {
-            const std::string& name = things[i].name;
-            if (name.find(mScreen.filter) == std::string::npos) continue;
+            const std::string_view name = things[i].name;
+            if (name.find(mScreen.filter) == std::string_view::npos) continue;
             selected.emplace(mScreen.order == Order::kGreatest ? -measure(i) : 0,
                              mScreen.order == Order::kName ? name : "", i);
         }
