@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cwchar>
 #include <iterator>
-#include <numeric>
 #include <set>
 #include <string_view>
 #include <tuple>
@@ -34,6 +33,9 @@ constexpr const char* kHelp[] = {
     "Greatest first: rails by power, entities by entries per second.",
 };
 
+/// In a history, where a rail has no figure.
+constexpr double kGap = -1;
+
 /// Of milliwatts, or of a share with its unit.
 constexpr int kValueColumns = 10;
 
@@ -53,6 +55,7 @@ std::wstring printable(const std::string& bytes) {
 
 /// Makes a text of any bytes printable, and cuts it, or fills it with spaces, to a number of
 /// columns. A text that is cut ends in "~".
+/// @param columns [in] may be 0 for an empty text only.
 std::wstring fit(const std::string& bytes, int columns) {
     std::wstring text = printable(bytes);
     int width = wcswidth(text.data(), text.size());
@@ -71,10 +74,8 @@ wchar_t mark(double share, const wchar_t* blocks, const wchar_t* ascii) {
     return marks[std::lround(std::clamp(share, 0.0, 1.0) * 8)];
 }
 
-/// Never 0, so that it can divide.
 double greatestOf(const std::deque<double>& values) {
-    return std::accumulate(values.begin(), values.end(), DBL_MIN,
-                           [](double a, double b) { return std::fmax(a, b); });
+    return *std::max_element(values.begin(), values.end());
 }
 
 /// The lines between the first and the last row of the screen.
@@ -235,7 +236,7 @@ class Body {
     /// Adds a name and a text in place of figures.
     void addNote(const std::string& name, Style style, const std::string& text) {
         mLines.push_back({{Style::kPlain, fit(name, mName) + L' '},
-                          {style, fit(text, std::max(0, mWidth - mName - 1))}});
+                          {style, fit(text, std::max(1, mWidth - mName - 1))}});
     }
 
     /// @param share [in] from 0 to 1.
@@ -249,10 +250,10 @@ class Body {
 
     /// The greatest value has the highest mark, so that small changes of a small rail show too.
     std::wstring makeHistory(const std::deque<double>& values) const {
-        const double greatest = greatestOf(values);
+        const double greatest = std::max(greatestOf(values), DBL_MIN);
         std::wstring text;
         for (auto value = values.end() - mTail; value != values.end(); ++value) {
-            text += std::isnan(*value) ? L' ' : mark(*value / greatest, L"▁▁▂▃▄▅▆▇█", L"..:-=+*#@");
+            text += *value == kGap ? L' ' : mark(*value / greatest, L"▁▁▂▃▄▅▆▇█", L"..:-=+*#@");
         }
         return text;
     }
@@ -309,16 +310,14 @@ void take(Interval interval, LiveScreen* screen) {
     auto& histories = screen->histories;
     for (auto history = histories.begin(); history != histories.end();) {
         std::deque<double>& values = history->second;
-        values.push_back(NAN);
+        values.push_back(kGap);
         values.pop_front();
-        const bool isUnknown = std::all_of(values.begin(), values.end(),
-                                           [](double value) { return std::isnan(value); });
-        history = isUnknown ? histories.erase(history) : std::next(history);
+        history = greatestOf(values) == kGap ? histories.erase(history) : std::next(history);
     }
     for (size_t i = 0; i < interval.rails.size(); ++i) {
         if (interval.rails[i].trouble != Trouble::kNone) continue;
         const std::string& name = interval.lists->rails[i].name;
-        histories.try_emplace(name, kHistory, NAN).first->second.back() =
+        histories.try_emplace(name, kHistory, kGap).first->second.back() =
             interval.rails[i].milliwatts;
     }
     screen->interval = std::move(interval);

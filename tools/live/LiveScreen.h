@@ -37,7 +37,7 @@ struct LiveScreen {
     int silence = 0;
     /// The figures that are shown.
     std::optional<Interval> interval;
-    /// The milliwatts of each rail, by name, in the latest kHistory intervals; NAN where there was
+    /// The milliwatts of each rail, by name, in the latest kHistory intervals; -1 where there was
     /// none.
     std::map<std::string, std::deque<double>> histories;
 

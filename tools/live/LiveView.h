@@ -15,7 +15,8 @@ bool canShowLive();
 /// Shows the intervals of a sampler on the terminal until the user quits or `count` of them were
 /// shown. The keys are in its help, which `?` shows. When a recording that is played ends, or the
 /// one that is written fails, the view says so and keeps its last figures. For one call in a
-/// process, on its main thread, while all others but the sampler's block SIGTSTP and SIGWINCH.
+/// process, on its main thread, while all others but the sampler's block SIGTSTP, SIGCONT and
+/// SIGWINCH.
 ///
 /// Gives the terminal back on every way out, also when a signal ends the process; such a signal is
 /// raised again, so that the process dies by it. Where standard error is a terminal, keeps the last
