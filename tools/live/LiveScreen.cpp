@@ -354,13 +354,9 @@ std::vector<Line> makeRows(int height, int width, LiveScreen* screen) {
     std::vector<Line> rows = {{{Style::kEdge, fit(titleText(*screen), width)}}};
     rows.insert(rows.end(), lines.begin() + screen->top, lines.begin() + end);
     rows.resize(static_cast<size_t>(screen->page) + 1);
-    if (screen->isTyping) {
-        const std::wstring prompt = printable('/' + screen->filter);
-        const size_t size = std::min(prompt.size(), static_cast<size_t>(std::max(1, width - 1)));
-        rows.push_back({{Style::kPlain, prompt.substr(prompt.size() - size)}});
-    } else {
-        rows.push_back({{Style::kEdge, fit(footerText(*screen, end, count), width)}});
-    }
+    const Span prompt = {Style::kPlain, printable('/' + screen->filter)};
+    const Span footer = {Style::kEdge, fit(footerText(*screen, end, count), width)};
+    rows.push_back({screen->isTyping ? prompt : footer});
     return rows;
 }
 

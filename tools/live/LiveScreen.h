@@ -61,9 +61,8 @@ void take(Interval interval, LiveScreen* screen);
 /// @return false when the user quits.
 bool press(const std::string& key, LiveScreen* screen);
 
-/// Returns the rows of the screen, between the title and the last one as many as fit. Characters
-/// are those of the current locale, and as wide. While the user types, the cursor is after the last
-/// row's text.
+/// Returns the rows of the screen. None is wider than it, but for what the user types; the cursor
+/// is after that. The width of characters is that of the current locale.
 std::vector<Line> makeRows(int height, int width, LiveScreen* screen);
 
 }  // namespace powerstats
