@@ -82,7 +82,8 @@ double greatestOf(const std::deque<double>& values) {
 class Body {
   public:
     Body(const LiveScreen& screen, int width) : mScreen(screen), mWidth(width) {
-        const Lists lists = screen.interval ? *screen.interval->lists : Lists();
+        const Lists none;
+        const Lists& lists = screen.interval ? *screen.interval->lists : none;
         size_t longest = 8;
         for (const Rail& rail : lists.rails) longest = std::max(longest, rail.name.size());
         for (const Entity& entity : lists.entities) {

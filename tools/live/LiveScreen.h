@@ -61,8 +61,9 @@ void take(Interval interval, LiveScreen* screen);
 /// @return false when the user quits.
 bool press(const std::string& key, LiveScreen* screen);
 
-/// Returns the rows of the screen. None is wider than it, but for what the user types; the cursor
-/// is after that. The width of characters is that of the current locale.
+/// Returns the rows of the screen, with characters as wide as in the current locale. Only a name
+/// that is being typed, and figures on fewer than 12 columns, go beyond the width. The cursor is
+/// after the last row.
 std::vector<Line> makeRows(int height, int width, LiveScreen* screen);
 
 }  // namespace powerstats
