@@ -2,8 +2,6 @@
 //
 // powerstats watch: the average power of rails and the shares of states, interval by interval.
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -12,7 +10,6 @@
 #include "power/text/Page.h"
 #include "tools/Commands.h"
 #include "tools/Sampler.h"
-#include "tools/live/LiveTerminal.h"
 #include "tools/live/LiveView.h"
 
 namespace powerstats {
@@ -39,17 +36,13 @@ int print(const WatchArguments& arguments, Sampler* sampler) {
     return any && isWritten && end != Sampler::End::kFailed ? 0 : kFailed;
 }
 
-bool canShowLive() {
-    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0 && LiveTerminal::canDraw();
-}
-
 int watch(WatchArguments arguments) {
     if (arguments.format.empty()) arguments.format = canShowLive() ? "live" : "table";
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;
     if (arguments.format != "live") return print(arguments, sampler.get());
-    status = showLive({arguments.sampler.intervalSeconds, arguments.count}, sampler);
+    status = showLive(arguments.sampler.intervalSeconds, arguments.count, sampler);
     // A reading that does not return may still run, and nothing may be destroyed under it.
     if (sampler.use_count() > 1) std::_Exit(status);
     return status;

@@ -2,28 +2,33 @@
 
 #include "tools/live/LiveView.h"
 
-#include <fmt/format.h>
-#include <langinfo.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
+#include <termios.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <clocale>
 #include <cmath>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <future>
-#include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "power/text/Names.h"
 #include "tools/CommandLine.h"
-#include "tools/live/LiveLines.h"
-#include "tools/live/LiveTerminal.h"
+#include "tools/live/LiveScreen.h"
+
+// As macros, ncurses's functions would replace methods of the same names.
+#define NCURSES_NOMACROS
+#include <curses.h>
+#include <term.h>
 
 namespace powerstats {
 
@@ -31,239 +36,243 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// By style: the attributes, and the color of characters.
+constexpr std::pair<attr_t, short> kLooks[] = {{A_NORMAL, -1},         {A_BOLD, -1},
+                                               {A_REVERSE, -1},        {A_NORMAL, COLOR_GREEN},
+                                               {A_NORMAL, COLOR_CYAN}, {A_BOLD, COLOR_YELLOW}};
+
+constexpr size_t kMostErrors = 65536;
+
+/// The terminal, for handlers of signals too.
+struct {
+    termios settings;
+    /// The bytes that leave the alternate screen, show the cursor and reset the attributes.
+    std::string leave;
+    /// The end of the text on standard error meanwhile, and the stream before; null when it is left
+    /// alone.
+    std::string errors;
+    std::FILE* errorStream;
+    /// The signals that are blocked while the view waits.
+    sigset_t maskOfWait;
+} gTerminal;
+
+/// Takes text of standard error, which would otherwise be written over the screen.
+ssize_t keepErrors(void* /*cookie*/, const char* bytes, size_t size) {
+    std::string& errors = gTerminal.errors;
+    errors.append(bytes, size);
+    if (errors.size() > kMostErrors) errors.erase(0, errors.size() - kMostErrors);
+    return static_cast<ssize_t>(size);
+}
+
+/// Prints the text that was kept. Safe in a handler of a signal.
+void printErrors() {
+    (void)!write(STDERR_FILENO, gTerminal.errors.data(), gTerminal.errors.size());
+}
+
+/// Gives the terminal back, and has the process die by the signal. Safe in a handler of a signal.
+void restoreAndDie(int number) {
+    // A process in the background has given it back already.
+    if (tcgetpgrp(STDIN_FILENO) == getpgrp()) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &gTerminal.settings);
+        // Nothing can be done about a terminal that is gone.
+        (void)!write(STDOUT_FILENO, gTerminal.leave.data(), gTerminal.leave.size());
+    }
+    printErrors();
+    raise(number);  // SA_RESETHAND: it strikes when this handler returns
+}
+
+/// Takes over the terminal of standard input and output, and the signals that end the process.
+void openTerminal() {
+    tcgetattr(STDIN_FILENO, &gTerminal.settings);
+    struct sigaction action = {};
+    action.sa_handler = restoreAndDie;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigfillset(&action.sa_mask);
+    // First, so that ncurses installs no handlers of its own for them.
+    for (const int number :
+         {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+        struct sigaction before = {};
+        sigaction(number, &action, &before);
+        if (before.sa_handler == SIG_IGN) signal(number, SIG_IGN);  // as under nohup
+    }
+    // ncurses handles the others, but not within another of its functions: they strike only while
+    // the view waits. SIGCONT comes after SIGSTOP too, which has no handler.
+    signal(SIGCONT, [](int /*number*/) {});
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGWINCH, SIGTSTP, SIGCONT}) sigaddset(&signals, number);
+    pthread_sigmask(SIG_BLOCK, &signals, &gTerminal.maskOfWait);
+    initscr();
+    const auto keep = [](int byte) {
+        gTerminal.leave += static_cast<char>(byte);
+        return byte;
+    };
+    for (const char* name : {"sgr0", "rmkx", "cnorm", "rmcup"}) tputs(tigetstr(name), 1, keep);
+    // Without an alternate screen the prompt comes below the last line.
+    if (tigetstr("rmcup") == nullptr) gTerminal.leave += "\r\n";
+    if (isatty(STDERR_FILENO) != 0) {
+        gTerminal.errors.reserve(2 * kMostErrors);  // stays in place while a handler reads it
+        std::FILE* const kept = fopencookie(nullptr, "w", {nullptr, keepErrors, nullptr, nullptr});
+        std::setvbuf(kept, nullptr, _IONBF, 0);
+        gTerminal.errorStream = std::exchange(stderr, kept);
+    }
+    cbreak();
+    noecho();
+    nonl();
+    set_escdelay(25);
+    keypad(stdscr, TRUE);
+    nodelay(stdscr, TRUE);
+    const char* const noColor = std::getenv("NO_COLOR");
+    if ((noColor != nullptr && *noColor != '\0') || !has_colors()) return;
+    start_color();
+    use_default_colors();
+    short pair = 0;
+    for (const auto& [attributes, color] : kLooks) init_pair(++pair, color, -1);
+}
+
+void closeTerminal() {
+    move(LINES - 1, 0);  // the prompt comes here if there is no alternate screen
+    clrtoeol();
+    refresh();
+    endwin();
+    if (gTerminal.errorStream != nullptr) stderr = gTerminal.errorStream;
+    printErrors();
+}
+
+void draw(const std::vector<Line>& rows, bool hasCursor) {
+    erase();
+    for (size_t row = 0; row < rows.size(); ++row) {
+        move(static_cast<int>(row), 0);
+        for (const auto& [style, text] : rows[row]) {
+            const int look = static_cast<int>(style);
+            attrset(static_cast<int>(kLooks[look].first) | COLOR_PAIR(look + 1));
+            addwstr(text.c_str());
+        }
+    }
+    curs_set(hasCursor ? 1 : 0);
+    refresh();
+}
+
+/// Waits for keys, for signals, for an eventfd to be written to, or for a time to pass.
+/// @return false when the terminal is gone.
+bool waitForNews(int wake, double seconds) {
+    pollfd files[] = {{STDIN_FILENO, POLLIN, 0}, {wake, POLLIN, 0}};
+    const timespec timeout = {static_cast<time_t>(seconds),
+                              static_cast<long>(std::fmod(seconds, 1) * 1e9)};
+    if (ppoll(files, 2, &timeout, &gTerminal.maskOfWait) < 0) {
+        // Other programs may have had the terminal.
+        reset_prog_mode();
+        clearok(curscr, TRUE);
+    }
+    eventfd_t news = 0;
+    eventfd_read(wake, &news);
+    return (files[0].revents & (POLLHUP | POLLERR)) == 0;
+}
+
+/// Returns the next key that was pressed already, if any, as press() takes it. Takes over the
+/// terminal's size.
+std::optional<std::string> readKey() {
+    wint_t code = 0;
+    const int result = get_wch(&code);
+    if (result == ERR) return std::nullopt;
+    const char* const name = result == KEY_CODE_YES ? keyname(static_cast<int>(code))
+                                                    : key_name(static_cast<wchar_t>(code));
+    return name == nullptr ? "" : name;
+}
+
 /// Carries intervals from the thread that reads to the view, and may outlive the view.
 struct Feed {
     ~Feed() { close(wake); }
 
     /// Readable when there is news for the view.
     const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    std::promise<Sampler::End> end;
     std::mutex mutex;
+    /// As many as a pause, or a terminal that stands still, may hold up.
     std::deque<Interval> intervals;
+    Clock::time_point latest = Clock::now();
     bool anyFigures = false;
 };
 
-/// Starts the sampler on a thread, which no longer holds it when the result is there.
-std::future<Sampler::End> startSampler(const std::shared_ptr<Feed>& feed,
-                                       const std::shared_ptr<Sampler>& sampler,
-                                       std::optional<int> count) {
-    std::packaged_task<Sampler::End()> task([feed, held = sampler, left = count]() mutable {
-        LiveTerminal::blockSignals();
-        const std::shared_ptr<Sampler> own = std::move(held);
-        return own->run([&](Interval interval) {
+/// Starts the sampler on a thread, which no longer holds it when the end is there.
+std::shared_ptr<Feed> startSampler(std::shared_ptr<Sampler> sampler, std::optional<int> count) {
+    auto feed = std::make_shared<Feed>();
+    std::thread([feed, sampler = std::move(sampler), left = count]() mutable {
+        const Sampler::End end = sampler->run([&](Interval interval) {
             const std::lock_guard<std::mutex> lock(feed->mutex);
             feed->anyFigures = feed->anyFigures || hasFigures(interval);
             feed->intervals.push_back(std::move(interval));
-            // A terminal that stands still holds up the view.
             if (feed->intervals.size() > kHistory) feed->intervals.pop_front();
+            feed->latest = Clock::now();
             eventfd_write(feed->wake, 1);
             return !left || --*left > 0;
         });
-    });
-    std::future<Sampler::End> end = task.get_future();
-    std::thread([feed, task = std::move(task)]() mutable {
-        task();
+        sampler.reset();
+        feed->end.set_value(end);
         eventfd_write(feed->wake, 1);
     }).detach();
-    return end;
+    return feed;
 }
-
-class View {
-  public:
-    View(const LiveViewOptions& options, const std::shared_ptr<Sampler>& sampler,
-         LiveTerminal* terminal, const std::shared_ptr<Feed>& feed)
-        : mOptions(options), mSampler(sampler.get()), mTerminal(terminal), mFeed(feed.get()) {
-        mLook.isUtf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-        mEnd = startSampler(feed, sampler, options.count);
-    }
-
-    /// @return why the readings cannot be recorded; empty when they can.
-    std::string run() {
-        do {
-            mTerminal->obeySignals();
-            takeNews(Clock::duration::zero());
-            draw();
-        } while (!isDone() && obeyKeys());
-        mSampler->stop();
-        takeNews(std::chrono::milliseconds(200));  // a call that blocks takes longer
-        return mFailure;
-    }
-
-  private:
-    /// Takes over the intervals that were read, and the end of reading if it comes within `wait`.
-    void takeNews(Clock::duration wait) {
-        const bool isEnd = isReading() && mEnd.wait_for(wait) == std::future_status::ready;
-        const std::lock_guard<std::mutex> lock(mFeed->mutex);
-        for (Interval& interval : mFeed->intervals) {
-            update(&mFigures, std::move(interval));
-            mLatest = Clock::now();
-        }
-        mFeed->intervals.clear();
-        if (!isEnd) return;
-        const Sampler::End end = mEnd.get();
-        if (end == Sampler::End::kFailed) mFailure = mSampler->failure();
-        mNotice = end == Sampler::End::kOver ? "The recording has ended." : mFailure;
-        mTop = 0;  // the notice is there
-    }
-
-    bool isReading() const { return mEnd.valid(); }
-
-    /// Whether all intervals were shown, each as long as it lasted.
-    bool isDone() const {
-        return !isReading() && mOptions.count && age() >= mOptions.intervalSeconds;
-    }
-
-    /// Waits for keys, signals or news, and does as the keys say.
-    /// @return false when the view ends.
-    bool obeyKeys() {
-        pollfd files[] = {{STDIN_FILENO, POLLIN, 0}, {mFeed->wake, POLLIN, 0}};
-        poll(files, 2, millisecondsToWait());
-        eventfd_t count = 0;
-        eventfd_read(mFeed->wake, &count);
-        if ((files[0].revents & (POLLHUP | POLLERR)) != 0) return false;
-        while (const std::optional<std::string> key = mTerminal->readKey()) {
-            if (!obey(*key)) return false;
-        }
-        return true;
-    }
-
-    /// In seconds, since the latest interval.
-    double age() const { return std::chrono::duration<double>(Clock::now() - mLatest).count(); }
-
-    double lateAfter() const { return 2 * mOptions.intervalSeconds + 1; }
-
-    /// Until the end, or until the line about a late answer changes.
-    int millisecondsToWait() const {
-        const double now = age();
-        const double until = isReading()      ? std::max(lateAfter(), std::floor(now) + 1)
-                             : mOptions.count ? mOptions.intervalSeconds
-                                              : HUGE_VAL;
-        return static_cast<int>(std::clamp((until - now) * 1000, 0.0, 3.6e6)) + 1;
-    }
-
-    void draw() {
-        const Figures& figures = mFrozen ? *mFrozen : mFigures;
-        mLook.width = mTerminal->columns();
-        const std::vector<Line> lines = makeLines(figures, mChoices, mLook, mNotice);
-        const int count = static_cast<int>(lines.size());
-        mBodyHeight = std::max(1, mTerminal->rows() - 2);
-        mTop = std::clamp(mTop, 0, std::max(0, count - mBodyHeight));
-        const int end = std::min(count, mTop + mBodyHeight);
-        std::vector<Line> rows = {edge(titleText(figures))};
-        rows.insert(rows.end(), lines.begin() + mTop, lines.begin() + end);
-        rows.resize(static_cast<size_t>(mBodyHeight) + 1);
-        const std::string prompt = "/" + mChoices.filter;
-        rows.push_back(edge(mIsTyping ? prompt : footerText(end, count)));
-        int left = mLook.width - 1;
-        findEnd(printable(prompt, mLook), 0, &left);
-        mTerminal->draw(rows, mIsTyping ? std::optional(mLook.width - 1 - left) : std::nullopt);
-    }
-
-    Line edge(const std::string& text) const {
-        return {{Style::kEdge, fit(text, mLook.width, mLook)}};
-    }
-
-    std::string titleText(const Figures& figures) const {
-        std::string text;
-        if (mFrozen) text += "PAUSED  ";
-        if (const double late = age(); isReading() && late >= lateAfter()) {
-            text += fmt::format("NO ANSWER FOR {} s  ", static_cast<int>(late));
-        }
-        text += safeName(mSampler->title());
-        if (figures.interval) {
-            text += fmt::format("  {:.3f} s", toSeconds(figures.interval->elapsed));
-        }
-        return text;
-    }
-
-    std::string footerText(int end, int count) const {
-        static constexpr const char* kOrders[] = {"as the service", "by name", "greatest first"};
-        std::string text;
-        if (!mChoices.filter.empty()) text += fmt::format("/{}  ", mChoices.filter);
-        if (count > mBodyHeight) text += fmt::format("{}-{} of {}  ", mTop + 1, end, count);
-        return text + fmt::format("? help  q quit  Space {}  s sort: {}  / filter",
-                                  mFrozen ? "go on" : "pause",
-                                  kOrders[static_cast<int>(mChoices.order)]);
-    }
-
-    /// Does as a key says.
-    /// @return false when the view ends.
-    bool obey(const std::string& key) {
-        if (scroll(key)) return true;
-        if (mIsTyping) {
-            type(key);
-        } else if (key == "q") {
-            return false;
-        } else if (key == " ") {
-            mFrozen = mFrozen ? std::nullopt : std::make_optional(mFigures);
-        } else if (key == "s") {
-            mChoices.order = static_cast<Order>((static_cast<int>(mChoices.order) + 1) % 3);
-        } else if (key == "/") {
-            mIsTyping = true;
-        } else if (key == "?") {
-            mChoices.isHelp = !mChoices.isHelp;
-            mTop = 0;
-        }
-        return true;
-    }
-
-    /// @return whether the key scrolls. draw() bounds the position.
-    bool scroll(const std::string& key) {
-        constexpr int kFar = 1'000'000'000;
-        const std::map<std::string, int> steps = {
-            {"Up", -1},  {"PageUp", -mBodyHeight},  {"Home", -kFar},
-            {"Down", 1}, {"PageDown", mBodyHeight}, {"End", kFar}};
-        const auto step = steps.find(key);
-        if (step == steps.end()) return false;
-        mTop = std::clamp(mTop + step->second, 0, kFar);
-        return true;
-    }
-
-    /// Takes a key into the filter.
-    void type(const std::string& key) {
-        std::string& filter = mChoices.filter;
-        mIsTyping = key != "Enter" && key != "Escape";
-        if (key == "Backspace") {
-            // A character's further bytes are 10xxxxxx.
-            while (!filter.empty() && (filter.back() & 0xC0) == 0x80) filter.pop_back();
-            if (!filter.empty()) filter.pop_back();
-        } else if (key == "Escape") {
-            filter.clear();
-        } else if (mIsTyping && filter.size() < kMaxNameSize) {
-            filter += key;
-        }
-    }
-
-    const LiveViewOptions& mOptions;
-    Sampler* const mSampler;
-    LiveTerminal* const mTerminal;
-    Feed* const mFeed;
-    /// No longer valid when reading has ended.
-    std::future<Sampler::End> mEnd;
-    std::string mFailure;
-    std::string mNotice;
-    Look mLook;
-    Choices mChoices;
-    Figures mFigures;
-    /// The figures shown during a pause.
-    std::optional<Figures> mFrozen;
-    Clock::time_point mLatest = Clock::now();
-    bool mIsTyping = false;
-    /// The index of the line shown first, and the number of lines shown.
-    int mTop = 0;
-    int mBodyHeight = 1;
-};
 
 }  // namespace
 
-int showLive(const LiveViewOptions& options, const std::shared_ptr<Sampler>& sampler) {
-    std::setlocale(LC_CTYPE, "");
-    const auto feed = std::make_shared<Feed>();
-    std::string error = "cannot draw on this terminal (set TERM to its type, or write to a file)";
-    {
-        LiveTerminal terminal(feed->wake);
-        if (terminal.isOpen()) error = View(options, sampler, &terminal, feed).run();
+bool canShowLive() {
+    int error = 0;
+    const bool isTerminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+    if (!isTerminal || setupterm(nullptr, STDOUT_FILENO, &error) != OK) return false;
+    const bool canMove = tigetstr("cup") != nullptr;
+    del_curterm(cur_term);
+    return canMove;
+}
+
+int showLive(double intervalSeconds, std::optional<int> count,
+             const std::shared_ptr<Sampler>& sampler) {
+    if (!canShowLive()) {
+        return fail(kFailed,
+                    "cannot draw on this terminal (set TERM to its type, or write to a file)");
     }
-    if (!error.empty()) return fail(kFailed, safeName(error, 4096));
+    std::setlocale(LC_CTYPE, "");
+    openTerminal();
+    const std::shared_ptr<Feed> feed = startSampler(sampler, count);
+    std::future<Sampler::End> end = feed->end.get_future();
+    std::string failure;
+    LiveScreen screen;
+    screen.title = sampler->title();
+    const auto takeEnd = [&](std::chrono::milliseconds wait) {
+        if (!end.valid() || end.wait_for(wait) != std::future_status::ready) return;
+        const Sampler::End reason = end.get();
+        if (reason == Sampler::End::kFailed) failure = sampler->failure();
+        screen.notice = reason == Sampler::End::kOver ? "The recording has ended." : failure;
+        screen.top = 0;  // the notice is there
+    };
+    for (bool goesOn = true; goesOn;) {
+        takeEnd(std::chrono::milliseconds::zero());
+        std::unique_lock<std::mutex> lock(feed->mutex);
+        const std::chrono::duration<double> age = Clock::now() - feed->latest;
+        if (!screen.isPaused) {
+            for (Interval& interval : std::exchange(feed->intervals, {})) {
+                take(std::move(interval), &screen);
+            }
+        }
+        lock.unlock();
+        const bool isReading = end.valid();
+        // The last interval is shown for as long as it lasted.
+        if (!isReading && count && age.count() >= intervalSeconds) break;
+        const double late = 2 * intervalSeconds + 1;
+        screen.silence = isReading && age.count() >= late ? static_cast<int>(age.count()) : 0;
+        draw(makeRows(LINES, COLS, &screen), screen.isTyping);
+        const double until = isReading ? std::fmax(late, screen.silence + 1)
+                             : count   ? intervalSeconds
+                                       : HUGE_VAL;
+        goesOn = waitForNews(feed->wake, std::fmin(until - age.count(), 3600));
+        for (std::optional<std::string> key; goesOn && (key = readKey());) {
+            goesOn = press(*key, &screen);
+        }
+    }
+    sampler->stop();
+    takeEnd(std::chrono::milliseconds(200));  // a call that blocks takes longer
+    closeTerminal();
+    if (!failure.empty()) return fail(kFailed, safeName(failure, 4096));
     const std::lock_guard<std::mutex> lock(feed->mutex);
     return feed->anyFigures ? 0 : kFailed;
 }

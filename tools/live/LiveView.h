@@ -9,28 +9,28 @@
 
 namespace powerstats {
 
-struct LiveViewOptions {
-    /// That of the sampler.
-    double intervalSeconds = 1;
-    /// The number of intervals to show; the last one stands for an interval too. std::nullopt goes
-    /// on until the user quits.
-    std::optional<int> count;
-};
+/// Whether standard input and output are a terminal whose cursor can be moved.
+bool canShowLive();
 
 /// Shows the intervals of a sampler on the terminal until the user quits or `count` of them were
 /// shown. The keys are in its help, which `?` shows. When a recording that is played ends, or the
-/// one that is written fails, the view says so and keeps its last figures.
+/// one that is written fails, the view says so and keeps its last figures. For one call in a
+/// process, on its main thread, while all others but the sampler's block SIGTSTP, SIGCONT and
+/// SIGWINCH.
 ///
 /// Gives the terminal back on every way out, also when a signal ends the process; such a signal is
 /// raised again, so that the process dies by it. Where standard error is a terminal, keeps the last
-/// 64 KiB written to it and prints them afterwards. For one call at a time.
+/// 64 KiB written to it and prints them afterwards.
 ///
+/// @param intervalSeconds [in] that of the sampler.
+/// @param count [in] the last interval stands for an interval too. std::nullopt goes on until the
+///     user quits.
 /// @param sampler [in] runs on a thread of its own, for which the view does not wait. A reading
-/// that
-///     blocks may still be in progress when this function returns; that thread then shares the
-///     sampler.
+///     that blocks may still be in progress when this function returns; that thread then shares
+///     the sampler.
 /// @return exit status: 0, or kFailed when no interval had a figure or, after a message on standard
 ///     error, when the readings cannot be recorded or the terminal cannot be drawn on.
-int showLive(const LiveViewOptions& options, const std::shared_ptr<Sampler>& sampler);
+int showLive(double intervalSeconds, std::optional<int> count,
+             const std::shared_ptr<Sampler>& sampler);
 
 }  // namespace powerstats
