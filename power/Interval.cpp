@@ -142,10 +142,9 @@ Interval subtract(const Reading& before, const Reading& after) {
             const bool went = i >= thingsAfter.size();
             if (went) ((*all).*things).push_back(thingsBefore[*from]);
             auto& its = (interval.*figures).emplace_back();
-            its.trouble = after.*failure             ? Trouble::kNotRead
-                          : !from && before.*failure ? Trouble::kNotRead
-                          : !from                    ? Trouble::kCame
-                          : went                     ? Trouble::kWent
+            its.trouble = after.*failure || (!from && before.*failure) ? Trouble::kNotRead
+                          : !from                                      ? Trouble::kCame
+                          : went                                       ? Trouble::kWent
                           : !(before.*totals)[*from] || !(after.*totals)[i]
                               ? Trouble::kNotRead
                               : measure(thingsBefore[*from], thingsAfter[i],

@@ -2,6 +2,7 @@
 
 #include "power/text/Page.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -121,13 +122,11 @@ std::string csvField(std::string_view text) {
 }
 
 std::string afterBoot(nanoseconds time) {
-    const int64_t timestampMs = toMilliseconds(time);
-    if (timestampMs == 0) return "an unknown time";  // the clock could not be read
-    const int64_t seconds = timestampMs / 1000;
-    const int64_t days = seconds / 86400;
-    return fmt::format("{}{:02}:{:02}:{:02}.{:03} after boot ({} ms)",
-                       days == 0 ? "" : fmt::format("{} d ", days), seconds / 3600 % 24,
-                       seconds / 60 % 60, seconds % 60, timestampMs % 1000, timestampMs);
+    const auto timestamp = std::chrono::floor<std::chrono::milliseconds>(time);
+    if (timestamp.count() == 0) return "an unknown time";  // the clock could not be read
+    const auto days = timestamp / std::chrono::hours(24);
+    return fmt::format("{}{:%T} after boot ({} ms)", days == 0 ? "" : fmt::format("{} d ", days),
+                       timestamp, timestamp.count());
 }
 
 std::vector<std::string> notesOf(const Interval& interval) {

@@ -85,12 +85,6 @@ const Case kCases[] = {
      Trouble::kImplausible},
     {"a rail without energy", [](Sample* before, Sample*) { before->reading.rails[0].reset(); },
      Trouble::kNotRead},
-    {"a new rail",
-     [](Sample* before, Sample*) {
-         before->rails.clear();
-         before->reading.rails.clear();
-     },
-     Trouble::kCame},
     {"another rail under the same id", [](Sample*, Sample* after) { after->rails[0].name = "gpu"; },
      Trouble::kCame},
     {"a failed reading", [](Sample*, Sample* after) { after->fail(); }, Trouble::kNotRead,
