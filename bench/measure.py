@@ -100,11 +100,11 @@ def library_figures(runs):
         values[name] = ratio(rows, "floor")
         group, backend, call, _, names = name.split("/")
         if group == "steady":
-            values[f"allocations/{name}"] = rows[0]["library allocations"] - rows[0]["floor allocations"]
+            values[name.replace(group, "allocations")] = rows[0]["library allocations"] - rows[0]["floor allocations"]
             ratios[f"growth/{backend}/{call}/{names}"].append(values[name])
     values.update({kind: of_kind[-1] / of_kind[0] for kind, of_kind in ratios.items() if len(of_kind) > 1})
     for target, limit, regex in TARGETS:
-        chosen = [(value, name) for name, value in values.items() if re.search(regex, name)]
+        chosen = [(value, name.partition("/")[2]) for name, value in values.items() if re.search(regex, name)]
         if chosen:
             yield target, limit, *max(chosen)
 

@@ -387,7 +387,7 @@ int64_t measureThreads(const Subject& subject, const Workload& workload, int thr
 
 /// Registers the benchmarks of a workload.
 void addAll(const std::vector<Subject>& subjects, const Workload& workload, int repetitions) {
-    const auto add = [&](const std::string& group, int calls, const auto& measure) {
+    const auto add = [&](const std::string& group, int calls, auto measure) {
         const auto run = [=](State& state) {
             static std::mt19937 random(std::random_device{}());
             // The subjects follow one another within a moment, so that a machine that is slow for a
