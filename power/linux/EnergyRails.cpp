@@ -163,7 +163,8 @@ void addPowercapRails(const std::shared_ptr<const Sysfs>& sysfs, const RailOptio
                       std::vector<RailSource>* rails) {
     for (const std::string& zone : sysfs->entries(kPowercap)) {
         const std::string path = kPowercap + zone + "/energy_uj";
-        std::optional<int64_t> range = sysfs->readNumber(kPowercap + zone + "/max_energy_range_uj");
+        std::optional<int64_t> range =
+            NumberFile(sysfs, kPowercap + zone + "/max_energy_range_uj").read();
         if (range == 0) range.reset();
         const auto counter = makeCounter(sysfs, path, range, options);
         if (counter->read()) rails->push_back({path, namesOf(*sysfs, zone), "powercap", counter});

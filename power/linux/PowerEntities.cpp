@@ -55,18 +55,18 @@ constexpr struct {
                      {"suspended", "/power/runtime_suspended_time"}};
 constexpr auto& kSuspended = kDeviceStates[1];
 
-bool canSuspend(const Sysfs& sysfs, const std::string& device) {
-    const auto status = sysfs.readName(kDevices + device + "/power/runtime_status");
+bool canSuspend(const std::shared_ptr<const Sysfs>& sysfs, const std::string& device) {
+    const auto status = sysfs->readName(kDevices + device + "/power/runtime_status");
     if (status) return *status != "unsupported";
-    return sysfs.readNumber(kDevices + device + kSuspended.file).value_or(0) > 0;
+    return NumberFile(sysfs, kDevices + device + kSuspended.file).read().value_or(0) > 0;
 }
 
 /// Adds the paths below `devices` of a folder and those in it, if they are devices that can
 /// suspend. Links between devices are not followed: they lead in circles.
-void collectDevices(const Sysfs& sysfs, const std::string& path,
+void collectDevices(const std::shared_ptr<const Sysfs>& sysfs, const std::string& path,
                     std::vector<std::string>* devices) {
     const std::string prefix = path.empty() ? "" : path + "/";
-    for (const std::string& entry : sysfs.entries(kDevices + path, true)) {
+    for (const std::string& entry : sysfs->entries(kDevices + path, true)) {
         if (entry != "power") {
             collectDevices(sysfs, prefix + entry, devices);
         } else if (canSuspend(sysfs, path)) {
@@ -125,7 +125,7 @@ void addIdleCpus(const std::shared_ptr<const Sysfs>& sysfs, std::vector<EntitySo
 void addSuspendingDevices(const std::shared_ptr<const Sysfs>& sysfs,
                           std::vector<EntitySource>* entities) {
     std::vector<std::string> devices;
-    collectDevices(*sysfs, "", &devices);
+    collectDevices(sysfs, "", &devices);
     std::sort(devices.begin(), devices.end());
 
     const std::vector<int32_t> ids = pathIds(devices, kFirstDeviceId, kDeviceIdBits);

@@ -82,7 +82,7 @@ Sysfs::Sysfs(const std::string& root, WarningCallback warn, Pread pread)
       mIsKernels(isOnSysfs(root)),
       mWarn(std::move(warn)),
       mPread(std::move(pread)),
-      mKeepBelow(keepBelow()) {}
+      mKeepBelow(mIsKernels ? keepBelow() : 0) {}
 
 std::vector<std::string> Sysfs::refusedFiles(const std::string& folder) const {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -91,11 +91,6 @@ std::vector<std::string> Sysfs::refusedFiles(const std::string& folder) const {
         if (path.compare(0, folder.size(), folder) == 0) files.push_back(fullPath(path));
     }
     return files;
-}
-
-std::optional<int64_t> Sysfs::readNumber(const std::string& path) const {
-    const std::optional<std::string> text = readText(path);
-    return text ? parseNumber(path, *text) : std::nullopt;
 }
 
 std::optional<int64_t> Sysfs::parseNumber(const std::string& path, const std::string& text) const {
@@ -196,7 +191,6 @@ NumberFile::~NumberFile() {
 }
 
 std::optional<int64_t> NumberFile::read() {
-    if (!mSysfs->isKernels()) return mSysfs->readNumber(mPath);
     std::unique_lock<std::mutex> lock(mMutex);
     char buffer[kMaxFileSize + 1];
     const auto readAll = [&]() -> ssize_t {

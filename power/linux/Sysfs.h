@@ -51,11 +51,6 @@ class Sysfs {
     /// The path of a file as a user would type it.
     std::string fullPath(const std::string& path) const { return mRoot + "/" + path; }
 
-    /// Reads a file that holds one whole number from 0 to 2^63 - 1, with white space around it.
-    /// @return std::nullopt when the file is absent, cannot be read, holds something else or is
-    ///     larger than 4,096 bytes.
-    std::optional<int64_t> readNumber(const std::string& path) const;
-
     /// Reads a file that holds a name: its text without white space around it.
     /// @return std::nullopt when the file is absent, cannot be read or is blank.
     std::optional<std::string> readName(const std::string& path) const;
@@ -90,7 +85,7 @@ class Sysfs {
     mutable std::set<std::string> mRefusedPaths;
 };
 
-/// A file with a number, as for Sysfs::readNumber(), that is read again and again.
+/// A file that holds one whole number from 0 to 2^63 - 1, with white space around it.
 ///
 /// On the kernel's sysfs a descriptor is opened on first use and kept, because reading it again
 /// costs an eighth of opening, reading and closing the file. It is opened again when the kernel
@@ -106,7 +101,8 @@ class NumberFile {
     NumberFile(const NumberFile&) = delete;
     NumberFile& operator=(const NumberFile&) = delete;
 
-    /// @return as Sysfs::readNumber().
+    /// @return std::nullopt when the file is absent, cannot be read, holds something else or is
+    ///     larger than 4,096 bytes.
     std::optional<int64_t> read();
 
   private:

@@ -34,6 +34,7 @@ TEST(Metrics, AreExactAndDistinctWhateverTheServiceReports) {
                      ofEnergy(2), ofEnergy(3),         std::nullopt};
     reading.entities = {Residencies{{}, 0, {ofTime(1001, 1), ofTime(2, 2)}}, std::nullopt,
                         Residencies{{}, 0, {ofTime(0, INT64_MAX)}}};
+    reading.time = nanoseconds(61'000'000'007);
     std::stringstream prometheus, openMetrics;
     prometheus << std::ifstream(HOSTILE_METRICS ".prometheus").rdbuf();
     openMetrics << std::ifstream(HOSTILE_METRICS ".openmetrics").rdbuf();

@@ -17,6 +17,7 @@ struct Family {
     const char* help;
     std::string samples;
 
+    /// @param labels [in] with their braces; empty when there are none.
     /// @param perUnit [in] how much of the total is one unit.
     void add(const std::string& labels, int64_t total, int64_t perUnit) {
         // As integers, since a double has not enough digits.
@@ -25,7 +26,7 @@ struct Family {
             const std::string fraction = std::to_string(perUnit + total % perUnit);
             value += "." + fraction.substr(1);
         }
-        samples += fmt::format("{}_total{{{}}} {}\n", name, labels, value);
+        samples += fmt::format("{}_total{} {}\n", name, labels, value);
     }
 };
 
@@ -58,23 +59,36 @@ std::string formatMetrics(const Reading& reading, MetricsFormat format) {
     Family entries{"powerstats_state_entries", "",
                    "Entries of a power entity into a state since boot.", ""};
 
+    Family time{"powerstats_reading_time_seconds", "seconds",
+                "Time of the reading since boot, with suspend. A rate by this one's rate is exact, "
+                "however often the totals are read.",
+                ""};
+
     const Lists& lists = *reading.lists;
     for (size_t i = 0; i < lists.rails.size(); ++i) {
-        if (!reading.rails[i]) continue;
-        energy.add(label("rail", lists.rails[i].name), reading.rails[i]->energyUWs, 1'000'000);
+        const std::optional<Energy>& rail = reading.rails[i];
+        // A counter that may have wrapped before its first reading has counted nothing yet.
+        if (!rail || (rail->energyUWs == 0 && rail->duration == nanoseconds::zero())) continue;
+        energy.add(fmt::format("{{{}}}", label("rail", lists.rails[i].name)), rail->energyUWs,
+                   1'000'000);
     }
     for (size_t i = 0; i < lists.entities.size(); ++i) {
         if (!reading.entities[i]) continue;
         for (size_t j = 0; j < lists.entities[i].states.size(); ++j) {
             const Residency& state = reading.entities[i]->states[j];
-            const std::string labels = label("entity", lists.entities[i].name) + "," +
-                                       label("state", lists.entities[i].states[j].name);
+            const std::string labels =
+                fmt::format("{{{},{}}}", label("entity", lists.entities[i].name),
+                            label("state", lists.entities[i].states[j].name));
             residency.add(labels, toMilliseconds(state.totalTime), 1000);
             entries.add(labels, state.entryCount, 1);
         }
     }
-    return text(energy, format) + text(residency, format) + text(entries, format) +
-           (format == MetricsFormat::kOpenMetrics ? "# EOF\n" : "");
+    std::string all = text(energy, format) + text(residency, format) + text(entries, format);
+    if (!all.empty()) {
+        time.add("", reading.time.count(), 1'000'000'000);
+        all += text(time, format);
+    }
+    return all + (format == MetricsFormat::kOpenMetrics ? "# EOF\n" : "");
 }
 
 }  // namespace powerstats
