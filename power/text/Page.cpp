@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 
 #include "power/text/Names.h"
 
@@ -47,39 +48,28 @@ std::string formatFigure(const Json& figure, int digits) {
                                     : figure.dump();
 }
 
-/// The columns of CSV and their fields.
-using CsvFields = std::vector<std::pair<std::string, std::string>>;
-
-CsvFields csvFieldsOf(const Interval& interval) {
-    const Json json = toJson(interval);
-    CsvFields fields;
-    const auto add = [&](std::string column, const Json& figure) {
-        fields.emplace_back(std::move(column), formatFigure(figure, 3));
-    };
-    std::vector<std::string> notes = json["notes"];
-    const auto addNote = [&](const Json& row) {
-        if (textOf(row, "trouble").empty()) return;
-        notes.push_back(textOf(row, "name") + ' ' + textOf(row, "trouble"));
-    };
-    for (const char* const key : {"timestamp_ms", "interval_ms", "suspended_ms"}) {
-        add(key, json[key]);
+/// Hands over each figure that has a column of CSV: the parts of the column's name, and the figure
+/// or std::nullopt. The names are not joined here, because most intervals need the figures alone.
+template <typename Take>
+void forFigures(const Interval& interval, const Take& take) {
+    using Parts = std::array<std::string_view, 4>;
+    for (size_t i = 0; i < interval.rails.size(); ++i) {
+        const Interval::RailFigures& rail = interval.rails[i];
+        take(Parts{"rail", interval.lists->rails[i].name, "mw"}, rail.trouble, rail.milliwatts);
     }
-    for (const Json& rail : json["rails"]) {
-        add(fmt::format("rail.{}.mw", textOf(rail, "name")), rail["power_mw"]);
-        addNote(rail);
-    }
-    for (const Json& entity : json["entities"]) {
-        const std::string prefix = "entity." + textOf(entity, "name") + '.';
-        for (const Json& state : entity["states"]) {
-            const std::string name = prefix + textOf(state, "name");
-            add(name + ".percent", state["share_percent"]);
-            add(name + ".entries_per_s", state["entries_per_s"]);
+    for (size_t i = 0; i < interval.entities.size(); ++i) {
+        const Interval::EntityFigures& entity = interval.entities[i];
+        const Entity& names = interval.lists->entities[i];
+        for (size_t j = 0; j < entity.states.size(); ++j) {
+            const auto& [time, entries, share, entriesPerSecond] = entity.states[j];
+            const std::string& state = names.states[j].name;
+            take(Parts{"entity", names.name, state, "percent"}, entity.trouble, share * 100);
+            take(Parts{"entity", names.name, state, "entries_per_s"}, entity.trouble,
+                 entriesPerSecond);
         }
-        add(prefix + kNoState + ".percent", entity["none_of_these_percent"]);
-        addNote(entity);
+        take(Parts{"entity", names.name, kNoState, "percent"}, entity.trouble,
+             entity.noneShare * 100);
     }
-    fields.emplace_back("notes", csvField(fmt::format("{}", fmt::join(notes, "; "))));
-    return fields;
 }
 
 }  // namespace
@@ -201,12 +191,16 @@ Json toJson(const Interval& interval) {
 }
 
 std::string IntervalPrinter::printCsv(const Interval& interval) {
-    const CsvFields found = csvFieldsOf(interval);
     std::string header;
     if (mPlacesOf != interval.lists) {
         mPlacesOf = interval.lists;
-        std::vector<std::vector<std::string>> names;
-        for (const auto& [column, field] : found) names.push_back({column});
+        std::vector<std::vector<std::string>> names{
+            {"timestamp_ms"}, {"interval_ms"}, {"suspended_ms"}};
+        forFigures(interval, [&](const auto& parts, Trouble, double) {
+            const auto end = std::find(parts.begin(), parts.end(), "");
+            names.push_back({fmt::format("{}", fmt::join(parts.begin(), end, "."))});
+        });
+        names.push_back({"notes"});
         std::vector<std::string> columns = distinctNames(names);
         const bool isNew = std::any_of(columns.begin(), columns.end(),
                                        [&](const auto& name) { return mColumns.count(name) == 0; });
@@ -219,7 +213,22 @@ std::string IntervalPrinter::printCsv(const Interval& interval) {
         if (isNew) header = fmt::format("{}\n", fmt::join(columns, ","));
     }
     std::vector<std::string> fields(mColumns.size());
-    for (size_t i = 0; i < found.size(); ++i) fields[mPlaces[i]] = found[i].second;
+    auto place = mPlaces.begin();
+    for (const int64_t number :
+         {toMilliseconds(interval.time), roundToMilliseconds(interval.elapsed),
+          roundToMilliseconds(interval.suspended)}) {
+        fields[*place++] = std::to_string(number);
+    }
+    std::vector<std::string> notes = notesOf(interval);
+    std::string_view troubled;
+    forFigures(interval, [&](const auto& parts, Trouble trouble, double figure) {
+        std::string& field = fields[*place++];
+        if (trouble == Trouble::kNone) field = fmt::format("{:.3f}", figure);
+        if (trouble == Trouble::kNone || troubled.data() == parts[1].data()) return;
+        troubled = parts[1];
+        notes.push_back(fmt::format("{} {}", troubled, toText(trouble)));
+    });
+    fields[*place] = csvField(fmt::format("{}", fmt::join(notes, "; ")));
     return header + fmt::format("{}\n", fmt::join(fields, ","));
 }
 
