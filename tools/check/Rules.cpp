@@ -16,15 +16,18 @@
 
 namespace powerstats {
 
+/// That of an item which is a whole answer.
+const Record kNoRecord = {};
+
 /// Something to be judged.
 struct Item {
     const Survey& survey;
     /// The list of the survey that has the answer.
     Answers Survey::*list;
     const Answer& answer;
-    /// Null for a whole answer.
-    const Record* record = nullptr;
-    /// The records of the answer, or the states of its entity, which are its siblings.
+    const Record* record = &kNoRecord;
+    /// The records of the answer, or the states of its entity, which are its siblings. Null for a
+    /// whole answer.
     const Records* siblings = nullptr;
     /// The first one with its name.
     const Record* namesake = nullptr;
@@ -109,17 +112,17 @@ const Records* listOf(const Survey& survey, Answers Survey::*list, const Record*
 }
 
 /// Returns the name of an item, or of a sibling of it.
-std::string nameOf(const Item& item, const Record* record) {
-    if (record == nullptr) return "";
+std::string nameOf(const Item& item, const Record& record) {
+    if (item.siblings == nullptr) return "";
     const auto named = [&](const char* kind, const Record& thing, const Record* entity) {
         const Record* const known = find(listOf(item.survey, item.list, entity), thing.id);
         return fmt::format("{} {}", kind, thing.id) +
                (known != nullptr ? " \"" + safeName(known->name) + '"' : "");
     };
-    if (isOfRails(item.list)) return named("rail", *record, nullptr);
-    if (item.entity == nullptr) return named("power entity", *record, nullptr);
+    if (isOfRails(item.list)) return named("rail", record, nullptr);
+    if (item.entity == nullptr) return named("power entity", record, nullptr);
     return named("power entity", *item.entity, nullptr) + ", " +
-           named("state", *record, item.entity);
+           named("state", record, item.entity);
 }
 
 /// Calls a function with each item of a subject. A call that the bus refused is none, because it
@@ -154,9 +157,9 @@ void forEach(const Survey& survey, const Subject& subject, const Function& funct
                     item.before = find(before, record.id);
                     function(item);
                 }
-                const Records* const announced = listOf(survey, list, item.entity);
-                if (!subject.isOfMissing || announced == nullptr) return;
-                for (const Record& record : *announced) {
+                const Records* const listed = listOf(survey, list, item.entity);
+                if (!subject.isOfMissing || listed == nullptr) return;
+                for (const Record& record : *listed) {
                     item.record = &record;
                     if (find(&siblings, record.id) == nullptr) function(item);
                 }
@@ -196,7 +199,7 @@ Finding idUnique(const Item& item) {
 Finding nameUnique(const Item& item) {
     const bool isKept = item.namesake == item.record || item.record->name.empty();
     return expect(isKept, "the name of {}", "a name of its own",
-                  isKept ? "" : nameOf(item, item.namesake));
+                  isKept ? "" : nameOf(item, *item.namesake));
 }
 
 template <std::string Record::*kText>
@@ -483,7 +486,7 @@ Finding powerPlausible(const Item& item) {
     const Answers& readings = item.survey.energies;
     const auto last = std::find_if(readings.rbegin(), readings.rend(), isForAll);
     const Record* const first = find(announced(readings), item.record->id);
-    if (&item.answer != &*last || first == nullptr) return {};
+    if (first == nullptr || &item.answer != &*last) return {};
     Finding finding;
     for (const auto& [ms, before] : {std::pair<double, int64_t>(item.record->durationMs, 0),
                                      {minus(item.record->stampMs, first->stampMs), first->count}}) {
@@ -646,7 +649,7 @@ Findings judge(const Rule& rule, const Survey& survey) {
             finding.consequence = rule.consequence;
         }
         finding.answer = &item.answer;
-        if (finding.thing.empty()) finding.thing = nameOf(item, item.record);
+        if (finding.thing.empty()) finding.thing = nameOf(item, *item.record);
         const auto isSame = [&](const Finding& one) {
             return one.answer->method == finding.answer->method && one.thing == finding.thing;
         };
@@ -678,7 +681,7 @@ std::vector<std::string> takeNotes(const Survey& survey) {
     // One note for all things of a kind names one of them.
     std::map<std::string, std::set<std::string>> things;
     const auto add = [&](const char* text, const Item& item) {
-        things[text].insert(nameOf(item, item.record));
+        things[text].insert(nameOf(item, *item.record));
     };
     forEach(survey, kStateResidencies, [&](const Item& item) {
         if (item.before == nullptr) return;
