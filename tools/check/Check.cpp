@@ -49,13 +49,14 @@ Json report(const Rule& rule, const Findings& findings, std::string* table) {
     if (findings.count > 0) *table += fmt::format("      {}\n", rule.sentence);
     Json evidence = Json::array();
     for (const Finding& one : findings.first) {
-        *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.method,
+        const int64_t readMs = one.answer->beforeMs;
+        *table += fmt::format("      {}{}{}{}: {};\n        expected {}\n", one.answer->method,
                               one.thing.empty() ? "" : ", ", one.thing,
-                              one.readMs == 0 ? "" : fmt::format(" at {} ms", one.readMs),
-                              one.found, one.expected);
-        evidence.push_back({{"method", one.method},
+                              readMs == 0 ? "" : fmt::format(" at {} ms", readMs), one.found,
+                              one.expected);
+        evidence.push_back({{"method", one.answer->method},
                             {"thing", one.thing},
-                            {"read_ms", one.readMs},
+                            {"read_ms", readMs},
                             {"found", one.found},
                             {"expected", one.expected}});
     }
@@ -128,13 +129,12 @@ int check(CheckArguments arguments) {
         ++counts[findings.verdict];
         rules.push_back(report(rule, findings, &table));
     }
-    const size_t notJudged = counts[Verdict::kNotJudged];
+    const auto notJudged = fmt::format("{} not judged, ", counts[Verdict::kNotJudged]);
     table += fmt::format(
         "  (*: the interface's published tests check it)\n"
         "{} rules kept, {} broken, {} legal, {}{} not applicable\n\n",
         counts[Verdict::kKept], counts[Verdict::kBroken], counts[Verdict::kLegal],
-        notJudged > 0 ? fmt::format("{} not judged, ", notJudged) : "",
-        counts[Verdict::kNotApplicable]);
+        counts[Verdict::kNotJudged] > 0 ? notJudged : "", counts[Verdict::kNotApplicable]);
     Json calls = reportCalls(survey, &table);
     table += "\n";
     std::vector<std::string> notes = takeNotes(survey);

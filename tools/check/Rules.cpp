@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <set>
@@ -17,15 +16,18 @@
 
 namespace powerstats {
 
+/// That of an item which is a whole answer.
+const Record kNoRecord = {};
+
 /// Something to be judged.
 struct Item {
     const Survey& survey;
     /// The list of the survey that has the answer.
     Answers Survey::*list;
     const Answer& answer;
-    /// Null for a whole answer.
-    const Record* record = nullptr;
-    /// The records of the answer, or the states of its entity, which are its siblings.
+    const Record* record = &kNoRecord;
+    /// The records of the answer, or the states of its entity, which are its siblings. Null for a
+    /// whole answer.
     const Records* siblings = nullptr;
     /// The first one with its name.
     const Record* namesake = nullptr;
@@ -88,9 +90,11 @@ const Record* find(const Records* sorted, int64_t id) {
     return found != sorted->end() && found->id == id ? &*found : nullptr;
 }
 
+constexpr auto isForAll = [](const Answer& answer) { return answer.isForAll(); };
+
 /// Returns the records of the first list that was answered; null when none was.
 const Records* announced(const Answers& lists) {
-    const auto first = std::find_if(lists.begin(), lists.end(), std::mem_fn(&Answer::isForAll));
+    const auto first = std::find_if(lists.begin(), lists.end(), isForAll);
     return first != lists.end() ? &first->records : nullptr;
 }
 
@@ -107,20 +111,18 @@ const Records* listOf(const Survey& survey, Answers Survey::*list, const Record*
     return known != nullptr ? &known->states : nullptr;
 }
 
-std::string nameIn(const Records* list, const Record& record) {
-    const Record* const known = find(list, record.id);
-    return known != nullptr ? fmt::format("{} \"{}\"", record.id, safeName(known->name))
-                            : std::to_string(record.id);
-}
-
 /// Returns the name of an item, or of a sibling of it.
-std::string nameOf(const Item& item, const Record* record) {
-    if (record == nullptr) return "";
-    const Record& thing = item.entity != nullptr ? *item.entity : *record;
-    const std::string name = (isOfRails(item.list) ? "rail " : "power entity ") +
-                             nameIn(listOf(item.survey, item.list), thing);
-    if (item.entity == nullptr) return name;
-    return name + ", state " + nameIn(listOf(item.survey, item.list, item.entity), *record);
+std::string nameOf(const Item& item, const Record& record) {
+    if (item.siblings == nullptr) return "";
+    const auto named = [&](const char* kind, const Record& thing, const Record* entity) {
+        const Record* const known = find(listOf(item.survey, item.list, entity), thing.id);
+        return fmt::format("{} {}", kind, thing.id) +
+               (known != nullptr ? " \"" + safeName(known->name) + '"' : "");
+    };
+    if (isOfRails(item.list)) return named("rail", record, nullptr);
+    if (item.entity == nullptr) return named("power entity", record, nullptr);
+    return named("power entity", *item.entity, nullptr) + ", " +
+           named("state", record, item.entity);
 }
 
 /// Calls a function with each item of a subject. A call that the bus refused is none, because it
@@ -155,9 +157,9 @@ void forEach(const Survey& survey, const Subject& subject, const Function& funct
                     item.before = find(before, record.id);
                     function(item);
                 }
-                const Records* const announced = listOf(survey, list, item.entity);
-                if (!subject.isOfMissing || announced == nullptr) return;
-                for (const Record& record : *announced) {
+                const Records* const listed = listOf(survey, list, item.entity);
+                if (!subject.isOfMissing || listed == nullptr) return;
+                for (const Record& record : *listed) {
                     item.record = &record;
                     if (find(&siblings, record.id) == nullptr) function(item);
                 }
@@ -197,15 +199,12 @@ Finding idUnique(const Item& item) {
 Finding nameUnique(const Item& item) {
     const bool isKept = item.namesake == item.record || item.record->name.empty();
     return expect(isKept, "the name of {}", "a name of its own",
-                  isKept ? "" : nameOf(item, item.namesake));
+                  isKept ? "" : nameOf(item, *item.namesake));
 }
 
-Finding namePresent(const Item& item) {
-    return expect(!item.record->name.empty(), "an empty name", "a name");
-}
-
-Finding subsystemPresent(const Item& item) {
-    return expect(!item.record->subsystem.empty(), "an empty subsystem", "a name");
+template <std::string Record::*kText>
+Finding textPresent(const Item& item) {
+    return expect(!(item.record->*kText).empty(), "an empty text", "a name");
 }
 
 Finding statesPresent(const Item& item) {
@@ -258,15 +257,15 @@ template <bool kAtOnce>
 Finding answered(const Item& item) {
     const Answer& answer = item.answer;
     const bool isHidl = item.survey.hal == Hal::kHidl;
-    const bool isNeeded = isForKnownIds(answer) || (isHidl && answer.request == Request::kUnknown);
-    if (!isNeeded || (answer.thread != 0) != kAtOnce) return {};
-    if (kAtOnce && fails(item.survey, answer.method)) return {};
-    const bool isFailed = answer.outcome == Outcome::kFailed;
-    const bool isRefused =
-        answer.outcome == Outcome::kOtherStatus ||
-        (answer.outcome == Outcome::kIllegalArgument && answer.request != Request::kUnknown);
-    Finding finding = expect(!isFailed && !(isHidl && isRefused), "{}", "an answer", answer.error);
-    if (finding.verdict == Verdict::kBroken && !isFailed) finding.verdict = Verdict::kLegal;
+    const bool isUnknown = answer.request == Request::kUnknown;
+    if (!isForKnownIds(answer) && !(isHidl && isUnknown)) return {};
+    if ((answer.thread != 0) != kAtOnce || (kAtOnce && fails(item.survey, answer.method)))
+        return {};
+    const bool isRefused = answer.outcome == Outcome::kOtherStatus ||
+                           (answer.outcome == Outcome::kIllegalArgument && !isUnknown);
+    Finding finding = {Verdict::kKept, answer.error, "an answer"};
+    if (isHidl && isRefused) finding.verdict = Verdict::kLegal;
+    if (answer.outcome == Outcome::kFailed) finding.verdict = Verdict::kBroken;
     if (isHidl) finding.consequence = kLibraryEnds;
     return finding;
 }
@@ -376,11 +375,9 @@ Finding noFall(const Item& item) {
 
 // Residencies.
 
-/// The sign of the entries since the reading before; std::nullopt, which is less than any number,
-/// when there is none.
-std::optional<int> entriesSince(const Item& item) {
-    if (item.before == nullptr) return std::nullopt;
-    return (item.record->count > item.before->count) - (item.record->count < item.before->count);
+/// 0 when there is no reading before.
+double entriesSince(const Item& item) {
+    return item.before != nullptr ? minus(item.record->count, item.before->count) : 0;
 }
 
 Finding residencyNotNegative(const Item& item) {
@@ -422,9 +419,10 @@ Finding timeWithinInterval(const Item& item) {
 
 Finding lastEntryNotFuture(const Item& item) {
     const int64_t stamp = item.record->stampMs;
-    return expect(stamp >= 0 && stamp <= item.answer.afterMs + kRoundingMs,
-                  "lastEntryTimestampMs {}{}", "0 to {2}, milliseconds since boot", stamp,
-                  describeMistake(stamp, item.answer.beforeMs, item.answer), item.answer.afterMs);
+    const Answer& answer = item.answer;
+    return expect(stamp >= 0 && stamp <= answer.afterMs + kRoundingMs, "lastEntryTimestampMs {}{}",
+                  "0 to {2}, milliseconds since boot", stamp,
+                  describeMistake(stamp, answer.beforeMs, answer), answer.afterMs);
 }
 
 /// Judges the entries that happened between two readings.
@@ -439,7 +437,7 @@ Finding lastEntryClock(const Item& item) {
 }
 
 Finding lastEntryMoves(const Item& item) {
-    if (entriesSince(item) != 0) return {};
+    if (item.before == nullptr || entriesSince(item) != 0) return {};
     // A step back is the matter of another rule.
     return expect(item.record->stampMs <= item.before->stampMs,
                   "lastEntryTimestampMs {} and totalStateEntryCount {}",
@@ -484,22 +482,21 @@ Finding durationGrows(const Item& item) {
 /// steps shows any power in a short one.
 Finding powerPlausible(const Item& item) {
     constexpr double kMostWatts = 10'000;  // no rail of a machine carries more
+    constexpr double kLeastMs = 100;
     const Answers& readings = item.survey.energies;
-    const auto last =
-        std::find_if(readings.rbegin(), readings.rend(), std::mem_fn(&Answer::isForAll));
+    const auto last = std::find_if(readings.rbegin(), readings.rend(), isForAll);
     const Record* const first = find(announced(readings), item.record->id);
-    if (&item.answer != &*last || first == nullptr) return {};
-    const auto average = [&](double ms, int64_t since, const char* found) {
-        const double watts = minus(item.record->count, since) / ms / 1000;
-        return expect(watts <= kMostWatts, found, "at most {2:.0f} W", watts, first->stampMs,
-                      kMostWatts);
-    };
-    const double sinceBoot = item.record->durationMs;
-    const double sinceFirst = minus(item.record->stampMs, first->stampMs);
+    if (first == nullptr || &item.answer != &*last) return {};
     Finding finding;
-    if (sinceBoot >= 1000) finding = average(sinceBoot, 0, "{:.0f} W on average over durationMs");
-    if (finding.verdict == Verdict::kBroken || sinceFirst < 100) return finding;
-    return average(sinceFirst, first->count, "{:.0f} W on average since timestampMs {}");
+    for (const auto& [ms, before] : {std::pair<double, int64_t>(item.record->durationMs, 0),
+                                     {minus(item.record->stampMs, first->stampMs), first->count}}) {
+        if (ms < kLeastMs) continue;
+        const double watts = minus(item.record->count, before) / ms / 1000;
+        finding = expect(watts <= kMostWatts, "{:.0f} W on average over {:.0f} ms",
+                         "at most {2:.0f} W", watts, ms, kMostWatts);
+        if (finding.verdict == Verdict::kBroken) break;
+    }
+    return finding;
 }
 
 Finding libraryGoesOn(const Item& item) {
@@ -515,16 +512,15 @@ constexpr bool kOwn = false;
 
 /// Whether the bus refused a list, or a reading, of the things that a rule is about.
 bool lacksThings(const Rule& rule, const Survey& survey) {
-    const auto& subjects = rule.subject.lists;
-    const bool isAboutRails = !subjects.empty() && isOfRails(subjects.front());
+    const bool isAboutRails = !rule.subject.lists.empty() && isOfRails(rule.subject.lists.front());
     const Records* const known = announced(isAboutRails ? survey.rails : survey.entities);
-    if (known != nullptr && known->empty()) return false;
-    return std::any_of(kCalls.lists.begin(), kCalls.lists.end(), [&](Answers Survey::*list) {
-        return isOfRails(list) == isAboutRails &&
-               std::any_of((survey.*list).begin(), (survey.*list).end(), [](const Answer& answer) {
-                   return answer.outcome == Outcome::kRefused;
-               });
-    });
+    bool lacks = false;
+    for (const auto list : kCalls.lists) {
+        for (const Answer& answer : survey.*list) {
+            lacks |= isOfRails(list) == isAboutRails && answer.outcome == Outcome::kRefused;
+        }
+    }
+    return lacks && (known == nullptr || !known->empty());
 }
 
 }  // namespace
@@ -536,9 +532,9 @@ const std::vector<Rule> kRules = {
     {"rail-names-unique", "Every rail has a name of its own.",
      "clients cannot tell two rails apart", kRails, nameUnique, kPublished},
     {"rail-names-present", "No rail's name is empty.", "clients show a rail without a name", kRails,
-     namePresent, kPublished},
+     textPresent<&Record::name>, kPublished},
     {"rail-subsystems-present", "No rail's subsystem name is empty.",
-     "clients cannot group the rails", kRails, subsystemPresent, kPublished},
+     "clients cannot group the rails", kRails, textPresent<&Record::subsystem>, kPublished},
     {"rail-list-stable", "The list of rails is the same in every call.",
      "clients read the list once, and give readings to the wrong rail", kRailLists, stable},
     {"entity-ids-unique", "Every power entity has an id of its own.",
@@ -546,7 +542,7 @@ const std::vector<Rule> kRules = {
     {"entity-names-unique", "Every power entity has a name of its own.",
      "clients cannot tell two entities apart", kEntities, nameUnique, kPublished},
     {"entity-names-present", "No power entity's name is empty.",
-     "clients show an entity without a name", kEntities, namePresent, kPublished},
+     "clients show an entity without a name", kEntities, textPresent<&Record::name>, kPublished},
     {"entity-states-present", "Every power entity has at least one state.",
      "the entity has nothing to report", kEntities, statesPresent, kPublished},
     {"state-ids-unique", "Every state has an id of its own within its power entity.",
@@ -652,11 +648,10 @@ Findings judge(const Rule& rule, const Survey& survey) {
         if (finding.verdict == Verdict::kBroken && finding.consequence.empty()) {
             finding.consequence = rule.consequence;
         }
-        finding.method = item.answer.method;
-        finding.readMs = item.answer.beforeMs;
-        if (finding.thing.empty()) finding.thing = nameOf(item, item.record);
+        finding.answer = &item.answer;
+        if (finding.thing.empty()) finding.thing = nameOf(item, *item.record);
         const auto isSame = [&](const Finding& one) {
-            return one.method == finding.method && one.thing == finding.thing;
+            return one.answer->method == finding.answer->method && one.thing == finding.thing;
         };
         constexpr size_t kMostKept = 3;
         std::vector<Finding>& first = findings.first;
@@ -683,11 +678,10 @@ std::vector<std::string> takeNotes(const Survey& survey) {
             notes.insert(answer.method + ": " + answer.error);
         }
     });
-    // One note for all things of a kind names the first of them, by the ids of entity and thing.
-    std::map<std::string, std::map<std::pair<int64_t, int64_t>, std::string>> things;
+    // One note for all things of a kind names one of them.
+    std::map<std::string, std::set<std::string>> things;
     const auto add = [&](const char* text, const Item& item) {
-        const int64_t entity = item.entity != nullptr ? item.entity->id : 0;
-        things[text].try_emplace({entity, item.record->id}, nameOf(item, item.record));
+        things[text].insert(nameOf(item, *item.record));
     };
     forEach(survey, kStateResidencies, [&](const Item& item) {
         if (item.before == nullptr) return;
@@ -705,7 +699,7 @@ std::vector<std::string> takeNotes(const Survey& survey) {
     for (const auto& [text, names] : things) {
         const std::string others =
             names.size() > 1 ? fmt::format(" and {} more", names.size() - 1) : "";
-        notes.insert(fmt::format("{}{}: {}", names.begin()->second, others, text));
+        notes.insert(fmt::format("{}{}: {}", *names.begin(), others, text));
     }
     return {notes.begin(), notes.end()};
 }

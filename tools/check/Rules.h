@@ -28,9 +28,8 @@ struct Finding {
     std::string consequence = {};
     /// The rail, or the power entity and its state, by id and name; empty for a whole answer.
     std::string thing = {};
-    std::string method = {};
-    /// The start of the call, since boot; 0 when it is not known.
-    int64_t readMs = 0;
+    /// Lives as long as the survey.
+    const Answer* answer = nullptr;
 };
 
 /// The outcome of one rule.

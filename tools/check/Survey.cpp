@@ -100,6 +100,8 @@ struct Progress {
     Survey survey = {};
 };
 
+enum class Part { kLists, kFigures };
+
 /// Calls the service from one thread, and keeps the answers.
 class Client {
   public:
@@ -109,10 +111,18 @@ class Client {
         if (mSurvey.hal == Hal::kHidl) mHidl = findHidl();
     }
 
-    void askLists() { askAll(true); }
-    void askReadings() { askAll(false); }
+    void askAll() {
+        ask(Part::kLists);
+        ask(Part::kFigures);
+    }
+    /// Asks for the lists, or for the figures of all things in them.
+    void ask(Part part) {
+        for (const Method& method : methods()) {
+            if (method.part == part) ask(method, Request::kAll, {});
+        }
+    }
 
-    /// Asks for some ids, a repeated one and an unknown one. REQUIRES: askLists() was called
+    /// Asks for some ids, a repeated one and an unknown one. REQUIRES: ask(Part::kLists) was called
     void askForIds() {
         for (const Method& method : methods()) {
             if (method.known == nullptr || (mSurvey.*method.known).empty()) continue;
@@ -133,7 +143,7 @@ class Client {
   private:
     struct Method {
         const char* name;
-        bool isList;
+        Part part;
         Answers Survey::*answers;
         /// The lists that have the ids that it takes; null when it takes none.
         Answers Survey::*known;
@@ -145,37 +155,33 @@ class Client {
         using AidlIds = std::vector<int32_t>;
         using HidlIds = std::vector<uint32_t>;
         static const std::vector<Method> aidl = {
-            {"getEnergyMeterInfo", true, &Survey::rails, nullptr, kOfThings,
+            {"getEnergyMeterInfo", Part::kLists, &Survey::rails, nullptr, kOfThings,
              &Client::callAidl<&Aidl::getEnergyMeterInfo, stats_aidl::Channel, 3, 0>},
-            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+            {"getPowerEntityInfo", Part::kLists, &Survey::entities, nullptr, kOfThings,
              &Client::callAidl<&Aidl::getPowerEntityInfo, stats_aidl::PowerEntity, 3, 2>},
-            {"readEnergyMeter", false, &Survey::energies, &Survey::rails, kOfAidlEnergies,
+            {"readEnergyMeter", Part::kFigures, &Survey::energies, &Survey::rails, kOfAidlEnergies,
              &Client::callAidl<&Aidl::readEnergyMeter, stats_aidl::EnergyMeasurement, 4, 0,
                                AidlIds>},
-            {"getStateResidency", false, &Survey::residencies, &Survey::entities, kOfStates,
+            {"getStateResidency", Part::kFigures, &Survey::residencies, &Survey::entities,
+             kOfStates,
              &Client::callAidl<&Aidl::getStateResidency, stats_aidl::StateResidencyResult, 2, 4,
                                AidlIds>}};
         static const std::vector<Method> hidl = {
-            {"getRailInfo", true, &Survey::rails, nullptr, kOfThings,
+            {"getRailInfo", Part::kLists, &Survey::rails, nullptr, kOfThings,
              &Client::callHidl<&Hidl::getRailInfo, stats_V1_0::RailInfo, 4, 0>},
-            {"getPowerEntityInfo", true, &Survey::entities, nullptr, kOfThings,
+            {"getPowerEntityInfo", Part::kLists, &Survey::entities, nullptr, kOfThings,
              &Client::callHidl<&Hidl::getPowerEntityInfo, stats_V1_0::PowerEntityInfo, 3, 0>},
-            {"getPowerEntityStateInfo", true, &Survey::stateLists, &Survey::entities, kOfThings,
+            {"getPowerEntityStateInfo", Part::kLists, &Survey::stateLists, &Survey::entities,
+             kOfThings,
              &Client::callHidl<&Hidl::getPowerEntityStateInfo, stats_V1_0::PowerEntityStateSpace, 2,
                                2, HidlIds>},
-            {"getEnergyData", false, &Survey::energies, &Survey::rails, kOfHidlEnergies,
+            {"getEnergyData", Part::kFigures, &Survey::energies, &Survey::rails, kOfHidlEnergies,
              &Client::callHidl<&Hidl::getEnergyData, stats_V1_0::EnergyData, 3, 0, HidlIds>},
-            {"getPowerEntityStateResidencyData", false, &Survey::residencies, &Survey::entities,
-             kOfStates,
+            {"getPowerEntityStateResidencyData", Part::kFigures, &Survey::residencies,
+             &Survey::entities, kOfStates,
              &Client::callHidl<&Hidl::getPowerEntityStateResidencyData,
                                stats_V1_0::PowerEntityStateResidencyResult, 2, 4, HidlIds>}};
         return mSurvey.hal == Hal::kAidl ? aidl : hidl;
-    }
-
-    void askAll(bool forLists) {
-        for (const Method& method : methods()) {
-            if (method.isList == forLists) ask(method, Request::kAll, {});
-        }
     }
 
     /// Makes one call, and adds its answer to the survey.
@@ -278,24 +284,6 @@ class Client {
     steady_clock::time_point mBefore;
 };
 
-/// Calls the service on several threads at once.
-void askAtOnce(Progress* progress) {
-    constexpr int kRounds = 5;
-    std::vector<std::thread> threads;
-    threads.reserve(kThreadsAtOnce);
-    for (int i = 0; i < kThreadsAtOnce; ++i) {
-        threads.emplace_back([progress, i] {
-            host::useOwnBusConnections();
-            Client client(i + 1, progress);
-            for (int round = 0; round < kRounds; ++round) {
-                client.askLists();
-                client.askReadings();
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-}
-
 }  // namespace
 
 Survey takeSurvey(Source* own, double durationSeconds, double moreSeconds) {
@@ -308,10 +296,10 @@ Survey takeSurvey(Source* own, double durationSeconds, double moreSeconds) {
                                        duration + Seconds(moreSeconds))};
     progress.survey.hal = findAidl() != nullptr ? Hal::kAidl : Hal::kHidl;
     Client client(0, &progress);
-    client.askLists();
+    client.ask(Part::kLists);
     bool isShort = false;
     for (;;) {
-        client.askReadings();
+        client.ask(Part::kFigures);
         const Seconds left = duration - (steady_clock::now() - start);
         // The other half is for the calls that follow.
         isShort = progress.bytes > kMostBytes / 2;
@@ -319,10 +307,18 @@ Survey takeSurvey(Source* own, double durationSeconds, double moreSeconds) {
         std::this_thread::sleep_for(std::min(left, std::max(kLeastPause, duration / kReadings)));
     }
     client.askForIds();
-    askAtOnce(&progress);
-    Client last(0, &progress);
-    last.askLists();
-    last.askReadings();
+    std::vector<std::thread> threads;
+    threads.reserve(kThreadsAtOnce);
+    for (int i = 1; i <= kThreadsAtOnce; ++i) {
+        threads.emplace_back([&progress, i] {
+            constexpr int kRounds = 5;
+            host::useOwnBusConnections();
+            Client atOnce(i, &progress);
+            for (int round = 0; round < kRounds; ++round) atOnce.askAll();
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    Client(0, &progress).askAll();
     progress.survey.isGone = progress.isGone;
     progress.survey.isCut = progress.isCut || isShort;
     return std::move(progress.survey);
