@@ -45,11 +45,10 @@ bool isNegative(const Residencies& totals) {
 }
 
 bool isReset(const Residencies& before, const Residencies& after) {
-    bool isLess = false;
-    for (size_t i = 0; i < before.states.size(); ++i) {
-        isLess |= after.states[i].isLessThan(before.states[i]);
-    }
-    return isLess || (!before.states.empty() && after.resets != before.resets);
+    const auto keeps = [](const Residency& a, const Residency& b) { return !b.isLessThan(a); };
+    return !before.states.empty() &&
+           (after.resets != before.resets ||
+            !std::equal(before.states.begin(), before.states.end(), after.states.begin(), keeps));
 }
 
 }  // namespace
