@@ -216,8 +216,7 @@ class Collector {
             const auto shown = packets.find(kind);
             if (shown == packets.end()) continue;
             shown->second->push_back({time});
-            const bool isAgain = !sample.insert(kind).second;
-            if (samples.empty() || (isAgain && time != samples.back()) ||
+            if (samples.empty() || (!sample.insert(kind).second && time != samples.back()) ||
                 time - start >= kSampleSpan) {
                 samples.push_back(time);
                 start = time;
