@@ -30,35 +30,22 @@ int64_t nowMs() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
+/// Returns id, timestampMs, durationMs and energyUWs. One watt is 1000 uWs in a millisecond.
 EnergyMeasurement readEnergy() {
-    EnergyMeasurement energy;
-    energy.id = kRail;
-    energy.timestampMs = energy.durationMs = nowMs();  // equal: the rail is measured since boot
-    energy.energyUWs = energy.timestampMs * 2500;      // one watt is 1000 uWs in a millisecond
-    return energy;
+    const int64_t now = nowMs();
+    return {kRail, now, now, now * 2500};  // equal times: the rail is measured since boot
 }
 
-StateResidency residency(int32_t state, int64_t timeMs, int64_t entries, int64_t lastEntryMs) {
-    StateResidency residency;
-    residency.id = state;
-    residency.totalTimeInStateMs = timeMs;
-    residency.totalStateEntryCount = entries;
-    residency.lastEntryTimestampMs = lastEntryMs;
-    return residency;
-}
-
+/// Returns the id, and for each state id, total time in ms, entries and last entry in ms.
 StateResidencyResult readResidencies() {
     const int64_t now = nowMs();
     const int64_t cycle = now / 100;
     const int64_t phase = now % 100;
     const int64_t activeMs = cycle * 25 + std::min<int64_t>(phase, 25);
     const int64_t sleeps = cycle + (phase >= 25 ? 1 : 0);
-    StateResidencyResult result;
-    result.id = kEntity;
-    result.stateResidencyData = {
-        residency(kActive, activeMs, cycle + 1, cycle * 100),
-        residency(kSleep, now - activeMs, sleeps, sleeps > 0 ? sleeps * 100 - 75 : 0)};
-    return result;
+    return {kEntity,
+            {{kActive, activeMs, cycle + 1, cycle * 100},
+             {kSleep, now - activeMs, sleeps, sleeps > 0 ? sleeps * 100 - 75 : 0}}};
 }
 
 /// Writes the records of these ids, or all records when there are no ids.
@@ -81,11 +68,7 @@ ScopedAStatus answer(const std::vector<Record>& all, const std::vector<int32_t>&
 class PowerStats : public BnPowerStats {
   public:
     ScopedAStatus getEnergyMeterInfo(std::vector<Channel>* channels) override {
-        Channel channel;
-        channel.id = kRail;
-        channel.name = "VDD_CPU";
-        channel.subsystem = "CPU";
-        *channels = {channel};
+        *channels = {{kRail, "VDD_CPU", "CPU"}};
         return ScopedAStatus::ok();
     }
     ScopedAStatus readEnergyMeter(const std::vector<int32_t>& ids,
@@ -93,15 +76,7 @@ class PowerStats : public BnPowerStats {
         return answer({readEnergy()}, ids, measurements);
     }
     ScopedAStatus getPowerEntityInfo(std::vector<PowerEntity>* entities) override {
-        PowerEntity entity;
-        entity.id = kEntity;
-        entity.name = "CPU";
-        entity.states.resize(2);
-        entity.states[0].id = kActive;
-        entity.states[0].name = "ACTIVE";
-        entity.states[1].id = kSleep;
-        entity.states[1].name = "SLEEP";
-        *entities = {entity};
+        *entities = {{kEntity, "CPU", {{kActive, "ACTIVE"}, {kSleep, "SLEEP"}}}};
         return ScopedAStatus::ok();
     }
     ScopedAStatus getStateResidency(const std::vector<int32_t>& ids,

@@ -29,8 +29,7 @@ int record(const RecordArguments& arguments) {
             : HUGE_VAL;
     double taken = 0;
     if (intervals > 0) sampler->run([&](const Interval&) { return ++taken < intervals; });
-    if (sampler->failure().empty()) return 0;
-    return fail(kFailed, sampler->failure());
+    return sampler->failure().empty() ? 0 : fail(kFailed, sampler->failure());
 }
 
 }  // namespace

@@ -37,11 +37,10 @@ class RecordedSource : public Source {
         std::vector<nanoseconds> gaps(samples.size());
         std::adjacent_difference(samples.begin(), samples.end(), gaps.begin());
         gaps.erase(gaps.begin());
-        std::vector<nanoseconds> sorted = gaps;
         // The median, which an outage does not widen.
-        const auto middle = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() / 2);
-        std::nth_element(sorted.begin(), middle, sorted.end());
-        const nanoseconds spacing = *middle;
+        std::vector<nanoseconds> sorted = gaps;
+        std::sort(sorted.begin(), sorted.end());
+        const nanoseconds spacing = sorted[sorted.size() / 2];
         if (loop) {
             // The first reading of a round is later than the last of the round before.
             const nanoseconds step = std::max<nanoseconds>(

@@ -42,13 +42,8 @@ constexpr int kBlockSize = 256 << 10;
 constexpr uint64_t kMaxPowerPacketSize = 1 << 20;
 constexpr uint64_t kMaxVarintSize = 10;
 
-constexpr uint32_t messageTag(int field) {
-    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
-}
-
-constexpr uint32_t numberTag(int field) {
-    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_VARINT);
-}
+constexpr uint32_t kPacketTag =
+    WireFormatLite::MakeTag(Trace::kPacketFieldNumber, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
 
 /// Reads the power data of a packet, and skips its other fields.
 /// @return false when the packet is damaged.
@@ -60,20 +55,20 @@ bool readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
     while (const uint32_t tag = stream->ReadTag()) {
         uint64_t number = 0;
         bool isRead = size <= kMaxPowerPacketSize;
-        switch (tag) {
-            case messageTag(TracePacket::kPowerRailsFieldNumber):
+        switch (WireFormatLite::GetTagFieldNumber(tag)) {
+            case TracePacket::kPowerRailsFieldNumber:
                 isRead =
                     isRead && WireFormatLite::ReadMessage(stream, packet->mutable_power_rails());
                 break;
-            case messageTag(TracePacket::kEntityStateResidencyFieldNumber):
+            case TracePacket::kEntityStateResidencyFieldNumber:
                 isRead = isRead && WireFormatLite::ReadMessage(
                                        stream, packet->mutable_entity_state_residency());
                 break;
-            case numberTag(TracePacket::kTimestampFieldNumber):
+            case TracePacket::kTimestampFieldNumber:
                 isRead = stream->ReadVarint64(&number);
                 packet->set_timestamp(number);
                 break;
-            case numberTag(TracePacket::kTrustedPacketSequenceIdFieldNumber):
+            case TracePacket::kTrustedPacketSequenceIdFieldNumber:
                 isRead = stream->ReadVarint64(&number);
                 packet->set_trusted_packet_sequence_id(static_cast<uint32_t>(number));
                 break;
@@ -141,7 +136,7 @@ class Collector {
             const uint64_t available = fileSize - mOffset;
             CodedInputStream stream(&input);
             uint64_t size = 0;
-            const bool isPacket = stream.ReadTag() == messageTag(Trace::kPacketFieldNumber);
+            const bool isPacket = stream.ReadTag() == kPacketTag;
             const bool isSized = isPacket && stream.ReadVarint64(&size);
             const auto headerSize = static_cast<uint64_t>(stream.CurrentPosition());
             if (!isPacket || (!isSized && available > kMaxVarintSize)) {
@@ -183,14 +178,13 @@ class Collector {
             const uint32_t first =
                 sequences.emplace(std::pair(thing.kind, thing.name), thing.sequence).first->second;
             if (first != thing.sequence) {
-                if (!hasTwins) {
+                if (!std::exchange(hasTwins, true)) {
                     mWarn(at(thing.offset,
                              fmt::format("packet sequences {} and {} both have {} (of such names "
                                          "only the first sequence's is shown; record one service "
                                          "at a time)",
                                          first, thing.sequence, safeName(thing.name))));
                 }
-                hasTwins = true;
                 continue;
             }
             for (const auto& series : readings) {
@@ -222,8 +216,7 @@ class Collector {
             const auto shown = packets.find(kind);
             if (shown == packets.end()) continue;
             shown->second->push_back({time});
-            const bool isAgain = !sample.insert(kind).second;
-            if (samples.empty() || (isAgain && time != samples.back()) ||
+            if (samples.empty() || (!sample.insert(kind).second && time != samples.back()) ||
                 time - start >= kSampleSpan) {
                 samples.push_back(time);
                 start = time;

@@ -39,25 +39,16 @@ const std::vector<State>& statesOf(const Entity& entity) {
     return entity.states;
 }
 
-Residencies totalsOf(const Energy& energy) {
-    return {energy.time, energy.resets, {{{}, energy.energyUWs, {}}}};
-}
-
-const Residencies& totalsOf(const Residencies& residencies) {
-    return residencies;
-}
-
 bool isNegative(const Residencies& totals) {
     return std::any_of(totals.states.begin(), totals.states.end(),
                        [](const Residency& state) { return state.isLessThan({}); });
 }
 
 bool isReset(const Residencies& before, const Residencies& after) {
-    bool isLess = false;
-    for (size_t i = 0; i < before.states.size(); ++i) {
-        isLess |= after.states[i].isLessThan(before.states[i]);
-    }
-    return isLess || (!before.states.empty() && after.resets != before.resets);
+    const auto keeps = [](const Residency& a, const Residency& b) { return !b.isLessThan(a); };
+    return !before.states.empty() &&
+           (after.resets != before.resets ||
+            !std::equal(before.states.begin(), before.states.end(), after.states.begin(), keeps));
 }
 
 }  // namespace
@@ -73,9 +64,6 @@ std::unique_ptr<TraceWriter> TraceWriter::create(const std::string& path, std::s
     }
     return std::unique_ptr<TraceWriter>(new TraceWriter(path, descriptor));
 }
-
-TraceWriter::TraceWriter(std::string path, int descriptor)
-    : mPath(std::move(path)), mDescriptor(descriptor) {}
 
 TraceWriter::~TraceWriter() {
     close(mDescriptor);
@@ -126,6 +114,7 @@ std::vector<TraceWriter::Slot> TraceWriter::findSlots(const std::vector<Thing>& 
 template <typename Thing, typename Figures>
 void TraceWriter::add(const std::vector<Thing>& things, const std::vector<Slot>& slots,
                       const std::vector<std::optional<Figures>>& figures, Trace* sample) {
+    constexpr bool kIsRail = std::is_same_v<Thing, Rail>;
     const uint32_t next = mSequence + 1;
     std::map<uint32_t, TracePacket*> packets;
     const auto packetOf = [&](uint32_t sequence) {
@@ -141,11 +130,16 @@ void TraceWriter::add(const std::vector<Thing>& things, const std::vector<Slot>&
     for (size_t i = 0; i < things.size(); ++i) {
         const auto& [series, index, stateIndices] = slots[i];
         std::optional<Residencies> totals;
-        if (figures[i]) totals = totalsOf(*figures[i]);
+        if constexpr (kIsRail) {
+            const std::optional<Energy>& energy = figures[i];
+            if (energy) totals = {energy->time, energy->resets, {{{}, energy->energyUWs, {}}}};
+        } else {
+            totals = figures[i];
+        }
         if (totals && (totals->time <= series->last.time || isNegative(*totals))) totals.reset();
         if (series->sequence == 0 || (totals && isReset(series->last, *totals))) {
             *series = {next, index};
-            if constexpr (std::is_same_v<Thing, Rail>) {
+            if constexpr (kIsRail) {
                 auto* const names = packetOf(next)->mutable_power_rails()->add_rail_descriptor();
                 names->set_index(static_cast<uint32_t>(index));
                 names->set_rail_name(things[i].name);
@@ -162,7 +156,7 @@ void TraceWriter::add(const std::vector<Thing>& things, const std::vector<Slot>&
         }
         if (!totals) continue;
         series->last = *std::move(totals);
-        if constexpr (std::is_same_v<Thing, Rail>) {
+        if constexpr (kIsRail) {
             auto* const data = packetOf(series->sequence)->mutable_power_rails()->add_energy_data();
             data->set_index(static_cast<uint32_t>(series->index));
             data->set_timestamp_ms(toNumber(figures[i]->time));

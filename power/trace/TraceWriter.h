@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "power/Reading.h"
@@ -58,7 +59,8 @@ class TraceWriter {
         std::vector<int64_t> stateIndices;
     };
 
-    TraceWriter(std::string path, int descriptor);
+    TraceWriter(std::string path, int descriptor)
+        : mPath(std::move(path)), mDescriptor(descriptor) {}
     template <typename Thing>
     std::vector<Slot> findSlots(const std::vector<Thing>& things);
     template <typename Thing, typename Figures>

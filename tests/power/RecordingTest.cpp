@@ -153,7 +153,7 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
         {good + "text", at + notATrace},
         {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
         // A group without an end, a field without a number, and one longer than its packet.
-        {good + std::string("\x0a\x02\x43\x08"), at + damaged},
+        {good + std::string("\x0a\x02\x2b\x08"), at + damaged},
         {good + std::string("\x0a\x02\x02\x00", 4), at + damaged},
         {good + std::string("\x0a\x03\x5a\x05x12345"), at + damaged},
         {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + damaged},

@@ -118,8 +118,7 @@ TEST(TraceWriter, WritesWhatIsReadBack) {
         << "a sample is on the disk at once";
 
     // Negative energy is left out, and so is a reading from before the last one.
-    const Reading next = makeReading(11000, 1000, -1, 4250);
-    ASSERT_TRUE(writer->write(next, &error)) << error;
+    ASSERT_TRUE(writer->write(makeReading(11000, 1000, -1, 4250), &error)) << error;
     ASSERT_TRUE(writer->write(makeReading(10999, 2000, 60, 4300), &error)) << error;
     // A rail whose total fell, one with a loss that its total does not show, and a rail that comes.
     // The residencies are the old ones.
@@ -132,8 +131,7 @@ TEST(TraceWriter, WritesWhatIsReadBack) {
     last = makeReading(13000, 1001, 41, 4100, true);
     last.rails[2]->resets = 1;
     ASSERT_TRUE(writer->write(last, &error)) << error;
-    const Lines lines = readBack(file, {0, 1000, 2000, 3000});
-    EXPECT_THAT(lines,
+    EXPECT_THAT(readBack(file, {0, 1000, 2000, 3000}),
                 ElementsAre(HasSubstr("both have negative (of such names"), first,
                             "3@10995=1000 0@9995=50 1@10995=20 7@11000000000=4250,5,0",
                             "3@11995=1000 0@9995=50 1@10995=20 2@11995=7 7@11000000000=4250,5,0",
