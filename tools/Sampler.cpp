@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <optional>
 #include <utility>
 
 #include "tools/CommandLine.h"
@@ -22,25 +21,47 @@ void addSamplerOptions(CommandLine command, SamplerOptions* options) {
 std::shared_ptr<Sampler> Sampler::open(SamplerOptions options, int* status) {
     std::shared_ptr<Sampler> sampler(new Sampler);
     sampler->mStep = nanoseconds(std::llround(options.intervalSeconds * 1e9));
-    const auto playingTime = [readings = sampler->mReadings, step = sampler->mStep] {
-        return readings->load() * step;
-    };
+    RecordedSource::PlayingTime playingTime;
+    if (options.intervalSeconds > 0) {
+        playingTime = [readings = sampler->mReadings, step = sampler->mStep] {
+            return readings->load() * step;
+        };
+    }
     sampler->mSource = openSource(&options.source, playingTime, status);
     if (sampler->mSource == nullptr) return nullptr;
     sampler->mTitle = describe(options.source);
-    if (!options.record.empty()) {
-        std::string error;
-        sampler->mWriter = TraceWriter::create(options.record, &error);
-        if (sampler->mWriter == nullptr) {
-            say(error);
-            *status = kUsage;
-            return nullptr;
-        }
-    }
     sampler->mLatest = sampler->mSource->read();
+    if (!sampler->record(options.record)) {
+        *status = kUsage;
+        return nullptr;
+    }
     sayWhyNoRails(sampler->mLatest);
-    sampler->record(sampler->mLatest, nullptr);
     return sampler;
+}
+
+bool Sampler::record(const std::string& file) {
+    if (file.empty()) return true;
+    std::string error;
+    mWriter = TraceWriter::create(file, &error);
+    if (mWriter == nullptr) {
+        say(error);
+        return false;
+    }
+    mWriter->write(mLatest, nullptr, &mFailure);
+    return true;
+}
+
+Interval Sampler::next(Reading* asRead) {
+    ++*mReadings;
+    Reading reading = mSource->read();
+    Reading toRecord;
+    if (asRead == nullptr && mWriter != nullptr) asRead = &toRecord;
+    if (asRead != nullptr) *asRead = reading;
+    keepFigures(mLatest, &reading);
+    Interval interval = subtract(mLatest, reading);
+    mLatest = std::move(reading);
+    if (mWriter != nullptr && mFailure.empty()) mWriter->write(*asRead, &interval, &mFailure);
+    return interval;
 }
 
 Sampler::End Sampler::run(const std::function<bool(Interval interval)>& take) {
@@ -54,15 +75,7 @@ Sampler::End Sampler::run(const std::function<bool(Interval interval)>& take) {
             std::unique_lock<std::mutex> lock(mMutex);
             if (mStopped.wait_until(lock, tick, [this] { return mIsStopping; })) return End::kTaken;
         }
-        ++*mReadings;
-        Reading reading = mSource->read();
-        const std::optional<Reading> toRecord =
-            mWriter != nullptr ? std::optional(reading) : std::nullopt;
-        keepFigures(mLatest, &reading);
-        Interval interval = subtract(mLatest, reading);
-        mLatest = std::move(reading);
-        const bool isRecorded = !toRecord || record(*toRecord, &interval);
-        if (!take(std::move(interval)) && isRecorded) return End::kTaken;
+        if (!take(next()) && mFailure.empty()) return End::kTaken;
     }
     return End::kFailed;
 }
@@ -71,10 +84,6 @@ void Sampler::stop() {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsStopping = true;
     mStopped.notify_all();
-}
-
-bool Sampler::record(const Reading& reading, const Interval* since) {
-    return mWriter == nullptr || mWriter->write(reading, since, &mFailure);
 }
 
 }  // namespace powerstats

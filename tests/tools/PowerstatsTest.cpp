@@ -117,7 +117,7 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"check", "--only", "no-rule"}, "no-rule: no rule has this name"},
         {{"record", "--duration", "1"}, "--output is required (see powerstats record --help)"},
         {{"run", "--runs", "0", "--", "true"}, "0 is not a whole number from 1 to 1000000"},
-        {{"run", "--max", "fans=nan", "--", "true"}, "--max fans=nan: not a limit"},
+        {{"run", "--max", "fans=nan", "--", "true"}, "--max: fans=nan is not a limit"},
         {{"run"}, "COMMAND is required (see powerstats run --help)"},
         {{"watch", "--cuont", "3"}, "unknown argument: --cuont (see powerstats watch --help)"},
         {{"wach"}, "unknown argument: wach (see powerstats --help)"},

@@ -249,7 +249,7 @@ std::string formatCsv(const RunReport& report) {
     return text;
 }
 
-const char* const kVerdicts[] = {"kept", "exceeded", "unclear"};
+const char* const kVerdicts[] = {"kept", "unclear", "exceeded"};
 
 std::string formatJson(const RunReport& report) {
     const auto orNull = [](const std::optional<double>& value) {

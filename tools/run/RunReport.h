@@ -20,7 +20,8 @@ struct Limit {
 /// Parses "RAIL=WATTS"; the name may contain "=" itself.
 std::optional<Limit> parseLimit(const std::string& text);
 
-enum class LimitVerdict { kKept, kOver, kUnclear };
+/// From the best to the worst.
+enum class LimitVerdict { kKept, kUnclear, kOver };
 
 /// A limit against the runs' average powers, in watts.
 struct LimitJudgement {
