@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <tuple>
 #include <utility>
+#include <variant>
 
 #include "power/text/Names.h"
 #include "power/text/Page.h"
@@ -17,15 +19,15 @@ namespace powerstats {
 
 namespace {
 
-Spread summarize(const std::vector<double>& values) {
-    const auto count = static_cast<double>(values.size());
-    Spread spread;
-    for (const double value : values) spread.mean += value / count;
-    if (values.size() < 2) return spread;
-    double squares = 0;
-    for (const double value : values) squares += (value - spread.mean) * (value - spread.mean);
-    spread.deviation = std::sqrt(squares / (count - 1));
-    return spread;
+/// Adds a value to the mean and the standard deviation of those before.
+/// @param count [in] the number of values with this one.
+void add(double value, double count, Spread* spread) {
+    const double step = value - spread->mean;
+    spread->mean += step / count;
+    if (count == 1) return;
+    const double squares =
+        std::pow(spread->deviation.value_or(0), 2) * (count - 2) + step * (value - spread->mean);
+    spread->deviation = std::sqrt(squares / (count - 1));
 }
 
 /// The 97.5 % quantile of Student's t: from a table, and by its expansion in 1 / degrees beyond it,
@@ -40,110 +42,81 @@ double studentsT(size_t degrees) {
            (5 * std::pow(kNormal, 5) + 16 * std::pow(kNormal, 3) + 3 * kNormal) / (96 * n * n);
 }
 
-/// The figures of one thing in every run that has some.
-template <typename Figures>
-struct Runs {
-    std::vector<const Figures*> runs;
-    /// The first run's that has any; then there are no statistics.
-    Trouble trouble = Trouble::kNone;
-
-    template <typename GetValue>
-    Spread summarize(const GetValue& valueOf) const {
-        std::vector<double> values;
-        for (const Figures* figures : runs) values.push_back(valueOf(*figures));
-        return powerstats::summarize(values);
-    }
+/// A figure of the report: a column of a run's rows, in another unit.
+struct Figure {
+    size_t column;
+    double divisor;
 };
 
-/// Collects the figures of a thing of the first run, which the others list by its id and name.
-template <typename Thing, typename Figures>
-Runs<Figures> collect(const std::vector<Interval>& runs, size_t position,
-                      std::vector<Thing> Lists::*things, std::vector<Figures> Interval::*figures) {
-    Runs<Figures> row;
-    const Thing& thing = (*runs[0].lists.*things)[position];
-    for (const Interval& run : runs) {
-        const std::vector<Thing>& list = *run.lists.*things;
-        size_t i = position;
-        if (run.lists != runs[0].lists) {
-            i = static_cast<size_t>(std::find_if(list.begin(), list.end(),
-                                                 [&](const Thing& other) {
-                                                     return other.id == thing.id &&
-                                                            other.name == thing.name;
-                                                 }) -
-                                    list.begin());
-        }
-        const Trouble trouble = i < list.size() ? (run.*figures)[i].trouble : Trouble::kWent;
-        if (row.trouble == Trouble::kNone) row.trouble = trouble;
-        if (trouble == Trouble::kNone) row.runs.push_back(&(run.*figures)[i]);
+/// Adds the figures of a run's row to the means of the runs before.
+void add(const Row& row, const std::vector<Figure>& figures, double count, Row* mean) {
+    for (size_t i = 0; i < figures.size() && figures[i].column < row.cells.size(); ++i) {
+        const Cell& cell = row.cells[figures[i].column];
+        const auto* const whole = std::get_if<int64_t>(&cell);
+        const double value =
+            whole != nullptr ? static_cast<double>(*whole) : std::get<double>(cell);
+        if (count == 1) mean->cells.emplace_back(Spread());
+        add(value / figures[i].divisor, count, &std::get<Spread>(mean->cells[i]));
     }
-    return row;
 }
 
-double joulesOf(const Interval::RailFigures& rail) {
-    return static_cast<double>(rail.energyUWs) / 1e6;
-}
-
-double wattsOf(const Interval::RailFigures& rail) {
-    return rail.milliwatts / 1000;
+/// The means of the things that the first run lists. The others list them by id and name.
+/// @param section [in] without rows.
+/// @param kind [in] the position of the section among those of an interval.
+Section average(const std::vector<Interval>& runs, size_t kind, Section section,
+                const std::vector<Figure>& figures, const std::vector<Figure>& stateFigures) {
+    double count = 0;
+    for (const Interval& run : runs) {
+        const std::vector<Row> rows = sectionsOf(run)[kind].rows;
+        for (size_t i = 0; i < rows.size() && count == 0; ++i) {
+            Row& mean = section.rows.emplace_back();
+            std::tie(mean.name, mean.id, mean.steady) =
+                std::tie(rows[i].name, rows[i].id, rows[i].steady);
+            mean.trouble = "";
+            for (const Row& state : rows[i].states) mean.states.push_back({state.name});
+        }
+        ++count;
+        for (Row& mean : section.rows) {
+            const auto row = std::find_if(rows.begin(), rows.end(), [&](const Row& other) {
+                return other.id == mean.id && other.name == mean.name &&
+                       other.states.size() == mean.states.size();
+            });
+            // There are no means where a run has no figures.
+            if (*mean.trouble == '\0') {
+                mean.trouble = row != rows.end() ? row->trouble : toText(Trouble::kWent);
+            }
+            if (*mean.trouble != '\0') continue;
+            if (row->steady != mean.steady) mean.steady = nullptr;
+            add(*row, figures, count, &mean);
+            for (size_t i = 0; i < row->states.size(); ++i) {
+                add(row->states[i], stateFigures, count, &mean.states[i]);
+            }
+        }
+    }
+    for (Row& mean : section.rows) {
+        if (*mean.trouble != '\0') {
+            mean.cells.assign(section.columns.size(), {});
+        } else if (!mean.states.empty() &&
+                   std::get<Spread>(mean.states.back().cells[0]).mean == 0) {
+            mean.states.pop_back();  // the time in no state
+        }
+    }
+    return section;
 }
 
 Section railsOf(const std::vector<Interval>& runs) {
-    Section section{"rails", "rail", {{"energy_j", "energy (J)", 3}, {"power_w", "power (W)", 3}}};
-    if (runs.empty()) return section;
-    const std::vector<Rail>& rails = runs[0].lists->rails;
-    for (size_t i = 0; i < rails.size(); ++i) {
-        const auto row = collect(runs, i, &Lists::rails, &Interval::rails);
-        std::vector<Cell> cells(2);
-        if (row.trouble == Trouble::kNone)
-            cells = {row.summarize(joulesOf), row.summarize(wattsOf)};
-        section.rows.push_back(
-            {rails[i].name, rails[i].id, std::nullopt, std::move(cells), toText(row.trouble)});
-    }
-    return section;
-}
-
-/// The state that had all of the time of every run, or null.
-const char* steadyState(const std::vector<Interval>& runs, size_t entity) {
-    const char* const steady = steadyState(runs[0], entity);
-    const bool isSteady =
-        steady != nullptr && std::all_of(runs.begin(), runs.end(), [&](const Interval& run) {
-            const char* const state =
-                run.lists == runs[0].lists ? steadyState(run, entity) : nullptr;
-            return state != nullptr && std::string_view(state) == steady;
-        });
-    return isSteady ? steady : nullptr;
+    return average(runs, 0,
+                   {"rails", "rail", {{"energy_j", "energy (J)", 3}, {"power_w", "power (W)", 3}}},
+                   {{2, 1e6}, {3, 1e3}}, {});
 }
 
 Section entitiesOf(const std::vector<Interval>& runs) {
-    using Figures = Interval::EntityFigures;
-    Section section{"entities",
+    return average(runs, 1,
+                   {"entities",
                     "entity and state",
                     {},
-                    {{"share_percent", "time (%)", 1}, {"entries_per_s", "entries/s", 1}}};
-    if (runs.empty()) return section;
-    const std::vector<Entity>& entities = runs[0].lists->entities;
-    for (size_t i = 0; i < entities.size(); ++i) {
-        auto figures = collect(runs, i, &Lists::entities, &Interval::entities);
-        const size_t count = entities[i].states.size();
-        for (const Figures* run : figures.runs) {
-            if (run->states.size() != count) figures.trouble = Trouble::kWent;
-        }
-        Row& row = section.rows.emplace_back();
-        row.name = entities[i].name;
-        row.trouble = toText(figures.trouble);
-        if (figures.trouble != Trouble::kNone) continue;
-        row.steady = steadyState(runs, i);
-        for (size_t j = 0; j < count; ++j) {
-            const auto share =
-                figures.summarize([j](const Figures& run) { return run.states[j].share * 100; });
-            const auto rate = figures.summarize(
-                [j](const Figures& run) { return run.states[j].entriesPerSecond; });
-            row.states.push_back({entities[i].states[j].name, {}, {}, {share, rate}});
-        }
-        const auto rest = figures.summarize([](const Figures& run) { return run.noneShare * 100; });
-        if (rest.mean > 0) row.states.push_back({kNoState, {}, {}, {rest}});
-    }
-    return section;
+                    {{"share_percent", "time (%)", 1}, {"entries_per_s", "entries/s", 1}}},
+                   {}, {{1, 1}, {3, 1}});
 }
 
 /// The figures of the rail with a name, or null.
@@ -192,9 +165,10 @@ std::string commandLine(const RunReport& report) {
 }
 
 Spread elapsedOf(const RunReport& report) {
-    std::vector<double> seconds;
-    for (const Interval& run : report.runs) seconds.push_back(toSeconds(run.elapsed));
-    return summarize(seconds);
+    Spread seconds;
+    double count = 0;
+    for (const Interval& run : report.runs) add(toSeconds(run.elapsed), ++count, &seconds);
+    return seconds;
 }
 
 std::string formatTable(const RunReport& report) {
@@ -232,7 +206,8 @@ std::string formatCsv(const RunReport& report) {
         for (size_t j = 0; j < run.rails.size(); ++j) {
             const Interval::RailFigures& rail = run.rails[j];
             add(rail, "rail", run.lists->rails[j].name, "",
-                fmt::format("{},{},,", joulesOf(rail), wattsOf(rail)));
+                fmt::format("{},{},,", static_cast<double>(rail.energyUWs) / 1e6,
+                            rail.milliwatts / 1000));
         }
         for (size_t j = 0; j < run.entities.size(); ++j) {
             const Interval::EntityFigures& entity = run.entities[j];
@@ -287,13 +262,11 @@ std::optional<Limit> parseLimit(const std::string& text) {
 }
 
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
-    std::vector<double> watts;
-    for (const Interval& run : runs) {
-        const Interval::RailFigures* const rail = findRail(run, limit.rail);
-        if (rail != nullptr && rail->trouble == Trouble::kNone) watts.push_back(wattsOf(*rail));
-    }
-    if (watts.empty() || watts.size() != runs.size()) return {};
-    const Spread spread = summarize(watts);
+    const Section rails = railsOf(runs);
+    const auto rail = std::find_if(rails.rows.begin(), rails.rows.end(),
+                                   [&](const Row& row) { return row.name == limit.rail; });
+    if (rail == rails.rows.end() || *rail->trouble != '\0') return {};
+    const Spread spread = std::get<Spread>(rail->cells[1]);
     if (runs.size() < 3) {
         return {spread.mean <= limit.watts ? LimitVerdict::kKept : LimitVerdict::kOver, spread.mean,
                 std::nullopt};
