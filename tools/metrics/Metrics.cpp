@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -39,20 +38,15 @@ struct MetricsArguments {
 bool replaceFile(const std::string& path, const std::string& text) {
     std::string temporary = path + ".XXXXXX";
     const int file = mkostemp(temporary.data(), O_CLOEXEC);
-    FILE* const stream = file >= 0 ? fdopen(file, "w") : nullptr;
-    bool replaced = false;
-    if (stream != nullptr) {
-        replaced = fchmod(file, 0640) == 0 &&
-                   std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
-                   std::fflush(stream) == 0 && fsync(file) == 0 &&
-                   rename(temporary.c_str(), path.c_str()) == 0;
+    const bool isReplaced = file >= 0 && fchmod(file, 0640) == 0 &&
+                            dprintf(file, "%s", text.c_str()) >= 0 && fsync(file) == 0 &&
+                            rename(temporary.c_str(), path.c_str()) == 0;
+    if (!isReplaced) say(fmt::format("{}: {}", path, std::strerror(errno)));
+    if (file >= 0) {
+        if (!isReplaced) unlink(temporary.c_str());
+        close(file);
     }
-    if (!replaced) {
-        say(fmt::format("{}: {}", path, std::strerror(errno)));
-        if (file >= 0) unlink(temporary.c_str());
-    }
-    if (stream != nullptr) std::fclose(stream);
-    return replaced;
+    return isReplaced;
 }
 
 /// Reads the service. Says why when a part of it cannot be read.
@@ -63,43 +57,37 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     const std::shared_ptr<Source> source = openSource(&arguments.source, kAtFirstSample, &status);
     if (source == nullptr) return status;
     const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
-    const bool noRails = !arguments.noRails && reading.railsFailure &&
-                         reading.railsFailure.kind != Failure::Kind::kNotMeasured;
-    const bool noEntities = static_cast<bool>(reading.entitiesFailure);
-    if (noRails) say("rails: " + reading.railsFailure.text);
-    // Not in the journal of a timer, each minute.
-    if (!noRails && !arguments.noRails && isatty(STDERR_FILENO) != 0) sayWhyNoRails(reading);
-    if (noEntities) say("power entities: " + reading.entitiesFailure.text);
-    if (!noEntities || (!noRails && !arguments.noRails)) {
-        *text =
-            formatMetrics(reading, arguments.format == "prometheus" ? MetricsFormat::kPrometheus
-                                                                    : MetricsFormat::kOpenMetrics);
+    const Failure rails = arguments.noRails ? Failure() : reading.railsFailure;
+    const bool isRailsFault = rails && rails.kind != Failure::Kind::kNotMeasured;
+    if (isRailsFault) {
+        say("rails: " + rails.text);
+    } else if (rails && isatty(STDERR_FILENO) != 0) {
+        sayWhyNoRails(reading);  // not in the journal of a timer, each minute
     }
-    return noEntities || noRails ? kFailed : 0;
+    if (reading.entitiesFailure) say("power entities: " + reading.entitiesFailure.text);
+    if (!reading.entitiesFailure || (!isRailsFault && !arguments.noRails)) {
+        *text = formatMetrics(reading, arguments.format);
+    }
+    return isRailsFault || reading.entitiesFailure ? kFailed : 0;
 }
 
 int metrics(const MetricsArguments& arguments) {
     std::optional<std::string> text;
     const int status = collect(arguments, &text);
-    const auto write = [&] {
-        return !arguments.output.empty() ? replaceFile(arguments.output, *text)
-                                         : writeOutput(*text);
-    };
-    if (text && write()) return status;
+    const std::string& output = arguments.output;
+    if (text && (output.empty() ? writeOutput(*text) : replaceFile(output, *text))) return status;
     // Totals that stand still would look like a machine that uses no power. A series that ends
     // looks like one that is not measured.
-    if (!arguments.output.empty()) unlink(arguments.output.c_str());
+    if (!output.empty()) unlink(output.c_str());
     return status != 0 ? status : kFailed;
 }
 
 /// Refuses folders, devices and links, which a new file must not replace.
 std::string checkOutput(const std::string& path) {
+    using std::filesystem::file_type;
     std::error_code error;
-    const auto type = std::filesystem::symlink_status(path, error).type();
-    if (!path.empty() && (type == std::filesystem::file_type::regular ||
-                          type == std::filesystem::file_type::not_found)) {
-        return {};
-    }
+    const file_type type = std::filesystem::symlink_status(path, error).type();
+    if (!path.empty() && (type == file_type::regular || type == file_type::not_found)) return {};
     return path + ": not a plain file (name a file that may be replaced)";
 }
 
