@@ -206,25 +206,27 @@ int dump(DumpArguments arguments) {
 
 }  // namespace
 
-Command addDump(CommandLine program) {
+CommandLine makeDump() {
     const auto arguments = std::make_shared<DumpArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "dump", "Call the library once and print its result.",
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
         "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a library that cannot be loaded.\n"
-        "Example: powerstats dump --residencies");
-    addServiceOptions(command, &arguments->service);
-    command.addFlag("--rails", "Energy of the rails only", &arguments->rails);
-    command.addFlag("--residencies", "States of the power entities only", &arguments->residencies);
+        "Example: powerstats dump --residencies"};
+    addServiceOptions(&command, &arguments->service);
+    command.addOption("--rails", "Energy of the rails only", flag(&arguments->rails));
+    command.addOption("--residencies", "States of the power entities only",
+                      flag(&arguments->residencies));
     command.addOption("--format", "binary: the library's own bytes",
                       choice(&arguments->format, {"table", "json", "binary"}));
     Value library = text(&arguments->library, "FILE");
     library.byDefault = "the one installed with this program";
     command.addOption("--library", "The library's file", library);
-    return {command, [arguments] { return dump(*arguments); }};
+    command.run = [arguments] { return dump(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

@@ -35,9 +35,9 @@ int record(const RecordArguments& arguments) {
 
 }  // namespace
 
-Command addRecord(CommandLine program) {
+CommandLine makeRecord() {
     const auto arguments = std::make_shared<RecordArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "record", "Write what a service reports to a file, for trace viewers.",
         "The file is a protobuf trace with the readings, and with counters in milliwatts and\n"
         "percent. It is readable at any moment, also after the program was killed. --replay plays\n"
@@ -45,8 +45,8 @@ Command addRecord(CommandLine program) {
         "Exit status: 0 the duration or the recording that was played back is over, 1 no service,\n"
         "or the file cannot be written on, 2 bad argument, or a file that exists or cannot be\n"
         "created.\n"
-        "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace");
-    addSamplerOptions(command, &arguments->sampler);
+        "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace"};
+    addSamplerOptions(&command, &arguments->sampler);
     Value output = text(&arguments->sampler.record, "FILE");
     output.isRequired = true;
     command.addOption("-o,--output", "The file, which must not exist; only you can read it",
@@ -54,7 +54,8 @@ Command addRecord(CommandLine program) {
     command.addOption("--duration",
                       "Seconds from the first reading to the last; without end by default",
                       number(&arguments->durationSeconds, {0, 1e9}));
-    return {command, [arguments] { return record(*arguments); }};
+    command.run = [arguments] { return record(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

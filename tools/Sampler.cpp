@@ -12,10 +12,10 @@ namespace powerstats {
 
 using std::chrono::steady_clock;
 
-void addSamplerOptions(CommandLine command, SamplerOptions* options) {
+void addSamplerOptions(CommandLine* command, SamplerOptions* options) {
     addSourceOptions(command, &options->source);
-    command.addOption("--interval", "Seconds from reading to reading",
-                      number(&options->intervalSeconds, {0.05, 86400}));
+    command->addOption("--interval", "Seconds from reading to reading",
+                       number(&options->intervalSeconds, {0.05, 86400}));
 }
 
 std::shared_ptr<Sampler> Sampler::open(SamplerOptions options, int* status) {

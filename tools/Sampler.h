@@ -24,7 +24,7 @@ struct SamplerOptions {
 };
 
 /// Adds `--interval` and the options of the source.
-void addSamplerOptions(CommandLine command, SamplerOptions* options);
+void addSamplerOptions(CommandLine* command, SamplerOptions* options);
 
 /// Reads a source over time for every subcommand that does, records, and has the loop that waits
 /// for a tick and hands over the interval since the reading before.

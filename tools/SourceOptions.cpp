@@ -140,41 +140,37 @@ int awaitService(SourceOptions* options, const std::string& hal) {
 
 }  // namespace
 
-void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus) {
-    command.addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
+void addSourceOptions(CommandLine* command, SourceOptions* options, WithBus withBus) {
+    command->addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
     Value replay = text(&options->replay, "FILE");
-    replay.excludes = "--sysfs";
-    command.addOption("--replay",
-                      "Play a recording back instead of reading this machine's counters", replay);
+    replay.excludes = {"--sysfs"};
+    command->addOption("--replay",
+                       "Play a recording back instead of reading this machine's counters", replay);
     Value speed = number(&options->speed, {0.001, 1e6});
-    speed.needs = "--replay";
-    command.addOption("--speed", "Times as fast as it was recorded", speed);
-    command.addFlag("--loop", "Start the recording again after its end", &options->loop,
-                    "--replay");
+    Value loop = flag(&options->loop);
+    speed.needs = loop.needs = {"--replay"};
+    command->addOption("--speed", "Times as fast as it was recorded", speed);
+    command->addOption("--loop", "Start the recording again after its end", loop);
     if (withBus == WithBus::kNo) return;
     Value bus = choice(&options->bus, {kAnyBus, "session", "system"});
     bus.whenLeftOut = kAnyBus;
-    command.addOption("--bus",
-                      "Ask a service on a bus; on either, session first, when none is named", bus);
-    command.addOption("--wait", "Seconds to wait for a service to appear on the bus",
-                      number(&options->waitSeconds, {0, 86400}));
-    command.addFlag("--verbose", "Log why calls and look-ups of the service fail",
-                    &options->verbose);
-    command.checkAtEnd([options, command]() -> std::string {
-        if (options->verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
-        for (const char* const option : {"--replay", "--sysfs"}) {
-            if (options->bus.empty() || !command.isGiven(option)) continue;
-            return fmt::format(
-                "{}: not with --bus (the service on the bus has counters of its own)", option);
-        }
+    bus.excludes = {"--sysfs", "--replay"};  // a service has counters of its own
+    command->addOption("--bus",
+                       "Ask a service on a bus; on either, session first, when none is named", bus);
+    command->addOption("--wait", "Seconds to wait for a service to appear on the bus",
+                       number(&options->waitSeconds, {0, 86400}));
+    const auto logAll = [](const std::string& /*text*/) {
+        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
         return "";
-    });
+    };
+    command->addOption("--verbose", "Log why calls and look-ups of the service fail",
+                       {"", "", "", logAll});
 }
 
-void addServiceOptions(CommandLine command, ServiceOptions* options) {
+void addServiceOptions(CommandLine* command, ServiceOptions* options) {
     addSourceOptions(command, &options->source);
-    command.addOption("--hal", "Interface; the AIDL service first, when none is given",
-                      choice(&options->hal, {"aidl", "hidl"}));
+    command->addOption("--hal", "Interface; the AIDL service first, when none is given",
+                       choice(&options->hal, {"aidl", "hidl"}));
 }
 
 std::shared_ptr<Source> openSource(SourceOptions* asked,

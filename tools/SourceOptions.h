@@ -19,7 +19,6 @@ struct SourceOptions {
     bool loop = false;
     std::string bus;  ///< "any", "session" or "system"; empty: within this process
     double waitSeconds = 2;
-    bool verbose = false;
 };
 
 /// Which service look-ups of this process find: a source that this process serves itself, or a
@@ -33,10 +32,11 @@ enum class WithBus { kNo, kYes };
 
 /// Adds `--sysfs`, `--replay` with `--speed` and `--loop`, and for clients `--bus`, `--wait` and
 /// `--verbose`. Mistakes in them are mistakes of parsing.
-void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus = WithBus::kYes);
+void addSourceOptions(CommandLine* command, SourceOptions* options,
+                      WithBus withBus = WithBus::kYes);
 
 /// Adds the options of the source, and `--hal`.
-void addServiceOptions(CommandLine command, ServiceOptions* options);
+void addServiceOptions(CommandLine* command, ServiceOptions* options);
 
 /// Opens a source. Says why a file of this machine cannot be read, once for each. With `--bus`
 /// waits until a service is there.

@@ -57,17 +57,17 @@ int watch(WatchArguments arguments) {
 
 }  // namespace
 
-Command addWatch(CommandLine program) {
+CommandLine makeWatch() {
     const auto arguments = std::make_shared<WatchArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "watch", "Show power and shares of time, interval by interval.",
         "Power is the average of an interval in milliwatts. Rails overlap (a package contains its\n"
         "cores), so a sum over them says nothing. Shares are percent of the interval.\n"
         "The document formats.md describes the formats.\n"
         "Exit status: 0 something was read, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a file that cannot be used.\n"
-        "Example: powerstats watch --interval 0.1 --count 2 --format csv");
-    addSamplerOptions(command, &arguments->sampler);
+        "Example: powerstats watch --interval 0.1 --count 2 --format csv"};
+    addSamplerOptions(&command, &arguments->sampler);
     command.addOption("--record", "Also write the readings to a file, as powerstats record does",
                       text(&arguments->sampler.record, "FILE"));
     command.addOption("--count", "Intervals to show; without end by default",
@@ -75,7 +75,8 @@ Command addWatch(CommandLine program) {
     Value format = choice(&arguments->format, {"live", "table", "csv", "jsonl"});
     format.byDefault = "live on a terminal, otherwise table";
     command.addOption("--format", "Format of each interval", format);
-    return {command, [arguments] { return watch(*arguments); }};
+    command.run = [arguments] { return watch(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

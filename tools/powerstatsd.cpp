@@ -61,24 +61,24 @@ int serve(Arguments arguments) {
     return fail(kFailed, error);
 }
 
-int run(int argc, char** argv) {
-    Arguments arguments;
-    CommandLine program(
-        "powerstatsd", POWERSTATS_VERSION,
+CommandLine makeDaemon() {
+    const auto arguments = std::make_shared<Arguments>();
+    CommandLine program = {
+        "powerstatsd",
         "Serves this machine's power counters, or a recording's, on D-Bus. Energy is in\n"
         "microwatt-seconds and counts since boot; a rail of this machine counts since boot only "
         "if\n"
         "the daemon started at boot.",
         "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
         "bus, name or recording that cannot be had.\n"
-        "Example: powerstatsd --bus session");
-    Value hal = choice(&arguments.hal, {"aidl", "hidl", "both"});
+        "Example: powerstatsd --bus session"};
+    Value hal = choice(&arguments->hal, {"aidl", "hidl", "both"});
     hal.byDefault = "both on the session bus, aidl on the system bus";
     program.addOption("--hal", "Interfaces to serve; HIDL has no rails on the system bus", hal);
-    program.addOption("--bus", "Bus to serve on", choice(&arguments.bus, {"session", "system"}));
-    addSourceOptions(program, &arguments.source, WithBus::kNo);
-    if (const auto exitCode = program.parse(argc, argv)) return *exitCode;
-    return serve(arguments);
+    program.addOption("--bus", "Bus to serve on", choice(&arguments->bus, {"session", "system"}));
+    addSourceOptions(&program, &arguments->source, WithBus::kNo);
+    program.run = [arguments] { return serve(*arguments); };
+    return program;
 }
 
 }  // namespace
@@ -86,5 +86,5 @@ int run(int argc, char** argv) {
 }  // namespace powerstats
 
 int main(int argc, char** argv) {
-    return powerstats::runProgram("powerstatsd", powerstats::run, argc, argv);
+    return powerstats::runProgram(powerstats::makeDaemon, {}, argc, argv);
 }

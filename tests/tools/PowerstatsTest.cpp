@@ -122,7 +122,7 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"watch", "--cuont", "3"}, "unknown argument: --cuont (see powerstats watch --help)"},
         {{"wach"}, "unknown argument: wach (see powerstats --help)"},
         {{"watch", "--format", "xml"}, "xml is not one of live, table, csv, jsonl"},
-        {{"dump", "--bus", "--sysfs", "/"}, "--sysfs: not with --bus"},
+        {{"dump", "--bus", "--sysfs", "/"}, "--sysfs excludes --bus"},
         {{"run", "--sysfs", SAMPLE_MACHINE, "--max", "cpu=1", "--", "true"},
          "--max cpu: no such rail (there are fans, "},
     };

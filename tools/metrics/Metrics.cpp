@@ -93,20 +93,20 @@ std::string checkOutput(const std::string& path) {
 
 }  // namespace
 
-Command addMetrics(CommandLine program) {
+CommandLine makeMetrics() {
     const auto arguments = std::make_shared<MetricsArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "metrics", "Print the totals of a service once, for Prometheus.",
         "Energy is in joules and time in seconds, at full precision. Rails that were not measured\n"
         "since boot are there too. The document fleet.md has the way to Prometheus.\n"
         "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
         "the metrics could not be written, 2 bad argument. When nothing could be read or written,\n"
         "the file of --output is removed, because old totals would mislead.\n"
-        "Example: powerstats metrics --no-rails");
-    addSourceOptions(command, &arguments->source);
+        "Example: powerstats metrics --no-rails"};
+    addSourceOptions(&command, &arguments->source);
     command.addOption("--format", "The text format",
                       choice(&arguments->format, {"prometheus", "openmetrics"}));
-    command.addFlag("--no-rails", "Leave out energy", &arguments->noRails);
+    command.addOption("--no-rails", "Leave out energy", flag(&arguments->noRails));
     const auto takeOutput = [arguments](const std::string& path) {
         arguments->output = path;
         return checkOutput(path);
@@ -114,7 +114,8 @@ Command addMetrics(CommandLine program) {
     command.addOption("--output",
                       "Replace this file as a whole; only you and your group can read it",
                       {"FILE", "", "", takeOutput});
-    return {command, [arguments] { return metrics(*arguments); }};
+    command.run = [arguments] { return metrics(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

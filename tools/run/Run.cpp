@@ -193,9 +193,9 @@ int run(RunArguments arguments) {
 
 }  // namespace
 
-Command addRun(CommandLine program) {
+CommandLine makeRun() {
     const auto arguments = std::make_shared<RunArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "run", "Run a command, and show its energy, power and shares of time.",
         "Energy is in joules and power in watts. Rails overlap (a package contains its cores), so\n"
         "a sum over them says nothing. Other programs that run at the time count too. A signal\n"
@@ -205,8 +205,8 @@ Command addRun(CommandLine program) {
         "Exit status: that of the command; 128 and the number of the signal that ended it; 126 or\n"
         "127 if it cannot be started; 2 bad argument, before the command starts; when all limits\n"
         "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"
-        "Example: powerstats run -r 3 -- sleep 0.1");
-    addSourceOptions(command, &arguments->source);
+        "Example: powerstats run -r 3 -- sleep 0.1"};
+    addSourceOptions(&command, &arguments->source);
     command.addOption("-r,--runs", "Times to run the command", number(&arguments->runs, {1, 1e6}));
     const auto takeLimit = [arguments](const std::string& text) -> std::string {
         const std::optional<Limit> limit = parseLimit(text);
@@ -223,8 +223,14 @@ Command addRun(CommandLine program) {
                       text(&arguments->record, "FILE"));
     command.addOption("--format", "Format of the report",
                       choice(&arguments->format, {"table", "csv", "json"}));
-    command.addCommand("The command and its arguments", &arguments->command);
-    return {command, [arguments] { return run(*arguments); }};
+    const auto takeWord = [arguments](const std::string& word) {
+        arguments->command.push_back(word);
+        return "";
+    };
+    command.addOption("COMMAND", "The command and its arguments",
+                      {"TEXT", "", "", takeWord, true, true});
+    command.run = [arguments] { return run(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats
