@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <variant>
 #include <vector>
 
 #include "power/service/ServiceSource.h"
@@ -40,126 +40,97 @@ struct DumpArguments {
 using PowerDataResult =
     com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
 
-/// One of the library's methods that is to be called, and the bytes that it returned.
+/// One of the library's methods that was called, and what it returned.
 struct LibraryCall {
     bool isRails;
     JavaBytes bytes;
+    PowerDataResult result = {};
 };
 
 /// Says why there is no energy, and of each call that returned null why it did, with the remedy.
 void explainMissing(const std::vector<LibraryCall>& calls, const Reading& reading, bool isOwnHidl) {
-    for (const LibraryCall& call : calls) {
-        const Failure& failure = call.isRails ? reading.railsFailure : reading.entitiesFailure;
-        if (call.isRails && (failure.kind == Failure::Kind::kNotMeasured ||
-                             failure.kind == Failure::Kind::kRefused)) {
+    using Kind = Failure::Kind;
+    for (const auto& [isRails, bytes, result] : calls) {
+        const auto& [kind, text] = isRails ? reading.railsFailure : reading.entitiesFailure;
+        if (isRails && (kind == Kind::kNotMeasured || kind == Kind::kRefused)) {
             sayWhyNoRails(reading);
             continue;
         }
         // The lack of a service was said when it was looked for.
-        if (call.bytes || failure.kind == Failure::Kind::kNoService) continue;
-        const bool hasNone = !call.isRails && reading.lists->entities.empty();
-        say(fmt::format("{}: {}", call.isRails ? "rails" : "power entities",
-                        failure.kind == Failure::Kind::kHidlOnly
-                            ? "the service answered nothing over HIDL (--verbose logs why)"
-                        : failure ? failure.text
-                        : call.isRails && isOwnHidl
-                            ? "none over HIDL, because no rail is counted since boot "
-                              "(give --hal aidl)"
-                        : hasNone ? "the service has none"
-                                  : "the service failed, and answers again now"));
+        if (bytes || kind == Kind::kNoService) continue;
+        const bool hasNone = !isRails && reading.lists->entities.empty();
+        say((isRails ? "rails: " : "power entities: ") +
+            (kind == Kind::kHidlOnly ? "the service answered nothing over HIDL (--verbose logs why)"
+             : kind != Kind::kNone   ? text
+             : isRails && isOwnHidl
+                 ? "none over HIDL, because no rail is counted since boot (give --hal aidl)"
+             : hasNone ? "the service has none"
+                       : "the service failed, and answers again now"));
     }
 }
 
 /// Says which rails the library leaves out because they are not measured since boot.
 void explainLeftOut(const Reading& reading) {
-    std::string names;
+    std::vector<std::string> names;
     nanoseconds since{};
     for (size_t i = 0; i < reading.rails.size(); ++i) {
         const std::optional<Energy>& energy = reading.rails[i];
         if (!energy || energy->isSinceBoot()) continue;
         since = std::max(since, energy->time - energy->duration);
-        names += (names.empty() ? "" : ", ") + reading.lists->rails[i].name;
+        names.push_back(reading.lists->rails[i].name);
     }
     if (names.empty()) return;
     say(
         fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
                     "powerstatsd at boot; after a restart of it, at the next boot)",
-                    toMilliseconds(since) / 1000, names));
+                    toMilliseconds(since) / 1000, fmt::join(names, ", ")));
 }
 
-void callLibrary(const LoadedLibrary& library, std::vector<LibraryCall>* calls) {
-    HostJniEnv env;
-    for (LibraryCall& call : *calls) {
-        call.bytes = call.isRails ? library.railEnergy(&env) : library.residencies(&env);
-    }
-}
-
-/// A result of the library, and the safe names in it.
-struct Result {
-    Section section;
-    nanoseconds time{};
-    std::deque<std::string> names = {};
-};
-
-/// @return whether the bytes are a result. Otherwise one line says so.
-bool parse(const LibraryCall& call, Result* result) {
-    result->section =
+/// @param names [out] the safe names of the rows.
+Section sectionOf(const LibraryCall& call, std::deque<std::string>* names) {
+    Section section =
         call.isRails ? Section{"rails", "rail", {{"timestamp_ms"}, {"energy_mj", "energy (mJ)"}}}
                      : Section{"entities",
                                "entity and state",
                                {{"timestamp_ms"}, {kStates}},
                                {{"time_ms", "time (ms)"}, {"entries", "entries"}}};
-    PowerDataResult message;
-    if (call.bytes &&
-        !message.ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
-        say("the library's result cannot be read (build the library and this program together)");
-        return false;
-    }
-    const auto safe = [&](const std::string& name) {
-        return std::string_view(result->names.emplace_back(safeName(name, SIZE_MAX)));
+    const auto safe = [&](const std::string& name) -> std::string_view {
+        return names->emplace_back(safeName(name, SIZE_MAX));
     };
-    for (const auto& element : message.keyed_power_data()) {
-        Row& row = result->section.rows.emplace_back();
+    for (const auto& element : call.result.keyed_power_data()) {
+        Row& row = section.rows.emplace_back();
         row.name = safe(element.id().name());
         row.cells = {element.id().timestamp_ms()};
         if (call.isRails) row.cells.emplace_back(element.data().scalar().value());
         for (const auto& state : element.data().residency()) {
-            row.states.push_back(
-                {safe(state.name()),
-                 {},
-                 {},
-                 {state.total_time_in_state_ms(), state.total_state_entry_count()}});
+            Row& stay = row.states.emplace_back();
+            stay.name = safe(state.name());
+            stay.cells = {state.total_time_in_state_ms(), state.total_state_entry_count()};
         }
-        result->time = fromMilliseconds(element.id().timestamp_ms());
     }
-    return true;
+    return section;
 }
 
-bool format(const std::vector<LibraryCall>& calls, const std::string& form, std::string* text) {
+std::string format(const std::vector<LibraryCall>& calls, const std::string& form) {
+    const auto& bytes = calls.front().bytes;
+    if (form == "binary") return bytes ? std::string(bytes->begin(), bytes->end()) : "";
     Json::Object json;
+    std::string text;
+    std::deque<std::string> names;
     for (const LibraryCall& call : calls) {
-        Result result{};
-        if (!parse(call, &result)) return false;
-        json.emplace_back(result.section.key, call.bytes ? toJson(result.section) : Json());
-        const char* const title = call.isRails ? "Rails" : "Power entities";
-        if (form == "json") continue;
-        if (!text->empty()) *text += '\n';
+        const Section section = sectionOf(call, &names);
+        json.emplace_back(section.key, call.bytes ? toJson(section) : Json());
+        text += std::string(text.empty() ? "" : "\n") + (call.isRails ? "Rails" : "Power entities");
         if (!call.bytes) {
-            *text += fmt::format("{}: not available\n", title);
-        } else if (result.section.rows.empty()) {
-            *text += fmt::format("{}: none reported\n", title);
+            text += ": not available\n";
+        } else if (section.rows.empty()) {
+            text += ": none reported\n";
         } else {
-            *text += fmt::format("{} at {}\n{}", title, afterBoot(result.time),
-                                 formatTable(result.section));
+            const auto time = std::get<int64_t>(section.rows.back().cells[0]);
+            text += " at " + afterBoot(fromMilliseconds(time)) + '\n' + formatTable(section);
         }
     }
-    if (form == "json") *text = Json(json).print(2) + '\n';
-    return true;
-}
-
-/// What a client of the same service sees, to explain the library's answers.
-Reading readDirectly(Source* own) {
-    return own != nullptr ? own->read() : ServiceSource().read();
+    return form == "json" ? Json(json).print(2) + '\n' : text;
 }
 
 int dump(DumpArguments arguments) {
@@ -182,25 +153,25 @@ int dump(DumpArguments arguments) {
     // The library says itself that no service is on the bus.
     if (status != 0 && arguments.service.source.bus.empty()) return status;
 
+    HostJniEnv env;
     std::vector<LibraryCall> calls;
-    if (all || arguments.rails) calls.push_back({true, {}});
-    if (all || arguments.residencies) calls.push_back({false, {}});
-    callLibrary(*library, &calls);
-
-    std::string text;
-    if (arguments.format == "binary") {
-        const JavaBytes& bytes = calls.front().bytes;
-        if (bytes) text.assign(bytes->begin(), bytes->end());
-    } else if (!format(calls, arguments.format, &text)) {
-        return kFailed;
+    if (all || arguments.rails) calls.push_back({true, library->railEnergy(&env)});
+    if (all || arguments.residencies) calls.push_back({false, library->residencies(&env)});
+    bool any = false;
+    for (auto& [isRails, bytes, result] : calls) {
+        any |= bytes && !bytes->empty();
+        if (bytes && arguments.format != "binary" &&
+            !result.ParseFromArray(bytes->data(), static_cast<int>(bytes->size()))) {
+            return fail(kFailed,
+                        "the library's result cannot be read (build the library and this "
+                        "program together)");
+        }
     }
-    if (!writeOutput(text)) return kFailed;
-    const Reading reading = readDirectly(own.get());
+    if (!writeOutput(format(calls, arguments.format))) return kFailed;
+    // What a client of the same service sees, to explain the library's answers.
+    const Reading reading = own != nullptr ? own->read() : ServiceSource().read();
     explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");
     if (calls.front().isRails) explainLeftOut(reading);
-    const bool any = std::any_of(calls.begin(), calls.end(), [](const LibraryCall& call) {
-        return call.bytes && !call.bytes->empty();
-    });
     return any ? 0 : kFailed;
 }
 
