@@ -125,39 +125,37 @@ template Value number(std::optional<int>* target, const Range& range);
 
 Value choice(std::string* target, const std::vector<std::string>& words) {
     const auto take = [=](const std::string& text) {
-        if (std::find(words.begin(), words.end(), text) == words.end()) {
-            return fmt::format("{} is not one of {}", quoted(text), fmt::join(words, ", "));
-        }
         *target = text;
-        return std::string();
+        if (std::find(words.begin(), words.end(), text) != words.end()) return std::string();
+        return fmt::format("{} is not one of {}", quoted(text), fmt::join(words, ", "));
     };
     return {fmt::format("TEXT:{{{}}}", fmt::join(words, ",")), *target, "", take};
 }
 
 Value folder(std::string* target) {
-    const auto take = [target](const std::string& path) {
+    const auto take = [target](const std::string& path) -> std::string {
         std::error_code error;
-        if (!std::filesystem::is_directory(path, error)) {
-            return path + ": not a folder (give the root of a sysfs tree)";
-        }
         *target = path;
-        return std::string();
+        if (std::filesystem::is_directory(path, error)) return "";
+        return path + ": not a folder (give the root of a sysfs tree)";
     };
     return {"TEXT:DIR", *target, "", take};
 }
 
 Value text(std::string* target, const char* type) {
-    return {type, "", "", [target](const std::string& text) {
-                *target = text;
-                return std::string();
-            }};
+    const auto take = [target](const std::string& text) {
+        *target = text;
+        return "";
+    };
+    return {type, "", "", take};
 }
 
 Value flag(bool* target) {
-    return {"", "", "", [target](const std::string& /*text*/) {
-                *target = true;
-                return std::string();
-            }};
+    const auto take = [target](const std::string& /*text*/) {
+        *target = true;
+        return "";
+    };
+    return {"", "", "", take};
 }
 
 namespace {

@@ -6,8 +6,6 @@
 #include <cmath>
 #include <utility>
 
-#include "tools/CommandLine.h"
-
 namespace powerstats {
 
 using std::chrono::steady_clock;
@@ -23,9 +21,7 @@ std::shared_ptr<Sampler> Sampler::open(SamplerOptions options, int* status) {
     sampler->mStep = nanoseconds(std::llround(options.intervalSeconds * 1e9));
     RecordedSource::PlayingTime playingTime;
     if (options.intervalSeconds > 0) {
-        playingTime = [readings = sampler->mReadings, step = sampler->mStep] {
-            return readings->load() * step;
-        };
+        playingTime = [own = sampler.get()] { return own->mReadings * own->mStep; };
     }
     sampler->mSource = openSource(&options.source, playingTime, status);
     if (sampler->mSource == nullptr) return nullptr;
@@ -52,7 +48,7 @@ bool Sampler::record(const std::string& file) {
 }
 
 Interval Sampler::next(Reading* asRead) {
-    ++*mReadings;
+    ++mReadings;
     Reading reading = mSource->read();
     Reading toRecord;
     if (asRead == nullptr && mWriter != nullptr) asRead = &toRecord;

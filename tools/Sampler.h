@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -75,8 +74,7 @@ class Sampler {
     std::string mTitle;
     nanoseconds mStep{};
     /// The number of readings after the first, which the playing time of a recording follows.
-    const std::shared_ptr<std::atomic<int64_t>> mReadings =
-        std::make_shared<std::atomic<int64_t>>(0);
+    int64_t mReadings = 0;
     std::shared_ptr<Source> mSource;
     std::unique_ptr<TraceWriter> mWriter;
     std::string mFailure;

@@ -113,19 +113,20 @@ int runToEnd(RunArguments* arguments, Sampler* sampler, Signals* signals) {
 std::string findUnreadable(const std::vector<Limit>& limits, const Reading& reading) {
     const std::vector<Rail>& rails = reading.lists->rails;
     for (const Limit& limit : limits) {
-        const auto rail = std::find_if(rails.begin(), rails.end(),
-                                       [&](const Rail& known) { return known.name == limit.rail; });
-        const bool isKnown = rail != rails.end();
-        if (isKnown && reading.rails[static_cast<size_t>(rail - rails.begin())]) continue;
-        std::string reason = reading.railsFailure.text;
-        if (reason.empty() && isKnown) reason = "it cannot be read now";
-        if (reason.empty()) {
-            std::vector<std::string> names;
-            names.reserve(rails.size());
-            for (const Rail& known : rails) names.push_back(known.name);
-            reason = fmt::format("no such rail (there are {})", fmt::join(names, ", "));
+        std::vector<std::string> names;
+        bool isKnown = false, isRead = false;
+        for (size_t i = 0; i < rails.size(); ++i) {
+            names.push_back(rails[i].name);
+            if (rails[i].name != limit.rail) continue;
+            isKnown = true;
+            isRead = reading.rails[i].has_value();
         }
-        return fmt::format("--max {}: {}", limit.rail, reason);
+        if (isRead) continue;
+        return fmt::format(
+            "--max {}: {}", limit.rail,
+            reading.railsFailure ? reading.railsFailure.text
+            : isKnown            ? "it cannot be read now"
+                      : fmt::format("no such rail (there are {})", fmt::join(names, ", ")));
     }
     return "";
 }

@@ -48,19 +48,40 @@ struct Figure {
     double divisor;
 };
 
+/// The value of a figure, if the row has it.
+std::optional<double> valueOf(const Row& row, const Figure& figure) {
+    const Cell cell = figure.column < row.cells.size() ? row.cells[figure.column] : Cell();
+    if (const auto* whole = std::get_if<int64_t>(&cell)) {
+        return static_cast<double>(*whole) / figure.divisor;
+    }
+    const auto* const number = std::get_if<double>(&cell);
+    return number != nullptr ? std::optional(*number / figure.divisor) : std::nullopt;
+}
+
 /// Adds the figures of a run's row to the means of the runs before.
 void add(const Row& row, const std::vector<Figure>& figures, double count, Row* mean) {
-    for (size_t i = 0; i < figures.size() && figures[i].column < row.cells.size(); ++i) {
-        const Cell& cell = row.cells[figures[i].column];
-        const auto* const whole = std::get_if<int64_t>(&cell);
-        const double value =
-            whole != nullptr ? static_cast<double>(*whole) : std::get<double>(cell);
-        if (count == 1) mean->cells.emplace_back(Spread());
-        add(value / figures[i].divisor, count, &std::get<Spread>(mean->cells[i]));
+    if (count == 1) mean->cells.resize(figures.size());
+    for (size_t i = 0; i < figures.size(); ++i) {
+        const std::optional<double> value = valueOf(row, figures[i]);
+        if (!value) continue;
+        if (count == 1) mean->cells[i] = Spread();
+        add(*value, count, &std::get<Spread>(mean->cells[i]));
     }
 }
 
-/// The means of the things that the first run lists. The others list them by id and name.
+/// Finds a row by its name, which no other one has; null when there is none.
+const Row* find(const std::string_view& name, const std::vector<Row>& rows) {
+    const auto row = std::find_if(rows.begin(), rows.end(),
+                                  [&](const Row& other) { return other.name == name; });
+    return row != rows.end() ? &*row : nullptr;
+}
+
+/// Says why a run has no figures of a thing; empty when it has some.
+const char* troubleOf(const Row* row) {
+    return row != nullptr ? row->trouble : toText(Trouble::kWent);
+}
+
+/// The means of the things that the first run lists.
 /// @param section [in] without rows.
 /// @param kind [in] the position of the section among those of an interval.
 Section average(const std::vector<Interval>& runs, size_t kind, Section section,
@@ -77,14 +98,10 @@ Section average(const std::vector<Interval>& runs, size_t kind, Section section,
         }
         ++count;
         for (Row& mean : section.rows) {
-            const auto row = std::find_if(rows.begin(), rows.end(), [&](const Row& other) {
-                return other.id == mean.id && other.name == mean.name &&
-                       other.states.size() == mean.states.size();
-            });
+            const Row* row = find(mean.name, rows);
+            if (row != nullptr && row->states.size() != mean.states.size()) row = nullptr;
             // There are no means where a run has no figures.
-            if (*mean.trouble == '\0') {
-                mean.trouble = row != rows.end() ? row->trouble : toText(Trouble::kWent);
-            }
+            if (*mean.trouble == '\0') mean.trouble = troubleOf(row);
             if (*mean.trouble != '\0') continue;
             if (row->steady != mean.steady) mean.steady = nullptr;
             add(*row, figures, count, &mean);
@@ -119,25 +136,14 @@ Section entitiesOf(const std::vector<Interval>& runs) {
                    {}, {{1, 1}, {3, 1}});
 }
 
-/// The figures of the rail with a name, or null.
-const Interval::RailFigures* findRail(const Interval& run, const std::string& name) {
-    for (size_t i = 0; i < run.rails.size(); ++i) {
-        if (run.lists->rails[i].name == name) return &run.rails[i];
-    }
-    return nullptr;
-}
-
 /// Says in which run a rail has no figures, and why.
 std::string findUnread(const std::string& name, const std::vector<Interval>& runs) {
-    for (size_t i = 0; i < runs.size(); ++i) {
-        const Interval::RailFigures* const rail = findRail(runs[i], name);
-        const Trouble trouble = rail == nullptr ? Trouble::kWent : rail->trouble;
-        if (trouble == Trouble::kNone) continue;
-        return trouble == Trouble::kNoTime
-                   ? fmt::format("run {} was shorter than one reading of this rail", i + 1)
-                   : fmt::format("in run {} it {}", i + 1, toText(trouble));
-    }
-    return "";
+    size_t run = 0;
+    std::string_view trouble;
+    while (trouble.empty()) trouble = troubleOf(find(name, sectionsOf(runs[run++])[0].rows));
+    return trouble == toText(Trouble::kNoTime)
+               ? fmt::format("run {} was shorter than one reading of this rail", run)
+               : fmt::format("in run {} it {}", run, trouble);
 }
 
 std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
@@ -146,22 +152,14 @@ std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
     if (!judgement.mean) {
         return fmt::format("{}: not read in every run ({})", name, findUnread(limit.rail, runs));
     }
-    const char* const verdict = judgement.verdict == LimitVerdict::kKept   ? "kept"
-                                : judgement.verdict == LimitVerdict::kOver ? "exceeded"
-                                                                           : "too noisy to tell";
+    constexpr const char* kTexts[] = {"kept", "too noisy to tell", "exceeded"};
     const std::string interval =
         !judgement.margin
             ? ""
             : fmt::format(", 95 % interval {:.3f} to {:.3f} W", *judgement.mean - *judgement.margin,
                           *judgement.mean + *judgement.margin);
-    return fmt::format("{}: at most {:g} W: {} (mean {:.3f} W{})", name, limit.watts, verdict,
-                       *judgement.mean, interval);
-}
-
-std::string commandLine(const RunReport& report) {
-    std::string line;
-    for (const std::string& word : report.command) line += (line.empty() ? "" : " ") + word;
-    return safeName(line, SIZE_MAX);
+    return fmt::format("{}: at most {:g} W: {} (mean {:.3f} W{})", name, limit.watts,
+                       kTexts[static_cast<size_t>(judgement.verdict)], *judgement.mean, interval);
 }
 
 Spread elapsedOf(const RunReport& report) {
@@ -173,9 +171,9 @@ Spread elapsedOf(const RunReport& report) {
 
 std::string formatTable(const RunReport& report) {
     const size_t runs = report.runs.size();
-    std::string text = fmt::format("{}: {} of {} s\n", commandLine(report),
-                                   runs == 1 ? "1 run" : fmt::format("{} runs", runs),
-                                   formatCell(elapsedOf(report), 3));
+    std::string text = fmt::format(
+        "{}: {} of {} s\n", safeName(fmt::format("{}", fmt::join(report.command, " ")), SIZE_MAX),
+        runs == 1 ? "1 run" : fmt::format("{} runs", runs), formatCell(elapsedOf(report), 3));
     for (const Section& section : {railsOf(report.runs), entitiesOf(report.runs)}) {
         if (!section.rows.empty()) text += powerstats::formatTable(section);
     }
@@ -193,32 +191,30 @@ std::string formatTable(const RunReport& report) {
 std::string formatCsv(const RunReport& report) {
     std::string text =
         "run,elapsed_ms,kind,name,state,energy_j,power_w,share_percent,entries,trouble\n";
+    const auto field = [](const Row& row, const Figure& figure) {
+        const std::optional<double> value = valueOf(row, figure);
+        return value ? fmt::to_string(*value) : "";
+    };
     for (size_t i = 0; i < report.runs.size(); ++i) {
-        const Interval& run = report.runs[i];
-        const auto add = [&](const auto& thing, const char* kind, std::string_view name,
+        const auto add = [&](const Row& row, std::string elapsed, const char* kind,
                              std::string_view state, const std::string& figures) {
-            const bool isKnown = thing.trouble == Trouble::kNone;
-            text += fmt::format("{},{},{},{},{},{},{}\n", i + 1,
-                                roundToMilliseconds(isKnown ? thing.elapsed : run.elapsed), kind,
-                                csvField(name), csvField(state), isKnown ? figures : ",,,",
-                                toText(thing.trouble));
-        };
-        for (size_t j = 0; j < run.rails.size(); ++j) {
-            const Interval::RailFigures& rail = run.rails[j];
-            add(rail, "rail", run.lists->rails[j].name, "",
-                fmt::format("{},{},,", static_cast<double>(rail.energyUWs) / 1e6,
-                            rail.milliwatts / 1000));
-        }
-        for (size_t j = 0; j < run.entities.size(); ++j) {
-            const Interval::EntityFigures& entity = run.entities[j];
-            const Entity& names = run.lists->entities[j];
-            for (size_t k = 0; k < entity.states.size(); ++k) {
-                add(entity, "state", names.name, names.states[k].name,
-                    fmt::format(",,{},{}", entity.states[k].share * 100, entity.states[k].entries));
+            if (elapsed.empty()) {
+                elapsed = std::to_string(roundToMilliseconds(report.runs[i].elapsed));
             }
-            if (entity.trouble != Trouble::kNone) continue;
-            add(entity, "state", names.name, kNoState,
-                fmt::format(",,{},", entity.noneShare * 100));
+            text += fmt::format("{},{},{},{},{},{},{}\n", i + 1, elapsed, kind, csvField(row.name),
+                                csvField(state), figures, row.trouble);
+        };
+        const std::vector<Section> sections = sectionsOf(report.runs[i]);
+        for (const Row& rail : sections[0].rows) {
+            add(rail, field(rail, {1, 1}), "rail", "",
+                fmt::format("{},{},,", field(rail, {2, 1e6}), field(rail, {3, 1e3})));
+        }
+        for (const Row& entity : sections[1].rows) {
+            for (const Row& state : entity.states) {
+                if (state.isRest && *entity.trouble != '\0') continue;
+                add(entity, field(entity, {0, 1}), "state", state.name,
+                    fmt::format(",,{},{}", field(state, {1, 1}), field(state, {2, 1})));
+            }
         }
     }
     return text;
@@ -263,9 +259,8 @@ std::optional<Limit> parseLimit(const std::string& text) {
 
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
     const Section rails = railsOf(runs);
-    const auto rail = std::find_if(rails.rows.begin(), rails.rows.end(),
-                                   [&](const Row& row) { return row.name == limit.rail; });
-    if (rail == rails.rows.end() || *rail->trouble != '\0') return {};
+    const Row* const rail = find(limit.rail, rails.rows);
+    if (rail == nullptr || *rail->trouble != '\0') return {};
     const Spread spread = std::get<Spread>(rail->cells[1]);
     if (runs.size() < 3) {
         return {spread.mean <= limit.watts ? LimitVerdict::kKept : LimitVerdict::kOver, spread.mean,
