@@ -99,11 +99,7 @@ std::optional<double> parseNumber(const std::string& text, const Range& range) {
     return number;
 }
 
-template <typename Target>
-Value number(Target* target, const Range& range) {
-    constexpr bool isWhole =
-        std::is_same_v<Target, int> || std::is_same_v<Target, std::optional<int>>;
-    using Number = std::conditional_t<isWhole, int, double>;
+Value number(double* target, const Range& range, bool isWhole) {
     const std::string span = fmt::format("{} to {}", range.least, range.most);
     const auto take = [=](const std::string& text) {
         const std::optional<double> number = parseNumber(text, range);
@@ -111,17 +107,11 @@ Value number(Target* target, const Range& range) {
             return fmt::format("{} is not a {} from {}", quoted(text),
                                isWhole ? "whole number" : "number", span);
         }
-        *target = static_cast<Number>(*number);
+        *target = *number;
         return std::string();
     };
-    const std::optional<Number> byDefault(*target);
-    return {"NUMBER", byDefault ? fmt::to_string(*byDefault) : "", span, take};
+    return {"NUMBER", std::isinf(*target) ? "" : fmt::to_string(*target), span, take};
 }
-
-template Value number(double* target, const Range& range);
-template Value number(std::optional<double>* target, const Range& range);
-template Value number(int* target, const Range& range);
-template Value number(std::optional<int>* target, const Range& range);
 
 Value choice(std::string* target, const std::vector<std::string>& words) {
     const auto take = [=](const std::string& text) {

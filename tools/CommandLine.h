@@ -63,11 +63,8 @@ struct Value {
     std::vector<const char*> excludes = {};
 };
 
-/// A number in a range, a whole one for an integer. The target's own value is the default; there is
-/// none for an empty one.
-/// @param Target [in] double, int or an optional one of them.
-template <typename Target>
-Value number(Target* target, const Range& range);
+/// A number in a range. The target's own value is the default; there is none for infinity.
+Value number(double* target, const Range& range, bool isWhole = false);
 /// One of some words. The target's own value is the default; there is none if it is empty.
 Value choice(std::string* target, const std::vector<std::string>& words);
 /// A folder that exists. The target's own value is the default.
@@ -99,6 +96,14 @@ struct CommandLine {
         options.push_back({names, help, value});
     }
 };
+
+/// The subcommands of powerstats.
+CommandLine makeDump();
+CommandLine makeMetrics();
+CommandLine makeWatch();
+CommandLine makeRecord();
+CommandLine makeRun();
+CommandLine makeCheck();
 
 using MakeCommandLine = CommandLine (*)();
 

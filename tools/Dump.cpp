@@ -18,7 +18,7 @@
 #include "power/text/Names.h"
 #include "power/text/Page.h"
 #include "proto/power_data_result.pb.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/SourceOptions.h"
 
 namespace powerstats {

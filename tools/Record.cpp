@@ -4,9 +4,8 @@
 
 #include <cmath>
 #include <memory>
-#include <optional>
 
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/Sampler.h"
 
 namespace powerstats {
@@ -15,7 +14,7 @@ namespace {
 
 struct RecordArguments {
     SamplerOptions sampler;
-    std::optional<double> durationSeconds;
+    double durationSeconds = HUGE_VAL;
 };
 
 int record(const RecordArguments& arguments) {
@@ -24,9 +23,7 @@ int record(const RecordArguments& arguments) {
     if (sampler == nullptr) return status;
     // Rounded, so that 0.3 s has three intervals of 0.1 s.
     const double intervals =
-        arguments.durationSeconds
-            ? std::round(*arguments.durationSeconds / arguments.sampler.intervalSeconds)
-            : HUGE_VAL;
+        std::round(arguments.durationSeconds / arguments.sampler.intervalSeconds);
     double taken = 0;
     if (intervals > 0) sampler->run([&](const Interval&) { return ++taken < intervals; });
     if (sampler->failure().empty()) return 0;

@@ -109,7 +109,7 @@ int awaitService(SourceOptions* options, const std::string& hal) {
 
 }  // namespace
 
-void addSourceOptions(CommandLine* command, SourceOptions* options, WithBus withBus) {
+void addCounterOptions(CommandLine* command, SourceOptions* options) {
     command->addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
     Value replay = text(&options->replay, "FILE");
     replay.excludes = {"--sysfs"};
@@ -120,7 +120,10 @@ void addSourceOptions(CommandLine* command, SourceOptions* options, WithBus with
     speed.needs = loop.needs = {"--replay"};
     command->addOption("--speed", "Times as fast as it was recorded", speed);
     command->addOption("--loop", "Start the recording again after its end", loop);
-    if (withBus == WithBus::kNo) return;
+}
+
+void addSourceOptions(CommandLine* command, SourceOptions* options) {
+    addCounterOptions(command, options);
     Value bus = choice(&options->bus, {kAnyBus, "session", "system"});
     bus.whenLeftOut = kAnyBus;
     bus.excludes = {"--sysfs", "--replay"};  // a service has counters of its own

@@ -28,12 +28,11 @@ struct ServiceOptions {
     std::string hal;  ///< "aidl" or "hidl"; empty: AIDL if it is there
 };
 
-enum class WithBus { kNo, kYes };
+/// Adds `--sysfs`, and `--replay` with `--speed` and `--loop`.
+void addCounterOptions(CommandLine* command, SourceOptions* options);
 
-/// Adds `--sysfs`, `--replay` with `--speed` and `--loop`, and for clients `--bus`, `--wait` and
-/// `--verbose`. Mistakes in them are mistakes of parsing.
-void addSourceOptions(CommandLine* command, SourceOptions* options,
-                      WithBus withBus = WithBus::kYes);
+/// Adds those, and for clients `--bus`, `--wait` and `--verbose`.
+void addSourceOptions(CommandLine* command, SourceOptions* options);
 
 /// Adds the options of the source, and `--hal`.
 void addServiceOptions(CommandLine* command, ServiceOptions* options);

@@ -4,13 +4,14 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "power/text/Page.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/Sampler.h"
 #include "tools/live/LiveTerminal.h"
 #include "tools/live/LiveView.h"
@@ -21,7 +22,7 @@ namespace {
 
 struct WatchArguments {
     SamplerOptions sampler;
-    std::optional<int> count;
+    double count = HUGE_VAL;
     std::string format;  // empty: live where the terminal can, otherwise table
 };
 
@@ -29,11 +30,11 @@ int print(const WatchArguments& arguments, Sampler* sampler) {
     IntervalPrinter printer(arguments.format);
     bool any = false;
     bool isWritten = true;
-    int count = 0;
+    double count = 0;
     const Sampler::End end = sampler->run([&](const Interval& interval) {
         any = any || hasFigures(interval);
         isWritten = writeOutput(printer.print(interval));
-        return isWritten && (!arguments.count || ++count < *arguments.count);
+        return isWritten && ++count < arguments.count;
     });
     if (end == Sampler::End::kFailed) say(sampler->failure());
     return any && isWritten && end != Sampler::End::kFailed ? 0 : kFailed;
@@ -49,7 +50,9 @@ int watch(WatchArguments arguments) {
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;
     if (arguments.format != "live") return print(arguments, sampler.get());
-    status = showLive({arguments.sampler.intervalSeconds, arguments.count}, sampler);
+    std::optional<int> count;
+    if (std::isfinite(arguments.count)) count = static_cast<int>(arguments.count);
+    status = showLive({arguments.sampler.intervalSeconds, count}, sampler);
     // A reading that does not return may still run, and nothing may be destroyed under it.
     if (sampler.use_count() > 1) std::_Exit(status);
     return status;
@@ -71,7 +74,7 @@ CommandLine makeWatch() {
     command.addOption("--record", "Also write the readings to a file, as powerstats record does",
                       text(&arguments->sampler.record, "FILE"));
     command.addOption("--count", "Intervals to show; without end by default",
-                      number(&arguments->count, {1, 1e9}));
+                      number(&arguments->count, {1, 1e9}, true));
     Value format = choice(&arguments->format, {"live", "table", "csv", "jsonl"});
     format.byDefault = "live on a terminal, otherwise table";
     command.addOption("--format", "Format of each interval", format);

@@ -3,7 +3,6 @@
 // powerstats: shows the figures of a power stats service, once or over time, and checks it.
 
 #include "tools/CommandLine.h"
-#include "tools/Commands.h"
 
 int main(int argc, char** argv) {
     using namespace powerstats;

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "power/text/Names.h"
-#include "tools/metrics/MetricsText.h"
+#include "tools/metrics/Metrics.h"
 
 namespace powerstats {
 namespace {

@@ -16,7 +16,7 @@
 
 #include "power/text/Json.h"
 #include "power/text/Names.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/SourceOptions.h"
 #include "tools/check/Rules.h"
 #include "tools/check/Survey.h"

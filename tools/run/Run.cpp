@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/Sampler.h"
 #include "tools/run/RunReport.h"
 
@@ -29,7 +29,7 @@ constexpr int kCannotExecute = 126;
 
 struct RunArguments {
     SourceOptions source;
-    int runs = 1;
+    double runs = 1;
     std::vector<Limit> limits;
     std::string format = "table";
     std::string output;
@@ -142,7 +142,7 @@ int judge(const RunReport& report) {
 
 /// Says why the runs ended before their number was reached, or before limits could be judged.
 /// @param status [in] of the command in the last run.
-void explainEnd(const RunArguments& arguments, int run, int status, int signal) {
+void explainEnd(const RunArguments& arguments, double run, int status, int signal) {
     std::vector<const char*> consequences;
     if (run < arguments.runs) consequences.push_back("it did not run again");
     if (!arguments.limits.empty()) consequences.push_back("limits were not judged");
@@ -168,7 +168,7 @@ int run(RunArguments arguments) {
     if (!sampler->record(arguments.record)) return kUsage;
 
     RunReport report{arguments.command, {}, arguments.limits};
-    const auto runs = [&] { return static_cast<int>(report.runs.size()); };
+    const auto runs = [&] { return static_cast<double>(report.runs.size()); };
     Signals signals;
     while (status == 0 && signals.last() == 0 && runs() < arguments.runs) {
         Reading before, after;
@@ -208,7 +208,8 @@ CommandLine makeRun() {
         "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"
         "Example: powerstats run -r 3 -- sleep 0.1"};
     addSourceOptions(&command, &arguments->source);
-    command.addOption("-r,--runs", "Times to run the command", number(&arguments->runs, {1, 1e6}));
+    command.addOption("-r,--runs", "Times to run the command",
+                      number(&arguments->runs, {1, 1e6}, true));
     const auto takeLimit = [arguments](const std::string& text) -> std::string {
         const std::optional<Limit> limit = parseLimit(text);
         if (!limit) return text + " is not a limit (give RAIL=WATTS, such as package-0=15.5)";
