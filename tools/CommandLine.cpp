@@ -17,7 +17,6 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
-#include <utility>
 
 #include "power/linux/Sysfs.h"
 
@@ -185,8 +184,17 @@ void declare(const CommandLine& line, std::function<int()>* run, CLI::App* app) 
     });
 }
 
-int parseAndRun(const CommandLine& program, std::initializer_list<MakeCommandLine> subcommands,
-                int argc, char** argv) {
+}  // namespace
+
+int runProgram(MakeCommandLine makeProgram, std::initializer_list<MakeCommandLine> subcommands,
+               int argc, char** argv) try {
+    getrlimit(RLIMIT_NOFILE, &gOpenFiles);
+    occupyStandardStreams();
+    // A write that cannot succeed fails then, as other writes do, instead of ending the program.
+    gPipeAction = signal(SIGPIPE, SIG_IGN);
+    gFileSizeAction = signal(SIGXFSZ, SIG_IGN);
+    raiseOpenFileLimit();
+    const CommandLine program = makeProgram();
     gProgram = program.name;
     CLI::App app(program.text, program.name);
     app.set_version_flag("--version", fmt::format("{} {}", program.name, POWERSTATS_VERSION));
@@ -211,25 +219,10 @@ int parseAndRun(const CommandLine& program, std::initializer_list<MakeCommandLin
     if (run) return run();
     // Not left to CLI11, which would say so too where a subcommand is misspelt.
     return fail(kUsage, fmt::format("A subcommand is required (see {} --help)", program.name));
-}
-
-}  // namespace
-
-int runProgram(MakeCommandLine program, std::initializer_list<MakeCommandLine> subcommands,
-               int argc, char** argv) {
-    getrlimit(RLIMIT_NOFILE, &gOpenFiles);
-    occupyStandardStreams();
-    // A write that cannot succeed fails then, as other writes do, instead of ending the program.
-    gPipeAction = signal(SIGPIPE, SIG_IGN);
-    gFileSizeAction = signal(SIGXFSZ, SIG_IGN);
-    raiseOpenFileLimit();
-    try {
-        return parseAndRun(program(), subcommands, argc, argv);
-    } catch (const std::exception& error) {
-        // Without an allocation, since memory may have run out.
-        for (const char* part : {gProgram, ": ", error.what(), "\n"}) std::fputs(part, stderr);
-        return 1;
-    }
+} catch (const std::exception& error) {
+    // Without an allocation, since memory may have run out.
+    for (const char* part : {gProgram, ": ", error.what(), "\n"}) std::fputs(part, stderr);
+    return 1;
 }
 
 }  // namespace powerstats

@@ -111,7 +111,7 @@ using MakeCommandLine = CommandLine (*)();
 /// of a mistake in the arguments. An exception, as when memory runs out, ends it with one line and
 /// exit code 1. Closed standard streams, broken pipes and file size limits do not end it. It may
 /// open as many files as the hard limit allows, because a reader of counters keeps them open.
-int runProgram(MakeCommandLine program, std::initializer_list<MakeCommandLine> subcommands,
+int runProgram(MakeCommandLine makeProgram, std::initializer_list<MakeCommandLine> subcommands,
                int argc, char** argv);
 
 /// Undoes what runProgram() changed, in the child that is to become another program. Safe to call

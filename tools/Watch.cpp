@@ -40,12 +40,11 @@ int print(const WatchArguments& arguments, Sampler* sampler) {
     return any && isWritten && end != Sampler::End::kFailed ? 0 : kFailed;
 }
 
-bool canShowLive() {
-    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0 && LiveTerminal::canDraw();
-}
-
 int watch(WatchArguments arguments) {
-    if (arguments.format.empty()) arguments.format = canShowLive() ? "live" : "table";
+    if (arguments.format.empty()) {
+        const bool isTerminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+        arguments.format = isTerminal && LiveTerminal::canDraw() ? "live" : "table";
+    }
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open(arguments.sampler, &status);
     if (sampler == nullptr) return status;

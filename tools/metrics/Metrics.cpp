@@ -150,15 +150,6 @@ int metrics(const MetricsArguments& arguments) {
     return status != 0 ? status : kFailed;
 }
 
-/// Refuses folders, devices and links, which a new file must not replace.
-std::string checkOutput(const std::string& path) {
-    using std::filesystem::file_type;
-    std::error_code error;
-    const file_type type = std::filesystem::symlink_status(path, error).type();
-    if (!path.empty() && (type == file_type::regular || type == file_type::not_found)) return {};
-    return path + ": not a plain file (name a file that may be replaced)";
-}
-
 }  // namespace
 
 CommandLine makeMetrics() {
@@ -175,9 +166,15 @@ CommandLine makeMetrics() {
     command.addOption("--format", "The text format",
                       choice(&arguments->format, {"prometheus", "openmetrics"}));
     command.addOption("--no-rails", "Leave out energy", flag(&arguments->noRails));
-    const auto takeOutput = [arguments](const std::string& path) {
+    // A new file must not replace folders, devices and links.
+    const auto takeOutput = [arguments](const std::string& path) -> std::string {
+        using std::filesystem::file_type;
         arguments->output = path;
-        return checkOutput(path);
+        std::error_code error;
+        const file_type type = std::filesystem::symlink_status(path, error).type();
+        const bool isPlain = type == file_type::regular || type == file_type::not_found;
+        if (isPlain && !path.empty()) return "";
+        return path + ": not a plain file (name a file that may be replaced)";
     };
     command.addOption("--output",
                       "Replace this file as a whole; only you and your group can read it",
