@@ -51,8 +51,8 @@ Interval Sampler::next(Reading* asRead) {
     ++mReadings;
     Reading reading = mSource->read();
     Reading toRecord;
-    if (asRead == nullptr && mWriter != nullptr) asRead = &toRecord;
-    if (asRead != nullptr) *asRead = reading;
+    if (asRead == nullptr) asRead = &toRecord;
+    if (mWriter != nullptr || asRead != &toRecord) *asRead = reading;
     keepFigures(mLatest, &reading);
     Interval interval = subtract(mLatest, reading);
     mLatest = std::move(reading);

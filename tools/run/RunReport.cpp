@@ -70,7 +70,7 @@ void add(const Row& row, const std::vector<Figure>& figures, double count, Row* 
 }
 
 /// Finds a row by its name, which no other one has; null when there is none.
-const Row* find(const std::string_view& name, const std::vector<Row>& rows) {
+const Row* find(std::string_view name, const std::vector<Row>& rows) {
     const auto row = std::find_if(rows.begin(), rows.end(),
                                   [&](const Row& other) { return other.name == name; });
     return row != rows.end() ? &*row : nullptr;
@@ -102,7 +102,7 @@ Section average(const std::vector<Interval>& runs, size_t kind, Section section,
             if (row != nullptr && row->states.size() != mean.states.size()) row = nullptr;
             // There are no means where a run has no figures.
             if (*mean.trouble == '\0') mean.trouble = troubleOf(row);
-            if (*mean.trouble != '\0') continue;
+            if (row == nullptr || *mean.trouble != '\0') continue;
             if (row->steady != mean.steady) mean.steady = nullptr;
             add(*row, figures, count, &mean);
             for (size_t i = 0; i < row->states.size(); ++i) {
