@@ -125,6 +125,7 @@ const char* steadyState(const Interval& interval, size_t entity) {
 Interval subtract(const Reading& before, const Reading& after) {
     Interval interval;
     interval.time = after.time;
+    interval.stampUnit = after.stampUnit;
     interval.elapsed = std::max(nanoseconds::zero(), after.time - before.time);
     const nanoseconds suspended = after.suspended - before.suspended;
     if (suspended > kClockTolerance) interval.suspended = suspended;

@@ -67,6 +67,8 @@ struct Interval {
     /// The time of the second reading, and the time since the first.
     nanoseconds time{};
     nanoseconds elapsed{};
+    /// As Reading::stampUnit.
+    nanoseconds stampUnit{1};
     /// For how long of it the machine was suspended.
     nanoseconds suspended{};
 };

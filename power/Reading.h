@@ -128,6 +128,8 @@ struct Reading {
     /// The time of the reading as a whole, since boot with suspend. For a recording the time of the
     /// sample.
     nanoseconds time{};
+    /// The unit of the rails' stamps.
+    nanoseconds stampUnit{1};
     /// For how long the machine has been suspended since boot; 0 for a recording, which lacks it.
     nanoseconds suspended{};
 };

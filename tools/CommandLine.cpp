@@ -17,7 +17,6 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
-#include <utility>
 
 #include "power/linux/Sysfs.h"
 
@@ -35,17 +34,11 @@ void occupyStandardStreams() {
     }
 }
 
-const char* gProgram = "";
+const char* gProgram = "powerstats";
 /// As they were when the program started.
 rlimit gOpenFiles{};
 sighandler_t gPipeAction = SIG_DFL;
 sighandler_t gFileSizeAction = SIG_DFL;
-
-/// Has a write that cannot succeed fail, as other writes do, instead of ending the program.
-void ignoreSignals() {
-    gPipeAction = signal(SIGPIPE, SIG_IGN);
-    gFileSizeAction = signal(SIGXFSZ, SIG_IGN);
-}
 
 using Words = std::vector<std::string>;
 
@@ -105,11 +98,7 @@ std::optional<double> parseNumber(const std::string& text, const Range& range) {
     return number;
 }
 
-template <typename Target>
-Value number(Target* target, const Range& range) {
-    constexpr bool isWhole =
-        std::is_same_v<Target, int> || std::is_same_v<Target, std::optional<int>>;
-    using Number = std::conditional_t<isWhole, int, double>;
+Value number(double* target, const Range& range, bool isWhole) {
     const std::string span = fmt::format("{} to {}", range.least, range.most);
     const auto take = [=](const std::string& text) {
         const std::optional<double> number = parseNumber(text, range);
@@ -117,139 +106,123 @@ Value number(Target* target, const Range& range) {
             return fmt::format("{} is not a {} from {}", quoted(text),
                                isWhole ? "whole number" : "number", span);
         }
-        *target = static_cast<Number>(*number);
+        *target = *number;
         return std::string();
     };
-    const std::optional<Number> byDefault(*target);
-    return {"NUMBER", byDefault ? fmt::to_string(*byDefault) : "", span, take};
+    return {"NUMBER", std::isinf(*target) ? "" : fmt::to_string(*target), span, take};
 }
-
-template Value number(double* target, const Range& range);
-template Value number(std::optional<double>* target, const Range& range);
-template Value number(int* target, const Range& range);
-template Value number(std::optional<int>* target, const Range& range);
 
 Value choice(std::string* target, const std::vector<std::string>& words) {
     const auto take = [=](const std::string& text) {
-        if (std::find(words.begin(), words.end(), text) == words.end()) {
-            return fmt::format("{} is not one of {}", quoted(text), fmt::join(words, ", "));
-        }
         *target = text;
-        return std::string();
+        if (std::find(words.begin(), words.end(), text) != words.end()) return std::string();
+        return fmt::format("{} is not one of {}", quoted(text), fmt::join(words, ", "));
     };
     return {fmt::format("TEXT:{{{}}}", fmt::join(words, ",")), *target, "", take};
 }
 
 Value folder(std::string* target) {
-    const auto take = [target](const std::string& path) {
+    const auto take = [target](const std::string& path) -> std::string {
         std::error_code error;
-        if (!std::filesystem::is_directory(path, error)) {
-            return path + ": not a folder (give the root of a sysfs tree)";
-        }
         *target = path;
-        return std::string();
+        if (std::filesystem::is_directory(path, error)) return "";
+        return path + ": not a folder (give the root of a sysfs tree)";
     };
     return {"TEXT:DIR", *target, "", take};
 }
 
 Value text(std::string* target, const char* type) {
-    return {type, "", "", [target](const std::string& text) {
-                *target = text;
-                return std::string();
-            }};
+    const auto take = [target](const std::string& text) {
+        *target = text;
+        return "";
+    };
+    return {type, "", "", take};
 }
 
-CommandLine::CommandLine(const char* name, const char* version, const char* text,
-                         const char* footer)
-    : mApp(std::make_shared<CLI::App>(text, name)) {
-    mApp->set_version_flag("--version", fmt::format("{} {}", name, version));
-    mApp->footer(footer);
+Value flag(bool* target) {
+    const auto take = [target](const std::string& /*text*/) {
+        *target = true;
+        return "";
+    };
+    return {"", "", "", take};
 }
 
-CommandLine CommandLine::addSubcommand(const char* name, const char* text, const char* footer) {
-    // The program's parser owns it.
-    return CommandLine({std::shared_ptr<void>(), mApp->add_subcommand(name, text)->footer(footer)});
-}
+namespace {
 
-void CommandLine::addOption(const char* names, const char* text, const Value& value) {
-    const std::string help = value.note.empty() ? text : fmt::format("{} ({})", text, value.note);
+/// Hands an option to the parser.
+void declare(const CommandLine::Option& option, CLI::App* app) {
+    const Value& value = option.value;
     // The parser does not check the empty text that stands for a value that is left out.
     const auto takeNone = [value](const Words& words) {
         return words != Words{""} || value.take(value.whenLeftOut).empty();
     };
-    CLI::Option* const option = mApp->add_option(names, takeNone, help);
-    option->expected(value.whenLeftOut.empty() ? 1 : 0, 1)->check(value.take);
-    option->type_name(value.type)->default_str(value.byDefault)->required(value.isRequired);
-    if (value.mayRepeat) option->take_all();
-    if (!value.needs.empty()) option->needs(mApp->get_option(value.needs));
-    if (!value.excludes.empty()) option->excludes(mApp->get_option(value.excludes));
+    CLI::Option* declared = nullptr;
+    if (value.type.empty()) {
+        declared = app->add_flag_callback(
+            option.names, [take = value.take] { take(""); }, option.text);
+    } else {
+        declared = app->add_option(
+            option.names, takeNone,
+            value.note.empty() ? option.text : fmt::format("{} ({})", option.text, value.note));
+        declared->expected(value.whenLeftOut.empty() ? 1 : 0, 1)->check(value.take);
+        declared->type_name(value.type)->default_str(value.byDefault)->required(value.isRequired);
+    }
+    if (value.mayRepeat) declared->take_all();
+    if (option.names[0] != '-') {
+        declared->expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
+        app->positionals_at_end();
+    }
+    for (const char* const other : value.needs) declared->needs(app->get_option(other));
+    for (const char* const other : value.excludes) declared->excludes(app->get_option(other));
 }
 
-void CommandLine::addFlag(const char* names, const char* text, bool* target, const char* needs) {
-    CLI::Option* const flag = mApp->add_flag_callback(
-        names, [target] { *target = true; }, text);
-    if (*needs != '\0') flag->needs(mApp->get_option(needs));
-}
-
-void CommandLine::addCommand(const char* text, std::vector<std::string>* words) {
-    const auto take = [words](const Words& given) {
-        *words = given;
-        return true;
-    };
-    mApp->add_option("COMMAND", take, text)
-        ->expected(1, CLI::detail::expected_max_vector_size)
-        ->allow_extra_args()
-        ->type_name("TEXT")
-        ->required();
-    mApp->positionals_at_end();
-}
-
-void CommandLine::checkAtEnd(std::function<std::string()> check) {
-    mApp->final_callback([check = std::move(check)] {
-        const std::string reason = check();
-        if (!reason.empty()) throw CLI::ValidationError(reason);
+void declare(const CommandLine& line, std::function<int()>* run, CLI::App* app) {
+    app->footer(line.footer);
+    for (const CommandLine::Option& option : line.options) declare(option, app);
+    app->final_callback([run, given = line.run] {
+        if (!*run) *run = given;
     });
 }
 
-bool CommandLine::isGiven() const {
-    return mApp->parsed();
-}
+}  // namespace
 
-bool CommandLine::isGiven(const char* option) const {
-    return mApp->count(option) != 0;
-}
-
-std::optional<int> CommandLine::parse(int argc, char** argv) {
+int runProgram(MakeCommandLine makeProgram, std::initializer_list<MakeCommandLine> subcommands,
+               int argc, char** argv) try {
+    getrlimit(RLIMIT_NOFILE, &gOpenFiles);
+    occupyStandardStreams();
+    // A write that cannot succeed fails then, as other writes do, instead of ending the program.
+    gPipeAction = signal(SIGPIPE, SIG_IGN);
+    gFileSizeAction = signal(SIGXFSZ, SIG_IGN);
+    raiseOpenFileLimit();
+    const CommandLine program = makeProgram();
+    gProgram = program.name;
+    CLI::App app(program.text, program.name);
+    app.set_version_flag("--version", fmt::format("{} {}", program.name, POWERSTATS_VERSION));
+    std::function<int()> run;
+    declare(program, &run, &app);
+    for (const MakeCommandLine make : subcommands) {
+        const CommandLine line = make();
+        declare(line, &run, app.add_subcommand(line.name, line.text));
+    }
     try {
-        mApp->parse(argc, argv);
+        app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            mApp->exit(error);
+            app.exit(error);
             if (std::cout.flush()) return 0;
             return fail(kFailed, "standard output cannot be written");
         }
-        std::string program = mApp->get_name();
-        for (const CLI::App* subcommand : mApp->get_subcommands()) {
-            program += " " + subcommand->get_name();
-        }
-        return fail(kUsage, fmt::format("{} (see {} --help)", describe(error, *mApp), program));
+        std::string name = program.name;
+        for (const CLI::App* given : app.get_subcommands()) name += " " + given->get_name();
+        return fail(kUsage, fmt::format("{} (see {} --help)", describe(error, app), name));
     }
-    return std::nullopt;
-}
-
-int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
-    gProgram = name;
-    getrlimit(RLIMIT_NOFILE, &gOpenFiles);
-    occupyStandardStreams();
-    ignoreSignals();
-    raiseOpenFileLimit();
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        // Without an allocation, since memory may have run out.
-        for (const char* part : {name, ": ", error.what(), "\n"}) std::fputs(part, stderr);
-        return 1;
-    }
+    if (run) return run();
+    // Not left to CLI11, which would say so too where a subcommand is misspelt.
+    return fail(kUsage, fmt::format("A subcommand is required (see {} --help)", program.name));
+} catch (const std::exception& error) {
+    // Without an allocation, since memory may have run out.
+    for (const char* part : {gProgram, ": ", error.what(), "\n"}) std::fputs(part, stderr);
+    return 1;
 }
 
 }  // namespace powerstats

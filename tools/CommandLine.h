@@ -8,15 +8,10 @@
 
 #include <cstdio>
 #include <functional>
-#include <memory>
+#include <initializer_list>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
-
-namespace CLI {
-class App;
-}  // namespace CLI
 
 namespace powerstats {
 
@@ -50,13 +45,13 @@ std::optional<double> parseNumber(const std::string& text, const Range& range);
 
 /// The value of an option.
 struct Value {
-    /// As the help shows it. Completion reads the values from "TEXT:{table,json}".
+    /// As the help shows it; empty: a flag. Completion reads the values from "TEXT:{table,json}".
     std::string type;
     /// As the help shows it; empty: none.
     std::string byDefault;
     /// Further words of the help.
     std::string note;
-    /// Takes the user's text.
+    /// Takes the user's text, which is empty for a flag.
     /// @return why it is refused, with the remedy; empty when it was taken.
     std::function<std::string(const std::string& text)> take;
     bool mayRepeat = false;
@@ -64,60 +59,60 @@ struct Value {
     /// Taken when the value is left out; empty: it may not be.
     std::string whenLeftOut = {};
     /// Other options of the command line, which were added before.
-    std::string needs = {};
-    std::string excludes = {};
+    std::vector<const char*> needs = {};
+    std::vector<const char*> excludes = {};
 };
 
-/// A number in a range, a whole one for an integer. The target's own value is the default; there is
-/// none for an empty one.
-/// @param Target [in] double, int or an optional one of them.
-template <typename Target>
-Value number(Target* target, const Range& range);
+/// A number in a range. The target's own value is the default; there is none for infinity.
+Value number(double* target, const Range& range, bool isWhole = false);
 /// One of some words. The target's own value is the default; there is none if it is empty.
 Value choice(std::string* target, const std::vector<std::string>& words);
 /// A folder that exists. The target's own value is the default.
 Value folder(std::string* target);
 /// Any text.
 Value text(std::string* target, const char* type);
+/// A flag, which becomes true when it is given.
+Value flag(bool* target);
 
-/// The command line of a program or of a subcommand. A copy is the same command line.
-/// That of a subcommand is valid as long as that of its program.
-class CommandLine {
-  public:
-    /// @param version [in] as `--version` prints it, after the name.
-    /// @param footer [in] the last lines of the help.
-    CommandLine(const char* name, const char* version, const char* text, const char* footer);
+/// The command line of a program or of a subcommand.
+struct CommandLine {
+    const char* name;
+    const char* text;
+    /// The last lines of the help.
+    const char* footer;
+    struct Option {
+        /// Such as "-r,--runs". Those without dashes are the words of a command: options after the
+        /// first of them belong to it.
+        const char* names;
+        const char* text;
+        Value value;
+    };
+    std::vector<Option> options = {};
+    /// Runs after the arguments were parsed; empty: a program that needs a subcommand.
+    /// @return the exit status.
+    std::function<int()> run = {};
 
-    CommandLine addSubcommand(const char* name, const char* text, const char* footer);
-    void addOption(const char* names, const char* text, const Value& value);
-    /// @param target [out] becomes true when the flag is given.
-    /// @param needs [in] as of Value.
-    void addFlag(const char* names, const char* text, bool* target, const char* needs = "");
-    /// Adds the words that are no options: a command and its arguments. Options after the first of
-    /// them belong to the command.
-    void addCommand(const char* text, std::vector<std::string>* words);
-    /// Has a function look at the options together, after each of them was taken.
-    /// @param check [in] returns why they are refused; empty when they are not.
-    void checkAtEnd(std::function<std::string()> check);
-
-    /// Parses the arguments of a program. Prints one line about a mistake in them.
-    /// @return how the program is to end now, or nothing when it is to go on.
-    std::optional<int> parse(int argc, char** argv);
-
-    /// Whether this subcommand was given.
-    bool isGiven() const;
-    bool isGiven(const char* option) const;
-
-  private:
-    explicit CommandLine(std::shared_ptr<CLI::App> app) : mApp(std::move(app)) {}
-
-    std::shared_ptr<CLI::App> mApp;
+    void addOption(const char* names, const char* help, const Value& value) {
+        options.push_back({names, help, value});
+    }
 };
 
-/// Runs a program. An exception, as when memory runs out, ends it with one line and exit code 1.
-/// Closed standard streams, broken pipes and file size limits do not end it. It may open as many
-/// files as the hard limit allows, because a reader of counters keeps them open.
-int runProgram(const char* name, int (*run)(int argc, char** argv), int argc, char** argv);
+/// The subcommands of powerstats.
+CommandLine makeDump();
+CommandLine makeMetrics();
+CommandLine makeWatch();
+CommandLine makeRecord();
+CommandLine makeRun();
+CommandLine makeCheck();
+
+using MakeCommandLine = CommandLine (*)();
+
+/// Parses the arguments of a program and runs it, or the subcommand that was given. One line tells
+/// of a mistake in the arguments. An exception, as when memory runs out, ends it with one line and
+/// exit code 1. Closed standard streams, broken pipes and file size limits do not end it. It may
+/// open as many files as the hard limit allows, because a reader of counters keeps them open.
+int runProgram(MakeCommandLine makeProgram, std::initializer_list<MakeCommandLine> subcommands,
+               int argc, char** argv);
 
 /// Undoes what runProgram() changed, in the child that is to become another program. Safe to call
 /// between fork() and exec().

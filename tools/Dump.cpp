@@ -9,14 +9,13 @@
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "power/service/ServiceSource.h"
 #include "power/text/Names.h"
 #include "power/text/Page.h"
 #include "proto/power_data_result.pb.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/SourceOptions.h"
 
 namespace powerstats {
@@ -38,73 +37,58 @@ struct DumpArguments {
 using PowerDataResult =
     com::tavrel::android::ferrolith::poweranomalyservice::proto::PowerDataResult;
 
-/// One of the library's methods that is to be called, and the bytes that it returned.
+/// One of the library's methods that was called, and what it returned.
 struct LibraryCall {
     bool isRails;
     JavaBytes bytes;
+    PowerDataResult result = {};
 };
 
 /// Says why there is no energy, and of each call that returned null why it did, with the remedy.
 void explainMissing(const std::vector<LibraryCall>& calls, const Reading& reading, bool isOwnHidl) {
-    for (const LibraryCall& call : calls) {
-        const Failure& failure = call.isRails ? reading.railsFailure : reading.entitiesFailure;
-        if (call.isRails && (failure.kind == Failure::Kind::kNotMeasured ||
-                             failure.kind == Failure::Kind::kRefused)) {
+    using Kind = Failure::Kind;
+    for (const auto& [isRails, bytes, result] : calls) {
+        const auto& [kind, text] = isRails ? reading.railsFailure : reading.entitiesFailure;
+        if (isRails && (kind == Kind::kNotMeasured || kind == Kind::kRefused)) {
             sayWhyNoRails(reading);
             continue;
         }
         // The lack of a service was said when it was looked for.
-        if (call.bytes || failure.kind == Failure::Kind::kNoService) continue;
-        const bool hasNone = !call.isRails && reading.lists->entities.empty();
-        say(fmt::format("{}: {}", call.isRails ? "rails" : "power entities",
-                        failure.kind == Failure::Kind::kHidlOnly
-                            ? "the service answered nothing over HIDL (--verbose logs why)"
-                        : failure ? failure.text
-                        : call.isRails && isOwnHidl
-                            ? "none over HIDL, because no rail is counted since boot "
-                              "(give --hal aidl)"
-                        : hasNone ? "the service has none"
-                                  : "the service failed, and answers again now"));
+        if (bytes || kind == Kind::kNoService) continue;
+        const bool hasNone = !isRails && reading.lists->entities.empty();
+        say((isRails ? "rails: " : "power entities: ") +
+            (kind == Kind::kHidlOnly ? "the service answered nothing over HIDL (--verbose logs why)"
+             : kind != Kind::kNone   ? text
+             : isRails && isOwnHidl
+                 ? "none over HIDL, because no rail is counted since boot (give --hal aidl)"
+             : hasNone ? "the service has none"
+                       : "the service failed, and answers again now"));
     }
 }
 
 /// Says which rails the library leaves out because they are not measured since boot.
 void explainLeftOut(const Reading& reading) {
-    std::string names;
+    std::vector<std::string> names;
     nanoseconds since{};
     for (size_t i = 0; i < reading.rails.size(); ++i) {
         const std::optional<Energy>& energy = reading.rails[i];
         if (!energy || energy->isSinceBoot()) continue;
         since = std::max(since, energy->time - energy->duration);
-        names += (names.empty() ? "" : ", ") + reading.lists->rails[i].name;
+        names.push_back(reading.lists->rails[i].name);
     }
     if (names.empty()) return;
     say(
         fmt::format("rails left out, since they are counted from {} s after boot only: {} (start "
                     "powerstatsd at boot; after a restart of it, at the next boot)",
-                    toMilliseconds(since) / 1000, names));
+                    toMilliseconds(since) / 1000, fmt::join(names, ", ")));
 }
 
-void callLibrary(const LoadedLibrary& library, std::vector<LibraryCall>* calls) {
-    HostJniEnv env;
-    for (LibraryCall& call : *calls) {
-        call.bytes = call.isRails ? library.railEnergy(&env) : library.residencies(&env);
-    }
-}
-
-/// @param rows [out] the elements of the result, as docs/formats.md has them.
-/// @return whether the bytes are a result. Otherwise one line says so.
-bool parse(const LibraryCall& call, Json* rows) {
-    *rows = Json::array();
-    PowerDataResult message;
-    if (call.bytes &&
-        !message.ParseFromArray(call.bytes->data(), static_cast<int>(call.bytes->size()))) {
-        say("the library's result cannot be read (build the library and this program together)");
-        return false;
-    }
-    for (const auto& element : message.keyed_power_data()) {
-        Json& row = rows->emplace_back(Json{{"name", safeName(element.id().name(), SIZE_MAX)},
-                                            {"timestamp_ms", element.id().timestamp_ms()}});
+/// The elements of a result, as docs/formats.md has them.
+Json rowsOf(const LibraryCall& call) {
+    Json rows = Json::array();
+    for (const auto& element : call.result.keyed_power_data()) {
+        Json& row = rows.emplace_back(Json{{"name", safeName(element.id().name(), SIZE_MAX)},
+                                           {"timestamp_ms", element.id().timestamp_ms()}});
         if (call.isRails) {
             row["energy_mj"] = element.data().scalar().value();
             continue;
@@ -116,38 +100,32 @@ bool parse(const LibraryCall& call, Json* rows) {
                               {"entries", state.total_state_entry_count()}});
         }
     }
-    return true;
+    return rows;
 }
 
-bool format(const std::vector<LibraryCall>& calls, const std::string& form, std::string* text) {
+std::string format(const std::vector<LibraryCall>& calls, const std::string& form) {
+    const auto& bytes = calls.front().bytes;
+    if (form == "binary") return bytes ? std::string(bytes->begin(), bytes->end()) : "";
     Json json;
+    std::string text;
     for (const LibraryCall& call : calls) {
-        Json rows;
-        if (!parse(call, &rows)) return false;
+        const Json rows = rowsOf(call);
         json[call.isRails ? "rails" : "entities"] = call.bytes ? rows : Json();
-        const char* const title = call.isRails ? "Rails" : "Power entities";
-        if (form == "json") continue;
-        if (!text->empty()) *text += '\n';
+        text += std::string(text.empty() ? "" : "\n") + (call.isRails ? "Rails" : "Power entities");
         if (!call.bytes) {
-            *text += fmt::format("{}: not available\n", title);
+            text += ": not available\n";
         } else if (rows.empty()) {
-            *text += fmt::format("{}: none reported\n", title);
+            text += ": none reported\n";
         } else {
-            *text += fmt::format(
-                "{} at {}\n{}", title, afterBoot(fromMilliseconds(rows.back()["timestamp_ms"])),
+            text += fmt::format(
+                " at {}\n{}", afterBoot(fromMilliseconds(rows.back()["timestamp_ms"])),
                 call.isRails
                     ? formatTable("rail", {{"energy_mj", "energy (mJ)"}}, rows)
                     : formatTable("entity and state",
                                   {{"time_ms", "time (ms)"}, {"entries", "entries"}}, rows));
         }
     }
-    if (form == "json") *text = printJson(json, 2) + '\n';
-    return true;
-}
-
-/// What a client of the same service sees, to explain the library's answers.
-Reading readDirectly(Source* own) {
-    return own != nullptr ? own->read() : ServiceSource().read();
+    return form == "json" ? printJson(json, 2) + '\n' : text;
 }
 
 int dump(DumpArguments arguments) {
@@ -170,49 +148,51 @@ int dump(DumpArguments arguments) {
     // The library says itself that no service is on the bus.
     if (status != 0 && arguments.service.source.bus.empty()) return status;
 
+    HostJniEnv env;
     std::vector<LibraryCall> calls;
-    if (all || arguments.rails) calls.push_back({true, {}});
-    if (all || arguments.residencies) calls.push_back({false, {}});
-    callLibrary(*library, &calls);
-
-    std::string text;
-    if (arguments.format == "binary") {
-        const JavaBytes& bytes = calls.front().bytes;
-        if (bytes) text.assign(bytes->begin(), bytes->end());
-    } else if (!format(calls, arguments.format, &text)) {
-        return kFailed;
+    if (all || arguments.rails) calls.push_back({true, library->railEnergy(&env)});
+    if (all || arguments.residencies) calls.push_back({false, library->residencies(&env)});
+    bool any = false;
+    for (auto& [isRails, bytes, result] : calls) {
+        any |= bytes && !bytes->empty();
+        if (bytes && arguments.format != "binary" &&
+            !result.ParseFromArray(bytes->data(), static_cast<int>(bytes->size()))) {
+            return fail(kFailed,
+                        "the library's result cannot be read (build the library and this "
+                        "program together)");
+        }
     }
-    if (!writeOutput(text)) return kFailed;
-    const Reading reading = readDirectly(own.get());
+    if (!writeOutput(format(calls, arguments.format))) return kFailed;
+    // What a client of the same service sees, to explain the library's answers.
+    const Reading reading = own != nullptr ? own->read() : ServiceSource().read();
     explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");
     if (calls.front().isRails) explainLeftOut(reading);
-    const bool any = std::any_of(calls.begin(), calls.end(), [](const LibraryCall& call) {
-        return call.bytes && !call.bytes->empty();
-    });
     return any ? 0 : kFailed;
 }
 
 }  // namespace
 
-Command addDump(CommandLine program) {
+CommandLine makeDump() {
     const auto arguments = std::make_shared<DumpArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "dump", "Call the library once and print its result.",
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
         "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a library that cannot be loaded.\n"
-        "Example: powerstats dump --residencies");
-    addServiceOptions(command, &arguments->service);
-    command.addFlag("--rails", "Energy of the rails only", &arguments->rails);
-    command.addFlag("--residencies", "States of the power entities only", &arguments->residencies);
+        "Example: powerstats dump --residencies"};
+    addServiceOptions(&command, &arguments->service);
+    command.addOption("--rails", "Energy of the rails only", flag(&arguments->rails));
+    command.addOption("--residencies", "States of the power entities only",
+                      flag(&arguments->residencies));
     command.addOption("--format", "binary: the library's own bytes",
                       choice(&arguments->format, {"table", "json", "binary"}));
     Value library = text(&arguments->library, "FILE");
     library.byDefault = "the one installed with this program";
     command.addOption("--library", "The library's file", library);
-    return {command, [arguments] { return dump(*arguments); }};
+    command.run = [arguments] { return dump(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

@@ -4,9 +4,8 @@
 
 #include <cmath>
 #include <memory>
-#include <optional>
 
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/Sampler.h"
 
 namespace powerstats {
@@ -15,7 +14,7 @@ namespace {
 
 struct RecordArguments {
     SamplerOptions sampler;
-    std::optional<double> durationSeconds;
+    double durationSeconds = HUGE_VAL;
 };
 
 int record(const RecordArguments& arguments) {
@@ -24,9 +23,7 @@ int record(const RecordArguments& arguments) {
     if (sampler == nullptr) return status;
     // Rounded, so that 0.3 s has three intervals of 0.1 s.
     const double intervals =
-        arguments.durationSeconds
-            ? std::round(*arguments.durationSeconds / arguments.sampler.intervalSeconds)
-            : HUGE_VAL;
+        std::round(arguments.durationSeconds / arguments.sampler.intervalSeconds);
     double taken = 0;
     if (intervals > 0) sampler->run([&](const Interval&) { return ++taken < intervals; });
     return sampler->failure().empty() ? 0 : fail(kFailed, sampler->failure());
@@ -34,17 +31,17 @@ int record(const RecordArguments& arguments) {
 
 }  // namespace
 
-Command addRecord(CommandLine program) {
+CommandLine makeRecord() {
     const auto arguments = std::make_shared<RecordArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "record", "Write what a service reports to a file, for trace viewers.",
         "The file is a protobuf trace with the readings. It is readable at any moment, also after\n"
         "the program was killed. --replay plays it back. The document recordings.md describes it.\n"
         "Exit status: 0 the duration or the recording that was played back is over, 1 no service,\n"
         "or the file cannot be written on, 2 bad argument, or a file that exists or cannot be\n"
         "created.\n"
-        "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace");
-    addSamplerOptions(command, &arguments->sampler);
+        "Example: powerstats record --interval 0.1 --duration 0.5 -o example.pftrace"};
+    addSamplerOptions(&command, &arguments->sampler);
     Value output = text(&arguments->sampler.record, "FILE");
     output.isRequired = true;
     command.addOption("-o,--output", "The file, which must not exist; only you can read it",
@@ -52,7 +49,8 @@ Command addRecord(CommandLine program) {
     command.addOption("--duration",
                       "Seconds from the first reading to the last; without end by default",
                       number(&arguments->durationSeconds, {0, 1e9}));
-    return {command, [arguments] { return record(*arguments); }};
+    command.run = [arguments] { return record(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

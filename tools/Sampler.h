@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -19,21 +18,31 @@ namespace powerstats {
 
 struct SamplerOptions {
     SourceOptions source;
-    double intervalSeconds = 1;
-    std::string record;  ///< the file to write readings to; empty: none
+    double intervalSeconds = 1;  ///< 0: a recording plays by the clock, for next() only
+    std::string record = {};     ///< the file to write readings to; empty: none
 };
 
 /// Adds `--interval` and the options of the source.
-void addSamplerOptions(CommandLine command, SamplerOptions* options);
+void addSamplerOptions(CommandLine* command, SamplerOptions* options);
 
-/// The loop of every subcommand that reads a source over time: waits for a tick, reads, records,
-/// and hands over the interval since the reading before.
+/// Reads a source over time for every subcommand that does, records, and has the loop that waits
+/// for a tick and hands over the interval since the reading before.
 class Sampler {
   public:
     /// Opens the source and the file, and takes the first reading. A recording plays by the number
     /// of readings and not by the clock, so its output repeats exactly.
     /// @param status [out] the exit status, after one line, when the result is null.
     static std::shared_ptr<Sampler> open(SamplerOptions options, int* status);
+
+    /// Records from now on, beginning with the latest reading.
+    /// @param file [in] empty: nothing is recorded.
+    /// @return whether the file was created. Otherwise one line says why.
+    bool record(const std::string& file);
+
+    /// Reads and records.
+    /// @param asRead [out] the reading, without figures of earlier ones; may be null.
+    /// @return the interval since the reading before, as run() hands it over.
+    Interval next(Reading* asRead = nullptr);
 
     enum class End {
         kTaken,   ///< `take` returned false, or stop() was called
@@ -53,22 +62,22 @@ class Sampler {
     /// One line that says why the file cannot be written; empty when it can.
     const std::string& failure() const { return mFailure; }
 
+    /// The latest reading, with the last figures of everything.
+    const Reading& latest() const { return mLatest; }
+
     /// Such as "this machine" or "the session bus".
     const std::string& title() const { return mTitle; }
 
   private:
     Sampler() = default;
-    bool record(const Reading& reading);
 
     std::string mTitle;
     nanoseconds mStep{};
     /// The number of readings after the first, which the playing time of a recording follows.
-    const std::shared_ptr<std::atomic<int64_t>> mReadings =
-        std::make_shared<std::atomic<int64_t>>(0);
+    int64_t mReadings = 0;
     std::shared_ptr<Source> mSource;
     std::unique_ptr<TraceWriter> mWriter;
     std::string mFailure;
-    /// The latest reading, with the last figures of everything.
     Reading mLatest;
     std::mutex mMutex;
     std::condition_variable mStopped;

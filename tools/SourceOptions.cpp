@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <numeric>
 #include <thread>
 
 #include "power/linux/LinuxSource.h"
@@ -48,65 +47,40 @@ std::vector<std::string> chosen(const std::string& hal, const char* aidl, const 
     return {hal == "aidl" ? aidl : hidl};
 }
 
-/// Returns how many letters have to be added, removed or replaced to make one text of the other.
-size_t distance(const std::string& one, const std::string& other) {
-    std::vector<size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (const char letter : one) {
-        size_t diagonal = row[0]++;
-        for (size_t j = 0; j < other.size(); ++j) {
-            const size_t replaced = diagonal + (letter != other[j] ? 1 : 0);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-/// Says which names of a service have no owner on a bus, and which owned ones are similar.
-std::string nobodyOwns(const std::string& hal, host::Bus bus) {
-    constexpr size_t kSimilar = 2;
+/// Says why no service was found: no bus can be reached, or no service is on one.
+std::string explainAbsence(const std::vector<host::Bus>& buses, const std::string& hal) {
     const auto wanted = chosen(hal, "android.hardware.power.stats.IPowerStats",
                                "android.hardware.power.stats.V1_0.IPowerStats");
-    std::string text = fmt::format("nobody owns the name {}", fmt::join(wanted, " or "));
-    for (const std::string& name : host::listBusNames(bus)) {
-        const auto isSimilar = [&](const std::string& one) {
-            const size_t letters = distance(one, name);
-            return letters > 0 && letters <= kSimilar;
-        };
-        if (std::any_of(wanted.begin(), wanted.end(), isSimilar)) {
-            text += fmt::format(", but somebody owns {}", name);
-        }
-    }
-    return text;
-}
-
-/// Says why no service was found: no bus can be reached, or no service is on one.
-void explainAbsence(const std::vector<host::Bus>& buses, const std::string& hal) {
-    std::string absences, troubles;
+    std::vector<std::string> absences, troubles;
     for (const host::Bus bus : buses) {
         const std::string trouble = host::findBusTrouble(bus);
-        std::string& list = trouble.empty() ? absences : troubles;
-        if (!list.empty()) list += "; ";
-        list += !trouble.empty() ? trouble
-                                 : fmt::format("no power stats service{} on the {} bus: {}",
-                                               hal.empty() ? "" : " with the interface " + hal,
-                                               nameOf(bus), nobodyOwns(hal, bus));
+        if (!trouble.empty()) {
+            troubles.push_back(trouble);
+            continue;
+        }
+        std::string& absence = absences.emplace_back(
+            fmt::format("no power stats service{} on the {} bus: nobody owns the name {}",
+                        hal.empty() ? "" : " with the interface " + hal, nameOf(bus),
+                        fmt::join(wanted, " or ")));
+        for (const std::string& name : host::listBusNames(bus)) {
+            const bool isWanted = std::find(wanted.begin(), wanted.end(), name) != wanted.end();
+            if (isWanted || name.rfind("android.hardware.", 0) != 0) continue;
+            absence.append(", but somebody owns ").append(name);
+        }
     }
-    say(absences.empty() ? troubles
-                         : absences +
-                               " (start a service, such as powerstatsd, or wait longer with "
-                               "--wait SECONDS)");
+    if (absences.empty()) return fmt::format("{}", fmt::join(troubles, "; "));
+    return fmt::format(
+        "{} (start a service, such as powerstatsd, or wait longer with --wait SECONDS)",
+        fmt::join(absences, "; "));
 }
 
 /// Finds a service as every look-up does: AIDL before HIDL, on each bus.
 /// @return the bus that it is on; std::nullopt when there is none.
 std::optional<host::Bus> findBus(const std::vector<host::Bus>& buses, const std::string& hal) {
     for (const std::string& name : chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats)) {
-        const bool isAidl = name == host::kAidlPowerStats;
         for (const host::Bus bus : buses) {
             host::setBusLookups({bus}, {name});
-            if (isAidl ? findAidl() != nullptr : findHidl() != nullptr) return bus;
+            if (findAidl() != nullptr || findHidl() != nullptr) return bus;
         }
     }
     return std::nullopt;
@@ -123,86 +97,73 @@ int awaitService(SourceOptions* options, const std::string& hal) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     if (!found && hal == "aidl" && (found = findBus(buses, "hidl"))) {
-        return fail(
-            kFailed,
-            fmt::format("the service on the {} bus has the interface hidl only (powerstats dump "
-                        "--bus={} shows its totals)",
-                        nameOf(*found), nameOf(*found)));
+        return fail(kFailed, fmt::format("the service on the {0} bus has the interface hidl only "
+                                         "(powerstats dump --bus={0} shows its totals)",
+                                         nameOf(*found)));
     }
     host::setBusLookups(buses, chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats));
-    if (!found) {
-        explainAbsence(buses, hal);
-        return kFailed;
-    }
+    if (!found) return fail(kFailed, explainAbsence(buses, hal));
     options->bus = nameOf(*found);
     return 0;
 }
 
 }  // namespace
 
-void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus) {
-    command.addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
+void addCounterOptions(CommandLine* command, SourceOptions* options) {
+    command->addOption("--sysfs", "Folder of the kernel's counters", folder(&options->sysfs));
     Value replay = text(&options->replay, "FILE");
-    replay.excludes = "--sysfs";
-    command.addOption("--replay",
-                      "Play a recording back instead of reading this machine's counters", replay);
+    replay.excludes = {"--sysfs"};
+    command->addOption("--replay",
+                       "Play a recording back instead of reading this machine's counters", replay);
     Value speed = number(&options->speed, {0.001, 1e6});
-    speed.needs = "--replay";
-    command.addOption("--speed", "Times as fast as it was recorded", speed);
-    command.addFlag("--loop", "Start the recording again after its end", &options->loop,
-                    "--replay");
-    if (withBus == WithBus::kNo) return;
+    Value loop = flag(&options->loop);
+    speed.needs = loop.needs = {"--replay"};
+    command->addOption("--speed", "Times as fast as it was recorded", speed);
+    command->addOption("--loop", "Start the recording again after its end", loop);
+}
+
+void addSourceOptions(CommandLine* command, SourceOptions* options) {
+    addCounterOptions(command, options);
     Value bus = choice(&options->bus, {kAnyBus, "session", "system"});
     bus.whenLeftOut = kAnyBus;
-    command.addOption("--bus",
-                      "Ask a service on a bus; on either, session first, when none is named", bus);
-    command.addOption("--wait", "Seconds to wait for a service to appear on the bus",
-                      number(&options->waitSeconds, {0, 86400}));
-    command.addFlag("--verbose", "Log why calls and look-ups of the service fail",
-                    &options->verbose);
-    command.checkAtEnd([options, command]() -> std::string {
-        if (options->verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
-        for (const char* const option : {"--replay", "--sysfs"}) {
-            if (options->bus.empty() || !command.isGiven(option)) continue;
-            return fmt::format(
-                "{}: not with --bus (the service on the bus has counters of its own)", option);
-        }
+    bus.excludes = {"--sysfs", "--replay"};  // a service has counters of its own
+    command->addOption("--bus",
+                       "Ask a service on a bus; on either, session first, when none is named", bus);
+    command->addOption("--wait", "Seconds to wait for a service to appear on the bus",
+                       number(&options->waitSeconds, {0, 86400}));
+    const auto logAll = [](const std::string& /*text*/) {
+        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
         return "";
-    });
+    };
+    command->addOption("--verbose", "Log why calls and look-ups of the service fail",
+                       {"", "", "", logAll});
 }
 
-void addServiceOptions(CommandLine command, ServiceOptions* options) {
+void addServiceOptions(CommandLine* command, ServiceOptions* options) {
     addSourceOptions(command, &options->source);
-    command.addOption("--hal", "Interface; the AIDL service first, when none is given",
-                      choice(&options->hal, {"aidl", "hidl"}));
+    command->addOption("--hal", "Interface; the AIDL service first, when none is given",
+                       choice(&options->hal, {"aidl", "hidl"}));
 }
 
-std::shared_ptr<Source> openSource(SourceOptions* asked, const PlayingTime& playingTime,
+std::shared_ptr<Source> openSource(SourceOptions* options, const PlayingTime& playingTime,
                                    int* status) {
-    const SourceOptions& options = *asked;
     *status = 0;
-    if (!options.bus.empty()) {
-        *status = awaitService(asked, "aidl");
-        if (*status != 0) return nullptr;
-        return std::make_shared<ServiceSource>();
+    if (!options->bus.empty()) {
+        *status = awaitService(options, "aidl");
+        return *status == 0 ? std::make_shared<ServiceSource>() : nullptr;
     }
-    const auto warn = [](const std::string& text) { say(text); };
-    if (options.replay.empty()) {
+    if (options->replay.empty()) {
         LinuxSource::Options linux;
-        linux.root = options.sysfs;
-        linux.warn = warn;
+        linux.root = options->sysfs;
+        linux.warn = say;
         return std::make_shared<LinuxSource>(linux);
     }
     PlayingTime time = playingTime;
     if (!time) time = [start = steady_clock::now()] { return steady_clock::now() - start; };
+    const auto scaled = [time, speed = options->speed] { return scale(time(), speed); };
     std::string error;
-    auto source = playRecording(
-        options.replay, [time, speed = options.speed] { return scale(time(), speed); },
-        options.loop, warn, &error);
-    if (source == nullptr) {
-        say(error);
-        *status = kUsage;
-    }
+    auto source = playRecording(options->replay, scaled, options->loop, say, &error);
+    if (source == nullptr) *status = fail(kUsage, error);
     return source;
 }
 
@@ -214,14 +175,11 @@ int openService(ServiceOptions* options, const PlayingTime& playingTime,
     int status = 0;
     *own = openSource(&options->source, playingTime, &status);
     if (*own == nullptr) return status;
-    bool isRegistered = false;
-    if (options->hal == "hidl") {
-        isRegistered = serveHidl(*own)->registerAsService() == android::OK;
-    } else {
-        // The register keeps the binder, and the binder keeps the service.
-        isRegistered = AServiceManager_addService(serveAidl(*own)->asBinder().get(),
-                                                  host::kAidlPowerStats) == STATUS_OK;
-    }
+    // The register keeps the service, that of a binder through the binder.
+    const bool isRegistered = options->hal == "hidl"
+                                  ? serveHidl(*own)->registerAsService() == android::OK
+                                  : AServiceManager_addService(serveAidl(*own)->asBinder().get(),
+                                                               host::kAidlPowerStats) == STATUS_OK;
     if (isRegistered) return 0;
     return fail(kFailed, "the service could not be registered (this is a fault of this program)");
 }

@@ -19,7 +19,6 @@ struct SourceOptions {
     bool loop = false;
     std::string bus;  ///< "any", "session" or "system"; empty: within this process
     double waitSeconds = 2;
-    bool verbose = false;
 };
 
 /// Which service look-ups of this process find: a source that this process serves itself, or a
@@ -29,14 +28,14 @@ struct ServiceOptions {
     std::string hal;  ///< "aidl" or "hidl"; empty: AIDL if it is there
 };
 
-enum class WithBus { kNo, kYes };
+/// Adds `--sysfs`, and `--replay` with `--speed` and `--loop`.
+void addCounterOptions(CommandLine* command, SourceOptions* options);
 
-/// Adds `--sysfs`, `--replay` with `--speed` and `--loop`, and for clients `--bus`, `--wait` and
-/// `--verbose`. Mistakes in them are mistakes of parsing.
-void addSourceOptions(CommandLine command, SourceOptions* options, WithBus withBus = WithBus::kYes);
+/// Adds those, and for clients `--bus`, `--wait` and `--verbose`.
+void addSourceOptions(CommandLine* command, SourceOptions* options);
 
 /// Adds the options of the source, and `--hal`.
-void addServiceOptions(CommandLine command, ServiceOptions* options);
+void addServiceOptions(CommandLine* command, ServiceOptions* options);
 
 /// Opens a source. Says why a file of this machine cannot be read, once for each. With `--bus`
 /// waits until a service is there.
@@ -45,8 +44,8 @@ void addServiceOptions(CommandLine command, ServiceOptions* options);
 /// @param status [out] the exit status, after one line, when the result is null: kFailed when no
 ///     service is on the bus, kUsage when the recording cannot be used.
 /// @param options [in,out] gets the name of the bus that the service is on.
-std::shared_ptr<Source> openSource(SourceOptions* options,
-                                   const PlayingTime& playingTime, int* status);
+std::shared_ptr<Source> openSource(SourceOptions* options, const PlayingTime& playingTime,
+                                   int* status);
 
 /// The playing time of a recording that stays at its first sample.
 constexpr auto kAtFirstSample = [] { return nanoseconds::zero(); };

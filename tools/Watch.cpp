@@ -2,13 +2,13 @@
 //
 // powerstats watch: the average power of rails and the shares of states, interval by interval.
 
+#include <cmath>
 #include <cstdlib>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "power/text/Page.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/Sampler.h"
 #include "tools/live/LiveView.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 struct WatchArguments {
     SamplerOptions sampler;
-    std::optional<int> count;
+    double count = HUGE_VAL;
     std::string format;  // empty: live where the terminal can, otherwise table
 };
 
@@ -26,11 +26,11 @@ int print(const WatchArguments& arguments, Sampler* sampler) {
     IntervalPrinter printer(arguments.format);
     bool any = false;
     bool isWritten = true;
-    int count = 0;
+    double count = 0;
     const Sampler::End end = sampler->run([&](const Interval& interval) {
         any = any || hasFigures(interval);
         isWritten = writeOutput(printer.print(interval));
-        return isWritten && (!arguments.count || ++count < *arguments.count);
+        return isWritten && ++count < arguments.count;
     });
     if (end == Sampler::End::kFailed) say(sampler->failure());
     return any && isWritten && end != Sampler::End::kFailed ? 0 : kFailed;
@@ -50,25 +50,26 @@ int watch(WatchArguments arguments) {
 
 }  // namespace
 
-Command addWatch(CommandLine program) {
+CommandLine makeWatch() {
     const auto arguments = std::make_shared<WatchArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "watch", "Show power and shares of time, interval by interval.",
         "Power is the average of an interval in milliwatts. Rails overlap (a package contains its\n"
         "cores), so a sum over them says nothing. Shares are percent of the interval.\n"
         "The document formats.md describes the formats.\n"
         "Exit status: 0 something was read, 1 nothing was or it could not be written,\n"
         "2 bad argument, or a file that cannot be used.\n"
-        "Example: powerstats watch --interval 0.1 --count 2 --format csv");
-    addSamplerOptions(command, &arguments->sampler);
+        "Example: powerstats watch --interval 0.1 --count 2 --format csv"};
+    addSamplerOptions(&command, &arguments->sampler);
     command.addOption("--record", "Also write the readings to a file, as powerstats record does",
                       text(&arguments->sampler.record, "FILE"));
     command.addOption("--count", "Intervals to show; without end by default",
-                      number(&arguments->count, {1, 1e9}));
+                      number(&arguments->count, {1, 1e9}, true));
     Value format = choice(&arguments->format, {"live", "table", "csv", "jsonl"});
     format.byDefault = "live on a terminal, otherwise table";
     command.addOption("--format", "Format of each interval", format);
-    return {command, [arguments] { return watch(*arguments); }};
+    command.run = [arguments] { return watch(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

@@ -25,58 +25,56 @@ struct Arguments {
 
 int serve(Arguments arguments) {
     std::signal(SIGHUP, SIG_IGN);  // the end of a terminal is not the end of a daemon
-    const bool session = arguments.bus == "session";
+    const bool isSession = arguments.bus == "session";
     // A single HIDL method cannot be guarded on the system bus, so energy is served over AIDL
     // there.
-    const std::string hal = !arguments.hal.empty() ? arguments.hal : session ? "both" : "aidl";
-    const HidlRails hidlRails = session ? HidlRails::kServed : HidlRails::kNotServed;
+    const HidlRails hidlRails = isSession ? HidlRails::kServed : HidlRails::kNotServed;
+    const bool isAidl = arguments.hal != "hidl";
+    const bool isHidl = arguments.hal.empty() ? isSession : arguments.hal != "aidl";
 
     std::string error;
     const auto server =
-        host::BusServer::connect(session ? host::Bus::kSession : host::Bus::kSystem, &error);
+        host::BusServer::connect(isSession ? host::Bus::kSession : host::Bus::kSystem, &error);
     if (server == nullptr) return fail(kUsage, error);
     int status = 0;
     const std::shared_ptr<Source> source = openSource(&arguments.source, {}, &status);
     if (source == nullptr) return status;
     const Reading reading = source->read();
-    const auto& lists = reading.lists;
-    const bool aidl = hal != "hidl";
-    const bool hidl = hal != "aidl";
-    if ((aidl && !server->add(serveAidl(source), &error)) ||
-        (hidl && !server->add(serveHidl(source, hidlRails), &error))) {
+    if ((isAidl && !server->add(serveAidl(source), &error)) ||
+        (isHidl && !server->add(serveHidl(source, hidlRails), &error))) {
         return fail(kUsage, error);
     }
-    say(fmt::format(
-        "serving {} rails and {} power entities of {} over {} on the {} bus", lists->rails.size(),
-        lists->entities.size(),
-        arguments.source.replay.empty() ? arguments.source.sysfs : arguments.source.replay,
-        aidl && hidl ? "AIDL and HIDL"
-        : aidl       ? "AIDL"
-                     : "HIDL",
-        arguments.bus));
+    const auto& [hal, bus, counters] = arguments;
+    say(fmt::format("serving {} rails and {} power entities of {} over {} on the {} bus",
+                    reading.lists->rails.size(), reading.lists->entities.size(),
+                    counters.replay.empty() ? counters.sysfs : counters.replay,
+                    !isHidl  ? "AIDL"
+                    : isAidl ? "AIDL and HIDL"
+                             : "HIDL",
+                    bus));
     sayWhyNoRails(reading);
     if (server->run(&error)) return 0;
     return fail(kFailed, error);
 }
 
-int run(int argc, char** argv) {
-    Arguments arguments;
-    CommandLine program(
-        "powerstatsd", POWERSTATS_VERSION,
+CommandLine makeDaemon() {
+    const auto arguments = std::make_shared<Arguments>();
+    CommandLine program = {
+        "powerstatsd",
         "Serves this machine's power counters, or a recording's, on D-Bus. Energy is in\n"
         "microwatt-seconds and counts since boot; a rail of this machine counts since boot only "
         "if\n"
         "the daemon started at boot.",
         "Exit status: 0 ended by SIGTERM or SIGINT, 1 the bus went away, 2 bad argument, or a\n"
         "bus, name or recording that cannot be had.\n"
-        "Example: powerstatsd --bus session");
-    Value hal = choice(&arguments.hal, {"aidl", "hidl", "both"});
+        "Example: powerstatsd --bus session"};
+    Value hal = choice(&arguments->hal, {"aidl", "hidl", "both"});
     hal.byDefault = "both on the session bus, aidl on the system bus";
     program.addOption("--hal", "Interfaces to serve; HIDL has no rails on the system bus", hal);
-    program.addOption("--bus", "Bus to serve on", choice(&arguments.bus, {"session", "system"}));
-    addSourceOptions(program, &arguments.source, WithBus::kNo);
-    if (const auto exitCode = program.parse(argc, argv)) return *exitCode;
-    return serve(arguments);
+    program.addOption("--bus", "Bus to serve on", choice(&arguments->bus, {"session", "system"}));
+    addCounterOptions(&program, &arguments->source);
+    program.run = [arguments] { return serve(*arguments); };
+    return program;
 }
 
 }  // namespace
@@ -84,5 +82,5 @@ int run(int argc, char** argv) {
 }  // namespace powerstats
 
 int main(int argc, char** argv) {
-    return powerstats::runProgram("powerstatsd", powerstats::run, argc, argv);
+    return powerstats::runProgram(powerstats::makeDaemon, {}, argc, argv);
 }

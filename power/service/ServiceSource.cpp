@@ -150,6 +150,7 @@ Reading ServiceSource::read(const Positions& rails, const Positions& entities) {
     reading.rails.resize(mLists->rails.size());
     reading.entities.resize(mLists->entities.size());
     const nanoseconds running = readKernelClock(CLOCK_MONOTONIC);
+    reading.stampUnit = std::chrono::milliseconds(1);
     reading.time = readKernelClock(CLOCK_BOOTTIME);
     reading.suspended = reading.time - running;
     const auto isGone = [](const Failure& failure) { return failure.kind == Failure::Kind::kGone; };

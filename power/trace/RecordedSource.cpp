@@ -61,6 +61,7 @@ class RecordedSource : public Source {
         Reading reading;
         reading.lists = mRecording.lists;
         reading.time = addTimes(now.time, now.round, mPeriod);
+        reading.stampUnit = std::chrono::milliseconds(1);
         reading.rails.resize(mRecording.rails.size());
         forPositions(rails, reading.rails.size(), [&](size_t i) {
             const auto energy = find(mRecording.rails[i], now);

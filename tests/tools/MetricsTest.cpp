@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "power/text/Names.h"
-#include "tools/metrics/MetricsText.h"
+#include "tools/metrics/Metrics.h"
 
 namespace powerstats {
 namespace {
@@ -38,8 +38,8 @@ TEST(Metrics, AreExactAndDistinctWhateverTheServiceReports) {
     std::stringstream prometheus, openMetrics;
     prometheus << std::ifstream(HOSTILE_METRICS ".prometheus").rdbuf();
     openMetrics << std::ifstream(HOSTILE_METRICS ".openmetrics").rdbuf();
-    EXPECT_EQ(formatMetrics(reading, MetricsFormat::kPrometheus), prometheus.str());
-    EXPECT_EQ(formatMetrics(reading, MetricsFormat::kOpenMetrics), openMetrics.str());
+    EXPECT_EQ(formatMetrics(reading, "prometheus"), prometheus.str());
+    EXPECT_EQ(formatMetrics(reading, "openmetrics"), openMetrics.str());
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "power/text/Json.h"
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/SourceOptions.h"
 #include "tools/check/Rules.h"
 #include "tools/check/Survey.h"
@@ -163,9 +163,9 @@ int check(CheckArguments arguments) {
 
 }  // namespace
 
-Command addCheck(CommandLine program) {
+CommandLine makeCheck() {
     const auto arguments = std::make_shared<CheckArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "check", "Check whether a service keeps the promises of its interface.",
         "Prints a line for each rule, and for a broken one the evidence. Times are milliseconds\n"
         "since boot, for --replay those of the recording. A rule's name stays for ever.\n"
@@ -174,8 +174,8 @@ Command addCheck(CommandLine program) {
         "A kernel counts a stay in an idle state when the stay ends, so this machine may break "
         "the\n"
         "rule state-time-within-interval.\n"
-        "Example: powerstats check --duration 1 --except state-time-within-interval");
-    addServiceOptions(command, &arguments->service);
+        "Example: powerstats check --duration 1 --except state-time-within-interval"};
+    addServiceOptions(&command, &arguments->service);
     command.addOption("--duration", "Seconds to go on reading",
                       number(&arguments->durationSeconds, {0, 86400}));
     command.addOption("--timeout", "Seconds that a call on a bus may take",
@@ -194,7 +194,8 @@ Command addCheck(CommandLine program) {
     addRules("--except", &arguments->except, "Do not judge by this rule; may be repeated");
     command.addOption("--format", "Format of the report",
                       choice(&arguments->format, {"table", "json"}));
-    return {command, [arguments] { return check(*arguments); }};
+    command.run = [arguments] { return check(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

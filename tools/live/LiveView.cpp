@@ -195,7 +195,7 @@ struct Feed {
 };
 
 /// Starts the sampler on a thread, which no longer holds it when the end is there.
-std::shared_ptr<Feed> startSampler(std::shared_ptr<Sampler> sampler, std::optional<int> count) {
+std::shared_ptr<Feed> startSampler(std::shared_ptr<Sampler> sampler, double count) {
     auto feed = std::make_shared<Feed>();
     std::thread([feed, sampler = std::move(sampler), left = count]() mutable {
         const Sampler::End end = sampler->run([&](Interval interval) {
@@ -205,7 +205,7 @@ std::shared_ptr<Feed> startSampler(std::shared_ptr<Sampler> sampler, std::option
             if (feed->intervals.size() > kHistory) feed->intervals.pop_front();
             feed->latest = Clock::now();
             eventfd_write(feed->wake, 1);
-            return !left || --*left > 0;
+            return --left > 0;
         });
         sampler.reset();
         feed->end.set_value(end);
@@ -225,8 +225,7 @@ bool canShowLive() {
     return canMove;
 }
 
-int showLive(double intervalSeconds, std::optional<int> count,
-             const std::shared_ptr<Sampler>& sampler) {
+int showLive(double intervalSeconds, double count, const std::shared_ptr<Sampler>& sampler) {
     if (!canShowLive()) {
         return fail(kFailed,
                     "cannot draw on this terminal (set TERM to its type, or write to a file)");
@@ -257,13 +256,13 @@ int showLive(double intervalSeconds, std::optional<int> count,
         lock.unlock();
         const bool isReading = end.valid();
         // The last interval is shown for as long as it lasted.
-        if (!isReading && count && age.count() >= intervalSeconds) break;
+        if (!isReading && std::isfinite(count) && age.count() >= intervalSeconds) break;
         const double late = 2 * intervalSeconds + 1;
         screen.silence = isReading && age.count() >= late ? static_cast<int>(age.count()) : 0;
         draw(makeRows(LINES, COLS, &screen), screen.isTyping);
-        const double until = isReading ? std::fmax(late, screen.silence + 1)
-                             : count   ? intervalSeconds
-                                       : HUGE_VAL;
+        const double until = isReading              ? std::fmax(late, screen.silence + 1)
+                             : std::isfinite(count) ? intervalSeconds
+                                                    : HUGE_VAL;
         goesOn = waitForNews(feed->wake, std::fmin(until - age.count(), 3600));
         for (std::optional<std::string> key; goesOn && (key = readKey());) {
             goesOn = press(*key, &screen);

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 
 #include "tools/Sampler.h"
 
@@ -23,14 +22,12 @@ bool canShowLive();
 /// 64 KiB written to it and prints them afterwards.
 ///
 /// @param intervalSeconds [in] that of the sampler.
-/// @param count [in] the last interval stands for an interval too. std::nullopt goes on until the
-///     user quits.
+/// @param count [in] the last interval stands for an interval too. HUGE_VAL: no end.
 /// @param sampler [in] runs on a thread of its own, for which the view does not wait. A reading
 ///     that blocks may still be in progress when this function returns; that thread then shares
 ///     the sampler.
 /// @return exit status: 0, or kFailed when no interval had a figure or, after a message on standard
 ///     error, when the readings cannot be recorded or the terminal cannot be drawn on.
-int showLive(double intervalSeconds, std::optional<int> count,
-             const std::shared_ptr<Sampler>& sampler);
+int showLive(double intervalSeconds, double count, const std::shared_ptr<Sampler>& sampler);
 
 }  // namespace powerstats

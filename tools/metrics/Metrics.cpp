@@ -3,6 +3,8 @@
 // powerstats metrics: reads a service once and prints its totals for Prometheus, or replaces a file
 // that Prometheus's node_exporter serves.
 
+#include "tools/metrics/Metrics.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>
@@ -10,7 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -18,11 +20,85 @@
 #include <optional>
 #include <string>
 
-#include "tools/Commands.h"
+#include "tools/CommandLine.h"
 #include "tools/SourceOptions.h"
-#include "tools/metrics/MetricsText.h"
 
 namespace powerstats {
+
+namespace {
+
+/// Formats a label. Names of lists have no line break that would have to be escaped.
+std::string label(const char* key, const std::string& name) {
+    std::string value;
+    for (const char character : name) {
+        if (character == '\\' || character == '"') value += '\\';
+        value += character;
+    }
+    return fmt::format("{}=\"{}\"", key, value);
+}
+
+/// The lines of one counter.
+struct Family {
+    const char* name;  ///< without `_total`
+    const char* unit;  ///< empty: a plain number
+    const char* help;
+    /// How many digits of a total are less than one unit.
+    size_t decimals;
+    std::string samples = {};
+
+    /// @param labels [in] with their braces; empty when there are none.
+    void add(const std::string& labels, int64_t total) {
+        // In digits, since a double has not enough of them.
+        std::string value = fmt::format("{:0{}}", total, decimals + 1);
+        if (decimals > 0) value.insert(value.size() - decimals, ".");
+        samples += fmt::format("{}_total{} {}\n", name, labels, value);
+    }
+};
+
+}  // namespace
+
+std::string formatMetrics(const Reading& reading, const std::string& format) {
+    Family families[] = {
+        {"powerstats_rail_energy_joules", "joules",
+         "Energy that a power rail carried, since boot or since its counter began.", 6},
+        {"powerstats_state_residency_seconds", "seconds",
+         "Time that a power entity spent in a state since boot.", 3},
+        {"powerstats_state_entries", "", "Entries of a power entity into a state since boot.", 0},
+        {"powerstats_reading_time_seconds", "seconds",
+         "Time of the reading since boot, with suspend. A rate by this one's rate is exact, "
+         "however often the totals are read.",
+         9}};
+    auto& [energy, residency, entries, time] = families;
+
+    const Lists& lists = *reading.lists;
+    for (size_t i = 0; i < lists.rails.size(); ++i) {
+        const std::optional<Energy>& rail = reading.rails[i];
+        // A counter that may have wrapped before its first reading has counted nothing yet.
+        if (!rail || (rail->energyUWs == 0 && rail->duration == nanoseconds::zero())) continue;
+        energy.add(fmt::format("{{{}}}", label("rail", lists.rails[i].name)), rail->energyUWs);
+    }
+    for (size_t i = 0; i < lists.entities.size(); ++i) {
+        const auto& [id, name, type, states] = lists.entities[i];
+        for (size_t j = 0; j < states.size() && reading.entities[i]; ++j) {
+            const Residency& state = reading.entities[i]->states[j];
+            const std::string labels =
+                fmt::format("{{{},{}}}", label("entity", name), label("state", states[j].name));
+            residency.add(labels, toMilliseconds(state.totalTime));
+            entries.add(labels, state.entryCount);
+        }
+    }
+    if (!energy.samples.empty() || !entries.samples.empty()) time.add("", reading.time.count());
+    const bool isOpen = format == "openmetrics";
+    std::string text;
+    for (const auto& [name, unit, help, decimals, samples] : families) {
+        if (samples.empty()) continue;
+        const std::string full = std::string(name) + (isOpen ? "" : "_total");
+        text += fmt::format("# HELP {0} {1}\n# TYPE {0} counter\n", full, help);
+        if (isOpen && *unit != '\0') text += fmt::format("# UNIT {} {}\n", full, unit);
+        text += samples;
+    }
+    return text + (isOpen ? "# EOF\n" : "");
+}
 
 namespace {
 
@@ -39,20 +115,15 @@ struct MetricsArguments {
 bool replaceFile(const std::string& path, const std::string& text) {
     std::string temporary = path + ".XXXXXX";
     const int file = mkostemp(temporary.data(), O_CLOEXEC);
-    FILE* const stream = file >= 0 ? fdopen(file, "w") : nullptr;
-    bool replaced = false;
-    if (stream != nullptr) {
-        replaced = fchmod(file, 0640) == 0 &&
-                   std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
-                   std::fflush(stream) == 0 && fsync(file) == 0 &&
-                   rename(temporary.c_str(), path.c_str()) == 0;
+    const bool isReplaced = file >= 0 && fchmod(file, 0640) == 0 &&
+                            dprintf(file, "%s", text.c_str()) >= 0 && fsync(file) == 0 &&
+                            rename(temporary.c_str(), path.c_str()) == 0;
+    if (!isReplaced) say(fmt::format("{}: {}", path, std::strerror(errno)));
+    if (file >= 0) {
+        if (!isReplaced) unlink(temporary.c_str());
+        close(file);
     }
-    if (!replaced) {
-        say(fmt::format("{}: {}", path, std::strerror(errno)));
-        if (file >= 0) unlink(temporary.c_str());
-    }
-    if (stream != nullptr) std::fclose(stream);
-    return replaced;
+    return isReplaced;
 }
 
 /// Reads the service. Says why when a part of it cannot be read.
@@ -63,70 +134,62 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     const std::shared_ptr<Source> source = openSource(&arguments.source, kAtFirstSample, &status);
     if (source == nullptr) return status;
     const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
-    const bool noRails = !arguments.noRails && reading.railsFailure &&
-                         reading.railsFailure.kind != Failure::Kind::kNotMeasured;
-    const bool noEntities = static_cast<bool>(reading.entitiesFailure);
-    if (noRails) say("rails: " + reading.railsFailure.text);
-    // Not in the journal of a timer, each minute.
-    if (!noRails && !arguments.noRails && isatty(STDERR_FILENO) != 0) sayWhyNoRails(reading);
-    if (noEntities) say("power entities: " + reading.entitiesFailure.text);
-    if (!noEntities || (!noRails && !arguments.noRails)) {
-        *text =
-            formatMetrics(reading, arguments.format == "prometheus" ? MetricsFormat::kPrometheus
-                                                                    : MetricsFormat::kOpenMetrics);
+    const Failure rails = arguments.noRails ? Failure() : reading.railsFailure;
+    const bool isRailsFault = rails && rails.kind != Failure::Kind::kNotMeasured;
+    if (isRailsFault) {
+        say("rails: " + rails.text);
+    } else if (rails && isatty(STDERR_FILENO) != 0) {
+        sayWhyNoRails(reading);  // not in the journal of a timer, each minute
     }
-    return noEntities || noRails ? kFailed : 0;
+    if (reading.entitiesFailure) say("power entities: " + reading.entitiesFailure.text);
+    if (!reading.entitiesFailure || (!isRailsFault && !arguments.noRails)) {
+        *text = formatMetrics(reading, arguments.format);
+    }
+    return isRailsFault || reading.entitiesFailure ? kFailed : 0;
 }
 
 int metrics(const MetricsArguments& arguments) {
     std::optional<std::string> text;
     const int status = collect(arguments, &text);
-    const auto write = [&] {
-        return !arguments.output.empty() ? replaceFile(arguments.output, *text)
-                                         : writeOutput(*text);
-    };
-    if (text && write()) return status;
+    const std::string& output = arguments.output;
+    if (text && (output.empty() ? writeOutput(*text) : replaceFile(output, *text))) return status;
     // Totals that stand still would look like a machine that uses no power. A series that ends
     // looks like one that is not measured.
-    if (!arguments.output.empty()) unlink(arguments.output.c_str());
+    if (!output.empty()) unlink(output.c_str());
     return status != 0 ? status : kFailed;
-}
-
-/// Refuses folders, devices and links, which a new file must not replace.
-std::string checkOutput(const std::string& path) {
-    std::error_code error;
-    const auto type = std::filesystem::symlink_status(path, error).type();
-    if (!path.empty() && (type == std::filesystem::file_type::regular ||
-                          type == std::filesystem::file_type::not_found)) {
-        return {};
-    }
-    return path + ": not a plain file (name a file that may be replaced)";
 }
 
 }  // namespace
 
-Command addMetrics(CommandLine program) {
+CommandLine makeMetrics() {
     const auto arguments = std::make_shared<MetricsArguments>();
-    CommandLine command = program.addSubcommand(
+    CommandLine command = {
         "metrics", "Print the totals of a service once, for Prometheus.",
         "Energy is in joules and time in seconds, at full precision. Rails that were not measured\n"
         "since boot are there too. The document fleet.md has the way to Prometheus.\n"
         "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
         "the metrics could not be written, 2 bad argument. When nothing could be read or written,\n"
         "the file of --output is removed, because old totals would mislead.\n"
-        "Example: powerstats metrics --no-rails");
-    addSourceOptions(command, &arguments->source);
+        "Example: powerstats metrics --no-rails"};
+    addSourceOptions(&command, &arguments->source);
     command.addOption("--format", "The text format",
                       choice(&arguments->format, {"prometheus", "openmetrics"}));
-    command.addFlag("--no-rails", "Leave out energy", &arguments->noRails);
-    const auto takeOutput = [arguments](const std::string& path) {
+    command.addOption("--no-rails", "Leave out energy", flag(&arguments->noRails));
+    // A new file must not replace folders, devices and links.
+    const auto takeOutput = [arguments](const std::string& path) -> std::string {
+        using std::filesystem::file_type;
         arguments->output = path;
-        return checkOutput(path);
+        std::error_code error;
+        const file_type type = std::filesystem::symlink_status(path, error).type();
+        const bool isPlain = type == file_type::regular || type == file_type::not_found;
+        if (isPlain && !path.empty()) return "";
+        return path + ": not a plain file (name a file that may be replaced)";
     };
     command.addOption("--output",
                       "Replace this file as a whole; only you and your group can read it",
                       {"FILE", "", "", takeOutput});
-    return {command, [arguments] { return metrics(*arguments); }};
+    command.run = [arguments] { return metrics(*arguments); };
+    return command;
 }
 
 }  // namespace powerstats

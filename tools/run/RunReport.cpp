@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <numeric>
 #include <utility>
 
 #include "power/text/Names.h"
@@ -35,13 +36,22 @@ std::string format(const Spread& spread, int digits) {
     return fmt::format("{} ± {:.{}f}", mean, *spread.deviation, digits);
 }
 
-Spread summarize(const std::vector<double>& values) {
+/// Quotients are weighted by their divisors, so that a mean power is the sum of energies by the sum
+/// of times. The mean of the quotients would be too high: short runs have noisy times. The standard
+/// deviation is that of a ratio of two sums (Cochran, Sampling Techniques, 6.4); with equal weights
+/// both are the usual ones.
+Spread summarize(const std::vector<double>& values, const std::vector<double>& weights) {
     const auto count = static_cast<double>(values.size());
+    const double weight = std::accumulate(weights.begin(), weights.end(), 0.0) / count;
     Spread spread;
-    for (const double value : values) spread.mean += value / count;
+    for (size_t i = 0; i < values.size(); ++i) {
+        spread.mean += values[i] * weights[i] / weight / count;
+    }
     if (values.size() < 2) return spread;
     double squares = 0;
-    for (const double value : values) squares += (value - spread.mean) * (value - spread.mean);
+    for (size_t i = 0; i < values.size(); ++i) {
+        squares += std::pow(weights[i] / weight * (values[i] - spread.mean), 2);
+    }
     spread.deviation = std::sqrt(squares / (count - 1));
     return spread;
 }
@@ -66,10 +76,20 @@ struct Runs {
     Trouble trouble = Trouble::kNone;
 
     template <typename GetValue>
-    Spread summarize(const GetValue& valueOf) const {
+    Spread mean(const GetValue& valueOf) const {
         std::vector<double> values;
-        for (const Figures* figures : runs) values.push_back(valueOf(*figures));
-        return powerstats::summarize(values);
+        for (const Figures* run : runs) values.push_back(valueOf(*run));
+        return summarize(values, std::vector<double>(values.size(), 1));
+    }
+    /// @param rateOf [in] a figure by the time of its run.
+    template <typename GetRate>
+    Spread rate(const GetRate& rateOf) const {
+        std::vector<double> rates, seconds;
+        for (const Figures* run : runs) {
+            rates.push_back(rateOf(*run));
+            seconds.push_back(toSeconds(run->elapsed));
+        }
+        return summarize(rates, seconds);
     }
 };
 
@@ -83,12 +103,10 @@ Runs<Figures> collect(const std::vector<Interval>& runs, size_t position,
         const std::vector<Thing>& list = *run.lists.*things;
         size_t i = position;
         if (run.lists != runs[0].lists) {
-            i = static_cast<size_t>(std::find_if(list.begin(), list.end(),
-                                                 [&](const Thing& other) {
-                                                     return other.id == thing.id &&
-                                                            other.name == thing.name;
-                                                 }) -
-                                    list.begin());
+            const auto found = std::find_if(list.begin(), list.end(), [&](const Thing& other) {
+                return other.id == thing.id && other.name == thing.name;
+            });
+            i = static_cast<size_t>(found - list.begin());
         }
         const Trouble trouble = i < list.size() ? (run.*figures)[i].trouble : Trouble::kWent;
         if (row.trouble == Trouble::kNone) row.trouble = trouble;
@@ -113,14 +131,11 @@ Json railsOf(const std::vector<Interval>& runs, const Write& write) {
     for (size_t i = 0; !runs.empty() && i < runs[0].rails.size(); ++i) {
         const Rail& rail = runs[0].lists->rails[i];
         const auto figures = collect(runs, i, &Lists::rails, &Interval::rails);
-        const auto ifKnown = [&](const auto& valueOf) {
-            return figures.trouble == Trouble::kNone ? Json(write(figures.summarize(valueOf)))
-                                                     : Json();
-        };
+        const bool isKnown = figures.trouble == Trouble::kNone;
         rows.push_back({{"id", rail.id},
                         {"name", rail.name},
-                        {"energy_j", ifKnown(joulesOf)},
-                        {"power_w", ifKnown(wattsOf)},
+                        {"energy_j", isKnown ? Json(write(figures.mean(joulesOf))) : Json()},
+                        {"power_w", isKnown ? Json(write(figures.rate(wattsOf))) : Json()},
                         {"trouble", toText(figures.trouble)}});
     }
     return rows;
@@ -156,14 +171,14 @@ Json entitiesOf(const std::vector<Interval>& runs) {
         if (const char* const state = steadyState(runs, i)) row["steady"] = state;
         for (size_t j = 0; j < count; ++j) {
             const auto share =
-                figures.summarize([j](const Figures& run) { return run.states[j].share * 100; });
-            const auto rate = figures.summarize(
-                [j](const Figures& run) { return run.states[j].entriesPerSecond; });
+                figures.rate([j](const Figures& run) { return run.states[j].share * 100; });
+            const auto rate =
+                figures.rate([j](const Figures& run) { return run.states[j].entriesPerSecond; });
             row["states"].push_back({{"name", entity.states[j].name},
                                      {"share_percent", format(share, 1)},
                                      {"entries_per_s", format(rate, 1)}});
         }
-        const auto rest = figures.summarize([](const Figures& run) { return run.noneShare * 100; });
+        const auto rest = figures.rate([](const Figures& run) { return run.noneShare * 100; });
         if (rest.mean > 0) {
             row["states"].push_back({{"name", kNoState}, {"share_percent", format(rest, 1)}});
         }
@@ -172,7 +187,7 @@ Json entitiesOf(const std::vector<Interval>& runs) {
 }
 
 /// The figures of the rail with a name, or null.
-const Interval::RailFigures* findRail(const Interval& run, const std::string& name) {
+const Interval::RailFigures* findFigures(const Interval& run, const std::string& name) {
     for (size_t i = 0; i < run.rails.size(); ++i) {
         if (run.lists->rails[i].name == name) return &run.rails[i];
     }
@@ -182,7 +197,7 @@ const Interval::RailFigures* findRail(const Interval& run, const std::string& na
 /// Says in which run a rail has no figures, and why.
 std::string findUnread(const std::string& name, const std::vector<Interval>& runs) {
     for (size_t i = 0; i < runs.size(); ++i) {
-        const Interval::RailFigures* const rail = findRail(runs[i], name);
+        const Interval::RailFigures* const rail = findFigures(runs[i], name);
         const Trouble trouble = rail == nullptr ? Trouble::kWent : rail->trouble;
         if (trouble == Trouble::kNone) continue;
         return trouble == Trouble::kNoTime
@@ -190,6 +205,13 @@ std::string findUnread(const std::string& name, const std::vector<Interval>& run
                    : fmt::format("in run {} it {}", i + 1, toText(trouble));
     }
     return "";
+}
+
+/// How many runs are too short for the clock that stamps their rails.
+size_t countTooShort(const std::vector<Interval>& runs) {
+    return static_cast<size_t>(std::count_if(runs.begin(), runs.end(), [](const Interval& run) {
+        return run.elapsed < kLeastUnits * run.stampUnit;
+    }));
 }
 
 std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
@@ -200,6 +222,7 @@ std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
     }
     const char* const verdict = judgement.verdict == LimitVerdict::kKept   ? "kept"
                                 : judgement.verdict == LimitVerdict::kOver ? "exceeded"
+                                : countTooShort(runs) > 0                  ? "not judged"
                                                                            : "too noisy to tell";
     const std::string interval =
         !judgement.margin
@@ -211,15 +234,13 @@ std::string describe(const Limit& limit, const std::vector<Interval>& runs) {
 }
 
 std::string commandLine(const RunReport& report) {
-    std::string line;
-    for (const std::string& word : report.command) line += (line.empty() ? "" : " ") + word;
-    return safeName(line, SIZE_MAX);
+    return safeName(fmt::format("{}", fmt::join(report.command, " ")), SIZE_MAX);
 }
 
 Spread elapsedOf(const RunReport& report) {
-    std::vector<double> seconds;
-    for (const Interval& run : report.runs) seconds.push_back(toSeconds(run.elapsed));
-    return summarize(seconds);
+    Runs<Interval> runs;
+    for (const Interval& run : report.runs) runs.runs.push_back(&run);
+    return runs.mean([](const Interval& run) { return toSeconds(run.elapsed); });
 }
 
 std::string formatTable(const RunReport& report) {
@@ -237,6 +258,12 @@ std::string formatTable(const RunReport& report) {
         for (const std::string& note : notesOf(report.runs[i])) {
             text += fmt::format("  run {}: {}\n", i + 1, note);
         }
+    }
+    if (const size_t tooShort = countTooShort(report.runs); tooShort > 0) {
+        text += fmt::format(
+            "  {} of {} runs too short for their clock, which counts in {} ms (run the command "
+            "several times in one)\n",
+            tooShort, runs, toMilliseconds(report.runs[0].stampUnit));
     }
     for (const Limit& limit : report.limits) {
         text += "  " + describe(limit, report.runs) + '\n';
@@ -277,7 +304,7 @@ std::string formatCsv(const RunReport& report) {
     return text;
 }
 
-const char* const kVerdicts[] = {"kept", "exceeded", "unclear"};
+const char* const kVerdicts[] = {"kept", "unclear", "exceeded"};
 
 std::string formatJson(const RunReport& report) {
     const auto orNull = [](const std::optional<double>& value) {
@@ -299,6 +326,7 @@ std::string formatJson(const RunReport& report) {
                       {"elapsed_s", toJson(elapsedOf(report))},
                       {"rails", railsOf(report.runs, write)},
                       {"limits", std::move(limits)},
+                      {"runs_too_short", countTooShort(report.runs)},
                       {"runs", std::move(runs)}},
                      2) +
            '\n';
@@ -315,13 +343,15 @@ std::optional<Limit> parseLimit(const std::string& text) {
 }
 
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
-    std::vector<double> watts;
-    for (const Interval& run : runs) {
-        const Interval::RailFigures* const rail = findRail(run, limit.rail);
-        if (rail != nullptr && rail->trouble == Trouble::kNone) watts.push_back(wattsOf(*rail));
-    }
-    if (watts.empty() || watts.size() != runs.size()) return {};
-    const Spread spread = summarize(watts);
+    const std::vector<Rail>& rails = runs[0].lists->rails;
+    const auto rail = std::find_if(rails.begin(), rails.end(),
+                                   [&](const Rail& other) { return other.name == limit.rail; });
+    if (rail == rails.end()) return {};
+    const auto figures =
+        collect(runs, static_cast<size_t>(rail - rails.begin()), &Lists::rails, &Interval::rails);
+    if (figures.trouble != Trouble::kNone) return {};
+    const Spread spread = figures.rate(wattsOf);
+    if (countTooShort(runs) > 0) return {LimitVerdict::kUnclear, spread.mean, std::nullopt};
     if (runs.size() < 3) {
         return {spread.mean <= limit.watts ? LimitVerdict::kKept : LimitVerdict::kOver, spread.mean,
                 std::nullopt};
@@ -329,7 +359,8 @@ LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
     const auto count = static_cast<double>(runs.size());
     const double margin = studentsT(runs.size() - 1) * *spread.deviation / std::sqrt(count);
     LimitVerdict verdict = LimitVerdict::kUnclear;
-    if (spread.mean + margin < limit.watts) verdict = LimitVerdict::kKept;
+    // The limit belongs to the powers that keep it, so that a rail that stays at 0 keeps 0.
+    if (spread.mean + margin <= limit.watts) verdict = LimitVerdict::kKept;
     if (spread.mean - margin > limit.watts) verdict = LimitVerdict::kOver;
     return {verdict, spread.mean, margin};
 }

@@ -17,10 +17,15 @@ struct Limit {
     double watts = 0;
 };
 
+/// A run of fewer units of the stamps of its rails is too short to tell a power: the units at its
+/// two ends are more than 2 % of it.
+constexpr int kLeastUnits = 50;
+
 /// Parses "RAIL=WATTS"; the name may contain "=" itself.
 std::optional<Limit> parseLimit(const std::string& text);
 
-enum class LimitVerdict { kKept, kOver, kUnclear };
+/// From the best to the worst.
+enum class LimitVerdict { kKept, kUnclear, kOver };
 
 /// A limit against the runs' average powers, in watts.
 struct LimitJudgement {
@@ -31,10 +36,11 @@ struct LimitJudgement {
     std::optional<double> margin;
 };
 
-/// With three runs or more, the 95 % confidence interval of the mean decides: wholly below the
-/// limit it is kept, wholly above it is exceeded, and otherwise the runs differ too much to tell.
-/// The interval is the mean plus and minus Student's t times the standard deviation by the root of
-/// the number of runs. With fewer runs the mean decides.
+/// With three runs or more, the 95 % confidence interval of the mean decides: wholly at or below
+/// the limit it is kept, wholly above it is exceeded, and otherwise the runs differ too much to
+/// tell. The interval is the mean plus and minus Student's t times the standard deviation by the
+/// root of the number of runs. With fewer runs the mean decides. The mean is the sum of the
+/// energies by the sum of the times. Nothing is judged if a run is too short; see kLeastUnits.
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs);
 
 /// The runs of a command.

@@ -8,11 +8,10 @@
 
 namespace powerstats {
 
-enum class MetricsFormat { kPrometheus, kOpenMetrics };
-
 /// Writes a reading's totals as counters, for Prometheus. docs/formats.md has their names and
 /// units.
+/// @param format [in] "prometheus" or "openmetrics".
 /// @return whole lines; without any figure, no counter.
-std::string formatMetrics(const Reading& reading, MetricsFormat format);
+std::string formatMetrics(const Reading& reading, const std::string& format);
 
 }  // namespace powerstats
