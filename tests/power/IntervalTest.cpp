@@ -7,6 +7,7 @@
 
 #include <fstream>
 #include <functional>
+#include <numeric>
 #include <sstream>
 
 #include "power/text/Names.h"
@@ -212,7 +213,7 @@ TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
         {{1900, 2000, 2100}, 2.24, LimitVerdict::kUnclear, 0.2484},
         {{1900, 2000, 2100}, 2.25, LimitVerdict::kKept, 0.2484},
         {{1900, 2000, 2100}, 1.75, LimitVerdict::kOver, 0.2484},
-        {{2000, 2000, 2000}, 2, LimitVerdict::kUnclear, 0},
+        {{2000, 2000, 2000}, 2, LimitVerdict::kKept, 0},
         // 19 degrees of freedom: 2.093.
         {std::vector<double>{1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100,
                              1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100},
@@ -223,13 +224,24 @@ TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
         for (size_t i = 0; i < runs.size(); ++i) {
             runs[i].lists = nameLists({{1, "soc", ""}}, {}, true);
             runs[i].rails.resize(1);
-            runs[i].rails[0].elapsed = milliseconds(1000);
+            runs[i].elapsed = runs[i].rails[0].elapsed = milliseconds(1000);
+            runs[i].stampUnit = milliseconds(20);
             runs[i].rails[0].milliwatts = test.milliwatts[i];
         }
         const LimitJudgement judgement = judge({"soc", test.limit}, runs);
         EXPECT_EQ(judgement.verdict, test.verdict) << test.limit;
         EXPECT_THAT(judgement.margin.value_or(0), DoubleNear(test.margin, 0.0001)) << test.limit;
         EXPECT_EQ(judgement.margin.has_value(), runs.size() >= 3);
+        // A run that takes longer counts for more.
+        runs[0].rails[0].elapsed = milliseconds(3000);
+        const double count = static_cast<double>(runs.size()) + 2;
+        const double sum = std::accumulate(test.milliwatts.begin(), test.milliwatts.end(), 0.0);
+        EXPECT_DOUBLE_EQ(*judge({"soc", 1000}, runs).mean,
+                         (sum + 2 * test.milliwatts[0]) / count / 1000);
+        runs.back().elapsed -= milliseconds(1);
+        EXPECT_EQ(judge({"soc", 1000}, runs).verdict, LimitVerdict::kUnclear) << "too short";
+        runs.back().elapsed = milliseconds(1000);
+        EXPECT_EQ(judge({"soc", 1000}, runs).verdict, LimitVerdict::kKept);
         runs.back().rails[0].trouble = Trouble::kNotRead;
         EXPECT_EQ(judge({"soc", 1000}, runs).verdict, LimitVerdict::kUnclear);
     }

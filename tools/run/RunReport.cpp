@@ -351,17 +351,18 @@ LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {
         collect(runs, static_cast<size_t>(rail - rails.begin()), &Lists::rails, &Interval::rails);
     if (figures.trouble != Trouble::kNone) return {};
     const Spread spread = figures.rate(wattsOf);
+    // The limit belongs to the powers that keep it, also where a sum was rounded.
+    const double most = limit.watts * (1 + 1e-9);
     if (countTooShort(runs) > 0) return {LimitVerdict::kUnclear, spread.mean, std::nullopt};
     if (runs.size() < 3) {
-        return {spread.mean <= limit.watts ? LimitVerdict::kKept : LimitVerdict::kOver, spread.mean,
+        return {spread.mean <= most ? LimitVerdict::kKept : LimitVerdict::kOver, spread.mean,
                 std::nullopt};
     }
     const auto count = static_cast<double>(runs.size());
     const double margin = studentsT(runs.size() - 1) * *spread.deviation / std::sqrt(count);
     LimitVerdict verdict = LimitVerdict::kUnclear;
-    // The limit belongs to the powers that keep it, so that a rail that stays at 0 keeps 0.
-    if (spread.mean + margin <= limit.watts) verdict = LimitVerdict::kKept;
-    if (spread.mean - margin > limit.watts) verdict = LimitVerdict::kOver;
+    if (spread.mean + margin <= most) verdict = LimitVerdict::kKept;
+    if (spread.mean - margin > most) verdict = LimitVerdict::kOver;
     return {verdict, spread.mean, margin};
 }
 
