@@ -103,7 +103,9 @@ Json rowsOf(const LibraryCall& call) {
     return rows;
 }
 
-std::string format(const std::vector<LibraryCall>& calls, const std::string& form) {
+/// @param recorded [in] the time of a recording that is played; 0: none is.
+std::string format(const std::vector<LibraryCall>& calls, const std::string& form,
+                   nanoseconds recorded) {
     const auto& bytes = calls.front().bytes;
     if (form == "binary") return bytes ? std::string(bytes->begin(), bytes->end()) : "";
     Json json;
@@ -117,8 +119,9 @@ std::string format(const std::vector<LibraryCall>& calls, const std::string& for
         } else if (rows.empty()) {
             text += ": none reported\n";
         } else {
+            const nanoseconds called = fromMilliseconds(rows.back()["timestamp_ms"]);
             text += fmt::format(
-                " at {}\n{}", afterBoot(fromMilliseconds(rows.back()["timestamp_ms"])),
+                " at {}\n{}", afterBoot(recorded > nanoseconds::zero() ? recorded : called),
                 call.isRails
                     ? formatTable("rail", {{"energy_mj", "energy (mJ)"}}, rows)
                     : formatTable("entity and state",
@@ -162,7 +165,9 @@ int dump(DumpArguments arguments) {
                         "program together)");
         }
     }
-    if (!writeOutput(format(calls, arguments.format))) return kFailed;
+    const bool isPlayed = !arguments.service.source.replay.empty();
+    const nanoseconds recorded = isPlayed ? own->read(kNothing, kNothing).time : nanoseconds();
+    if (!writeOutput(format(calls, arguments.format, recorded))) return kFailed;
     // What a client of the same service sees, to explain the library's answers.
     const Reading reading = own != nullptr ? own->read() : ServiceSource().read();
     explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");

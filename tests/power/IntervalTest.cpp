@@ -245,6 +245,18 @@ TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
         runs.back().rails[0].trouble = Trouble::kNotRead;
         EXPECT_EQ(judge({"soc", 1000}, runs).verdict, LimitVerdict::kUnclear);
     }
+    const auto rails =
+        nameLists(
+            {{1, "soc", "A"}, {2, "A/soc", "B"}, {3, "fan", "A"}, {4, "fan", "B"}, {5, "fan", "B"}},
+            {}, false)
+            ->rails;
+    const std::pair<const char*, std::vector<size_t>> names[] = {
+        {"soc", {0}},  {"A/soc", {1}},    {"id:1", {0}},      {"A/fan", {2}},
+        {"id:4", {3}}, {"B/fan", {3, 4}}, {"fan", {2, 3, 4}}, {"fans", {}},
+    };
+    for (const auto& [name, positions] : names) {
+        EXPECT_EQ(findRail(rails, name), positions) << name;
+    }
     EXPECT_EQ(parseLimit("a=b=1.5")->rail, "a=b");
     for (const char* wrong : {"", "=1", "soc", "soc=", "soc=1W", "soc=nan", "soc=-1"}) {
         EXPECT_FALSE(parseLimit(wrong)) << wrong;

@@ -271,6 +271,8 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         std::string error;
     } cases[] = {
         {{}, "exit 7", 7, "1 run of "},
+        {{}, "exit 126", 126, "1 run of "},
+        {{}, "exit 127", 127, "1 run of "},
         {{}, "kill -9 $$", 137, ""},
         {{}, "kill -PIPE $$; exit 1", 141, ""},  // powerstats itself ignores this signal
         {{"-r", "3"},
@@ -282,7 +284,7 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
          5,
          "status 5 in run 1 of 1, so limits were not judged\n"},
         {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
-        {{"--max", rail + "=0"}, add, 3, "at most 0 W: exceeded"},
+        {{"--max", "hwmon/" + rail + "=0"}, add, 3, "fans: at most 0 W: exceeded"},
         {{"-r", "3", "--max", rail + "=0"}, "sleep 0.01", 0, "at most 0 W: kept"},
         // One that is exceeded comes before one that cannot be judged.
         {{"-r", "3", "--max", "still=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
@@ -311,14 +313,25 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
         run({"run", "--replay", PHONE_RECORDING, "-r", "3", "--max", "satellites=0", "--max",
              "always-on=0.03", "--", "sleep", "0.5"});
     EXPECT_EQ(both.exitCode, 3) << "exceeded comes before cannot be judged: " << both.errors;
-    EXPECT_EQ(run({"run", "--", tree.path("missing")}).exitCode, 127);
-    EXPECT_EQ(run({"run", "--", tree.root()}).exitCode, 126);
-    EXPECT_EQ(run({"run", "-o", tree.path("report"), "--format", "json", "--", "true"}).exitCode,
-              0);
-    EXPECT_THAT(readFile(tree.path("report")), StartsWith("{\n  \"command\": [\n    \"true\""));
+    const std::string report = tree.path("folder/report");
+    tree.write("folder/report", "old");
+    const std::pair<std::string, int> unusable[] = {{tree.path("missing"), 127},
+                                                    {tree.root(), 126}};
+    for (const auto& [program, status] : unusable) {
+        const ProgramOutcome none = run({"run", "-o", report, "--", program});
+        EXPECT_EQ(none.exitCode, status);
+        EXPECT_THAT(none.errors, Not(HasSubstr("1 run of")));
+        EXPECT_EQ(readFile(report), "old\n");
+    }
+    EXPECT_EQ(run({"run", "-o", report, "--format", "json", "--", "true"}).exitCode, 0);
+    EXPECT_THAT(readFile(report), StartsWith("{\n  \"command\": [\n    \"true\""));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tree.path("folder")), {}), 1)
+        << "a temporary file is left";
 }
 
 TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
+    EXPECT_THAT(run({"dump", "--replay", PHONE_RECORDING}).output,
+                StartsWith("Rails at 03:00:12.345 after boot"));
     const TemporaryTree files;
     const std::string copy = files.path("copy");
     const Lines fast = {"--interval", "0.05", "--speed", "40"};

@@ -5,22 +5,20 @@
 
 #include "tools/metrics/Metrics.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <csignal>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/CommandLine.h"
+#include "tools/ReplacedFile.h"
 #include "tools/SourceOptions.h"
 
 namespace powerstats {
@@ -109,21 +107,21 @@ struct MetricsArguments {
     std::string output;
 };
 
-/// Writes a file under another name and renames it, so that readers have the old text or the new
-/// one. Only the user and the group may read it, since energy tells what other programs compute.
-/// Says why when it fails.
-bool replaceFile(const std::string& path, const std::string& text) {
-    std::string temporary = path + ".XXXXXX";
-    const int file = mkostemp(temporary.data(), O_CLOEXEC);
-    const bool isReplaced = file >= 0 && fchmod(file, 0640) == 0 &&
-                            dprintf(file, "%s", text.c_str()) >= 0 && fsync(file) == 0 &&
-                            rename(temporary.c_str(), path.c_str()) == 0;
-    if (!isReplaced) say(fmt::format("{}: {}", path, std::strerror(errno)));
-    if (file >= 0) {
-        if (!isReplaced) unlink(temporary.c_str());
-        close(file);
-    }
-    return isReplaced;
+/// The file of --output, for the handler of signals.
+const char* gOutput = nullptr;
+
+void removeOutput(int number) {
+    unlink(gOutput);
+    signal(number, SIG_DFL);
+    raise(number);
+}
+
+/// Only the user and the group may read the file, since energy tells what other programs compute.
+bool writeFile(const std::string& path, const std::string& text) {
+    ReplacedFile file(path, 0640);
+    const bool isWritten = file.isOpen() && file.replace(text);
+    if (!isWritten) say(file.failure());
+    return isWritten;
 }
 
 /// Reads the service. Says why when a part of it cannot be read.
@@ -141,6 +139,15 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     } else if (rails && isatty(STDERR_FILENO) != 0) {
         sayWhyNoRails(reading);  // not in the journal of a timer, each minute
     }
+    const std::vector<Rail>& known = reading.lists->rails;
+    const bool isWrapping =
+        arguments.source.bus.empty() && arguments.source.replay.empty() && !arguments.noRails &&
+        std::any_of(known.begin(), known.end(),
+                    [](const Rail& rail) { return rail.subsystem == "powercap"; });
+    if (isWrapping && isatty(STDERR_FILENO) != 0) {
+        say("the counters of powercap wrap, and energy is lost between two readings (start "
+            "powerstatsd, and add --bus)");
+    }
     if (reading.entitiesFailure) say("power entities: " + reading.entitiesFailure.text);
     if (!reading.entitiesFailure || (!isRailsFault && !arguments.noRails)) {
         *text = formatMetrics(reading, arguments.format);
@@ -149,10 +156,15 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
 }
 
 int metrics(const MetricsArguments& arguments) {
+    // The unit's time limit ends a reading that hangs.
+    gOutput = arguments.output.c_str();
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        if (*gOutput != '\0') std::signal(number, removeOutput);
+    }
     std::optional<std::string> text;
     const int status = collect(arguments, &text);
     const std::string& output = arguments.output;
-    if (text && (output.empty() ? writeOutput(*text) : replaceFile(output, *text))) return status;
+    if (text && (output.empty() ? writeOutput(*text) : writeFile(output, *text))) return status;
     // Totals that stand still would look like a machine that uses no power. A series that ends
     // looks like one that is not measured.
     if (!output.empty()) unlink(output.c_str());
@@ -169,7 +181,7 @@ CommandLine makeMetrics() {
         "since boot are there too. The document fleet.md has the way to Prometheus.\n"
         "Exit status: 0 the metrics were written, 1 rails or power entities could not be read, or\n"
         "the metrics could not be written, 2 bad argument. When nothing could be read or written,\n"
-        "the file of --output is removed, because old totals would mislead.\n"
+        "the file of --output is removed, because old totals would mislead; so it is by SIGTERM.\n"
         "Example: powerstats metrics --no-rails"};
     addSourceOptions(&command, &arguments->source);
     command.addOption("--format", "The text format",

@@ -2,6 +2,7 @@
 //
 // powerstats run: what rails and power entities did while a command ran.
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "tools/CommandLine.h"
+#include "tools/ReplacedFile.h"
 #include "tools/Sampler.h"
 #include "tools/run/RunReport.h"
 
@@ -74,28 +76,44 @@ class Signals {
     int mLast = 0;
 };
 
-/// Runs the command to its end, and reads and records meanwhile if that is asked for.
-/// @return its exit status; 128 and the number of the signal that ended it.
-int runToEnd(RunArguments* arguments, Sampler* sampler, Signals* signals) {
+/// Starts the command.
+/// @return its process, or 0 after a line that says why it cannot be started.
+/// @param status [out] in that case the exit status, as shells answer.
+pid_t start(std::vector<std::string>* command, const Signals& signals, int* status) {
     std::vector<char*> words;
-    words.reserve(arguments->command.size() + 1);
-    for (std::string& word : arguments->command) words.push_back(word.data());
+    words.reserve(command->size() + 1);
+    for (std::string& word : *command) words.push_back(word.data());
     words.push_back(nullptr);
-    const pid_t child = fork();
+    // Closed by a successful exec; otherwise it carries the error.
+    int pipe[2] = {-1, -1};
+    const bool hasPipe = pipe2(pipe, O_CLOEXEC) == 0;
+    const pid_t child = hasPipe ? fork() : -1;
+    int error = errno;
     if (child == 0) {
         restoreForExec();
-        signals->release();
+        signals.release();
         execvp(words[0], words.data());
+        error = errno;
+        // The pipe is empty, so this cannot fail.
+        [[maybe_unused]] const ssize_t written = write(pipe[1], &error, sizeof(error));
+        _exit(kNotFound);
     }
-    if (child <= 0) {
-        const int error = errno;
-        say(fmt::format("{}: {} (give a program and its arguments after --)", words[0],
-                        std::strerror(error)));
-        const int failed = error == ENOENT ? kNotFound : kCannotExecute;
-        if (child < 0) return failed;
-        _exit(failed);
-    }
-    const time_t readingSeconds = arguments->record.empty() ? 86400 : 1;
+    if (hasPipe) close(pipe[1]);
+    const bool isStarted =
+        child > 0 && TEMP_FAILURE_RETRY(read(pipe[0], &error, sizeof(error))) == 0;
+    if (hasPipe) close(pipe[0]);
+    if (isStarted) return child;
+    if (child > 0) waitpid(child, nullptr, 0);
+    *status = error == ENOENT ? kNotFound : kCannotExecute;
+    say(fmt::format("{}: {} (give a program and its arguments after --)", words[0],
+                    std::strerror(error)));
+    return 0;
+}
+
+/// Waits for the end of the command, and reads and records meanwhile if that is asked for.
+/// @return its exit status; 128 and the number of the signal that ended it.
+int await(pid_t child, const RunArguments& arguments, Sampler* sampler, Signals* signals) {
+    const time_t readingSeconds = arguments.record.empty() ? 86400 : 1;
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         siginfo_t info;
@@ -109,24 +127,28 @@ int runToEnd(RunArguments* arguments, Sampler* sampler, Signals* signals) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+/// Gives limits the names of their rails.
 /// @return one line about a limit that cannot be judged; empty when all can.
-std::string findUnreadable(const std::vector<Limit>& limits, const Reading& reading) {
+std::string findRails(const Reading& reading, std::vector<Limit>* limits) {
     const std::vector<Rail>& rails = reading.lists->rails;
-    for (const Limit& limit : limits) {
-        std::vector<std::string> names;
-        bool isKnown = false, isRead = false;
-        for (size_t i = 0; i < rails.size(); ++i) {
-            names.push_back(rails[i].name);
-            if (rails[i].name != limit.rail) continue;
-            isKnown = true;
-            isRead = reading.rails[i].has_value();
+    for (Limit& limit : *limits) {
+        const std::vector<size_t> found = findRail(rails, limit.rail);
+        if (found.size() == 1 && reading.rails[found[0]]) {
+            limit.rail = rails[found[0]].name;
+            continue;
         }
-        if (isRead) continue;
-        return fmt::format(
-            "--max {}: {}", limit.rail,
-            reading.railsFailure ? reading.railsFailure.text
-            : isKnown            ? "it cannot be read now"
-                      : fmt::format("no such rail (there are {})", fmt::join(names, ", ")));
+        std::vector<std::string> names;
+        for (size_t i = 0; i < rails.size(); ++i) {
+            const bool isMeant = std::find(found.begin(), found.end(), i) != found.end();
+            if (found.empty() || isMeant) names.push_back(rails[i].name);
+        }
+        const std::string list = fmt::format("{}", fmt::join(names, ", "));
+        return fmt::format("--max {}: {}", limit.rail,
+                           reading.railsFailure ? reading.railsFailure.text
+                           : found.empty()      ? "no such rail (there are " + list + ")"
+                           : found.size() == 1
+                               ? "it cannot be read now"
+                               : "several rails have this name (give " + list + ", or id:N)");
     }
     return "";
 }
@@ -154,16 +176,14 @@ void explainEnd(const RunArguments& arguments, double run, int status, int signa
 }
 
 int run(RunArguments arguments) {
-    std::FILE* const stream =
-        arguments.output.empty() ? stderr : std::fopen(arguments.output.c_str(), "we");
-    if (stream == nullptr) {
-        return fail(kUsage, fmt::format("{}: {} (give another file with -o)", arguments.output,
-                                        std::strerror(errno)));
+    std::optional<ReplacedFile> file;
+    if (!arguments.output.empty() && !file.emplace(arguments.output, readableMode()).isOpen()) {
+        return fail(kUsage, file->failure() + " (give another file with -o)");
     }
     int status = 0;
     const std::shared_ptr<Sampler> sampler = Sampler::open({arguments.source, 0}, &status);
     if (sampler == nullptr) return kUsage;
-    const std::string unreadable = findUnreadable(arguments.limits, sampler->latest());
+    const std::string unreadable = findRails(sampler->latest(), &arguments.limits);
     if (!unreadable.empty()) return fail(kUsage, unreadable);
     if (!sampler->record(arguments.record)) return kUsage;
 
@@ -173,8 +193,9 @@ int run(RunArguments arguments) {
     while (status == 0 && signals.last() == 0 && runs() < arguments.runs) {
         Reading before, after;
         sampler->next(&before);
-        status = runToEnd(&arguments, sampler.get(), &signals);
-        if (status == kNotFound || status == kCannotExecute) break;
+        const pid_t child = start(&arguments.command, signals, &status);
+        if (child == 0) return status;
+        status = await(child, arguments, sampler.get(), &signals);
         sampler->next(&after);
         report.runs.push_back(subtract(before, after));
     }
@@ -182,13 +203,12 @@ int run(RunArguments arguments) {
     if (!isComplete) report.limits.clear();
     const bool isRecorded = sampler->failure().empty();
     if (!isRecorded) say(sampler->failure());
-    if (!report.runs.empty() &&
-        !writeOutput(formatReport(report, arguments.format), stream,
-                     arguments.output.empty() ? "standard error" : arguments.output)) {
-        return status != 0 ? status : kFailed;
-    }
+    const std::string text = formatReport(report, arguments.format);
+    const bool isWritten = file ? file->replace(text) : writeOutput(text, stderr, "standard error");
+    if (file && !isWritten) say(file->failure());
+    if (!isWritten) return status != 0 ? status : kFailed;
     if (isComplete) return isRecorded ? judge(report) : kFailed;
-    if (runs() > 0) explainEnd(arguments, runs(), status, signals.last());
+    explainEnd(arguments, runs(), status, signals.last());
     return status != 0 ? status : 128 + signals.last();
 }
 
@@ -202,7 +222,8 @@ CommandLine makeRun() {
         "a sum over them says nothing. Other programs that run at the time count too. A signal\n"
         "reaches the command. The document formats.md describes the formats.\n"
         "Limits are judged only if every run exits 0. From three runs on, a limit is kept or\n"
-        "exceeded when the 95 % interval of the mean lies wholly on one side of it.\n"
+        "exceeded when the 95 % interval of the mean lies wholly on one side of it. A rail is\n"
+        "named as the report has it, by SUBSYSTEM/NAME, or by id:N.\n"
         "Exit status: that of the command; 128 and the number of the signal that ended it; 126 or\n"
         "127 if it cannot be started; 2 bad argument, before the command starts; when all limits\n"
         "are kept 0, when one is exceeded 3, and when one cannot be judged 4.\n"

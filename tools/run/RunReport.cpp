@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <iterator>
 #include <numeric>
 #include <utility>
@@ -340,6 +341,27 @@ std::optional<Limit> parseLimit(const std::string& text) {
     const auto watts = parseNumber(text.substr(equals + 1), {0, 1e9});
     if (!watts) return std::nullopt;
     return Limit{text.substr(0, equals), *watts};
+}
+
+std::vector<size_t> findRail(const std::vector<Rail>& rails, const std::string& text) {
+    const std::function<bool(const Rail&)> ways[] = {
+        [&](const Rail& rail) { return rail.name == text; },
+        [&](const Rail& rail) { return rail.subsystem + '/' + rail.name == text; },
+        [&](const Rail& rail) { return "id:" + std::to_string(rail.id) == text; },
+        // As nameLists() tells namesakes apart.
+        [&](const Rail& rail) {
+            return rail.name.rfind(rail.subsystem + '/' + text, 0) == 0 ||
+                   rail.name == fmt::format("{} (id {})", text, rail.id);
+        },
+    };
+    std::vector<size_t> found;
+    for (const auto& isMeant : ways) {
+        for (size_t i = 0; i < rails.size(); ++i) {
+            if (isMeant(rails[i])) found.push_back(i);
+        }
+        if (!found.empty()) break;
+    }
+    return found;
 }
 
 LimitJudgement judge(const Limit& limit, const std::vector<Interval>& runs) {

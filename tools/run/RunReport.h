@@ -24,6 +24,11 @@ constexpr int kLeastUnits = 50;
 /// Parses "RAIL=WATTS"; the name may contain "=" itself.
 std::optional<Limit> parseLimit(const std::string& text);
 
+/// Finds a rail by its name, by "SUBSYSTEM/NAME", or by "id:N"; the first of these that fits.
+/// @return the positions of the rails that are meant: none when there is no such rail, several when
+///     rails were told apart that have this name.
+std::vector<size_t> findRail(const std::vector<Rail>& rails, const std::string& text);
+
 /// From the best to the worst.
 enum class LimitVerdict { kKept, kUnclear, kOver };
 
