@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "power/text/Names.h"
+#include "power/text/Page.h"
 #include "tools/CommandLine.h"
 #include "tools/live/LiveScreen.h"
 
@@ -271,6 +272,9 @@ int showLive(double intervalSeconds, double count, const std::shared_ptr<Sampler
     sampler->stop();
     takeEnd(std::chrono::milliseconds(200));  // a call that blocks takes longer
     closeTerminal();
+    if (std::isfinite(count) && screen.interval) {
+        writeOutput(IntervalPrinter("table").print(*screen.interval));
+    }
     if (!failure.empty()) return fail(kFailed, safeName(failure, 4096));
     const std::lock_guard<std::mutex> lock(feed->mutex);
     return feed->anyFigures ? 0 : kFailed;

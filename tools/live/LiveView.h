@@ -22,7 +22,8 @@ bool canShowLive();
 /// 64 KiB written to it and prints them afterwards.
 ///
 /// @param intervalSeconds [in] that of the sampler.
-/// @param count [in] the last interval stands for an interval too. HUGE_VAL: no end.
+/// @param count [in] the last interval stands for an interval too, and its table is printed after
+///     the view. HUGE_VAL: no end.
 /// @param sampler [in] runs on a thread of its own, for which the view does not wait. A reading
 ///     that blocks may still be in progress when this function returns; that thread then shares
 ///     the sampler.
