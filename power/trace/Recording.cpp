@@ -52,17 +52,19 @@ bool readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
     constexpr uint64_t kMaxSize = std::numeric_limits<int>::max();
     if (size > kMaxSize - static_cast<uint64_t>(stream->CurrentPosition())) return false;
     stream->PushLimit(static_cast<int>(size));
+    // Read whole, because protobuf cuts a message that is longer than its packet.
+    std::string bytes;
     while (const uint32_t tag = stream->ReadTag()) {
         uint64_t number = 0;
         bool isRead = size <= kMaxPowerPacketSize;
         switch (WireFormatLite::GetTagFieldNumber(tag)) {
             case TracePacket::kPowerRailsFieldNumber:
-                isRead =
-                    isRead && WireFormatLite::ReadMessage(stream, packet->mutable_power_rails());
+                isRead = isRead && WireFormatLite::ReadBytes(stream, &bytes) &&
+                         packet->mutable_power_rails()->MergeFromString(bytes);
                 break;
             case TracePacket::kEntityStateResidencyFieldNumber:
-                isRead = isRead && WireFormatLite::ReadMessage(
-                                       stream, packet->mutable_entity_state_residency());
+                isRead = isRead && WireFormatLite::ReadBytes(stream, &bytes) &&
+                         packet->mutable_entity_state_residency()->MergeFromString(bytes);
                 break;
             case TracePacket::kTimestampFieldNumber:
                 isRead = stream->ReadVarint64(&number);

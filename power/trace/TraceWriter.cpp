@@ -136,7 +136,7 @@ void TraceWriter::add(const std::vector<Thing>& things, const std::vector<Slot>&
         } else {
             totals = figures[i];
         }
-        if (totals && (totals->time <= series->last.time || isNegative(*totals))) totals.reset();
+        if (totals && isNegative(*totals)) totals.reset();
         if (series->sequence == 0 || (totals && isReset(series->last, *totals))) {
             *series = {next, index};
             if constexpr (kIsRail) {
@@ -154,7 +154,7 @@ void TraceWriter::add(const std::vector<Thing>& things, const std::vector<Slot>&
                 names->set_state_name(statesOf(things[i])[state].name);
             }
         }
-        if (!totals) continue;
+        if (!totals || totals->time <= series->last.time) continue;
         series->last = *std::move(totals);
         if constexpr (kIsRail) {
             auto* const data = packetOf(series->sequence)->mutable_power_rails()->add_energy_data();

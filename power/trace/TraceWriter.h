@@ -38,7 +38,8 @@ class TraceWriter {
 
     /// Appends a sample with one write(), so that the file of a program that was killed ends with a
     /// whole sample. Leaves out a reading from before the last one, and of the others the things
-    /// without figures, negative values and figures that are not newer than the last ones.
+    /// without figures, negative values and figures that are not newer than the last ones. After a
+    /// reset they may be older, as those of a recording that is served again.
     /// @param error [out] one line, when the result is false: the file has all samples up to this
     ///     one, and nothing more may be written.
     bool write(const Reading& reading, std::string* error);

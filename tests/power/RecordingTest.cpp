@@ -152,10 +152,11 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
         {"\x1f\x8b compressed", "at byte 0: " + notATrace},
         {good + "text", at + notATrace},
         {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
-        // A group without an end, a field without a number, and one longer than its packet.
+        // A group without an end, a field without a number, and two longer than their packet.
         {good + std::string("\x0a\x02\x2b\x08"), at + damaged},
         {good + std::string("\x0a\x02\x02\x00", 4), at + damaged},
         {good + std::string("\x0a\x03\x5a\x05x12345"), at + damaged},
+        {good + std::string("\x0a\x03\xc2\x02\x01"), at + damaged},
         {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + damaged},
         {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}), at + damaged},
         {good + rails(1, {}, {{2, 1000, 5}}), at + "rail 2 of packet sequence 1" + unnamed},

@@ -127,9 +127,10 @@ TEST(TraceWriter, WritesWhatIsReadBack) {
     last.rails[4] = Energy{milliseconds(11995), milliseconds(11995), 7};
     last.entities[0]->time = milliseconds(11000);
     ASSERT_TRUE(writer->write(last, &error)) << error;
-    // An entity whose total fell.
+    // An entity whose total fell, and a rail whose stamps start again with its counter.
     last = makeReading(13000, 1001, 41, 4100, true);
-    last.rails[2]->resets = 1;
+    last.rails[2]->resets = 2;
+    last.rails[2]->time = milliseconds(9000);
     ASSERT_TRUE(writer->write(last, &error)) << error;
     EXPECT_THAT(readBack(file, {0, 1000, 2000, 3000}),
                 ElementsAre(HasSubstr("both have negative (of such names"), first,
@@ -138,12 +139,12 @@ TEST(TraceWriter, WritesWhatIsReadBack) {
                             "3@12995=1001 0@9995=50 1@10995=20 2@11995=7 7@11000000000=4250,5,0",
                             names + "2=late "));
 
-    EXPECT_EQ(
-        outline(file),
-        "8: 10000000007 10: 1 40 { } 8: 10000000007 10: 2 91 { } "
-        "8: 11000000000 10: 1 40 { } 8: 11000000000 10: 2 91 { } "
-        "8: 12000000000 10: 1 40 { } 8: 12000000000 10: 3 40 { } "
-        "8: 13000000000 10: 1 40 { } 8: 13000000000 10: 3 40 { } 8: 13000000000 10: 4 91 { } ")
+    EXPECT_EQ(outline(file),
+              "8: 10000000007 10: 1 40 { } 8: 10000000007 10: 2 91 { } "
+              "8: 11000000000 10: 1 40 { } 8: 11000000000 10: 2 91 { } "
+              "8: 12000000000 10: 1 40 { } 8: 12000000000 10: 3 40 { } "
+              "8: 13000000000 10: 1 40 { } 8: 13000000000 10: 3 40 { } 8: 13000000000 10: 4 40 { } "
+              "8: 13000000000 10: 5 91 { } ")
         << "it has readings only";
 }
 
