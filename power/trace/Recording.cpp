@@ -45,6 +45,14 @@ constexpr uint64_t kMaxVarintSize = 10;
 constexpr uint32_t kPacketTag =
     WireFormatLite::MakeTag(Trace::kPacketFieldNumber, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
 
+constexpr uint32_t bytesTag(int field) {
+    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+}
+
+constexpr uint32_t numberTag(int field) {
+    return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_VARINT);
+}
+
 /// Reads the power data of a packet, and skips its other fields.
 /// @return false when the packet is damaged.
 bool readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
@@ -57,20 +65,20 @@ bool readFields(CodedInputStream* stream, uint64_t size, TracePacket* packet) {
     while (const uint32_t tag = stream->ReadTag()) {
         uint64_t number = 0;
         bool isRead = size <= kMaxPowerPacketSize;
-        switch (WireFormatLite::GetTagFieldNumber(tag)) {
-            case TracePacket::kPowerRailsFieldNumber:
+        switch (tag) {
+            case bytesTag(TracePacket::kPowerRailsFieldNumber):
                 isRead = isRead && WireFormatLite::ReadBytes(stream, &bytes) &&
                          packet->mutable_power_rails()->MergeFromString(bytes);
                 break;
-            case TracePacket::kEntityStateResidencyFieldNumber:
+            case bytesTag(TracePacket::kEntityStateResidencyFieldNumber):
                 isRead = isRead && WireFormatLite::ReadBytes(stream, &bytes) &&
                          packet->mutable_entity_state_residency()->MergeFromString(bytes);
                 break;
-            case TracePacket::kTimestampFieldNumber:
+            case numberTag(TracePacket::kTimestampFieldNumber):
                 isRead = stream->ReadVarint64(&number);
                 packet->set_timestamp(number);
                 break;
-            case TracePacket::kTrustedPacketSequenceIdFieldNumber:
+            case numberTag(TracePacket::kTrustedPacketSequenceIdFieldNumber):
                 isRead = stream->ReadVarint64(&number);
                 packet->set_trusted_packet_sequence_id(static_cast<uint32_t>(number));
                 break;
