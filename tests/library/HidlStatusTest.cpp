@@ -47,19 +47,14 @@ struct StatusCase {
 
 const StatusCase kStatusCases[] = {
     {"railsNotSupported", kRails, Status::NOT_SUPPORTED, false, kRailsNotSupported},
-    {"noRailsNotSupported", kRails, Status::NOT_SUPPORTED, true, kRailsNotSupported},
     {"noRails", kRails, Status::SUCCESS, true, kWithoutRails},
     {"railsInvalid", kRails, Status::INVALID_INPUT, false, kRailsUsed},
-    {"railsResources", kRails, Status::INSUFFICIENT_RESOURCES, false, kRailsUsed},
     {"energyNotSupported", kEnergy, Status::NOT_SUPPORTED, false, kEnergyFailed},
     {"energyInvalid", kEnergy, Status::INVALID_INPUT, false, kEnergyFailed},
-    {"noEnergyInvalid", kEnergy, Status::INVALID_INPUT, true, kEnergyFailed},
     {"noEnergy", kEnergy, Status::SUCCESS, true, array("", kBoth)},
     {"residenciesNotSupported", kResidencies, Status::NOT_SUPPORTED, false, kUnsupported},
-    {"noResidenciesNotSupported", kResidencies, Status::NOT_SUPPORTED, true, kUnsupported},
     {"noResidencies", kResidencies, Status::SUCCESS, true, kWithoutEntities},
     {"residenciesInvalid", kResidencies, Status::INVALID_INPUT, false, kResidenciesUsed},
-    {"residenciesResources", kResidencies, Status::INSUFFICIENT_RESOURCES, false, kResidenciesUsed},
 };
 
 class HidlStatuses : public testing::TestWithParam<StatusCase>, public Scenario {};
