@@ -44,46 +44,45 @@ const Query kQueries[] = {
 };
 
 /// A way to fail.
-enum class Trouble { kDeadObject, kTransport, kNotSupported, kInvalid, kDies, kNoNames };
-constexpr Trouble kTroubles[] = {Trouble::kDeadObject, Trouble::kTransport, Trouble::kNotSupported,
-                                 Trouble::kInvalid,    Trouble::kDies,      Trouble::kNoNames};
+struct Trouble {
+    const char* name;
+    std::optional<Failure> failure = {};
+    HidlStatus status = HidlStatus::SUCCESS;
+    const char* description = nullptr;  ///< that HIDL logs when the query did not reach the service
+};
+
+const Trouble kNoNames{"noNames"};
+/// The service dies in the query. Its notice waits until the call has returned.
+const Trouble kDies{"dies", {}, HidlStatus::SUCCESS, "'DEAD_OBJECT: '"};
+const Trouble kTroubles[] = {
+    {"deadObject", kDead, HidlStatus::SUCCESS, "'DEAD_OBJECT: gone'"},
+    {"transport", kTransport, HidlStatus::SUCCESS, "'UNKNOWN_TRANSACTION: odd'"},
+    {"notSupported", {}, HidlStatus::NOT_SUPPORTED},
+    {"invalid", {}, HidlStatus::INVALID_INPUT},
+    kDies,
+    kNoNames};
 
 class FailedQuery : public testing::TestWithParam<std::tuple<Query, Trouble>>, public Scenario {
   protected:
     void cause() {
-        const std::string method = mQuery.method;
-        FakeService& faulty = service(mQuery.backend);
-        switch (mTrouble) {
-            case Trouble::kDeadObject:
-                return failNext(mRequest, kDead);
-            case Trouble::kTransport:
-                return failNext(mRequest, kTransport);
-            case Trouble::kNotSupported:
-                faulty.statuses[method] = HidlStatus::NOT_SUPPORTED;
-                return;
-            case Trouble::kInvalid:
-                faulty.statuses[method] = HidlStatus::INVALID_INPUT;
-                return;
-            case Trouble::kDies:
-                faulty.onCall = dieIn(mQuery.backend, method);
-                return;
-            case Trouble::kNoNames:
-                tell(mQuery.backend, {});
-                if (method == "getPowerEntityStateInfo") hidl->entities = {{7, "SOC"}};
+        if (mTrouble.failure) {
+            failNext(mRequest, *mTrouble.failure);
+        } else if (mTrouble.status != HidlStatus::SUCCESS) {
+            service(mQuery.backend).statuses[mQuery.method] = mTrouble.status;
+        } else if (mTrouble.name == kDies.name) {
+            service(mQuery.backend).onCall = dieIn(mQuery.backend, mQuery.method);
+        } else {
+            tell(mQuery.backend, {});
+            if (mQuery.log == kNoStates) hidl->entities = {{7, "SOC"}};
         }
     }
 
     /// The log of the failed call.
     Lines lines() const {
         if (mQuery.backend == Backend::kAidl) return {mQuery.log};
-        if (mTrouble == Trouble::kNoNames) return {kNotLoaded};
-        if (mTrouble == Trouble::kNotSupported || mTrouble == Trouble::kInvalid) {
-            return {mQuery.log, kNotLoaded};
-        }
-        return {kUnavailable + (mTrouble == Trouble::kDeadObject  ? "'DEAD_OBJECT: gone'"
-                                : mTrouble == Trouble::kTransport ? "'UNKNOWN_TRANSACTION: odd'"
-                                                                  : "'DEAD_OBJECT: '"),
-                kNotLoaded};
+        if (mTrouble.description) return {kUnavailable + mTrouble.description, kNotLoaded};
+        if (mTrouble.name == kNoNames.name) return {kNotLoaded};
+        return {mQuery.log, kNotLoaded};
     }
 
     /// The part of a good call's traffic that a failed call has.
@@ -103,30 +102,27 @@ INSTANTIATE_TEST_SUITE_P(Test, FailedQuery,
                              const Query& query = std::get<0>(info.param);
                              return testing::PrintToString(query.backend) +
                                     testing::PrintToString(query.call) + "_" + query.method + "_" +
-                                    std::to_string(static_cast<int>(std::get<1>(info.param)));
+                                    std::get<1>(info.param).name;
                          });
 
 TEST_P(FailedQuery, GivesNullAndIsMadeAgainByTheNextCall) {
     const auto& [backend, which, method, log] = mQuery;
-    const std::string first = firstTraffic(backend, which);
     const std::string reconnect = reconnectTraffic(backend, which);
     // An AIDL connection stays. A call without names fails, and one without readings does not.
     const std::string later =
-        backend == Backend::kHidl ? reconnect : first.substr(first.find(mRequest));
-    if (mTrouble == Trouble::kNoNames && later == mRequest) return;
+        backend == Backend::kHidl ? reconnect : reconnect.substr(reconnect.find(mRequest));
+    if (mTrouble.name == kNoNames.name && later == mRequest) return;
     serve(backend, smallMachine());
     cause();
-    Lines lines = this->lines();
-    lines.insert(lines.begin(), chosenLine(backend));
-    EXPECT_EQ(call(which), nothing(lines, untilQuery(first)));
-    if (mTrouble == Trouble::kDies) {
+    EXPECT_EQ(call(which), asFirst(backend, nothing(lines(), untilQuery(reconnect))));
+    if (mTrouble.name == kDies.name) {
         EXPECT_TRUE(host::waitForDeathNotices());
         serve(backend, smallMachine());
         EXPECT_EQ(call(which), array(smallResult(which), reconnect));
         return;
     }
     cause();
-    EXPECT_EQ(call(which), nothing(this->lines(), untilQuery(later)));
+    EXPECT_EQ(call(which), nothing(lines(), untilQuery(later)));
     service(backend).statuses.clear();
     tell(backend, smallMachine());
     EXPECT_EQ(call(which), array(smallResult(which), later));
@@ -137,8 +133,8 @@ TEST(FailedLink, OfAidlIsIgnoredAndTheDeathIsMissed) {
     scenario.serve(Backend::kAidl, smallMachine());
     failNext("aidl:link", kTransport);
     EXPECT_EQ(scenario.call(Call::kRails),
-              array(smallResult(Call::kRails), firstTraffic(Backend::kAidl, Call::kRails),
-                    {chosenLine(Backend::kAidl)}));
+              asFirst(Backend::kAidl, array(smallResult(Call::kRails),
+                                            reconnectTraffic(Backend::kAidl, Call::kRails))));
     Scenario::kill(Backend::kAidl);
     scenario.serve(Backend::kAidl, smallMachine());
     for (int i = 0; i < 2; ++i) {

@@ -37,11 +37,8 @@ using support::Backend;
 TEST(Internals, EnergyThatIsNaNOrInfinite) {
     const float infinity = std::numeric_limits<float>::infinity();
     EXPECT_EQ(toMillijoules(std::nanf("")), 0);
-    EXPECT_EQ(toMillijoules(-std::nanf("")), 0);
     EXPECT_EQ(toMillijoules(infinity), 2147483647);
     EXPECT_EQ(toMillijoules(-infinity), -2147483648LL);
-    EXPECT_EQ(toMillijoules(2147483648000.0f), 2147483647);
-    EXPECT_EQ(toMillijoules(-2147483648000.0f), -2147483648LL);
 }
 
 TEST(Internals, CallOfAnUnboundCollectorEndsTheProcess) {

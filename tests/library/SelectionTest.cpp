@@ -33,8 +33,8 @@ TEST_F(Selection, AidlWinsAndIsLoggedOnceAndHidlStaysWhenAidlComesLater) {
         serve(Backend::kHidl, smallMachine());
         if (backend == Backend::kAidl) serve(backend, smallMachine());
         EXPECT_EQ(call(Call::kRails),
-                  array(smallResult(Call::kRails), firstTraffic(backend, Call::kRails),
-                        {chosenLine(backend)}));
+                  asFirst(backend, array(smallResult(Call::kRails),
+                                         reconnectTraffic(backend, Call::kRails))));
         serve(Backend::kAidl, smallMachine());
         EXPECT_EQ(call(Call::kResidencies), array(smallResult(Call::kResidencies),
                                                   connectedTraffic(backend, Call::kResidencies)));
@@ -64,10 +64,7 @@ TEST_F(Selection, AidlNeverFallsBackToHidl) {
 }
 
 TEST_F(Selection, WithoutServiceTakesHidl) {
-    Outcome first = kNoHidl;
-    first.events.insert(first.events.begin(), chosenLine(Backend::kHidl));
-    first.traffic = "aidl:lookup hidl:lookup";
-    EXPECT_EQ(call(Call::kRails), first);
+    EXPECT_EQ(call(Call::kRails), asFirst(Backend::kHidl, kNoHidl));
     EXPECT_EQ(call(Call::kResidencies), kNoHidl);
     serve(Backend::kHidl, smallMachine());
     EXPECT_EQ(call(Call::kResidencies),
@@ -80,10 +77,7 @@ TEST_F(Selection, BinderOfAnotherInterfaceIsChosenAndNotUsed) {
     const ndk::SpAIBinder binder = ndk::SharedRefBase::make<Lights>()->asBinder();
     AServiceManager_addService(binder.get(), host::kAidlPowerStats);
     serve(Backend::kHidl, smallMachine());
-    Outcome first = noAidl(Call::kRails);
-    first.events.insert(first.events.begin(), chosenLine(Backend::kAidl));
-    first.traffic = "aidl:lookup aidl:lookup";
-    EXPECT_EQ(call(Call::kRails), first);
+    EXPECT_EQ(call(Call::kRails), asFirst(Backend::kAidl, noAidl(Call::kRails)));
     for (const Call which : kCalls) EXPECT_EQ(call(which), noAidl(which));
     // The test, the register and the choice of backend hold one reference each.
     EXPECT_EQ(AIBinder_debugGetRefCount(binder.get()), 3);
@@ -138,7 +132,8 @@ TEST_F(Selection, RacingCallsChooseOnceAndCollectInTurn) {
         const Lines events = takeEvents();
         EXPECT_EQ(std::count(events.begin(), events.end(), chosenLine(backend)), 1);
         const auto traffic = [&](Call first, Call second) {
-            return firstTraffic(backend, first) + " " + connectedTraffic(backend, second);
+            return "aidl:lookup " + reconnectTraffic(backend, first) + " " +
+                   connectedTraffic(backend, second);
         };
         EXPECT_THAT(takeRequests(), testing::AnyOf(traffic(Call::kRails, Call::kResidencies),
                                                    traffic(Call::kResidencies, Call::kRails)));

@@ -190,12 +190,6 @@ binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* 
     return support::platforms(&AIBinder_linkToDeath)(binder, recipient, cookie);
 }
 
-AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
-    AIBinder_DeathRecipient_onBinderDied onBinderDied) {
-    support::announce("AIDL recipient created");
-    return support::platforms(&AIBinder_DeathRecipient_new)(onBinderDied);
-}
-
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
     if (recipient != nullptr) support::announce("AIDL recipient deleted");
     support::platforms (&AIBinder_DeathRecipient_delete)(recipient);

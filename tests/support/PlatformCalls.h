@@ -36,8 +36,8 @@ extern std::atomic<bool> recordsRequests;
 /// Returns "aidl:lookup" for AIDL and "lookup".
 std::string requestOf(Backend backend, const std::string& name);
 
-/// Called when references come and go, on the thread that does it: "AIDL recipient created",
-/// "AIDL recipient deleted", "Aidl proxy destroyed", "Hidl proxy destroyed", "binder released".
+/// Called when references go, on the thread that does it: "AIDL recipient deleted", "Aidl proxy
+/// destroyed", "Hidl proxy destroyed", "binder released".
 /// REQUIRES: no other thread uses the platform while this is set
 extern std::function<void(const char* event)> onReference;
 

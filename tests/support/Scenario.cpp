@@ -70,20 +70,21 @@ Outcome nothing(Lines log, std::string traffic) {
     return {std::nullopt, std::move(log), std::move(traffic)};
 }
 
-Outcome array(const std::string& bytes, std::string traffic, const Lines& log) {
+Outcome array(const std::string& bytes, std::string traffic, Lines log) {
     const std::string length = std::to_string(bytes.size());
-    Lines events = log;
-    events.insert(events.end(), {"clock", "NewByteArray(" + length + ")",
-                                 "SetByteArrayRegion(0, " + length + ")"});
-    return {bytes, std::move(events), std::move(traffic)};
+    log.insert(log.end(),
+               {"clock", "NewByteArray(" + length + ")", "SetByteArrayRegion(0, " + length + ")"});
+    return {bytes, std::move(log), std::move(traffic)};
 }
 
 std::string chosenLine(Backend backend) {
     return backend == Backend::kAidl ? "I: Using power.stats AIDL" : "I: Using power.stats 1.0";
 }
 
-std::string firstTraffic(Backend backend, Call call) {
-    return "aidl:lookup " + reconnectTraffic(backend, call);
+Outcome asFirst(Backend backend, Outcome outcome) {
+    outcome.events.insert(outcome.events.begin(), chosenLine(backend));
+    outcome.traffic = "aidl:lookup " + outcome.traffic;
+    return outcome;
 }
 
 std::string reconnectTraffic(Backend backend, Call call) {

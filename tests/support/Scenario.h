@@ -44,13 +44,14 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
 /// A call that returned null, and did not read the clock.
 Outcome nothing(Lines log, std::string traffic);
 /// A call that returned these bytes through the ordinary hand-off.
-Outcome array(const std::string& bytes, std::string traffic, const Lines& log = {});
+Outcome array(const std::string& bytes, std::string traffic, Lines log = {});
 
 /// The log line about the choice of backend.
 std::string chosenLine(Backend backend);
-/// The traffic of a good call: the process's first, the first after a death, the first of this kind
-/// over a connection of the other kind, and any other.
-std::string firstTraffic(Backend backend, Call call);
+/// What a call after a death does, if it is the process's first instead: it chooses, too.
+Outcome asFirst(Backend backend, Outcome outcome);
+/// The traffic of a good call: the first after a death, the first of this kind over a connection
+/// that the other kind has made, and any other.
 std::string reconnectTraffic(Backend backend, Call call);
 std::string connectedTraffic(Backend backend, Call call);
 std::string steadyTraffic(Backend backend, Call call);
