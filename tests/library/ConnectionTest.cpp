@@ -28,6 +28,10 @@ struct Query {
     Call call;
     const char* method;
     const char* log;  ///< line of the failed call; with HIDL, if the service refuses
+
+    friend std::ostream& operator<<(std::ostream& out, const Query& query) {
+        return out << query.backend << query.call << "_" << query.method;
+    }
 };
 
 const Query kQueries[] = {
@@ -49,6 +53,10 @@ struct Trouble {
     std::optional<Failure> failure = {};
     HidlStatus status = HidlStatus::SUCCESS;
     const char* description = nullptr;  ///< that HIDL logs when the query did not reach the service
+
+    friend std::ostream& operator<<(std::ostream& out, const Trouble& trouble) {
+        return out << trouble.name;
+    }
 };
 
 const Trouble kNoNames{"noNames"};
@@ -95,15 +103,11 @@ class FailedQuery : public testing::TestWithParam<std::tuple<Query, Trouble>>, p
     const Trouble mTrouble = std::get<1>(GetParam());
     const std::string mRequest = requestOf(mQuery.backend, mQuery.method);
 };
-INSTANTIATE_TEST_SUITE_P(Test, FailedQuery,
-                         testing::Combine(testing::ValuesIn(kQueries),
-                                          testing::ValuesIn(kTroubles)),
-                         [](const auto& info) {
-                             const Query& query = std::get<0>(info.param);
-                             return testing::PrintToString(query.backend) +
-                                    testing::PrintToString(query.call) + "_" + query.method + "_" +
-                                    std::get<1>(info.param).name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Test, FailedQuery, testing::Combine(testing::ValuesIn(kQueries), testing::ValuesIn(kTroubles)),
+    [](const auto& info) {
+        return testing::PrintToString(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
+    });
 
 TEST_P(FailedQuery, GivesNullAndIsMadeAgainByTheNextCall) {
     const auto& [backend, which, method, log] = mQuery;

@@ -38,7 +38,7 @@ std::string requestOf(Backend backend, const std::string& name);
 
 /// Called when references go, on the thread that does it: "AIDL recipient deleted", "Aidl proxy
 /// destroyed", "Hidl proxy destroyed", "binder released".
-/// REQUIRES: no other thread uses the platform while this is set
+/// REQUIRES: no other thread uses the platform while a test sets or resets this
 extern std::function<void(const char* event)> onReference;
 
 }  // namespace support
