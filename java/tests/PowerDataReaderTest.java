@@ -16,9 +16,9 @@ public final class PowerDataReaderTest {
 
     private PowerDataReaderTest() {}
 
-    private static void expect(String subject, Object expected, Object actual) {
+    private static void expect(Object expected, Object actual) {
         if (expected.equals(actual)) return;
-        System.err.println(subject + "\nexpected:\n" + expected + "\nactual:\n" + actual + "\n");
+        System.err.println("expected:\n" + expected + "\nactual:\n" + actual + "\n");
         ++failures;
     }
 
@@ -42,37 +42,22 @@ public final class PowerDataReaderTest {
                         .setName("deep\u007fsleep")
                         .setTotalTimeInStateMs(123456)
                         .setTotalStateEntryCount(9);
-        String[][] cases = {
-            {
-                "null",
-                "Title: not available (the log says why)\n",
-                PowerDataReader.text("Title", null)
-            },
-            {"empty", "Title: none reported\n", text()},
-            {
-                "time unknown",
+        KeyedPowerData hostile = element("\ud83d\udd0ba\tb\n\u001b[2J$1\u0085", 1, none);
+        PowerData.Builder states = PowerData.newBuilder().addResidency(state).addResidency(state);
+        KeyedPowerData cpu = element("CPU", 77, states);
+        String line = "  CPU, deep\\u007fsleep: 123456 ms, 9 entries\n";
+
+        expect("Title: not available (the log says why)\n", PowerDataReader.text("Title", null));
+        expect("Title: none reported\n", text());
+        expect(
                 "Title, time unknown\n  A: -9223372036854775808 mJ\n",
-                text(element("A", 0, scalar))
-            },
-            {
-                "hostile name",
-                "Title, 1 ms after boot\n"
-                        + "  \ud83d\udd0ba\\u0009b\\u000a\\u001b[2J$1\\u0085: no states\n",
-                text(element("\ud83d\udd0ba\tb\n\u001b[2J$1\u0085", 1, none))
-            },
-            {
-                "states",
-                "Title, 77 ms after boot\n  CPU, deep\\u007fsleep: 123456 ms, 9 entries\n"
-                        + "  CPU, deep\\u007fsleep: 123456 ms, 9 entries\n  GPU: no states\n",
-                text(
-                        element(
-                                "CPU",
-                                77,
-                                PowerData.newBuilder().addResidency(state).addResidency(state)),
-                        element("GPU", 77, none))
-            },
-        };
-        for (String[] row : cases) expect(row[0], row[1], row[2]);
+                text(element("A", 0, scalar)));
+        expect(
+                "Title, 1 ms after boot\n  \ud83d\udd0ba\\u0009b\\u000a\\u001b[2J$1\\u0085: no states\n",
+                text(hostile));
+        expect(
+                "Title, 77 ms after boot\n" + line + line + "  GPU: no states\n",
+                text(cpu, element("GPU", 77, none)));
     }
 
     /** Runs the reader and expects its exit status and a part of its message. */
@@ -86,8 +71,8 @@ public final class PowerDataReaderTest {
         builder.command().addAll(List.of(arguments));
         Process process = builder.start();
         String errors = new String(process.getErrorStream().readAllBytes());
-        expect(errors + " has " + message, true, errors.contains(message));
-        expect("exit status: " + message, 2, process.waitFor());
+        expect(message, errors.contains(message) ? message : errors);
+        expect(2, process.waitFor());
     }
 
     public static void main(String[] arguments) throws Exception {

@@ -116,7 +116,8 @@ TEST_F(Chaos, EachCallReturnsTheResultOfOneLivingServiceAndNothingIsLeftOver) {
     const int kills = text != nullptr ? std::atoi(text) : 50;
     alarm(120 + 2 * static_cast<unsigned>(kills));  // ends a process that is stuck
     mScenario.load();
-    mScenario.env.onCall = nullptr;  // records of events would grow
+    mScenario.env.onCall = nullptr;  // records of events and requests would grow
+    recordsRequests = false;
     bootClock().onRead = nullptr;
     __android_log_set_logger([](const __android_log_message*) {});
     // The first call chooses the interface for good, so a service runs before it.

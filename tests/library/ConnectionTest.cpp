@@ -3,11 +3,8 @@
 // Connecting to a service and reading its names: queries that fail, links that fail, and the names
 // that a HIDL service's next connection finds in the caches.
 
-#include <android/binder_status.h>
 #include <gtest/gtest.h>
-
-#include <cstring>
-#include <functional>
+#include <utils/Errors.h>
 
 #include "tests/support/Scenario.h"
 
@@ -20,156 +17,128 @@ const char kNotLoaded[] = "E: Power stats HAL not loaded!";
 const char kNoEntities[] = "E: Failed to get power entity info.";
 const char kNoStates[] = "E: Failed to get state info.";
 const std::string kUnavailable =
-    "E: Failed to init state info: requested HAL service not available. Description: ";
-const Failure kDead{-129, -32, "gone"};
-const Failure kTransport{-129, -74, "odd"};
+    "E: Failed to init state info: requested HAL service not available. Description: "
+    "Status(EX_TRANSACTION_FAILED): ";
+const Failure kDead{android::DEAD_OBJECT, "gone"};
+const Failure kTransport{android::UNKNOWN_TRANSACTION, "odd"};
 
-/// One method of a call, and the result of its failure.
+/// One method of a call.
 struct Query {
     Backend backend;
     Call call;
     const char* method;
-    const char* log;      ///< line of the failed call; with HIDL, if the service refuses
-    std::string connect;  ///< traffic of the process's first attempt before the query
-    std::string traffic;  ///< of a later attempt
-    std::string good;     ///< of the call that succeeds at last
+    const char* log;  ///< line of the failed call; with HIDL, if the service refuses
+
+    friend std::ostream& operator<<(std::ostream& out, const Query& query) {
+        return out << query.backend << query.call << "_" << query.method;
+    }
 };
 
-const std::string kAidlFirst = "aidl:lookup*2 aidl:link ";
-const std::string kHidlAgain = "hidl:lookup hidl:link hidl:unlink hidl:getPowerEntityInfo";
-
-std::vector<Query> allQueries() {
-    std::vector<Query> all = {
-        {Backend::kAidl, Call::kRails, "getEnergyMeterInfo",
-         "I: Power stats rail energy init failed", kAidlFirst, "aidl:getEnergyMeterInfo",
-         "aidl:getEnergyMeterInfo aidl:readEnergyMeter"},
-        {Backend::kAidl, Call::kResidencies, "getPowerEntityInfo",
-         "I: Power stats residencies init failed", kAidlFirst, "aidl:getPowerEntityInfo",
-         "aidl:getPowerEntityInfo aidl:getStateResidency"},
-        {Backend::kAidl, Call::kRails, "readEnergyMeter", "E: Error reading energy meter",
-         kAidlFirst + "aidl:getEnergyMeterInfo ", "aidl:readEnergyMeter", "aidl:readEnergyMeter"},
-        {Backend::kAidl, Call::kResidencies, "getStateResidency",
-         "E: Error reading getting state residency", kAidlFirst + "aidl:getPowerEntityInfo ",
-         "aidl:getStateResidency", "aidl:getStateResidency"}};
-    for (const Call call : kCalls) {
-        const std::string good = reconnectTraffic(Backend::kHidl, call);
-        all.push_back({Backend::kHidl, call, "getPowerEntityInfo", kNoEntities, "aidl:lookup ",
-                       kHidlAgain, good});
-        all.push_back({Backend::kHidl, call, "getPowerEntityStateInfo", kNoStates, "aidl:lookup ",
-                       kHidlAgain + " hidl:getPowerEntityStateInfo", good});
-    }
-    return all;
-}
+const Query kQueries[] = {
+    {Backend::kAidl, Call::kRails, "getEnergyMeterInfo", "I: Power stats rail energy init failed"},
+    {Backend::kAidl, Call::kResidencies, "getPowerEntityInfo",
+     "I: Power stats residencies init failed"},
+    {Backend::kAidl, Call::kRails, "readEnergyMeter", "E: Error reading energy meter"},
+    {Backend::kAidl, Call::kResidencies, "getStateResidency",
+     "E: Error reading getting state residency"},
+    {Backend::kHidl, Call::kRails, "getPowerEntityInfo", kNoEntities},
+    {Backend::kHidl, Call::kRails, "getPowerEntityStateInfo", kNoStates},
+    {Backend::kHidl, Call::kResidencies, "getPowerEntityInfo", kNoEntities},
+    {Backend::kHidl, Call::kResidencies, "getPowerEntityStateInfo", kNoStates},
+};
 
 /// A way to fail.
 struct Trouble {
     const char* name;
-    std::function<void(Scenario& scenario, const Query& query)> script;
-    /// The description that HIDL logs when the query did not reach the service; null when it did.
-    const char* description = nullptr;
-};
+    std::optional<Failure> failure = {};
+    HidlStatus status = HidlStatus::SUCCESS;
+    const char* description = nullptr;  ///< that HIDL logs when the query did not reach the service
 
-Trouble unreached(const char* name, const Failure& failure, const char* description) {
-    return {name,
-            [=](Scenario&, const Query& query) {
-                failNext(requestOf(query.backend, query.method), failure);
-            },
-            description};
-}
-
-template <HidlStatus kStatus>
-void refuse(Scenario& scenario, const Query& query) {
-    if (query.backend == Backend::kAidl) {
-        scenario.aidl->failing[query.method] = [] {
-            return ndk::ScopedAStatus::fromServiceSpecificError(0);
-        };
-    } else {
-        scenario.hidl->statuses[query.method] = kStatus;
+    friend std::ostream& operator<<(std::ostream& out, const Trouble& trouble) {
+        return out << trouble.name;
     }
-}
-
-const Trouble kTroubles[] = {
-    unreached("deadObject", kDead, "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"),
-    unreached("transport", kTransport, "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'"),
-    unreached("exception", {-5, 0, "state"}, "Status(EX_ILLEGAL_STATE): 'state'"),
-    {"notSupported", refuse<HidlStatus::NOT_SUPPORTED>},
-    {"invalid", refuse<HidlStatus::INVALID_INPUT>},
 };
-const Trouble kWithoutStatus = unreached("withoutStatus", {-129, 0, "", true}, nullptr);
-/// The service dies in the query. Its notice waits until the call has returned.
-const Trouble kDies = {"dies",
-                       [](Scenario& scenario, const Query& query) {
-                           scenario.onCall(query.backend) = [query](const std::string& method) {
-                               if (method != query.method) return;
-                               EXPECT_TRUE(host::killService(nameOf(query.backend)));
-                               EXPECT_FALSE(host::waitForDeathNotices(0.2));
-                           };
-                       },
-                       "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '"};
-const Trouble kNoNames = {"noNames", [](Scenario& scenario, const Query& query) {
-                              scenario.tell(query.backend, {});
-                              if (std::strcmp(query.method, "getPowerEntityStateInfo") == 0) {
-                                  scenario.hidl->entities = {{7, "SOC"}};
-                              }
-                          }};
 
-struct QueryCase : Query, Trouble {
+const Trouble kNoNames{"noNames"};
+/// The service dies in the query. Its notice waits until the call has returned.
+const Trouble kDies{"dies", {}, HidlStatus::SUCCESS, "'DEAD_OBJECT: '"};
+const Trouble kTroubles[] = {
+    {"deadObject", kDead, HidlStatus::SUCCESS, "'DEAD_OBJECT: gone'"},
+    {"transport", kTransport, HidlStatus::SUCCESS, "'UNKNOWN_TRANSACTION: odd'"},
+    {"notSupported", {}, HidlStatus::NOT_SUPPORTED},
+    {"invalid", {}, HidlStatus::INVALID_INPUT},
+    kDies,
+    kNoNames};
+
+class FailedQuery : public testing::TestWithParam<std::tuple<Query, Trouble>>, public Scenario {
+  protected:
+    void cause() {
+        if (mTrouble.failure) {
+            failNext(mRequest, *mTrouble.failure);
+        } else if (mTrouble.status != HidlStatus::SUCCESS) {
+            service(mQuery.backend).statuses[mQuery.method] = mTrouble.status;
+        } else if (mTrouble.name == kDies.name) {
+            service(mQuery.backend).onCall = dieIn(mQuery.backend, mQuery.method);
+        } else {
+            tell(mQuery.backend, {});
+            if (mQuery.log == kNoStates) hidl->entities = {{7, "SOC"}};
+        }
+    }
+
     /// The log of the failed call.
     Lines lines() const {
-        if (backend == Backend::kAidl) return {log};
-        if (description != nullptr) return {kUnavailable + description, kNotLoaded};
-        if (name == kNoNames.name) return {kNotLoaded};
-        return {log, kNotLoaded};
+        if (mQuery.backend == Backend::kAidl) return {mQuery.log};
+        if (mTrouble.description) return {kUnavailable + mTrouble.description, kNotLoaded};
+        if (mTrouble.name == kNoNames.name) return {kNotLoaded};
+        return {mQuery.log, kNotLoaded};
     }
-    friend std::ostream& operator<<(std::ostream& out, const QueryCase& test) {
-        return out << test.backend << test.call << "_" << test.method << "_" << test.name;
+
+    /// The part of a good call's traffic that a failed call has.
+    std::string untilQuery(const std::string& traffic) const {
+        return traffic.substr(0, traffic.find(mRequest) + mRequest.size()) +
+               (mQuery.backend == Backend::kHidl ? " hidl:unlink" : "");
     }
+
+    const Query mQuery = std::get<0>(GetParam());
+    const Trouble mTrouble = std::get<1>(GetParam());
+    const std::string mRequest = requestOf(mQuery.backend, mQuery.method);
 };
-
-std::vector<QueryCase> allQueryCases() {
-    std::vector<QueryCase> all;
-    for (const Query& query : allQueries()) {
-        for (const Trouble& trouble : kTroubles) all.push_back({query, trouble});
-        all.push_back({query, kDies});
-        if (query.backend == Backend::kAidl) all.push_back({query, kWithoutStatus});
-        if (query.traffic != query.good) all.push_back({query, kNoNames});
-    }
-    return all;
-}
-
-class FailedQuery : public testing::TestWithParam<QueryCase>, public Scenario {};
-INSTANTIATE_TEST_SUITE_P(Test, FailedQuery, testing::ValuesIn(allQueryCases()),
-                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(
+    Test, FailedQuery, testing::Combine(testing::ValuesIn(kQueries), testing::ValuesIn(kTroubles)),
+    [](const auto& info) {
+        return testing::PrintToString(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
+    });
 
 TEST_P(FailedQuery, GivesNullAndIsMadeAgainByTheNextCall) {
-    const QueryCase& test = GetParam();
-    serve(test.backend, smallMachine());
-    test.script(*this, test);
-    Lines lines = test.lines();
-    lines.insert(lines.begin(), chosenLine(test.backend));
-    EXPECT_EQ(call(test.call), nothing(lines, test.connect + test.traffic));
-    if (test.name == kDies.name) {
+    const auto& [backend, which, method, log] = mQuery;
+    const std::string reconnect = reconnectTraffic(backend, which);
+    // An AIDL connection stays. A call without names fails, and one without readings does not.
+    const std::string later =
+        backend == Backend::kHidl ? reconnect : reconnect.substr(reconnect.find(mRequest));
+    if (mTrouble.name == kNoNames.name && later == mRequest) return;
+    serve(backend, smallMachine());
+    cause();
+    EXPECT_EQ(call(which), asFirst(backend, nothing(lines(), untilQuery(reconnect))));
+    if (mTrouble.name == kDies.name) {
         EXPECT_TRUE(host::waitForDeathNotices());
-        serve(test.backend, smallMachine());
-        EXPECT_EQ(call(test.call),
-                  array(smallResult(test.call), reconnectTraffic(test.backend, test.call)));
+        serve(backend, smallMachine());
+        EXPECT_EQ(call(which), array(smallResult(which), reconnect));
         return;
     }
-    test.script(*this, test);
-    EXPECT_EQ(call(test.call), nothing(test.lines(), test.traffic));
-    if (aidl != nullptr) aidl->failing.clear();
-    if (hidl != nullptr) hidl->statuses.clear();
-    tell(test.backend, smallMachine());
-    EXPECT_EQ(call(test.call), array(smallResult(test.call), test.good));
+    cause();
+    EXPECT_EQ(call(which), nothing(lines(), untilQuery(later)));
+    service(backend).statuses.clear();
+    tell(backend, smallMachine());
+    EXPECT_EQ(call(which), array(smallResult(which), later));
 }
 
 TEST(FailedLink, OfAidlIsIgnoredAndTheDeathIsMissed) {
     Scenario scenario;
     scenario.serve(Backend::kAidl, smallMachine());
-    failNext("aidl:link", {EX_TRANSACTION_FAILED, STATUS_FAILED_TRANSACTION});
+    failNext("aidl:link", kTransport);
     EXPECT_EQ(scenario.call(Call::kRails),
-              array(smallResult(Call::kRails), firstTraffic(Backend::kAidl, Call::kRails),
-                    {chosenLine(Backend::kAidl)}));
+              asFirst(Backend::kAidl, array(smallResult(Call::kRails),
+                                            reconnectTraffic(Backend::kAidl, Call::kRails))));
     Scenario::kill(Backend::kAidl);
     scenario.serve(Backend::kAidl, smallMachine());
     for (int i = 0; i < 2; ++i) {
@@ -205,7 +174,7 @@ class HidlReconnection : public testing::Test, public Scenario {
 
 TEST_F(HidlReconnection, LogsAndIgnoresALinkThatFails) {
     restart(smallMachine());
-    failNext("hidl:link", {-129, -32, "no link"});
+    failNext("hidl:link", {android::DEAD_OBJECT, "no link"});
     expectResult(mSmallResult, {"E: Transaction error in linking to PowerStatsHAL death: "
                                 "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: no link'"});
     EXPECT_EQ(call(Call::kResidencies),
@@ -232,12 +201,13 @@ TEST_F(HidlReconnection, SucceedsWithOldNamesWhenNewOnesAreRefusedOrMissing) {
 
 TEST_F(HidlReconnection, FailsWithAQueryThatFailsInSpiteOfOldNames) {
     restart(smallMachine());
-    const Lines log{kUnavailable + "Status(EX_TRANSACTION_FAILED): 'UNKNOWN_TRANSACTION: odd'",
-                    kNotLoaded};
-    failNext("hidl:getPowerEntityInfo", kTransport);
-    EXPECT_EQ(call(Call::kResidencies), nothing(log, kHidlAgain));
-    failNext("hidl:getPowerEntityStateInfo", kTransport);
-    EXPECT_EQ(call(Call::kResidencies), nothing(log, kHidlAgain + " hidl:getPowerEntityStateInfo"));
+    const Lines log{kUnavailable + "'UNKNOWN_TRANSACTION: odd'", kNotLoaded};
+    std::string traffic = "hidl:lookup hidl:link";
+    for (const std::string query : {"hidl:getPowerEntityInfo", "hidl:getPowerEntityStateInfo"}) {
+        failNext(query, kTransport);
+        traffic += " " + query;
+        EXPECT_EQ(call(Call::kResidencies), nothing(log, traffic + " hidl:unlink"));
+    }
 }
 
 TEST_F(HidlReconnection, KeepsNamesThatCameBeforeAFailure) {

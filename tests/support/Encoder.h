@@ -57,14 +57,4 @@ inline std::string residency(const std::string& name,
                         field(3, static_cast<uint64_t>(record.totalStateEntryCount)));
 }
 
-/// "12 19 0a" from three bytes.
-inline std::string toHex(const std::string& bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        text += {' ', kDigits[static_cast<uint8_t>(byte) >> 4], kDigits[byte & 0xf]};
-    }
-    return text.substr(text.empty() ? 0 : 1);
-}
-
 }  // namespace support

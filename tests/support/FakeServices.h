@@ -30,46 +30,47 @@ struct Machine {
 /// Called with a method's name, "readEnergyMeter".
 using Hook = std::function<void(const std::string& method)>;
 
-// The library asks for everything with an empty list of ids. Any other list ends the process,
-// unless `answersIds` is set.
+/// What a test changes in a service of either interface.
+struct FakeService {
+    /// The library asks for everything with an empty list of ids. Any other list ends the process,
+    /// unless this is set.
+    bool answersIds = false;
+    /// Called in every transaction before it is answered; the second, over HIDL only, after that.
+    Hook onCall;
+    Hook onAnswered;
+    /// Statuses of methods that do not answer SUCCESS. Their records are delivered all the same.
+    /// Over AIDL each of them is one and the same error.
+    std::map<std::string, stats_V1_0::Status, std::less<>> statuses = {};
 
-template <typename Record>
-auto idOf(const Record& record) -> decltype(record.id) {
-    return record.id;
-}
-template <typename Record>
-auto idOf(const Record& record) -> decltype(record.index) {
-    return record.index;
-}
-template <typename Record>
-auto idOf(const Record& record) -> decltype(record.powerEntityId) {
-    return record.powerEntityId;
-}
-
-/// Selects the records of a list of ids.
-/// @return none when one is unknown.
-template <typename Record, typename Ids, typename Records>
-std::vector<Record> select(const Ids& ids, const Records& all) {
-    std::vector<Record> selected;
-    for (const auto id : ids) {
-        for (const Record& record : all) {
-            if (idOf(record) == id) selected.push_back(record);
-        }
+  protected:
+    stats_V1_0::Status begin(const char* method, bool hasIds) const {
+        if (hasIds && !answersIds) std::abort();
+        if (onCall) onCall(method);
+        const auto status = statuses.find(method);
+        return status != statuses.end() ? status->second : stats_V1_0::Status::SUCCESS;
     }
-    return selected.size() == ids.size() ? selected : std::vector<Record>();
-}
 
-class FakeAidl : public stats::BnPowerStats {
+    /// Selects the records of a list of ids.
+    /// @return none when one is unknown.
+    template <typename Record, typename Id, typename Records>
+    static std::vector<Record> select(const std::vector<Id>& ids, const Records& all,
+                                      Id Record::*member) {
+        std::vector<Record> selected;
+        for (const Id id : ids) {
+            for (const Record& record : all) {
+                if (record.*member == id) selected.push_back(record);
+            }
+        }
+        return selected.size() == ids.size() ? selected : std::vector<Record>();
+    }
+};
+
+class FakeAidl : public stats::BnPowerStats, public FakeService {
   public:
     using Status = ndk::ScopedAStatus;
     using Ids = std::vector<int32_t>;
 
     Machine machine;
-    bool answersIds = false;
-    /// Called in every transaction before it is answered.
-    Hook onCall;
-    /// Methods that do not answer OK. Their answer is written all the same.
-    std::map<std::string, std::function<Status()>, std::less<>> failing;
 
     Status getPowerEntityInfo(std::vector<stats::PowerEntity>* answer) override {
         return give("getPowerEntityInfo", {}, machine.entities, answer);
@@ -96,16 +97,16 @@ class FakeAidl : public stats::BnPowerStats {
     template <typename Record>
     Status give(const char* method, const Ids& ids, const std::vector<Record>& all,
                 std::vector<Record>* answer) const {
-        if (!ids.empty() && !answersIds) std::abort();
-        if (onCall) onCall(method);
-        *answer = ids.empty() ? all : select<Record>(ids, all);
+        const auto status = begin(method, !ids.empty());
+        *answer = ids.empty() ? all : select(ids, all, &Record::id);
         if (answer->size() < ids.size()) return Status::fromExceptionCode(EX_ILLEGAL_ARGUMENT);
-        const auto failure = failing.find(method);
-        return failure != failing.end() ? failure->second() : Status::ok();
+        // Of 0, so that only the exception's code tells that it is one.
+        return status == stats_V1_0::Status::SUCCESS ? Status::ok()
+                                                     : Status::fromServiceSpecificError(0);
     }
 };
 
-class FakeHidl : public stats_V1_0::IPowerStats {
+class FakeHidl : public stats_V1_0::IPowerStats, public FakeService {
   public:
     using Status = stats_V1_0::Status;
     using Ids = android::hardware::hidl_vec<uint32_t>;
@@ -117,51 +118,45 @@ class FakeHidl : public stats_V1_0::IPowerStats {
     /// Replaces all records by those of a machine.
     void tell(const Machine& machine);
 
-    bool answersIds = false;
     Vector<stats_V1_0::RailInfo> rails;
     Vector<stats_V1_0::EnergyData> energies;
     Vector<stats_V1_0::PowerEntityInfo> entities;
     Vector<stats_V1_0::PowerEntityStateSpace> states;
     Vector<stats_V1_0::PowerEntityStateResidencyResult> totals;
-    /// Called in every transaction before it is answered, and after.
-    Hook onCall;
-    Hook onAnswered;
-    /// Statuses of methods that do not answer SUCCESS. Their records are delivered all the same.
-    std::map<std::string, Status, std::less<>> statuses;
 
     Result getRailInfo(getRailInfo_cb callback) override {
-        return give("getRailInfo", {}, rails, callback);
+        return give("getRailInfo", rails, callback);
     }
     Result getEnergyData(const Ids& ids, getEnergyData_cb callback) override {
-        return give("getEnergyData", ids, energies, callback);
+        return give("getEnergyData", energies, callback, ids, &stats_V1_0::EnergyData::index);
     }
     Result streamEnergyData(uint32_t, uint32_t, streamEnergyData_cb) override {
         return android::hardware::Void();
     }
     Result getPowerEntityInfo(getPowerEntityInfo_cb callback) override {
-        return give("getPowerEntityInfo", {}, entities, callback);
+        return give("getPowerEntityInfo", entities, callback);
     }
     Result getPowerEntityStateInfo(const Ids& ids, getPowerEntityStateInfo_cb callback) override {
-        return give("getPowerEntityStateInfo", ids, states, callback);
+        return give("getPowerEntityStateInfo", states, callback, ids,
+                    &stats_V1_0::PowerEntityStateSpace::powerEntityId);
     }
     Result getPowerEntityStateResidencyData(const Ids& ids,
                                             getPowerEntityStateResidencyData_cb callback) override {
-        return give("getPowerEntityStateResidencyData", ids, totals, callback);
+        return give("getPowerEntityStateResidencyData", totals, callback, ids,
+                    &stats_V1_0::PowerEntityStateResidencyResult::powerEntityId);
     }
 
   private:
     template <typename Record, typename Callback>
-    Result give(const char* method, const Ids& ids, const Vector<Record>& all,
-                const Callback& callback) const {
-        if (ids.size() != 0 && !answersIds) std::abort();
-        if (onCall) onCall(method);
+    Result give(const char* method, const Vector<Record>& all, const Callback& callback,
+                const Ids& ids = {}, uint32_t Record::*member = nullptr) const {
+        const Status status = begin(method, ids.size() != 0);
         if (ids.size() != 0) {
-            const std::vector<Record> selected = select<Record>(ids, all);
+            const auto selected = select(std::vector<uint32_t>(ids), all, member);
             callback(selected, selected.empty() ? Status::INVALID_INPUT : Status::SUCCESS);
-            return android::hardware::Void();
+        } else {
+            callback(all, status);
         }
-        const auto status = statuses.find(method);
-        callback(all, status != statuses.end() ? status->second : Status::SUCCESS);
         if (onAnswered) onAnswered(method);
         return android::hardware::Void();
     }

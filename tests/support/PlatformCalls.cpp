@@ -6,11 +6,9 @@
 #include <android/set_abort_message.h>
 #include <dlfcn.h>
 
-#include <array>
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -18,55 +16,33 @@ namespace support {
 
 std::function<void(const char* event)> onReference;
 
+std::atomic<bool> recordsRequests{true};
+
 namespace {
 
-struct Request {
-    const char* name;
-    std::atomic<int64_t> count{0};
-    std::atomic<bool> fails{false};
-    Failure failure = {};
+struct Requests {
+    std::mutex mutex;
+    std::string recorded;
+    std::map<std::string, Failure> failures;
 };
 
 /// Never destroyed: the library's destructors make requests too.
-auto& requests() {
-    static auto& all = *new std::array<Request, 15>{{
-        {"aidl:lookup"},
-        {"aidl:link"},
-        {"aidl:unlink"},
-        {"aidl:getEnergyMeterInfo"},
-        {"aidl:readEnergyMeter"},
-        {"aidl:getPowerEntityInfo"},
-        {"aidl:getStateResidency"},
-        {"hidl:lookup"},
-        {"hidl:link"},
-        {"hidl:unlink"},
-        {"hidl:getPowerEntityInfo"},
-        {"hidl:getPowerEntityStateInfo"},
-        {"hidl:getRailInfo"},
-        {"hidl:getEnergyData"},
-        {"hidl:getPowerEntityStateResidencyData"},
-    }};
-    return all;
+Requests& requests() {
+    static auto* const all = new Requests;
+    return *all;
 }
 
-Request& find(const char* name) {
-    for (Request& request : requests()) {
-        if (std::strcmp(request.name, name) == 0) return request;
-    }
-    std::fprintf(stderr, "no request is called %s\n", name);
-    std::abort();
-}
-
-/// Counts a request.
+/// Records a request.
 /// @return how it fails, if a test wants that.
-std::optional<Failure> begin(const char* name) {
-    Request& request = find(name);
-    ++request.count;
-    if (!request.fails.exchange(false)) return std::nullopt;
-    return request.failure;
+std::optional<Failure> begin(const std::string& name) {
+    Requests& all = requests();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    if (recordsRequests) all.recorded += (all.recorded.empty() ? "" : " ") + name;
+    const auto failure = all.failures.extract(name);
+    return failure ? std::optional(failure.mapped()) : std::nullopt;
 }
 
-void tell(const char* event) {
+void announce(const char* event) {
     if (onReference) onReference(event);
 }
 
@@ -78,28 +54,13 @@ Function* platforms(Function* own) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, info.dli_sname));
 }
 
-std::atomic<int> gProxies[2];
+// The proxies are fake services for the sake of the methods that the library never calls.
 
-/// Counts the proxies of a backend.
-template <Backend kBackend>
-class Counted {
+class AidlProxy : public FakeAidl {
   public:
-    Counted() { ++gProxies[static_cast<int>(kBackend)]; }
-    ~Counted() {
-        --gProxies[static_cast<int>(kBackend)];
-        tell(kBackend == Backend::kAidl ? "AIDL proxy destroyed" : "HIDL proxy destroyed");
-    }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-};
-
-class AidlProxy : public stats::IPowerStats {
-  public:
-    using Status = ndk::ScopedAStatus;
-    using Ids = std::vector<int32_t>;
-
     explicit AidlProxy(std::shared_ptr<stats::IPowerStats> platforms)
         : mPlatforms(std::move(platforms)) {}
+    ~AidlProxy() override { announce("Aidl proxy destroyed"); }
 
     ndk::SpAIBinder asBinder() override { return mPlatforms->asBinder(); }
 
@@ -109,13 +70,6 @@ class AidlProxy : public stats::IPowerStats {
     Status getStateResidency(const Ids& ids,
                              std::vector<stats::StateResidencyResult>* answer) override {
         return pass<&IPowerStats::getStateResidency>("aidl:getStateResidency", ids, answer);
-    }
-    Status getEnergyConsumerInfo(std::vector<stats::EnergyConsumer>* answer) override {
-        return mPlatforms->getEnergyConsumerInfo(answer);
-    }
-    Status getEnergyConsumed(const Ids& ids,
-                             std::vector<stats::EnergyConsumerResult>* answer) override {
-        return mPlatforms->getEnergyConsumed(ids, answer);
     }
     Status getEnergyMeterInfo(std::vector<stats::Channel>* answer) override {
         return pass<&IPowerStats::getEnergyMeterInfo>("aidl:getEnergyMeterInfo", answer);
@@ -127,44 +81,35 @@ class AidlProxy : public stats::IPowerStats {
   private:
     template <auto kMethod, typename... Arguments>
     Status pass(const char* request, const Arguments&... arguments) {
-        const auto failure = begin(request);
-        if (!failure) return ((*mPlatforms).*kMethod)(arguments...);
-        if (failure->withoutStatus) return Status();
-        if (failure->exceptionCode == EX_TRANSACTION_FAILED) {
-            return Status::fromStatus(failure->transactionError);
-        }
-        return Status::fromExceptionCode(failure->exceptionCode);
+        const auto failure = support::begin(request);
+        return failure ? Status::fromStatus(failure->error)
+                       : ((*mPlatforms).*kMethod)(arguments...);
     }
 
     const std::shared_ptr<stats::IPowerStats> mPlatforms;
-    const Counted<Backend::kAidl> mCounted;  // last, so that its event comes first
 };
 
 android::hardware::Status transportStatus(const Failure& failure) {
-    using android::hardware::Status;
-    return failure.exceptionCode == Status::EX_TRANSACTION_FAILED
-               ? Status::fromStatusT(failure.transactionError, failure.message.c_str())
-               : Status::fromExceptionCode(failure.exceptionCode, failure.message.c_str());
+    return android::hardware::Status::fromStatusT(failure.error, failure.message.c_str());
 }
 
 /// The links of a test are those of the platform's proxy, which is also the one that their notices
 /// name.
-class HidlProxy : public stats_V1_0::IPowerStats {
+class HidlProxy : public FakeHidl {
   public:
     using Recipient = android::sp<android::hardware::hidl_death_recipient>;
-    using Result = android::hardware::Return<void>;
-    using Ids = android::hardware::hidl_vec<uint32_t>;
 
     explicit HidlProxy(const android::sp<stats_V1_0::IPowerStats>& platforms)
         : mPlatforms(platforms) {}
+    ~HidlProxy() override { announce("Hidl proxy destroyed"); }
 
     android::hardware::Return<bool> linkToDeath(const Recipient& recipient,
                                                 uint64_t cookie) override {
-        if (const auto failure = begin("hidl:link")) return transportStatus(*failure);
+        if (const auto failure = support::begin("hidl:link")) return transportStatus(*failure);
         return mPlatforms->linkToDeath(recipient, cookie);
     }
     android::hardware::Return<bool> unlinkToDeath(const Recipient& recipient) override {
-        begin("hidl:unlink");
+        support::begin("hidl:unlink");
         return mPlatforms->unlinkToDeath(recipient);
     }
 
@@ -173,9 +118,6 @@ class HidlProxy : public stats_V1_0::IPowerStats {
     }
     Result getEnergyData(const Ids& ids, getEnergyData_cb callback) override {
         return pass<&IPowerStats::getEnergyData>("hidl:getEnergyData", ids, callback);
-    }
-    Result streamEnergyData(uint32_t timeMs, uint32_t rate, streamEnergyData_cb callback) override {
-        return mPlatforms->streamEnergyData(timeMs, rate, callback);
     }
     Result getPowerEntityInfo(getPowerEntityInfo_cb callback) override {
         return pass<&IPowerStats::getPowerEntityInfo>("hidl:getPowerEntityInfo", callback);
@@ -193,38 +135,27 @@ class HidlProxy : public stats_V1_0::IPowerStats {
   private:
     template <auto kMethod, typename... Arguments>
     Result pass(const char* request, const Arguments&... arguments) {
-        if (const auto failure = begin(request)) return transportStatus(*failure);
+        if (const auto failure = support::begin(request)) return transportStatus(*failure);
         return ((*mPlatforms).*kMethod)(arguments...);
     }
 
     const android::sp<stats_V1_0::IPowerStats> mPlatforms;
-    const Counted<Backend::kHidl> mCounted;  // last, so that its event comes first
 };
 
 }  // namespace
 
 void failNext(const std::string& request, const Failure& failure) {
-    Request& next = find(request.c_str());
-    next.failure = failure;
-    next.fails = true;
+    std::lock_guard<std::mutex> lock(requests().mutex);
+    requests().failures[request] = failure;
 }
 
-std::vector<RequestCount> requestCounts() {
-    std::vector<RequestCount> counts;
-    for (const Request& request : requests()) counts.push_back({request.name, request.count});
-    return counts;
-}
-
-int64_t requestCount(const std::string& request) {
-    return find(request.c_str()).count;
+std::string takeRequests() {
+    std::lock_guard<std::mutex> lock(requests().mutex);
+    return std::exchange(requests().recorded, {});
 }
 
 std::string requestOf(Backend backend, const std::string& name) {
     return (backend == Backend::kAidl ? "aidl:" : "hidl:") + name;
-}
-
-int proxies(Backend backend) {
-    return gProxies[static_cast<int>(backend)];
 }
 
 }  // namespace support
@@ -255,29 +186,17 @@ AIBinder* AServiceManager_getService(const char* instance) {
 
 binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                      void* cookie) {
-    if (const auto failure = support::begin("aidl:link")) return failure->transactionError;
+    if (const auto failure = support::begin("aidl:link")) return failure->error;
     return support::platforms(&AIBinder_linkToDeath)(binder, recipient, cookie);
 }
 
-binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
-                                       void* cookie) {
-    support::begin("aidl:unlink");
-    return support::platforms(&AIBinder_unlinkToDeath)(binder, recipient, cookie);
-}
-
-AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
-    AIBinder_DeathRecipient_onBinderDied onBinderDied) {
-    support::tell("AIDL recipient created");
-    return support::platforms(&AIBinder_DeathRecipient_new)(onBinderDied);
-}
-
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
-    if (recipient != nullptr) support::tell("AIDL recipient deleted");
+    if (recipient != nullptr) support::announce("AIDL recipient deleted");
     support::platforms (&AIBinder_DeathRecipient_delete)(recipient);
 }
 
 void AIBinder_decStrong(AIBinder* binder) {
-    if (binder != nullptr) support::tell("binder released");
+    if (binder != nullptr) support::announce("binder released");
     static const auto release = support::platforms(&AIBinder_decStrong);
     release(binder);
 }

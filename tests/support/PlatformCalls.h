@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The platform's functions as the library finds them in a test: this program's own, which call the
-// platform's and wrap the proxies that it makes. They count the library's requests, and can fail
-// them.
+// platform's and wrap the proxies that it makes. They record the library's requests, and can
+// fail them.
 //
 // A request is named as in an outcome's traffic: the interface, a colon, and "lookup", "link",
-// "unlink" or a method, such as "aidl:readEnergyMeter". Any other name ends the process.
+// "unlink" or a method, such as "aidl:readEnergyMeter".
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "tests/support/FakeServices.h"
 
@@ -20,33 +20,25 @@ namespace support {
 
 /// A request that fails without reaching the service, as its client sees it.
 struct Failure {
-    int32_t exceptionCode = -129;  ///< EX_TRANSACTION_FAILED
-    int32_t transactionError = 0;  ///< with EX_TRANSACTION_FAILED: a status_t or binder_status_t
-    std::string message = {};      ///< part of a HIDL status's description
-    bool withoutStatus = false;    ///< AIDL only: a holder without a status
+    int32_t error;             ///< a status_t or binder_status_t
+    std::string message = {};  ///< part of a HIDL status's description
 };
 
 /// Makes the next request of this name fail. Look-ups and the ends of links cannot fail.
 void failNext(const std::string& request, const Failure& failure);
 
-struct RequestCount {
-    const char* request;
-    int64_t count;
-};
-/// Returns the counts of all requests since the process started, failed ones too, in the order of
-/// an outcome's traffic.
-std::vector<RequestCount> requestCounts();
-int64_t requestCount(const std::string& request);
+/// Returns all requests since the last call of this, failed ones too, and forgets them:
+/// "aidl:lookup aidl:link".
+std::string takeRequests();
+/// Whether requests are recorded. A test that never takes them turns it off.
+extern std::atomic<bool> recordsRequests;
 
 /// Returns "aidl:lookup" for AIDL and "lookup".
 std::string requestOf(Backend backend, const std::string& name);
 
-/// Returns the number of proxies that somebody holds.
-int proxies(Backend backend);
-
-/// Called when references come and go, on the thread that does it: "AIDL recipient created",
-/// "AIDL recipient deleted", "AIDL proxy destroyed", "HIDL proxy destroyed", "binder released".
-/// REQUIRES: no other thread uses the platform while this is set
+/// Called when references go, on the thread that does it: "AIDL recipient deleted", "Aidl proxy
+/// destroyed", "Hidl proxy destroyed", "binder released".
+/// REQUIRES: no other thread uses the platform while a test sets or resets this
 extern std::function<void(const char* event)> onReference;
 
 }  // namespace support

@@ -31,18 +31,6 @@ void recordLog(const __android_log_message* message) {
     record(priority + (ours ? "" : std::string("/") + message->tag) + ": " + message->message);
 }
 
-std::string trafficSince(const std::vector<RequestCount>& before) {
-    std::string text;
-    const auto now = requestCounts();
-    for (size_t i = 0; i < now.size(); ++i) {
-        const int64_t count = now[i].count - before[i].count;
-        if (count == 0) continue;
-        text += (text.empty() ? "" : " ") + std::string(now[i].request);
-        if (count != 1) text += '*' + std::to_string(count);
-    }
-    return text;
-}
-
 }  // namespace
 
 BootClock& bootClock() {
@@ -73,7 +61,7 @@ std::ostream& operator<<(std::ostream& out, Call call) {
 }
 
 std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
-    out << (outcome.bytes ? toHex(outcome.bytes->substr(0, 500)) : "null");
+    out << (outcome.bytes ? testing::PrintToString(outcome.bytes->substr(0, 500)) : "null");
     for (const auto& event : outcome.events) out << "\n    " << event;
     return out << "\n    traffic: " << outcome.traffic;
 }
@@ -82,30 +70,35 @@ Outcome nothing(Lines log, std::string traffic) {
     return {std::nullopt, std::move(log), std::move(traffic)};
 }
 
-Outcome array(const std::string& bytes, std::string traffic, const Lines& log) {
+Outcome array(const std::string& bytes, std::string traffic, Lines log) {
     const std::string length = std::to_string(bytes.size());
-    Lines events = log;
-    events.insert(events.end(), {"clock", "NewByteArray(" + length + ")",
-                                 "SetByteArrayRegion(0, " + length + ")"});
-    return {bytes, std::move(events), std::move(traffic)};
+    log.insert(log.end(),
+               {"clock", "NewByteArray(" + length + ")", "SetByteArrayRegion(0, " + length + ")"});
+    return {bytes, std::move(log), std::move(traffic)};
 }
 
 std::string chosenLine(Backend backend) {
     return backend == Backend::kAidl ? "I: Using power.stats AIDL" : "I: Using power.stats 1.0";
 }
 
-std::string firstTraffic(Backend backend, Call call) {
-    const std::string later = reconnectTraffic(backend, call);
-    const bool hidl = backend == Backend::kHidl;
-    return hidl ? "aidl:lookup " + later : "aidl:lookup*2" + later.substr(11);
+Outcome asFirst(Backend backend, Outcome outcome) {
+    outcome.events.insert(outcome.events.begin(), chosenLine(backend));
+    outcome.traffic = "aidl:lookup " + outcome.traffic;
+    return outcome;
 }
 
 std::string reconnectTraffic(Backend backend, Call call) {
-    const std::string names =
-        backend == Backend::kHidl ? "hidl:lookup hidl:link hidl:getPowerEntityInfo "
-                                    "hidl:getPowerEntityStateInfo "
-        : call == Call::kRails    ? "aidl:lookup aidl:link aidl:getEnergyMeterInfo "
-                                  : "aidl:lookup aidl:link aidl:getPowerEntityInfo ";
+    const std::string connect = backend == Backend::kAidl
+                                    ? "aidl:lookup aidl:link "
+                                    : "hidl:lookup hidl:link hidl:getPowerEntityInfo "
+                                      "hidl:getPowerEntityStateInfo ";
+    return connect + connectedTraffic(backend, call);
+}
+
+std::string connectedTraffic(Backend backend, Call call) {
+    const std::string names = backend == Backend::kHidl ? ""
+                              : call == Call::kRails    ? "aidl:getEnergyMeterInfo "
+                                                        : "aidl:getPowerEntityInfo ";
     return names + steadyTraffic(backend, call);
 }
 
@@ -165,6 +158,14 @@ void Scenario::kill(Backend backend) {
     EXPECT_TRUE(host::waitForDeathNotices());
 }
 
+Hook Scenario::dieIn(Backend backend, const std::string& fatalMethod) {
+    return [=](const std::string& method) {
+        if (method != fatalMethod) return;
+        EXPECT_TRUE(host::killService(nameOf(backend)));
+        EXPECT_FALSE(host::waitForDeathNotices(0.2)) << "delivered during a collection";
+    };
+}
+
 void Scenario::load() {
     std::string error;
     library = host::LoadedLibrary::load(POWERSTATS_LIBRARY, &error);
@@ -178,9 +179,9 @@ std::optional<std::string> toText(const host::JavaBytes& bytes) {
 
 Outcome Scenario::call(Call call) {
     if (library == nullptr) load();
-    const auto before = requestCounts();
     takeEvents();
-    Outcome outcome{toText(callBare(call)), takeEvents(), trafficSince(before)};
+    takeRequests();
+    Outcome outcome{toText(callBare(call)), takeEvents(), takeRequests()};
     EXPECT_EQ(env.arrays(), 0u) << "an array was made and not returned";
     return outcome;
 }

@@ -32,7 +32,7 @@ struct Outcome {
     /// Log lines ("E: text" under the library's own tag), readings of the boot clock ("clock") and
     /// JNI calls, in order.
     Lines events;
-    /// Look-ups, links, unlinks and transactions of both services: "aidl:lookup*2 aidl:link".
+    /// Look-ups, links, unlinks and transactions of both services: "aidl:lookup aidl:link".
     std::string traffic;
 
     bool operator==(const Outcome& other) const {
@@ -44,13 +44,16 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
 /// A call that returned null, and did not read the clock.
 Outcome nothing(Lines log, std::string traffic);
 /// A call that returned these bytes through the ordinary hand-off.
-Outcome array(const std::string& bytes, std::string traffic, const Lines& log = {});
+Outcome array(const std::string& bytes, std::string traffic, Lines log = {});
 
 /// The log line about the choice of backend.
 std::string chosenLine(Backend backend);
-/// The traffic of a good call: the process's first, the first after a death, and any other.
-std::string firstTraffic(Backend backend, Call call);
+/// What a call after a death does, if it is the process's first instead: it chooses, too.
+Outcome asFirst(Backend backend, Outcome outcome);
+/// The traffic of a good call: the first after a death, the first of this kind over a connection
+/// that the other kind has made, and any other.
 std::string reconnectTraffic(Backend backend, Call call);
+std::string connectedTraffic(Backend backend, Call call);
 std::string steadyTraffic(Backend backend, Call call);
 
 /// The reading of the one state of the small machine.
@@ -81,12 +84,14 @@ class Scenario {
     void serve(Backend backend, const Machine& machine);
     /// Changes the answers of the backend's last service.
     void tell(Backend backend, const Machine& machine);
-    /// That service's hook.
-    Hook& onCall(Backend backend) {
-        return backend == Backend::kAidl ? aidl->onCall : hidl->onCall;
+    /// That service.
+    FakeService& service(Backend backend) {
+        return backend == Backend::kAidl ? static_cast<FakeService&>(*aidl) : *hidl;
     }
     /// Kills the registered service and waits until its clients have been told.
     static void kill(Backend backend);
+    /// Kills it in a method, whose call holds back the notice.
+    static Hook dieIn(Backend backend, const std::string& fatalMethod);
 
     void load();
     void unload() { library.reset(); }
