@@ -1,13 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Recordings are read, played and written.
 
 #include "power/trace/RecordedSource.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <limits>
 
+#include "power/text/Names.h"
+#include "power/trace/TraceWriter.h"
 #include "tests/power/TemporaryTree.h"
 
 namespace powerstats {
@@ -15,6 +21,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 using Lines = std::vector<std::string>;
@@ -81,6 +88,9 @@ class RecordingTest : public testing::Test {
   protected:
     bool read(const std::string& bytes, bool loop = false) {
         std::ofstream(mFile, std::ios::binary) << bytes;
+        return open(loop);
+    }
+    bool open(bool loop = false) {
         mSource = playRecording(
             mFile, [this] { return mPlayed; }, loop,
             [this](const std::string& text) { mWarnings.push_back(cut(text)); }, &mError);
@@ -301,23 +311,13 @@ TEST_F(RecordingTest, EachIntervalHasOneSample) {
     for (const int64_t i : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 30, 31, 32, 33}) {
         bytes += rails(1, {}, {{0, 1000 + 100 * i + i * 7 % 3 - 1, i}});
     }
-    struct Case {
-        int64_t intervalMs;
-        std::vector<int64_t> samples;
-    };
-    const Case cases[] = {
-        {100, {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 10, 10, 10, 10, 10, 10,
-               10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 30, 31, 32, 33}},
-        {300, {0, 3, 6, 9, 10, 10, 10, 10, 10, 10, 30, 33}},
-    };
-    for (const auto& [intervalMs, samples] : cases) {
+    for (const int intervalMs : {100, 300}) {
         play(bytes);
-        std::vector<int64_t> shown;
-        for (int64_t playedMs = 0; shown.empty() || !mSource->isOver(); playedMs += intervalMs) {
-            mPlayed = milliseconds(playedMs);
-            shown.push_back(mSource->read().rails[0]->energyUWs);
+        for (int i = 0; !mSource->isOver(); i += intervalMs / 100) {
+            mPlayed = milliseconds(100 * i);
+            EXPECT_EQ(mSource->read().rails[0]->energyUWs, i < 10 || i >= 30 ? i : 10) << i;
+            EXPECT_EQ(mSource->isOver(), i == 33);
         }
-        EXPECT_EQ(shown, samples) << intervalMs;
     }
 }
 
@@ -345,6 +345,112 @@ TEST_F(RecordingTest, ThingsThatASampleLacks) {
     const Reading one = mSource->read(std::vector<size_t>{1}, kNothing);
     EXPECT_FALSE(one.rails[0] || one.entities[0]);
     EXPECT_EQ(one.rails[1]->energyUWs, 2);
+}
+
+/// Lists of a service; with `isLater` it has one more rail.
+std::shared_ptr<const Lists> makeLists(bool isLater) {
+    std::vector<Rail> rails = {{3, "vdd\x1b", "cpu"},
+                               {-1, "low", "cpu"},
+                               {int64_t{1} << 32, "", "cpu"},
+                               {4, "silent", "cpu"}};
+    if (isLater) rails.push_back({3, "late", "cpu"});
+    return nameLists(rails,
+                     {{7, "gpu", EntityType::kDevice, {{0, "on"}}},
+                      {8, "silent", EntityType::kDevice, {{0, "on"}}}},
+                     true);
+}
+
+/// A reading, with rails' stamps 5 ms before its time.
+Reading makeReading(int64_t timeMs, int64_t vddUWs, int64_t negativeUWs, int64_t onMs,
+                    bool isLater = false) {
+    static const std::shared_ptr<const Lists> lists[] = {makeLists(false), makeLists(true)};
+    Reading reading;
+    reading.lists = lists[isLater ? 1 : 0];
+    reading.time = milliseconds(timeMs);
+    for (const int64_t energyUWs : {vddUWs, negativeUWs, int64_t{20}}) {
+        const nanoseconds time = milliseconds(timeMs - 5);
+        reading.rails.emplace_back(Energy{time, time, energyUWs});
+    }
+    reading.rails.resize(reading.lists->rails.size());
+    reading.entities = {{{reading.time, 0, {{milliseconds(onMs), 5, milliseconds(-1)}}}},
+                        std::nullopt};
+    return reading;
+}
+
+/// The fields of the packets of a file, without what is in them.
+std::string outline(const std::string& file) {
+    const std::string filter = " | sed -n 's/^  \\([^ ].*\\)/\\1/p' | tr '\\n' ' '";
+    std::string text;
+    FILE* output = popen((PROTOC_PROGRAM " --decode_raw <" + file + filter).c_str(), "r");
+    for (int c; (c = fgetc(output)) != EOF;) text += static_cast<char>(c);
+    EXPECT_EQ(pclose(output), 0);
+    return text;
+}
+
+TEST_F(RecordingTest, IsWrittenAndReadBack) {
+    const auto writer = TraceWriter::create(mFile, &mError);
+    ASSERT_NE(writer, nullptr) << mError;
+    EXPECT_EQ(std::filesystem::status(mFile).permissions(), std::filesystem::perms(0600));
+    // A reading has nanoseconds, and residencies keep them.
+    Reading before = makeReading(10000, 100, 50, 4000);
+    before.time += nanoseconds(7);
+    ASSERT_TRUE(writer->write(before, &mError)) << mError;
+    ASSERT_TRUE(open()) << "a sample is on the disk at once: " << mError;
+    const std::string first =
+        "3:vdd\\x1B@9995=100 0:low@9995=50 1:id 4294967296@9995=20 @10000 7:gpu@10000 "
+        "0:on=4000,5,0\n";
+    EXPECT_EQ(at(0) + '\n', first);
+    EXPECT_EQ(mSource->read().entities[0]->time, before.time);
+
+    // Negative energy is left out, and so is a reading from before the last one.
+    ASSERT_TRUE(writer->write(makeReading(11000, 1000, -1, 4250), &mError)) << mError;
+    ASSERT_TRUE(writer->write(makeReading(10999, 2000, 60, 4300), &mError)) << mError;
+    // A rail whose total fell, one with a loss that its total does not show, and a rail that comes.
+    // The residencies are the old ones.
+    Reading last = makeReading(12000, 1000, 40, 4250, true);
+    last.rails[2]->resets = 1;
+    last.rails[4] = Energy{milliseconds(11995), milliseconds(11995), 7};
+    last.entities[0]->time = milliseconds(11000);
+    ASSERT_TRUE(writer->write(last, &mError)) << mError;
+    // An entity whose total fell.
+    last = makeReading(13000, 1001, 41, 4100, true);
+    last.rails[2]->resets = 1;
+    ASSERT_TRUE(writer->write(last, &mError)) << mError;
+    ASSERT_TRUE(open()) << mError;
+    EXPECT_THAT(mWarnings, ElementsAre(HasSubstr("both have low (of such names")));
+    std::string shown;
+    for (int i = 0; i < 4; ++i) shown += at(1000 * i) + '\n';
+    EXPECT_EQ(
+        shown,
+        first +
+            R"(3:vdd\x1B@10995=1000 0:low@9995=50 1:id 4294967296@10995=20 @11000 7:gpu@11000 0:on=4250,5,0
+3:vdd\x1B@11995=1000 0:low@9995=50 1:id 4294967296@10995=20 2:late@11995=7 @11995 7:gpu@11000 0:on=4250,5,0
+3:vdd\x1B@12995=1001 0:low@9995=50 1:id 4294967296@10995=20 2:late@11995=7 @12995 7:gpu@11000 0:on=4250,5,0
+)");
+    EXPECT_EQ(
+        outline(mFile),
+        "8: 10000000007 10: 1 40 { } 8: 10000000007 10: 2 91 { } "
+        "8: 11000000000 10: 1 40 { } 8: 11000000000 10: 2 91 { } "
+        "8: 12000000000 10: 1 40 { } 8: 12000000000 10: 3 40 { } "
+        "8: 13000000000 10: 1 40 { } 8: 13000000000 10: 3 40 { } 8: 13000000000 10: 4 91 { } ")
+        << "it has readings only";
+}
+
+TEST_F(RecordingTest, IsANewFileOfWholeSamplesEvenOnAFullDisk) {
+    mTree.link("nowhere", "link");
+    EXPECT_EQ(TraceWriter::create(mTree.path("link").string(), &mError), nullptr);
+    EXPECT_THAT(mError, HasSubstr("/link: File exists (name a new file, in a folder"));
+    const auto writer = TraceWriter::create(mFile, &mError);
+    EXPECT_EQ(TraceWriter::create(mFile, &mError), nullptr);
+
+    ASSERT_TRUE(writer->write(makeReading(10000, 100, 50, 4000), &mError)) << mError;
+    const rlim_t size = std::filesystem::file_size(mFile);
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{size + 10, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_FALSE(writer->write(makeReading(11000, 200, 60, 4500), &mError));
+    EXPECT_THAT(mError, HasSubstr("/trace: No space left on device (free space on the disk"));
+    EXPECT_EQ(std::filesystem::file_size(mFile), size);
 }
 
 }  // namespace

@@ -156,25 +156,6 @@ TEST(Powerstats, PrintsTheSampleMachineAlikeThroughBothInterfaces) {
     }
 }
 
-TEST(Powerstats, SaysThatAMachineHasNoRails) {
-    const TemporaryTree tree;
-    for (const char* hal : {"aidl", "hidl"}) {
-        const ProgramOutcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
-        EXPECT_EQ(rails.exitCode, 1);
-        EXPECT_EQ(rails.output, "Rails: not available\n");
-        EXPECT_THAT(rails.errors, HasSubstr("TavrelPowerStatsHalDataProviderNative"));
-
-        const ProgramOutcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
-        EXPECT_EQ(both.exitCode, 0) << "the system's own times are always there";
-        EXPECT_THAT(both.output, HasSubstr("\"rails\": null"));
-
-        const ProgramOutcome binary =
-            dump(tree.root(), {"--hal", hal, "--format", "binary", "--rails"});
-        EXPECT_EQ(binary.exitCode, 1);
-        EXPECT_THAT(binary.output, IsEmpty());
-    }
-}
-
 TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
     const TemporaryTree tree;
     const std::string folder = tree.path("class/powercap").string();
@@ -371,11 +352,6 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
         EXPECT_THAT(bad.errors, HasSubstr("sample-machine.txt: at byte 0: not a packet"));
     }
     EXPECT_EQ(run({"watch", "--replay", PHONE_RECORDING, "--bus"}).exitCode, 2);
-}
-
-TEST(Powerstats, HasAVersion) {
-    EXPECT_THAT(run({"--version"}).output,
-                testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 }  // namespace
