@@ -290,8 +290,8 @@ TEST_F(LinuxSourceTest, TheSamplerSeesWrapsThatNoClientSees) {
     };
     mTree.writeZone("rapl:0", "package-0", 39900000, 40000000);
     const auto source = make();
+    const std::string file = "class/powercap/rapl:0/energy_uj";
     for (const int energyUj : {100000, 39900000, 100000, 39900000}) {
-        const std::string file = "class/powercap/rapl:0/energy_uj";
         mTree.write(file, energyUj);
         const int events = inotify_init1(IN_CLOEXEC);
         inotify_add_watch(events, mTree.path(file).c_str(), IN_CLOSE_NOWRITE);
