@@ -123,24 +123,6 @@ TEST(ServiceKilledInACall, FailsThatCallAndTheNextOneFindsTheNewServiceOrEndsThe
     }
 }
 
-TEST(AidlBus, LinkToAProcessThatIsGoneIsToldAtOnceAndOnce) {
-    const PrivateBus bus;
-    const auto service = startPeer({"serve", "aidl", "1"});
-    const ndk::SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
-    ASSERT_NE(binder.get(), nullptr);
-    service->kill();
-    while (isOnBus(Backend::kAidl)) usleep(1000);
-    // A second notice would set the promise a second time, which throws.
-    std::promise<void> told;
-    const ndk::ScopedAIBinder_DeathRecipient recipient(AIBinder_DeathRecipient_new(
-        [](void* cookie) { static_cast<std::promise<void>*>(cookie)->set_value(); }));
-    EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_OK);
-    EXPECT_EQ(told.get_future().wait_for(std::chrono::seconds(300)), std::future_status::ready);
-    EXPECT_TRUE(host::waitForDeathNotices());
-    EXPECT_EQ(AIBinder_linkToDeath(binder.get(), recipient.get(), &told), STATUS_DEAD_OBJECT);
-    EXPECT_EQ(stats::IPowerStats::fromBinder(binder), nullptr);
-}
-
 TEST(HidlBus, EveryProxyOfADeadServiceIsTold) {
     struct Recipient : android::hardware::hidl_death_recipient {
         void serviceDied(uint64_t /*cookie*/,

@@ -144,10 +144,13 @@ class RecordingTest : public testing::Test {
 TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
     const std::string good = rails(1, {{{1}, "vdd"}}, {{1, 1000, 500}});
     const std::string goodStates = states(2, 1000, {{{1, 2}, "gpu/on"}}, {{1, 2, 5, 6, 7}});
-    const std::string at = fmt::format("at byte {}: ", good.size());
+    const std::string rail = "rail 1 (vdd) of packet sequence 1";
+    const std::string state = "state 2 (on) of packet sequence 2";
+    const std::string noData = "no power data up to here (record rails or power entities)";
     const std::string damaged =
         "a malformed packet, or one of more than 1 MiB with power data (the file is damaged: copy "
         "or record it again)";
+    const std::string renamed = " (the file is damaged: record it again)";
     const std::string backwards =
         " goes backwards (record again, without a restart of the service)";
     const std::string unnamed =
@@ -156,53 +159,43 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
         " has a value above 2^63 - 1, or a time above 292 years (check the service that it was "
         "recorded from)";
     const std::string notATrace = "not a packet of a trace (give an uncompressed protobuf trace)";
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "at byte 0: no power data up to here (record rails or power entities)"},
-        {other(9), "at byte 42: no power data up to here (record rails or power entities)"},
-        {"\x1f\x8b compressed", "at byte 0: " + notATrace},
-        {good + "text", at + notATrace},
-        {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
+    // A millisecond more than nanoseconds can count.
+    const int64_t tooLong = 9223372036855;
+    const struct {
+        std::string good, bad, error;
+    } cases[] = {
+        {"", "", noData},
+        {other(9), "", noData},
+        {"", "\x1f\x8b compressed", notATrace},
+        {good, "text", notATrace},
+        {good, "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", notATrace},
         // A group without an end, a field without a number, and one longer than its packet.
-        {good + std::string("\x0a\x02\x2b\x08"), at + damaged},
-        {good + std::string("\x0a\x02\x02\x00", 4), at + damaged},
-        {good + std::string("\x0a\x03\x5a\x05x12345"), at + damaged},
-        {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + damaged},
-        {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}), at + damaged},
-        {good + rails(1, {}, {{2, 1000, 5}}), at + "rail 2 of packet sequence 1" + unnamed},
-        {good + rails(2, {}, {{1, 1000, 5}}), at + "rail 1 of packet sequence 2" + unnamed},
-        {good + states(1, 1, {}, {{-1, 2}}), at + "state 2 of packet sequence 1" + unnamed},
-        {good + states(1, 1, {{{1, 2}, "/on"}}, {{1, 2}}),
-         at + "entity 1 of packet sequence 1" + unnamed},
-        {good + rails(1, {{{1}, "vdd\n"}}, {}),
-         at + R"(rail 1 (vdd) of packet sequence 1 is also called vdd\x0A)"
-              " (the file is damaged: record it again)"},
-        {good + goodStates + states(2, 1001, {{{1, 2}, "gpu/off"}}, {}),
-         fmt::format("at byte {}: ", good.size() + goodStates.size()) +
-             "state 2 (on) of packet sequence 2 is also called off "
-             "(the file is damaged: record it again)"},
-        {good + rails(1, {}, {{1, 999, 501}}),
-         at + "the time of rail 1 (vdd) of packet sequence 1" + backwards},
-        {good + rails(1, {}, {{1, 1000, 499}}),
-         at + "a total of rail 1 (vdd) of packet sequence 1" + backwards},
-        {goodStates + states(2, 999, {}, {{1, 2, 6, 6, 7}}),
-         fmt::format("at byte {}: ", goodStates.size()) +
-             "the time of state 2 (on) of packet sequence 2" + backwards},
-        {goodStates + states(2, 1001, {}, {{1, 2, 5, 5, 7}}),
-         fmt::format("at byte {}: ", goodStates.size()) +
-             "a total of state 2 (on) of packet sequence 2" + backwards},
-        {good + rails(1, {}, {{1, 1001, -1}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        {good + rails(1, {}, {{1, -1, 501}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        // A millisecond more than nanoseconds can count.
-        {good + rails(1, {}, {{1, 9223372036855, 501}}),
-         at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        {good + states(1, 1, {{{1, 2}, "gpu/on"}}, {{1, 2, 9223372036855}}),
-         at + "state 2 (on) of packet sequence 1" + tooBig},
-        {good + states(1, 9223372036855, {{{1, 2}, "gpu/on"}}, {{1, 2}}),
-         at + "state 2 (on) of packet sequence 1" + tooBig},
+        {good, "\x0a\x02\x2b\x08", damaged},
+        {good, std::string("\x0a\x02\x02\x00", 4), damaged},
+        {good, "\x0a\x03\x5a\x05x12345", damaged},
+        {good, "\x0a\x04\xc2\x02\x01\x08", damaged},
+        {good, rails(1, {{{2}, std::string(1048576, 'x')}}, {}), damaged},
+        {good, rails(1, {}, {{2, 1000, 5}}), "rail 2 of packet sequence 1" + unnamed},
+        {good, rails(2, {}, {{1, 1000, 5}}), "rail 1 of packet sequence 2" + unnamed},
+        {good, states(1, 1, {}, {{-1, 2}}), "state 2 of packet sequence 1" + unnamed},
+        {good, states(1, 1, {{{1, 2}, "/on"}}, {{1, 2}}),
+         "entity 1 of packet sequence 1" + unnamed},
+        {good, rails(1, {{{1}, "vdd\n"}}, {}), rail + R"( is also called vdd\x0A)" + renamed},
+        {goodStates, states(2, 1001, {{{1, 2}, "gpu/off"}}, {}),
+         state + " is also called off" + renamed},
+        {good, rails(1, {}, {{1, 999, 501}}), "the time of " + rail + backwards},
+        {good, rails(1, {}, {{1, 1000, 499}}), "a total of " + rail + backwards},
+        {goodStates, states(2, 999, {}, {{1, 2, 6, 6, 7}}), "the time of " + state + backwards},
+        {goodStates, states(2, 1001, {}, {{1, 2, 5, 5, 7}}), "a total of " + state + backwards},
+        {good, rails(1, {}, {{1, 1001, -1}}), rail + tooBig},
+        {good, rails(1, {}, {{1, -1, 501}}), rail + tooBig},
+        {good, rails(1, {}, {{1, tooLong, 501}}), rail + tooBig},
+        {goodStates, states(2, 1001, {}, {{1, 2, tooLong, 6, 7}}), state + tooBig},
+        {goodStates, states(2, tooLong, {}, {{1, 2, 5, 6, 7}}), state + tooBig},
     };
-    for (const auto& [bytes, error] : cases) {
-        EXPECT_FALSE(read(bytes)) << error;
-        EXPECT_EQ(mError, mFile + ": " + error);
+    for (const auto& [first, bad, error] : cases) {
+        EXPECT_FALSE(read(first + bad)) << error;
+        EXPECT_EQ(mError, fmt::format("{}: at byte {}: {}", mFile, first.size(), error));
     }
     EXPECT_THAT(mWarnings, IsEmpty());
     std::filesystem::create_directory(mTree.path("folder"));
