@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include "tests/bus/Support.h"
@@ -33,9 +32,8 @@ struct Holdings {
         Process stats({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
                        "/org/freedesktop/DBus", "org.freedesktop.DBus.Debug.Stats.GetStats"});
         stats.wait();
-        std::smatch found;
-        const std::regex number("\"MatchRules\"\\s+variant\\s+uint32 ([0-9]+)");
-        if (std::regex_search(stats.text(), found, number)) matchRules = std::stol(found[1]);
+        const size_t found = stats.text().find("uint32 ", stats.text().find("\"MatchRules\""));
+        if (found != std::string::npos) matchRules = std::stol(stats.text().substr(found + 7));
         malloc_trim(0);
         heapKib = static_cast<long>(mallinfo2().uordblks / 1024);
     }
