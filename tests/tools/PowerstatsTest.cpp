@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <regex>
@@ -97,9 +96,7 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"watch", "--interval", ""}, "\"\" is not a number"},
         {{"watch", "--interval"}, "--interval: its value is missing"},
         {{"watch", "--count", "1", "--count", "2"}, "--count: given more than once"},
-        {{"watch", "--bus", "--wait", "nan"}, "nan is not a number from 0 to 86400"},
         {{"watch", "--replay", PHONE_RECORDING, "--speed", "nan"}, "--speed: nan is not"},
-        {{"check", "--duration", "nan"}, "nan is not a number from 0 to 86400"},
         {{"check", "--timeout", "-inf"}, "-inf is not a number from 0.001 to 86400"},
         {{"check", "--only", "no-rule"}, "no-rule: no rule has this name"},
         {{"record", "--duration", "1"}, "--output is required (see powerstats record --help)"},
@@ -181,14 +178,10 @@ TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
             std::filesystem::remove(tree.path("record"));
             arguments.insert(arguments.begin() + 1, {"--sysfs", tree.root()});
             const std::string errors = run(arguments).errors;
-            const Lines lines = linesOf(errors);
-            EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                    [](const std::string& line) {
-                                        return line.rfind("powerstats: no energy", 0) == 0 ||
-                                               line.rfind("powerstats: energy left out", 0) == 0;
-                                    }),
-                      cause.reason.empty() ? 0 : 1)
-                << errors;
+            EXPECT_THAT(linesOf(errors),
+                        testing::Contains(
+                            testing::MatchesRegex("powerstats: (no energy|energy left out).*"))
+                            .Times(cause.reason.empty() ? 0 : 1));
             EXPECT_THAT(errors, HasSubstr(cause.reason));
         }
     }
@@ -203,18 +196,12 @@ TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
 
 TEST(Powerstats, PrintsAnyNameSafelyAndWithin80Columns) {
     const TemporaryTree tree;
-    const std::string longName(70, 'n');
-    tree.write("class/hwmon/hwmon0/energy1_input", 5000);
-    tree.write("class/hwmon/hwmon0/energy1_label", longName);
     tree.writeIdleState(0, 0, "\x1b[31m\xff\xc3\xa9\\ \xc2\x9b\xe2\x82\xed\xa0\x80\xc0\xaf", 1000,
                         2);
-    const std::string table = dump(tree.root(), {}).output;
-    EXPECT_THAT(table,
+    EXPECT_THAT(dump(tree.root(), {}).output,
                 HasSubstr("\n    \\x1B[31m\\xFF\xc3\xa9\\ \\xC2\\x9B\\xE2\\x82\\xED\\xA0\\x8\n"
                           "    0\\xC0\\xAF" +
                           std::string(49, ' ') + "1" + std::string(16, ' ') + "2\n"));
-    EXPECT_THAT(table, HasSubstr("\n  " + longName.substr(0, 61) + "\n  " + longName.substr(61) +
-                                 std::string(68, ' ') + "5\n"));
 }
 
 TEST(Powerstats, NamesUnusableFilesAndOutputs) {
