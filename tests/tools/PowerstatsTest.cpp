@@ -2,6 +2,7 @@
 //
 // Runs the program as a user does.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -45,7 +46,7 @@ ProgramOutcome run(const Lines& arguments, const char* output = nullptr,
     const std::string errorFile = errors != nullptr ? errors : files.path("errors").string();
     // A test that is ended for taking too long takes the program with it.
     std::string command = "exec setpriv --pdeathsig KILL " EMULATOR " " POWERSTATS_PROGRAM;
-    for (const std::string& argument : arguments) command += " '" + argument + '\'';
+    for (const std::string& argument : arguments) command += fmt::format(" '{}'", argument);
     command += " >'" + outputFile + "' 2>'" + errorFile + '\'';
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
