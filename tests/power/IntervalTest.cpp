@@ -179,7 +179,7 @@ TEST(IntervalPrinter, WritesEveryFormatAsDocumented) {
     for (const char* format : {"table", "csv", "jsonl"}) {
         Sample first(0), second(1);
         first.rails[0].name = second.rails[0].name = "=1,\"\x1b[2J\xff\u2028";
-        second.rails.push_back({2, "gpu", "GPU"});
+        second.rails.push_back({2, "g\"pu", "GPU"});
         second.reading.rails.push_back(Energy{});
         Reading third = second.get();
         third.rails[1] = Energy{milliseconds(1000), milliseconds(1000), 1};
