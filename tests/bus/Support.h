@@ -86,6 +86,9 @@ class BusScenario : public Scenario {
 ///     is another one.
 std::string busResult(Call call, int generation, int namedAs = 0);
 
+/// The words of a text without quotes.
+std::vector<std::string> wordsOf(const std::string& text);
+
 /// Starts bus_peer.
 /// @param untilReady [in] whether to wait until it has written "ready".
 std::unique_ptr<Process> startPeer(const std::vector<std::string>& arguments,

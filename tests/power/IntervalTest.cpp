@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <numeric>
@@ -148,8 +149,7 @@ TEST(Interval, CoversTheWholeTimeAfterAnOutage) {
     EXPECT_EQ(after.elapsed, milliseconds(2000));
     EXPECT_EQ(after.rails[0].elapsed, milliseconds(3000));
     EXPECT_EQ(after.rails[0].milliwatts, 2000);
-    EXPECT_EQ(after.entities[0].elapsed, milliseconds(3000));
-    EXPECT_EQ(after.entities[0].states[0].share, 0.25);
+    EXPECT_EQ(after.entities[0].states[0].share, 0.25) << "of 3 s";
 }
 
 TEST(Interval, SharesNeverExceedTheWholeAndRoundingIsNoTime) {
@@ -179,10 +179,10 @@ TEST(IntervalPrinter, WritesEveryFormatAsDocumented) {
     for (const char* format : {"table", "csv", "jsonl"}) {
         Sample first(0), second(1);
         first.rails[0].name = second.rails[0].name = "=1,\"\x1b[2J\xff\u2028";
-        second.rails.push_back({2, "gpu", "GPU"});
+        second.rails.push_back({2, "g\"pu", "GPU"});
         second.reading.rails.push_back(Energy{});
         Reading third = second.get();
-        third.rails[1] = Energy{milliseconds(1000), milliseconds(1000), 1, 0};
+        third.rails[1] = Energy{milliseconds(1000), milliseconds(1000), 1};
         third.time += milliseconds(2000);
         third.entities[0]->time += milliseconds(2000);
         third.suspended = milliseconds(1500);
@@ -201,33 +201,32 @@ TEST(IntervalPrinter, WritesEveryFormatAsDocumented) {
 }
 
 TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
+    std::vector<double> twenty(20, 1900);
+    std::fill_n(twenty.begin(), 10, 2100);
     const struct {
         std::vector<double> milliwatts;
         double limit;
         LimitVerdict verdict;
-        double margin;
+        double margin = 0;
     } cases[] = {
-        {{2000}, 2, LimitVerdict::kKept, 0},
-        {{2000, 2001}, 2, LimitVerdict::kOver, 0},
+        {{2000}, 2, LimitVerdict::kKept},
+        {{2000, 2001}, 2, LimitVerdict::kOver},
         // The mean is 2 W, the deviation 0.1 W: 4.303 x 0.1 / sqrt(3).
         {{1900, 2000, 2100}, 2.24, LimitVerdict::kUnclear, 0.2484},
         {{1900, 2000, 2100}, 2.25, LimitVerdict::kKept, 0.2484},
         {{1900, 2000, 2100}, 1.75, LimitVerdict::kOver, 0.2484},
-        {{2000, 2000, 2000}, 2, LimitVerdict::kKept, 0},
+        {{2000, 2000, 2000}, 2, LimitVerdict::kKept},
         // 19 degrees of freedom: 2.093.
-        {std::vector<double>{1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100,
-                             1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100, 1900, 2100},
-         2, LimitVerdict::kUnclear, 0.0480},
+        {twenty, 2, LimitVerdict::kUnclear, 0.0480},
     };
     for (const auto& test : cases) {
-        std::vector<Interval> runs(test.milliwatts.size());
-        for (size_t i = 0; i < runs.size(); ++i) {
-            runs[i].lists = nameLists({{1, "soc", ""}}, {}, true);
-            runs[i].rails.resize(1);
-            runs[i].elapsed = runs[i].rails[0].elapsed = milliseconds(1000);
-            runs[i].stampUnit = milliseconds(20);
-            runs[i].rails[0].milliwatts = test.milliwatts[i];
-        }
+        Interval run;
+        run.lists = nameLists({{1, "soc", ""}}, {}, true);
+        run.rails.resize(1);
+        run.elapsed = run.rails[0].elapsed = milliseconds(1000);
+        run.stampUnit = milliseconds(20);
+        std::vector<Interval> runs(test.milliwatts.size(), run);
+        for (size_t i = 0; i < runs.size(); ++i) runs[i].rails[0].milliwatts = test.milliwatts[i];
         const LimitJudgement judgement = judge({"soc", test.limit}, runs);
         EXPECT_EQ(judgement.verdict, test.verdict) << test.limit;
         EXPECT_THAT(judgement.margin.value_or(0), DoubleNear(test.margin, 0.0001)) << test.limit;

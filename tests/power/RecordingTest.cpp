@@ -1,13 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Recordings are read, played and written.
 
 #include "power/trace/RecordedSource.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
+#include <fstream>
 #include <limits>
+#include <sstream>
 
+#include "power/text/Names.h"
+#include "power/trace/TraceWriter.h"
 #include "tests/power/TemporaryTree.h"
 
 namespace powerstats {
@@ -15,6 +23,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 using Lines = std::vector<std::string>;
@@ -81,6 +90,9 @@ class RecordingTest : public testing::Test {
   protected:
     bool read(const std::string& bytes, bool loop = false) {
         std::ofstream(mFile, std::ios::binary) << bytes;
+        return open(loop);
+    }
+    bool open(bool loop = false) {
         mSource = playRecording(
             mFile, [this] { return mPlayed; }, loop,
             [this](const std::string& text) { mWarnings.push_back(cut(text)); }, &mError);
@@ -134,10 +146,13 @@ class RecordingTest : public testing::Test {
 TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
     const std::string good = rails(1, {{{1}, "vdd"}}, {{1, 1000, 500}});
     const std::string goodStates = states(2, 1000, {{{1, 2}, "gpu/on"}}, {{1, 2, 5, 6, 7}});
-    const std::string at = fmt::format("at byte {}: ", good.size());
+    const std::string rail = "rail 1 (vdd) of packet sequence 1";
+    const std::string state = "state 2 (on) of packet sequence 2";
+    const std::string noData = "no power data up to here (record rails or power entities)";
     const std::string damaged =
         "a malformed packet, or one of more than 1 MiB with power data (the file is damaged: copy "
         "or record it again)";
+    const std::string renamed = " (the file is damaged: record it again)";
     const std::string backwards =
         " goes backwards (record again, without a restart of the service)";
     const std::string unnamed =
@@ -146,54 +161,44 @@ TEST_F(RecordingTest, RefusesBadFilesInOneLine) {
         " has a value above 2^63 - 1, or a time above 292 years (check the service that it was "
         "recorded from)";
     const std::string notATrace = "not a packet of a trace (give an uncompressed protobuf trace)";
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "at byte 0: no power data up to here (record rails or power entities)"},
-        {other(9), "at byte 42: no power data up to here (record rails or power entities)"},
-        {"\x1f\x8b compressed", "at byte 0: " + notATrace},
-        {good + "text", at + notATrace},
-        {good + "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", at + notATrace},
-        // A group without an end, a field without a number, and two longer than their packet.
-        {good + std::string("\x0a\x02\x2b\x08"), at + damaged},
-        {good + std::string("\x0a\x02\x02\x00", 4), at + damaged},
-        {good + std::string("\x0a\x03\x5a\x05x12345"), at + damaged},
-        {good + std::string("\x0a\x03\xc2\x02\x01"), at + damaged},
-        {good + std::string("\x0a\x04\xc2\x02\x01\x08"), at + damaged},
-        {good + rails(1, {{{2}, std::string(1048576, 'x')}}, {}), at + damaged},
-        {good + rails(1, {}, {{2, 1000, 5}}), at + "rail 2 of packet sequence 1" + unnamed},
-        {good + rails(2, {}, {{1, 1000, 5}}), at + "rail 1 of packet sequence 2" + unnamed},
-        {good + states(1, 1, {}, {{-1, 2}}), at + "state 2 of packet sequence 1" + unnamed},
-        {good + states(1, 1, {{{1, 2}, "/on"}}, {{1, 2}}),
-         at + "entity 1 of packet sequence 1" + unnamed},
-        {good + rails(1, {{{1}, "vdd\n"}}, {}),
-         at + R"(rail 1 (vdd) of packet sequence 1 is also called vdd\x0A)"
-              " (the file is damaged: record it again)"},
-        {good + goodStates + states(2, 1001, {{{1, 2}, "gpu/off"}}, {}),
-         fmt::format("at byte {}: ", good.size() + goodStates.size()) +
-             "state 2 (on) of packet sequence 2 is also called off "
-             "(the file is damaged: record it again)"},
-        {good + rails(1, {}, {{1, 999, 501}}),
-         at + "the time of rail 1 (vdd) of packet sequence 1" + backwards},
-        {good + rails(1, {}, {{1, 1000, 499}}),
-         at + "a total of rail 1 (vdd) of packet sequence 1" + backwards},
-        {goodStates + states(2, 999, {}, {{1, 2, 6, 6, 7}}),
-         fmt::format("at byte {}: ", goodStates.size()) +
-             "the time of state 2 (on) of packet sequence 2" + backwards},
-        {goodStates + states(2, 1001, {}, {{1, 2, 5, 5, 7}}),
-         fmt::format("at byte {}: ", goodStates.size()) +
-             "a total of state 2 (on) of packet sequence 2" + backwards},
-        {good + rails(1, {}, {{1, 1001, -1}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        {good + rails(1, {}, {{1, -1, 501}}), at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        // A millisecond more than nanoseconds can count.
-        {good + rails(1, {}, {{1, 9223372036855, 501}}),
-         at + "rail 1 (vdd) of packet sequence 1" + tooBig},
-        {good + states(1, 1, {{{1, 2}, "gpu/on"}}, {{1, 2, 9223372036855}}),
-         at + "state 2 (on) of packet sequence 1" + tooBig},
-        {good + states(1, 9223372036855, {{{1, 2}, "gpu/on"}}, {{1, 2}}),
-         at + "state 2 (on) of packet sequence 1" + tooBig},
+    // A millisecond more than nanoseconds can count.
+    const int64_t tooLong = 9223372036855;
+    const struct {
+        std::string good, bad, error;
+    } cases[] = {
+        {"", "", noData},
+        {other(9), "", noData},
+        {"", "\x1f\x8b compressed", notATrace},
+        {good, "text", notATrace},
+        {good, "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", notATrace},
+        // A group without an end, a field without a number, and one longer than its packet.
+        {good, "\x0a\x02\x2b\x08", damaged},
+        {good, std::string("\x0a\x02\x02\x00", 4), damaged},
+        {good, "\x0a\x03\x5a\x05x12345", damaged},
+        {good, std::string("\x0a\x03\xc2\x02\x01"), damaged},
+        {good, "\x0a\x04\xc2\x02\x01\x08", damaged},
+        {good, rails(1, {{{2}, std::string(1048576, 'x')}}, {}), damaged},
+        {good, rails(1, {}, {{2, 1000, 5}}), "rail 2 of packet sequence 1" + unnamed},
+        {good, rails(2, {}, {{1, 1000, 5}}), "rail 1 of packet sequence 2" + unnamed},
+        {good, states(1, 1, {}, {{-1, 2}}), "state 2 of packet sequence 1" + unnamed},
+        {good, states(1, 1, {{{1, 2}, "/on"}}, {{1, 2}}),
+         "entity 1 of packet sequence 1" + unnamed},
+        {good, rails(1, {{{1}, "vdd\n"}}, {}), rail + R"( is also called vdd\x0A)" + renamed},
+        {goodStates, states(2, 1001, {{{1, 2}, "gpu/off"}}, {}),
+         state + " is also called off" + renamed},
+        {good, rails(1, {}, {{1, 999, 501}}), "the time of " + rail + backwards},
+        {good, rails(1, {}, {{1, 1000, 499}}), "a total of " + rail + backwards},
+        {goodStates, states(2, 999, {}, {{1, 2, 6, 6, 7}}), "the time of " + state + backwards},
+        {goodStates, states(2, 1001, {}, {{1, 2, 5, 5, 7}}), "a total of " + state + backwards},
+        {good, rails(1, {}, {{1, 1001, -1}}), rail + tooBig},
+        {good, rails(1, {}, {{1, -1, 501}}), rail + tooBig},
+        {good, rails(1, {}, {{1, tooLong, 501}}), rail + tooBig},
+        {goodStates, states(2, 1001, {}, {{1, 2, tooLong, 6, 7}}), state + tooBig},
+        {goodStates, states(2, tooLong, {}, {{1, 2, 5, 6, 7}}), state + tooBig},
     };
-    for (const auto& [bytes, error] : cases) {
-        EXPECT_FALSE(read(bytes)) << error;
-        EXPECT_EQ(mError, mFile + ": " + error);
+    for (const auto& [first, bad, error] : cases) {
+        EXPECT_FALSE(read(first + bad)) << error;
+        EXPECT_EQ(mError, fmt::format("{}: at byte {}: {}", mFile, first.size(), error));
     }
     EXPECT_THAT(mWarnings, IsEmpty());
     std::filesystem::create_directory(mTree.path("folder"));
@@ -302,23 +307,13 @@ TEST_F(RecordingTest, EachIntervalHasOneSample) {
     for (const int64_t i : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 30, 31, 32, 33}) {
         bytes += rails(1, {}, {{0, 1000 + 100 * i + i * 7 % 3 - 1, i}});
     }
-    struct Case {
-        int64_t intervalMs;
-        std::vector<int64_t> samples;
-    };
-    const Case cases[] = {
-        {100, {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 10, 10, 10, 10, 10, 10,
-               10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 30, 31, 32, 33}},
-        {300, {0, 3, 6, 9, 10, 10, 10, 10, 10, 10, 30, 33}},
-    };
-    for (const auto& [intervalMs, samples] : cases) {
+    for (const int intervalMs : {100, 300}) {
         play(bytes);
-        std::vector<int64_t> shown;
-        for (int64_t playedMs = 0; shown.empty() || !mSource->isOver(); playedMs += intervalMs) {
-            mPlayed = milliseconds(playedMs);
-            shown.push_back(mSource->read().rails[0]->energyUWs);
+        for (int i = 0; !mSource->isOver(); i += intervalMs / 100) {
+            mPlayed = milliseconds(100 * i);
+            EXPECT_EQ(mSource->read().rails[0]->energyUWs, i < 10 || i >= 30 ? i : 10) << i;
+            EXPECT_EQ(mSource->isOver(), i == 33);
         }
-        EXPECT_EQ(shown, samples) << intervalMs;
     }
 }
 
@@ -346,6 +341,93 @@ TEST_F(RecordingTest, ThingsThatASampleLacks) {
     const Reading one = mSource->read(std::vector<size_t>{1}, kNothing);
     EXPECT_FALSE(one.rails[0] || one.entities[0]);
     EXPECT_EQ(one.rails[1]->energyUWs, 2);
+}
+
+/// A reading of a service, with rails' stamps 5 ms before its time; with `isLater` it has one more
+/// rail.
+Reading makeReading(int64_t timeMs, int64_t vddUWs, int64_t negativeUWs, int64_t onMs,
+                    bool isLater = false) {
+    std::vector<Rail> rails = {{3, "vdd\x1b", "cpu"},
+                               {-1, "low", "cpu"},
+                               {int64_t{1} << 32, "", "cpu"},
+                               {4, "silent", "cpu"}};
+    if (isLater) rails.push_back({3, "late", "cpu"});
+    const State on{0, "on"};
+    Reading reading;
+    reading.lists = nameLists(
+        rails, {{7, "gpu", EntityType::kDevice, {on}}, {8, "silent", EntityType::kDevice, {on}}},
+        true);
+    reading.time = milliseconds(timeMs);
+    const nanoseconds time = milliseconds(timeMs - 5);
+    reading.rails = {Energy{time, time, vddUWs}, Energy{time, time, negativeUWs},
+                     Energy{time, time, 20}};
+    reading.rails.resize(rails.size());
+    reading.entities = {{{reading.time, 0, {{milliseconds(onMs), 5, milliseconds(-1)}}}},
+                        std::nullopt};
+    return reading;
+}
+
+TEST_F(RecordingTest, IsWrittenAndReadBack) {
+    const auto writer = TraceWriter::create(mFile, &mError);
+    ASSERT_NE(writer, nullptr) << mError;
+    EXPECT_EQ(std::filesystem::status(mFile).permissions(), std::filesystem::perms(0600));
+    // A reading has nanoseconds, and residencies keep them.
+    Reading before = makeReading(10000, 100, 50, 4000);
+    before.time += nanoseconds(7);
+    ASSERT_TRUE(writer->write(before, &mError)) << mError;
+    ASSERT_TRUE(open()) << "a sample is on the disk at once: " << mError;
+    const std::string first =
+        "3:vdd\\x1B@9995=100 0:low@9995=50 1:id 4294967296@9995=20 @10000 7:gpu@10000 "
+        "0:on=4000,5,0\n";
+    EXPECT_EQ(at(0) + '\n', first);
+    EXPECT_EQ(mSource->read().entities[0]->time, before.time);
+
+    // Negative energy is left out, and so is a reading from before the last one.
+    ASSERT_TRUE(writer->write(makeReading(11000, 1000, -1, 4250), &mError)) << mError;
+    ASSERT_TRUE(writer->write(makeReading(10999, 2000, 60, 4300), &mError)) << mError;
+    // A rail whose total fell, one with a loss that its total does not show, and a rail that comes.
+    // The residencies are the old ones.
+    Reading last = makeReading(12000, 1000, 40, 4250, true);
+    last.rails[2]->resets = 1;
+    last.rails[4] = Energy{milliseconds(11995), milliseconds(11995), 7};
+    last.entities[0]->time = milliseconds(11000);
+    ASSERT_TRUE(writer->write(last, &mError)) << mError;
+    // An entity whose total fell, and a rail whose stamps start again with its counter.
+    last = makeReading(13000, 1001, 41, 4100, true);
+    last.rails[2]->resets = 2;
+    last.rails[2]->time = milliseconds(9000);
+    ASSERT_TRUE(writer->write(last, &mError)) << mError;
+    std::stringstream bytes;
+    bytes << std::ifstream(mFile).rdbuf();
+    EXPECT_THAT(bytes.str(), HasSubstr("\x50\x05")) << "each reset begins a packet sequence";
+    ASSERT_TRUE(open()) << mError;
+    EXPECT_THAT(mWarnings, ElementsAre(HasSubstr("both have low (of such names")));
+    std::string shown;
+    for (int i = 0; i < 4; ++i) shown += at(1000 * i) + '\n';
+    EXPECT_EQ(
+        shown,
+        first +
+            R"(3:vdd\x1B@10995=1000 0:low@9995=50 1:id 4294967296@10995=20 @11000 7:gpu@11000 0:on=4250,5,0
+3:vdd\x1B@11995=1000 0:low@9995=50 1:id 4294967296@10995=20 2:late@11995=7 @11995 7:gpu@11000 0:on=4250,5,0
+3:vdd\x1B@12995=1001 0:low@9995=50 1:id 4294967296@10995=20 2:late@11995=7 @12995 7:gpu@11000 0:on=4250,5,0
+)");
+}
+
+TEST_F(RecordingTest, IsANewFileOfWholeSamplesEvenOnAFullDisk) {
+    mTree.link("nowhere", "link");
+    EXPECT_EQ(TraceWriter::create(mTree.path("link").string(), &mError), nullptr);
+    EXPECT_THAT(mError, HasSubstr("/link: File exists (name a new file, in a folder"));
+    const auto writer = TraceWriter::create(mFile, &mError);
+    EXPECT_EQ(TraceWriter::create(mFile, &mError), nullptr);
+
+    ASSERT_TRUE(writer->write(makeReading(10000, 100, 50, 4000), &mError)) << mError;
+    const rlim_t size = std::filesystem::file_size(mFile);
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{size + 10, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_FALSE(writer->write(makeReading(11000, 200, 60, 4500), &mError));
+    EXPECT_THAT(mError, HasSubstr("/trace: No space left on device (free space on the disk"));
+    EXPECT_EQ(std::filesystem::file_size(mFile), size);
 }
 
 }  // namespace

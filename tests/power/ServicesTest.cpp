@@ -13,7 +13,9 @@ namespace powerstats {
 namespace {
 
 using stats_V1_0::Status;
-using Hidl = android::sp<stats_V1_0::IPowerStats>;
+using Service = stats_V1_0::IPowerStats;
+using Hidl = android::sp<Service>;
+using Ids = std::vector<uint32_t>;
 
 constexpr int32_t kZone = 962335114;  // the id of "zone:39751"; "zone:61784" has the next one
 /// A counter with this range may have wrapped after 262 s.
@@ -31,22 +33,24 @@ class ServicesTest : public testing::Test {
 
     /// The HIDL status and the number of records of an answer.
     using Got = std::pair<Status, size_t>;
-    auto keep() {
-        return [this](const auto& records, Status status) { mGot = {status, records.size()}; };
+    template <typename Method, typename... Ids>
+    static Got ask(const Hidl& service, Method method, const Ids&... ids) {
+        Got got;
+        const auto keep = [&](const auto& records, Status status) {
+            got = {status, records.size()};
+        };
+        EXPECT_TRUE((service.get()->*method)(ids..., keep).isOk());
+        return got;
     }
-    Got rails(const Hidl& service) {
-        EXPECT_TRUE(service->getRailInfo(keep()).isOk());
-        return mGot;
-    }
-    Got energies(const Hidl& service, const std::vector<int32_t>& ids = {}) {
-        EXPECT_TRUE(
-            service->getEnergyData(std::vector<uint32_t>(ids.begin(), ids.end()), keep()).isOk());
-        return mGot;
+    static inline const Got kInvalid{Status::INVALID_INPUT, 0};
+    static inline const Got kUnsupported{Status::NOT_SUPPORTED, 0};
+    static Got rails(const Hidl& service) { return ask(service, &Service::getRailInfo); }
+    static Got energies(const Hidl& service, const Ids& ids = {}) {
+        return ask(service, &Service::getEnergyData, ids);
     }
 
     TemporaryTree mTree;
     std::chrono::milliseconds mNow{20000};
-    Got mGot;
 };
 
 TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
@@ -66,16 +70,14 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
         EXPECT_EQ(refused.getExceptionCode(), EX_ILLEGAL_ARGUMENT);
         EXPECT_STREQ(refused.getMessage(), message);
         EXPECT_EQ(measurements.size(), 0u);
-        EXPECT_EQ(energies(hidl, ids), Got(Status::INVALID_INPUT, 0));
+        EXPECT_EQ(energies(hidl, {ids.begin(), ids.end()}), kInvalid);
     }
     std::vector<stats_aidl::StateResidencyResult> residencies(1);
     EXPECT_STREQ(aidl->getStateResidency({77}, &residencies).getMessage(),
                  "no power entity has the id 77");
     EXPECT_EQ(residencies.size(), 0u);
-    EXPECT_TRUE(hidl->getPowerEntityStateInfo({77}, keep()).isOk());
-    EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
-    EXPECT_TRUE(hidl->getPowerEntityStateResidencyData({2, 2}, keep()).isOk());
-    EXPECT_EQ(mGot, Got(Status::INVALID_INPUT, 0));
+    EXPECT_EQ(ask(hidl, &Service::getPowerEntityStateInfo, Ids{77}), kInvalid);
+    EXPECT_EQ(ask(hidl, &Service::getPowerEntityStateResidencyData, Ids{2, 2}), kInvalid);
     EXPECT_TRUE(hidl->getPowerEntityInfo([](const auto& entities, Status) {
                         using Type = stats_V1_0::PowerEntityType;
                         EXPECT_EQ(entities[0].type, Type::SUBSYSTEM);
@@ -95,8 +97,8 @@ TEST_F(ServicesTest, AnswerInTheOrderAskedForAndRefuseOtherLists) {
     EXPECT_TRUE(aidl->readEnergyMeter({kZone}, &read).isOk());
     EXPECT_EQ(read.size(), 0u) << "a rail that cannot be read";
     EXPECT_EQ(energies(hidl), Got(Status::FILESYSTEM_ERROR, 0));
-    EXPECT_TRUE(hidl->getPowerEntityStateResidencyData({2}, keep()).isOk());
-    EXPECT_EQ(mGot, Got(Status::FILESYSTEM_ERROR, 0));
+    EXPECT_EQ(ask(hidl, &Service::getPowerEntityStateResidencyData, Ids{2}),
+              Got(Status::FILESYSTEM_ERROR, 0));
 }
 
 TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
@@ -106,24 +108,24 @@ TEST_F(ServicesTest, HidlHasOnlyRailsThatAreSinceBoot) {
     const auto source = makeSource();
     const Hidl early = serveHidl(source), unserved = serveHidl(source, HidlRails::kNotServed);
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 2));
-    EXPECT_EQ(rails(unserved), Got(Status::NOT_SUPPORTED, 0));
-    EXPECT_EQ(energies(unserved, {77}), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(rails(unserved), kUnsupported);
+    EXPECT_EQ(energies(unserved, {77}), kUnsupported);
 
     mNow = std::chrono::seconds(320);
     EXPECT_EQ(energies(early), Got(Status::SUCCESS, 1));
-    EXPECT_EQ(energies(early, {kZone}), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(energies(early, {kZone}), kUnsupported);
     EXPECT_EQ(rails(early), Got(Status::SUCCESS, 2)) << "a list that clients keep";
     const Hidl late = serveHidl(source);
     EXPECT_EQ(rails(late), Got(Status::SUCCESS, 1));
-    EXPECT_EQ(energies(late, {kZone}), Got(Status::INVALID_INPUT, 0)) << "never announced";
+    EXPECT_EQ(energies(late, {kZone}), kInvalid) << "never announced";
 
     mTree.remove(meter);
     mNow = std::chrono::seconds(20);
     const Hidl ending = serveHidl(makeSource());
     EXPECT_EQ(rails(ending), Got(Status::SUCCESS, 1));
     mNow = std::chrono::seconds(320);
-    EXPECT_EQ(energies(ending), Got(Status::NOT_SUPPORTED, 0));
-    EXPECT_EQ(rails(ending), Got(Status::NOT_SUPPORTED, 0));
+    EXPECT_EQ(energies(ending), kUnsupported);
+    EXPECT_EQ(rails(ending), kUnsupported);
 }
 
 }  // namespace

@@ -2,15 +2,13 @@
 //
 // Runs the program as a user does.
 
-#include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
+#include <cstdlib>
 #include <functional>
 #include <regex>
 #include <sstream>
@@ -46,22 +44,11 @@ ProgramOutcome run(const Lines& arguments, const char* output = nullptr,
     const TemporaryTree files;
     const std::string outputFile = output != nullptr ? output : files.path("output").string();
     const std::string errorFile = errors != nullptr ? errors : files.path("errors").string();
-    std::vector<const char*> words = {EMULATOR, POWERSTATS_PROGRAM};
-    if (*words[0] == '\0') words.erase(words.begin());  // built for this machine
-    for (const std::string& argument : arguments) words.push_back(argument.c_str());
-    words.push_back(nullptr);
-
-    const pid_t child = fork();
-    if (child == 0) {
-        // A test that is ended for taking too long takes the program with it.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(open(outputFile.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
-        dup2(open(errorFile.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        execvp(words[0], const_cast<char* const*>(words.data()));
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
+    // A test that is ended for taking too long takes the program with it.
+    std::string command = "exec setpriv --pdeathsig KILL " EMULATOR " " POWERSTATS_PROGRAM;
+    for (const std::string& argument : arguments) command += fmt::format(" '{}'", argument);
+    command += " >'" + outputFile + "' 2>'" + errorFile + '\'';
+    const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
             output != nullptr ? "" : readFile(outputFile),
             errors != nullptr ? "" : readFile(errorFile)};
@@ -110,9 +97,7 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"watch", "--interval", ""}, "\"\" is not a number"},
         {{"watch", "--interval"}, "--interval: its value is missing"},
         {{"watch", "--count", "1", "--count", "2"}, "--count: given more than once"},
-        {{"watch", "--bus", "--wait", "nan"}, "nan is not a number from 0 to 86400"},
         {{"watch", "--replay", PHONE_RECORDING, "--speed", "nan"}, "--speed: nan is not"},
-        {{"check", "--duration", "nan"}, "nan is not a number from 0 to 86400"},
         {{"check", "--timeout", "-inf"}, "-inf is not a number from 0.001 to 86400"},
         {{"check", "--only", "no-rule"}, "no-rule: no rule has this name"},
         {{"record", "--duration", "1"}, "--output is required (see powerstats record --help)"},
@@ -123,6 +108,11 @@ TEST(Powerstats, RefusesBadArgumentsInOneLine) {
         {{"wach"}, "unknown argument: wach (see powerstats --help)"},
         {{"watch", "--format", "xml"}, "xml is not one of live, table, csv, jsonl"},
         {{"dump", "--bus", "--sysfs", "/"}, "--sysfs excludes --bus"},
+        {{"watch", "--replay", PHONE_RECORDING, "--bus"}, "--replay"},
+        {{"dump", "--replay", GOLDEN_FILE}, "sample-machine.txt: at byte 0: not a packet"},
+        {{"watch", "--replay", GOLDEN_FILE}, "sample-machine.txt: at byte 0: not a packet"},
+        {{"run", "--replay", GOLDEN_FILE, "true"}, "at byte 0: not a packet"},
+        {{"record", "--replay", GOLDEN_FILE, "-o", "/no"}, "at byte 0: not a packet"},
         {{"run", "--sysfs", SAMPLE_MACHINE, "--max", "cpu=1", "--", "true"},
          "--max cpu: no such rail (there are fans, "},
     };
@@ -153,25 +143,6 @@ TEST(Powerstats, PrintsTheSampleMachineAlikeThroughBothInterfaces) {
             EXPECT_EQ(parsed.keyed_power_data_size(), call == std::string("--rails") ? 11 : 10);
             EXPECT_EQ(parsed.SerializeAsString(), result.output);
         }
-    }
-}
-
-TEST(Powerstats, SaysThatAMachineHasNoRails) {
-    const TemporaryTree tree;
-    for (const char* hal : {"aidl", "hidl"}) {
-        const ProgramOutcome rails = dump(tree.root(), {"--hal", hal, "--rails"});
-        EXPECT_EQ(rails.exitCode, 1);
-        EXPECT_EQ(rails.output, "Rails: not available\n");
-        EXPECT_THAT(rails.errors, HasSubstr("TavrelPowerStatsHalDataProviderNative"));
-
-        const ProgramOutcome both = dump(tree.root(), {"--hal", hal, "--format", "json"});
-        EXPECT_EQ(both.exitCode, 0) << "the system's own times are always there";
-        EXPECT_THAT(both.output, HasSubstr("\"rails\": null"));
-
-        const ProgramOutcome binary =
-            dump(tree.root(), {"--hal", hal, "--format", "binary", "--rails"});
-        EXPECT_EQ(binary.exitCode, 1);
-        EXPECT_THAT(binary.output, IsEmpty());
     }
 }
 
@@ -208,34 +179,30 @@ TEST(Powerstats, SaysWhyThereIsNoEnergyOnce) {
             std::filesystem::remove(tree.path("record"));
             arguments.insert(arguments.begin() + 1, {"--sysfs", tree.root()});
             const std::string errors = run(arguments).errors;
-            const Lines lines = linesOf(errors);
-            EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                    [](const std::string& line) {
-                                        return line.rfind("powerstats: no energy", 0) == 0 ||
-                                               line.rfind("powerstats: energy left out", 0) == 0;
-                                    }),
-                      cause.reason.empty() ? 0 : 1)
-                << errors;
+            EXPECT_THAT(linesOf(errors),
+                        testing::Contains(
+                            testing::MatchesRegex("powerstats: (no energy|energy left out).*"))
+                            .Times(cause.reason.empty() ? 0 : 1));
             EXPECT_THAT(errors, HasSubstr(cause.reason));
         }
     }
+    tree.remove("class");
+    EXPECT_EQ(dump(tree.root(), {"--format", "json"}).exitCode, 0) << "it has the system's times";
+    EXPECT_EQ(dump(tree.root(), {"--rails"}).output, "Rails: not available\n");
+    const ProgramOutcome binary = dump(tree.root(), {"--format", "binary", "--rails"});
+    EXPECT_EQ(binary.exitCode, 1);
+    EXPECT_THAT(binary.output, IsEmpty());
     EXPECT_THAT(run({"metrics", "--sysfs", "/"}).errors, IsEmpty()) << "its timer runs each minute";
 }
 
 TEST(Powerstats, PrintsAnyNameSafelyAndWithin80Columns) {
     const TemporaryTree tree;
-    const std::string longName(70, 'n');
-    tree.write("class/hwmon/hwmon0/energy1_input", 5000);
-    tree.write("class/hwmon/hwmon0/energy1_label", longName);
     tree.writeIdleState(0, 0, "\x1b[31m\xff\xc3\xa9\\ \xc2\x9b\xe2\x82\xed\xa0\x80\xc0\xaf", 1000,
                         2);
-    const ProgramOutcome table = dump(tree.root(), {});
-    EXPECT_THAT(table.output,
+    EXPECT_THAT(dump(tree.root(), {}).output,
                 HasSubstr("\n    \\x1B[31m\\xFF\xc3\xa9\\ \\xC2\\x9B\\xE2\\x82\\xED\\xA0\\x8\n"
                           "    0\\xC0\\xAF" +
                           std::string(49, ' ') + "1" + std::string(16, ' ') + "2\n"));
-    EXPECT_THAT(table.output, HasSubstr("\n  " + longName.substr(0, 61) + "\n  " +
-                                        longName.substr(61) + std::string(68, ' ') + "5\n"));
 }
 
 TEST(Powerstats, NamesUnusableFilesAndOutputs) {
@@ -255,12 +222,9 @@ TEST(Powerstats, NamesUnusableFilesAndOutputs) {
 }
 
 TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
-    const std::string rail = "fans";
     const TemporaryTree tree;
     tree.write("class/hwmon/hwmon0/energy1_input", 5000);
-    tree.write("class/hwmon/hwmon0/energy1_label", rail);
-    tree.write("class/hwmon/hwmon1/energy1_input", 7);
-    tree.write("class/hwmon/hwmon1/energy1_label", "still");
+    tree.write("class/hwmon/hwmon0/energy1_label", "fans");
     const std::string meter = tree.path("class/hwmon/hwmon0/energy1_input");
     const std::string runs = tree.path("runs");
     const std::string add = "echo $(($(cat " + meter + ") + 1000000)) >" + meter;
@@ -279,23 +243,15 @@ TEST(Powerstats, RunReturnsTheCommandsStatusOrTheVerdictOnItsLimits) {
          "echo >>" + runs + "; test $(wc -l <" + runs + ") != 2",
          1,
          "the command failed with status 1 in run 2 of 3, so it did not run again\n"},
-        {{"--max", rail + "=1"},
-         "exit 5",
-         5,
-         "status 5 in run 1 of 1, so limits were not judged\n"},
-        {{"--max", rail + "=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
-        {{"--max", "hwmon/" + rail + "=0"}, add, 3, "fans: at most 0 W: exceeded"},
-        {{"-r", "3", "--max", rail + "=0"}, "sleep 0.01", 0, "at most 0 W: kept"},
-        // One that is exceeded comes before one that cannot be judged.
-        {{"-r", "3", "--max", "still=0", "--max", rail + "=0.01"}, "sleep 0.1;" + add, 3, ""},
-        {{"--max", rail + "=1"},
-         ": >" + meter,
-         4,
-         "not read in every run (in run 1 it was not read)"},
+        {{"--max", "fans=1"}, "exit 5", 5, "status 5 in run 1 of 1, so limits were not judged\n"},
+        {{"--max", "fans=0.5"}, "sleep 0.1", 0, "fans: at most 0.5 W: kept (mean 0.000 W)"},
+        {{"--max", "hwmon/fans=0"}, add, 3, "fans: at most 0 W: exceeded"},
+        {{"-r", "3", "--max", "fans=0"}, "sleep 0.01", 0, "at most 0 W: kept"},
+        {{"--max", "fans=1"}, ": >" + meter, 4, "not read in every run (in run 1 it was not read)"},
         {{"--max", "nope=1"},
          "echo >" + tree.path("never").string(),
          2,
-         "--max nope: no such rail (there are fans, still)"},
+         "--max nope: no such rail (there are fans)"},
         {{"-o", "/no/such/file"}, "true", 2, "/no/such/file: No such file"},
     };
     for (const auto& test : cases) {
@@ -334,12 +290,10 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
                 StartsWith("Rails at 03:00:12.345 after boot"));
     const TemporaryTree files;
     const std::string copy = files.path("copy");
-    const Lines fast = {"--interval", "0.05", "--speed", "40"};
     const auto play = [&](const std::string& subcommand, const std::string& file, Lines more) {
-        Lines arguments = {subcommand, "--replay", file};
-        arguments.insert(arguments.end(), fast.begin(), fast.end());
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return run(arguments);
+        more.insert(more.begin(),
+                    {subcommand, "--replay", file, "--interval", "0.05", "--speed", "40"});
+        return run(more);
     };
     // 301 samples by 0.2 s: a reading sees every tenth.
     const ProgramOutcome all =
@@ -354,17 +308,14 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
     EXPECT_THAT(shown.output, HasSubstr("\"name\":\"display\",\"subsystem\":\"display\","
                                         "\"timestamp_ms\":10814345,\"interval_ms\":2000,"
                                         "\"energy_uws\":1020000,\"power_mw\":510.0,"));
-    EXPECT_EQ(
-        linesOf(
-            play("watch", PHONE_RECORDING, {"--loop", "--count", "40", "--format", "csv"}).output)
-            .size(),
-        41u);
+    const ProgramOutcome loop =
+        play("watch", PHONE_RECORDING, {"--loop", "--count", "40", "--format", "csv"});
+    EXPECT_EQ(linesOf(loop.output).size(), 1u + 40);
 
     EXPECT_EQ(play("record", PHONE_RECORDING, {"-o", copy}).exitCode, 2) << "the file exists";
     const std::string again = files.path("again");
     EXPECT_EQ(play("record", PHONE_RECORDING, {"-o", again, "--duration", "0.1"}).exitCode, 0);
     EXPECT_EQ(linesOf(play("watch", again, {"--format", "csv"}).output).size(), 1u + 2);
-    EXPECT_EQ(std::filesystem::status(again).permissions(), std::filesystem::perms(0600));
 
     const std::string ran = files.path("ran");
     EXPECT_EQ(run({"run", "--replay", PHONE_RECORDING, "--speed", "10", "--record", ran, "--max",
@@ -374,21 +325,6 @@ TEST(Powerstats, PlaysARecordingBackAndRecordsItAlike) {
     EXPECT_EQ(
         run({"dump", "--replay", ran, "--rails", "--format", "binary"}).output.size(),
         run({"dump", "--replay", PHONE_RECORDING, "--rails", "--format", "binary"}).output.size());
-    const Lines subcommands[] = {
-        {"dump"}, {"watch"}, {"run", "true"}, {"record", "-o", files.path("x")}};
-    for (Lines arguments : subcommands) {
-        arguments.insert(arguments.begin() + 1, {"--replay", GOLDEN_FILE});
-        const ProgramOutcome bad = run(arguments);
-        EXPECT_EQ(bad.exitCode, 2) << arguments[0];
-        EXPECT_THAT(bad.output, IsEmpty());
-        EXPECT_THAT(bad.errors, HasSubstr("sample-machine.txt: at byte 0: not a packet"));
-    }
-    EXPECT_EQ(run({"watch", "--replay", PHONE_RECORDING, "--bus"}).exitCode, 2);
-}
-
-TEST(Powerstats, HasAVersion) {
-    EXPECT_THAT(run({"--version"}).output,
-                testing::MatchesRegex("powerstats [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <set>
 
@@ -32,43 +31,43 @@ void add(Answers* answers, const char* method, int64_t ms, Records records) {
     answer.records = std::move(records);
 }
 
+/// Ends a call without records.
+void end(Answer* answer, Outcome outcome) {
+    answer->outcome = outcome;
+    answer->records.clear();
+}
+
 /// Two rails of 2 W, and two entities that change their state every 10 ms.
 Survey makeSurvey(Hal hal) {
     Survey survey;
     survey.hal = hal;
     survey.library = {true, 0, ""};
     const Records states = {{0, "on"}, {1, "off"}};
-    const auto entity = [](int64_t id, const char* name, Records its) {
-        return Record{id, name, "", 0, 0, 0, std::move(its)};
+    const auto both = [](const char* first, const char* second, const Records& its) {
+        return Records{{7, first, "", 0, 0, 0, its}, {8, second, "", 0, 0, 0, its}};
     };
     for (const int64_t ms : {0, 2, 500, 1000}) {
         const int64_t now = kStart + ms + 1;
         add(&survey.rails, "rails", ms, {{1, "cpu", "CPU"}, {2, "gpu", "GPU"}});
         const bool isAidl = hal == Hal::kAidl;
-        const auto its = isAidl ? states : Records();
-        add(&survey.entities, "entities", ms, {entity(7, "soc", its), entity(8, "modem", its)});
-        if (!isAidl) {
-            add(&survey.stateLists, "states", ms, {entity(7, "", states), entity(8, "", states)});
-        }
+        add(&survey.entities, "entities", ms, both("soc", "modem", isAidl ? states : Records()));
+        if (!isAidl) add(&survey.stateLists, "states", ms, both("", "", states));
         add(&survey.energies, "energies", ms,
             {{1, "", "", now, now, now * 2000}, {2, "", "", now, now, now * 2000}});
         const Records results = {{0, "", "", now - now % 10, now / 2, now / 20},
                                  {1, "", "", now - now % 10, now / 2, now / 20}};
-        add(&survey.residencies, "residencies", ms,
-            {entity(7, "", results), entity(8, "", results)});
+        add(&survey.residencies, "residencies", ms, both("", "", results));
     }
     const auto askForIds = [&](auto* answers) {
         auto some = answers->back();
         some.request = Request::kSome;
         some.ids = {some.records[0].id};
         some.records.resize(1);
-        auto unknown = some;
-        unknown.request = Request::kUnknown;
-        unknown.ids = {99};
-        unknown.records.clear();
-        unknown.outcome = Outcome::kIllegalArgument;
         answers->push_back(some);
-        answers->push_back(unknown);
+        some.request = Request::kUnknown;
+        some.ids = {99};
+        end(&some, Outcome::kIllegalArgument);
+        answers->push_back(some);
     };
     askForIds(&survey.energies);
     askForIds(&survey.residencies);
@@ -110,23 +109,26 @@ struct Fault {
     Hal hal = Hal::kAidl;
 };
 
-/// Changes the first record of every answer, so that a list stays the same.
-template <auto kAnswers, typename Change>
-std::function<void(Survey*)> changeFirst(Change change) {
+/// Changes the records of every answer that has some, so that a list stays the same.
+template <auto kAnswers>
+const auto changeAll = [](auto change) {
     return [change](Survey* survey) {
         for (auto& answer : survey->*kAnswers) {
-            if (!answer.records.empty()) change(&answer.records[0]);
+            if (!answer.records.empty()) change(&answer.records);
         }
     };
-}
-const auto changeRails = [](auto change) { return changeFirst<&Survey::rails>(change); };
-const auto changeEntities = [](auto change) { return changeFirst<&Survey::entities>(change); };
-const auto changeEnergies = [](auto change) { return changeFirst<&Survey::energies>(change); };
-template <typename Change>
-std::function<void(Survey*)> changeStates(Change change) {
-    return changeFirst<&Survey::residencies>(
-        [change](Record* entity) { change(&entity->states[0]); });
-}
+};
+/// Changes their first record.
+template <auto kAnswers>
+const auto changeFirst = [](auto change) {
+    return changeAll<kAnswers>([change](Records* records) { change(&records->front()); });
+};
+const auto changeRails = changeFirst<&Survey::rails>;
+const auto changeEntities = changeFirst<&Survey::entities>;
+const auto changeEnergies = changeFirst<&Survey::energies>;
+const auto changeStates = [](auto change) {
+    return changeFirst<&Survey::residencies>([change](auto* it) { change(&it->states[0]); });
+};
 
 Record& lastEnergy(Survey* survey) {
     return survey->energies[kLast].records[1];
@@ -136,25 +138,21 @@ Record& lastState(Survey* survey) {
 }
 
 const Fault kFaults[] = {
-    {"rail-ids-unique",
-     [](Survey* survey) {
-         for (auto& list : survey->rails) list.records.push_back({2, "dsp", "DSP"});
-     }},
+    {"rail-ids-unique", changeAll<&Survey::rails>([](auto* rails) {
+         rails->push_back({2, "dsp", "DSP"});
+     })},
     {"rail-names-unique", changeRails([](auto* rail) { rail->name = "gpu"; })},
     {"rail-names-present", changeRails([](auto* rail) { rail->name = ""; })},
     {"rail-subsystems-present", changeRails([](auto* rail) { rail->subsystem = ""; })},
     {"rail-list-stable", [](Survey* survey) { survey->rails[kLast].records[0].name = "other"; }},
-    {"entity-ids-unique",
-     [](Survey* survey) {
-         for (auto& list : survey->entities) {
-             list.records.insert(list.records.begin() + 1, {7, "dsp", "", 0, 0, 0, {{0, "on"}}});
-         }
-     }},
+    {"entity-ids-unique", changeAll<&Survey::entities>([](auto* entities) {
+         entities->insert(entities->begin() + 1, {7, "dsp", "", 0, 0, 0, {{0, "on"}}});
+     })},
     {"entity-names-unique", changeEntities([](auto* entity) { entity->name = "modem"; })},
     {"entity-names-present", changeEntities([](auto* entity) { entity->name = ""; })},
     {"entity-states-present",
      [](Survey* survey) {
-         for (auto& list : survey->entities) list.records[0].states.clear();
+         changeEntities([](auto* entity) { entity->states.clear(); })(survey);
          changeFirst<&Survey::residencies>([](auto* entity) { entity->states.clear(); })(survey);
      }},
     {"state-ids-unique", changeEntities([](auto* entity) {
@@ -166,8 +164,7 @@ const Fault kFaults[] = {
     {"names-utf8", changeEntities([](auto* entity) { entity->states[0].name = "\xff"; })},
     {"calls-answered",
      [](Survey* survey) {
-         survey->energies[1].outcome = Outcome::kFailed;
-         survey->energies[1].records.clear();
+         end(&survey->energies[1], Outcome::kFailed);
          survey->energies[1].error = "com.example.No: not today";
      },
      "com.example.No: not today"},
@@ -176,7 +173,8 @@ const Fault kFaults[] = {
     {"rail-request-exact", [](Survey* survey) { survey->energies[kSome].records[0].id = 2; }},
     {"entity-request-exact",
      [](Survey* survey) {
-         survey->residencies[kSome].records.push_back(survey->residencies[kSome].records[0]);
+         auto& its = survey->residencies[kSome].records;
+         its.resize(2, its[0]);
      },
      "a second record"},
     {"state-list-request-exact",
@@ -184,15 +182,10 @@ const Fault kFaults[] = {
     {"unknown-id-refused",
      [](Survey* survey) { survey->residencies[kUnknown].outcome = Outcome::kAnswered; }},
     {"known-ids-accepted",
-     [](Survey* survey) {
-         survey->energies[kSome].outcome = Outcome::kIllegalArgument;
-         survey->energies[kSome].records.clear();
-     }},
+     [](Survey* survey) { end(&survey->energies[kSome], Outcome::kIllegalArgument); }},
     {"rail-ids-announced", [](Survey* survey) { survey->energies[kLast].records[1].id = 3; }},
     {"entity-ids-announced",
-     [](Survey* survey) {
-         survey->residencies[kLast].records.push_back({9, {}});
-     }},
+     [](Survey* survey) { survey->residencies[kLast].records.push_back({9}); }},
     {"state-ids-announced",
      [](Survey* survey) { survey->residencies[kLast].records[0].states.push_back({5}); }},
     {"states-complete",
@@ -202,10 +195,7 @@ const Fault kFaults[] = {
      Hal::kHidl},
     {"rails-not-supported",
      [](Survey* survey) {
-         for (auto& list : survey->rails) {
-             list.outcome = Outcome::kOtherStatus;
-             list.records.clear();
-         }
+         for (auto& list : survey->rails) end(&list, Outcome::kOtherStatus);
          survey->energies.clear();
      },
      "", Hal::kHidl},
@@ -215,11 +205,7 @@ const Fault kFaults[] = {
     {"state-time-within-uptime", changeStates([](auto* state) { state->durationMs += kStart; })},
     {"state-time-within-interval",
      [](Survey* survey) {
-         for (auto& reading : survey->residencies) {
-             for (auto& entity : reading.records) {
-                 for (auto& state : entity.states) state.durationMs -= 1'000'000;
-             }
-         }
+         changeStates([](auto* state) { state->durationMs -= 1'000'000; })(survey);
          lastState(survey).durationMs += 300;
      }},
     {"last-entry-not-future", changeStates([](auto* state) { state->stampMs *= 1000; }),
@@ -259,10 +245,9 @@ TEST(Rules, EachFindsItsFaultAndNoOther) {
         fault.make(&survey);
         EXPECT_EQ(rulesWith(Verdict::kBroken, survey), fault.rule);
         covered.insert(fault.rule);
-        const auto rule = std::find_if(kRules.begin(), kRules.end(), [&](const Rule& one) {
-            return one.name == std::string(fault.rule);
-        });
-        const Findings findings = judge(*rule, survey);
+        size_t place = 0;
+        while (kRules.at(place).name != std::string(fault.rule)) ++place;
+        const Findings findings = judge(kRules.at(place), survey);
         ASSERT_FALSE(findings.first.empty());
         EXPECT_THAT(findings.first[0].found, testing::HasSubstr(fault.text));
     }
@@ -276,10 +261,7 @@ TEST(Rules, ThatAreLegalToBreakAreReportedAsSuch) {
     EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");
     EXPECT_EQ(rulesWith(Verdict::kLegal, survey), "rail-request-exact entity-request-exact");
     // The bus may refuse energy to a user.
-    for (auto& reading : survey.energies) {
-        reading.outcome = Outcome::kRefused;
-        reading.records.clear();
-    }
+    for (auto& reading : survey.energies) end(&reading, Outcome::kRefused);
     EXPECT_EQ(rulesWith(Verdict::kBroken, survey), "");
     EXPECT_EQ(rulesWith(Verdict::kNotJudged, survey),
               "rail-request-exact rail-ids-announced energy-stamp-boottime energy-stamp-monotonic "
