@@ -403,7 +403,7 @@ TEST_F(RecordingTest, IsWrittenAndReadBack) {
     ASSERT_TRUE(open()) << mError;
     EXPECT_THAT(mWarnings, ElementsAre(HasSubstr("both have low (of such names")));
     std::string shown;
-    for (int i = 0; i < 4; ++i) shown += at(1000 * i) + '\n';
+    for (int i = 0; i < 4; ++i) shown += at(int64_t{1000} * i) + '\n';
     EXPECT_EQ(
         shown,
         first +
