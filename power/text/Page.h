@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Rows of figures, and the three forms in which they are written: a table for people, CSV and JSON
-// for programs. A row is an object of JSON, as docs/formats.md has it.
+// The three forms in which figures are written: a table for people, CSV and JSON for programs. A
+// row is an object of JSON, as docs/formats.md has it.
 
 #pragma once
 

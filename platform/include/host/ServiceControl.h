@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The controls that only a host has over its services: kill a service, and choose the buses of
-// look-ups. For tests, benchmarks and tools; the library never includes this.
+// look-ups. For tests, benchmarks, tools and power/service/; the library never includes this.
 //
 // A service is named as in the register: an AIDL service by its instance name, a HIDL one by its
 // interface's full name, a slash and its instance.
