@@ -134,6 +134,7 @@ std::vector<std::string> listBusNames(Bus bus) {
     connection->call(dbus::kBusName, dbus::kBusName, "ListNames", std::tie(names));
     const auto isUnique = [](const std::string& name) { return name[0] == ':'; };
     names.erase(std::remove_if(names.begin(), names.end(), isUnique), names.end());
+    for (std::string& name : names) name = dbus::safeText(name);
     return names;
 }
 

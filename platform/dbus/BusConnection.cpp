@@ -11,8 +11,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <iterator>
 #include <new>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -48,7 +50,8 @@ Failure failureOf(const sd_bus_error& error, bool late) {
         {SD_BUS_ERROR_INVALID_ARGS, android::BAD_VALUE},
     };
     const bool hasText = error.message != nullptr && *error.message != '\0';
-    const std::string text = error.name + (hasText ? std::string(": ") + error.message : "");
+    const std::string text =
+        safeText(error.name + (hasText ? std::string(": ") + error.message : ""));
     for (const auto& entry : kErrors) {
         if (sd_bus_error_has_name(&error, entry.name) == 0) continue;
         const bool timedOut = late && entry.transactionError == android::DEAD_OBJECT;
@@ -85,6 +88,36 @@ const char* nameOf(Bus bus) {
 }
 
 }  // namespace
+
+std::string safeText(std::string_view text) {
+    constexpr size_t kMostBytes = 300;
+    // In UTF-8, the order of the bytes is that of the characters.
+    static constexpr std::string_view kUnfit[][2] = {{{"\0", 1}, "\x1f"},
+                                                     {"\x7f", "\xc2\x9f"},
+                                                     {"\u200b", "\u200f"},
+                                                     {"\u2028", "\u202e"},
+                                                     {"\u2060", "\u2069"}};
+    std::string safe;
+    while (!text.empty()) {
+        size_t size = 1;
+        while (size < text.size() && (text[size] & 0xc0) == 0x80) ++size;
+        std::string character(text.substr(0, size));
+        text.remove_prefix(size);
+        const bool isUnfit = std::any_of(
+            std::begin(kUnfit), std::end(kUnfit),
+            [&](const auto& range) { return character >= range[0] && character <= range[1]; });
+        if (isUnfit) {
+            for (const char byte : std::exchange(character, "")) {
+                char hex[5];
+                std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned char>(byte));
+                character += hex;
+            }
+        }
+        if (safe.size() + character.size() > kMostBytes) break;
+        safe += character;
+    }
+    return safe;
+}
 
 std::string describeTrouble(Bus bus, int result) {
     return std::string("the ") + nameOf(bus) +

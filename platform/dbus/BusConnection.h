@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_set>
 #include <utility>
@@ -37,6 +38,11 @@ using UniqueMessage = std::unique_ptr<sd_bus_message, Release<sd_bus_message_unr
 
 /// The bus itself, as a peer and an interface.
 inline constexpr const char* kBusName = "org.freedesktop.DBus";
+
+/// Makes a text of the bus or of a service fit for a terminal: escapes characters that control one
+/// or the direction of writing, and cuts it at 300 bytes. REQUIRES: it is UTF-8, as sd-bus's texts
+/// are
+std::string safeText(std::string_view text);
 
 /// One line about a bus that could not be reached, with the remedy.
 /// @param result [in] a negative errno.

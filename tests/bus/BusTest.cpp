@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <future>
 #include <thread>
 
@@ -182,6 +183,7 @@ TEST(AidlBus, BadAnswersAreFailedTransactions) {
         binder_status_t status = STATUS_FAILED_TRANSACTION;
     } cases[] = {
         {"error", "not today"},
+        {"long", "com.example.No: \\x1B[31m\\xE2\\x80\\xAE\u00e4xxx"},
         {"signature", "its signature is \"s\", not \"a(iss)\""},
         {"text", "a text is longer than 1048576 bytes"},
         {"elements", "it has more than 1000000 elements"},
@@ -200,6 +202,7 @@ TEST(AidlBus, BadAnswersAreFailedTransactions) {
         EXPECT_EQ(status.getStatus(), row.status);
         EXPECT_NE(std::string(status.getMessage()).find(row.text), std::string::npos)
             << status.getDescription();
+        EXPECT_LE(std::strlen(status.getMessage()), 300u);
         EXPECT_EQ(channels.size(), 1u);
     }
 }
