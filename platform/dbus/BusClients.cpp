@@ -113,6 +113,8 @@ RegisteredService findHidl(Bus bus) {
 }  // namespace
 }  // namespace dbus
 
+const double kFreshLookupSeconds = 5;
+
 RegisteredService findOnBus(Bus bus, const std::string& name) {
     if (name == kAidlPowerStats) return dbus::findAidl(bus);
     if (name == kHidlPowerStats) return dbus::findHidl(bus);

@@ -20,6 +20,7 @@
 
 #include "BusNames.h"
 #include "NeverDestroyed.h"
+#include "Register.h"
 
 namespace host {
 namespace dbus {
@@ -265,8 +266,9 @@ std::optional<Failure> BusConnection::transact(const std::string& owner, const c
 }
 
 /// Runs a job on the connection's thread.
-/// @return false when the connection is lost; then the job does not run.
+/// @return false when the connection is lost or another process's; then the job does not run.
 bool BusConnection::post(std::function<void()> job) {
+    if (isForked()) return false;
     std::lock_guard<std::mutex> lock(mMutex);
     if (mWakeUp < 0) return false;
     mJobs.push_back(std::move(job));

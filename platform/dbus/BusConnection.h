@@ -82,7 +82,8 @@ struct BusPeer : Peer {
 /// A bus carries messages from anybody. The thread believes only the bus itself, and the owner of a
 /// called service about that call; it drops all other messages unread.
 ///
-/// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead.
+/// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead. So
+/// do the calls of a forked child, which has no such thread and leaves the connection alone.
 /// Safe to use from any thread.
 class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:

@@ -7,6 +7,7 @@
 #include <android/binder_manager.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -174,6 +175,47 @@ TEST(HidlBus, EveryProxyOfADeadServiceIsTold) {
     service->kill();
     awaitDeath(Backend::kHidl);
     EXPECT_EQ(recipient->died, 2);
+}
+
+TEST(Lookup, OfTheFirstCallWaitsForAServiceThatStartsLater) {
+    const PrivateBus bus;
+    BusScenario scenario;
+    host::setBusLookups({host::Bus::kSystem, host::Bus::kSession}, {host::kAidlPowerStats}, 300);
+    auto call = std::async(std::launch::async, [&] { return scenario.call(Call::kRails).bytes; });
+    usleep(200'000);
+    const auto service = startPeer({"serve", "aidl", "1"});
+    EXPECT_EQ(call.get(), busResult(Call::kRails, 1));
+}
+
+TEST(Fork, ChildThatCallsFailsAtOnceAndWritesNowhereAndTheParentGoesOn) {
+    const PrivateBus bus;
+    const auto aidlService = startPeer({"serve", "aidl", "1"});
+    const auto hidlService = startPeer({"serve", "hidl", "1"});
+    // As in a fresh process.
+    host::setBusLookups({host::Bus::kSession}, {host::kAidlPowerStats, host::kHidlPowerStats}, 300);
+    const ndk::SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
+    const auto aidl = stats::IPowerStats::fromBinder(binder);
+    const auto hidl = stats_V1_0::IPowerStats::getService();
+    ASSERT_TRUE(aidl != nullptr && hidl != nullptr);
+    const auto expectStatus = [&](binder_status_t expected) {
+        std::vector<stats::Channel> channels;
+        EXPECT_EQ(aidl->getEnergyMeterInfo(&channels).getStatus(), expected);
+        const auto result = hidl->getRailInfo([](const auto&, auto) {});
+        EXPECT_EQ(result.isOk(), expected == STATUS_OK);
+        EXPECT_EQ(result.isDeadObject(), expected != STATUS_OK);
+    };
+    expectStatus(STATUS_OK);
+    const Ended ended = runInChild([&] {
+        closefrom(STDERR_FILENO + 1);
+        std::vector<int> files(32);  // they get the numbers of the connection's
+        for (int& file : files) file = memfd_create("file", 0);
+        expectStatus(STATUS_DEAD_OBJECT);
+        EXPECT_EQ(AServiceManager_getService(host::kAidlPowerStats), nullptr);
+        EXPECT_EQ(stats_V1_0::IPowerStats::getService(), nullptr);
+        for (const int file : files) EXPECT_EQ(lseek(file, 0, SEEK_END), 0);
+    });
+    EXPECT_EQ(ended.exitCode, kReturned) << ended.signal << ended.errors;
+    expectStatus(STATUS_OK);
 }
 
 TEST(AidlBus, BadAnswersAreFailedTransactions) {

@@ -34,8 +34,12 @@ enum class Bus { kSession, kSystem };
 /// the names for which it does so. In a fresh process a look-up asks the session bus and then the
 /// system bus for both names. A process that has its own services passes no bus, so that other
 /// services do not matter.
+/// @param waitSeconds [in] how long AServiceManager_getService waits for a service to appear while
+///     it asks any bus; 5 s in a fresh process, as on a device. A service of another of these names
+///     ends the waiting.
 void setBusLookups(std::vector<Bus> buses,
-                   std::vector<std::string> names = {kAidlPowerStats, kHidlPowerStats});
+                   std::vector<std::string> names = {kAidlPowerStats, kHidlPowerStats},
+                   double waitSeconds = 0);
 
 /// Gives the calling thread connections to the buses that no other thread uses. They serve the
 /// services that this thread looks up from then on, and are closed when it ends.
