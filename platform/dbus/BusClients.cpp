@@ -123,9 +123,7 @@ RegisteredService findOnBus(Bus bus, const std::string& name) {
 
 std::string findBusTrouble(Bus bus) {
     dbus::UniqueBus opened;
-    int result = dbus::openBus(bus, &opened);
-    const char* unique = nullptr;
-    if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
+    const int result = dbus::openBus(bus, &opened);
     return result < 0 ? dbus::describeTrouble(bus, result) : "";
 }
 

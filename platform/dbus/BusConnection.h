@@ -48,8 +48,9 @@ std::string safeText(std::string_view text);
 /// @param result [in] a negative errno.
 std::string describeTrouble(Bus bus, int result);
 
-/// Begins to connect to a bus. Does not wait for the bus.
-/// @return a negative errno when there is no such bus, or no descriptor is left.
+/// Connects to a bus, and waits for its answer as long as setBusTimeLimit() says.
+/// @return a negative errno: -ETIMEDOUT when the bus does not answer, and others when there is no
+///     such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);
 
 /// Waits until a bus has something to process or a descriptor is readable.
@@ -93,7 +94,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
 
-    explicit BusConnection(UniqueBus bus) : mBus(std::move(bus)) {}
+    BusConnection(Bus kind, UniqueBus bus) : mKind(kind), mBus(std::move(bus)) {}
     ~BusConnection();
 
     bool isOpen();
@@ -140,6 +141,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     static int heard(sd_bus_message* message, void* userData, sd_bus_error* error);
     static int replied(sd_bus_message* reply, void* userData, sd_bus_error* error);
 
+    const Bus mKind;
     std::mutex mMutex;
     std::vector<std::function<void()>> mJobs;  // guarded by mMutex
     int mWakeUp = -1;                          // guarded by mMutex; -1 once the connection is lost

@@ -16,7 +16,11 @@ void noticeDeathsOnBuses() {}
 
 void useOwnBusConnections() {}
 
-void setBusTimeLimit(double /*seconds*/) {}
+void setBusTimeLimit(double /*seconds*/, double /*allSeconds*/) {}
+
+std::string takeUnanswered() {
+    return "";
+}
 
 std::string findBusTrouble(Bus /*bus*/) {
     return "this program is built without D-Bus (set POWERSTATS_DBUS)";
