@@ -108,12 +108,12 @@ std::string describe(Bus bus) {
 
 std::string safeText(std::string_view text) {
     constexpr size_t kMostBytes = 300;
-    // In UTF-8, the order of the bytes is that of the characters.
-    static constexpr std::string_view kUnfit[][2] = {{{"\0", 1}, "\x1f"},
-                                                     {"\x7f", "\xc2\x9f"},
-                                                     {"\u200b", "\u200f"},
-                                                     {"\u2028", "\u202e"},
-                                                     {"\u2060", "\u2069"}};
+    // Without the last of each. In UTF-8, the order of the bytes is that of the characters.
+    static constexpr std::string_view kUnfit[][2] = {{{"\0", 1}, " "},
+                                                     {"\x7f", "\u00a0"},
+                                                     {"\u200b", "\u2010"},
+                                                     {"\u2028", "\u202f"},
+                                                     {"\u2060", "\u206a"}};
     std::string safe;
     while (!text.empty()) {
         size_t size = 1;
@@ -122,7 +122,7 @@ std::string safeText(std::string_view text) {
         text.remove_prefix(size);
         const bool isUnfit = std::any_of(
             std::begin(kUnfit), std::end(kUnfit),
-            [&](const auto& range) { return character >= range[0] && character <= range[1]; });
+            [&](const auto& range) { return character >= range[0] && character < range[1]; });
         if (isUnfit) {
             for (const char byte : std::exchange(character, "")) {
                 char hex[5];

@@ -89,7 +89,7 @@ int answerBadly(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     static bool isFirst = true;
     if (how == "never" || (how == "once" && !std::exchange(isFirst, false))) return 1;
     if (how == "long") {
-        const std::string text = "\x1b[31m\u202e\u00e4" + std::string(2 << 20, 'x');
+        const std::string text = "\x1b[31m\u2028\u00e4" + std::string(2 << 20, 'x');
         return sd_bus_reply_method_errorf(call, "com.example.No", "%s", text.c_str());
     }
     if (how == "error") return sd_bus_reply_method_errorf(call, "com.example.No", "not today");

@@ -225,7 +225,7 @@ TEST(AidlBus, BadAnswersAreFailedTransactions) {
         binder_status_t status = STATUS_FAILED_TRANSACTION;
     } cases[] = {
         {"error", "not today"},
-        {"long", "com.example.No: \\x1B[31m\\xE2\\x80\\xAE\u00e4xxx"},
+        {"long", "com.example.No: \\x1B[31m\\xE2\\x80\\xA8\u00e4xxx"},
         {"signature", "its signature is \"s\", not \"a(iss)\""},
         {"text", "a text is longer than 1048576 bytes"},
         {"elements", "it has more than 1000000 elements"},
