@@ -155,9 +155,10 @@ int dump(DumpArguments arguments) {
     std::vector<LibraryCall> calls;
     if (all || arguments.rails) calls.push_back({true, library->railEnergy(&env)});
     if (all || arguments.residencies) calls.push_back({false, library->residencies(&env)});
-    bool any = false;
+    bool any = false, isComplete = true;
     for (auto& [isRails, bytes, result] : calls) {
         any |= bytes && !bytes->empty();
+        isComplete &= bytes.has_value();
         if (bytes && arguments.format != "binary" &&
             !result.ParseFromArray(bytes->data(), static_cast<int>(bytes->size()))) {
             return fail(kFailed,
@@ -168,6 +169,7 @@ int dump(DumpArguments arguments) {
     const bool isPlayed = !arguments.service.source.replay.empty();
     const nanoseconds recorded = isPlayed ? own->read(kNothing, kNothing).time : nanoseconds();
     if (!writeOutput(format(calls, arguments.format, recorded))) return kFailed;
+    if (status == 0 && !isComplete && sayUnanswered()) return kFailed;
     // What a client of the same service sees, to explain the library's answers.
     const Reading reading = own != nullptr ? own->read() : ServiceSource().read();
     explainMissing(calls, reading, own != nullptr && arguments.service.hal == "hidl");
@@ -184,10 +186,13 @@ CommandLine makeDump() {
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
-        "Exit status: 0 something was collected, 1 nothing was or it could not be written,\n"
-        "2 bad argument, or a library that cannot be loaded.\n"
+        "Exit status: 0 something was collected, 1 nothing was, a bus or its service did not "
+        "answer\n"
+        "in time, or the result could not be written, 2 bad argument, or a library that cannot be "
+        "loaded.\n"
         "Example: powerstats dump --residencies"};
     addServiceOptions(&command, &arguments->service);
+    addTimeout(&command, &arguments->service.source);
     command.addOption("--rails", "Energy of the rails only", flag(&arguments->rails));
     command.addOption("--residencies", "States of the power entities only",
                       flag(&arguments->residencies));

@@ -86,11 +86,12 @@ std::optional<host::Bus> findBus(const std::vector<host::Bus>& buses, const std:
     return std::nullopt;
 }
 
-/// Waits until a service is on the bus. From then on look-ups find only such services.
+/// Waits until a service is on a bus. From then on look-ups find only such services of that bus.
 /// @param hal [in] "aidl" or "hidl"; empty: either.
 /// @return 0, or kFailed after one line.
 int awaitService(SourceOptions* options, const std::string& hal) {
     const std::vector<host::Bus> buses = busesOf(*options);
+    host::setBusTimeLimit(options->callSeconds, options->waitSeconds + options->allSeconds);
     const auto until = steady_clock::now() + std::chrono::duration<double>(options->waitSeconds);
     std::optional<host::Bus> found;
     while (!(found = findBus(buses, hal)) && steady_clock::now() < until) {
@@ -101,10 +102,15 @@ int awaitService(SourceOptions* options, const std::string& hal) {
                                          "(powerstats dump --bus={0} shows its totals)",
                                          nameOf(*found)));
     }
-    host::setBusLookups(buses, chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats));
-    if (!found) return fail(kFailed, explainAbsence(buses, hal));
-    options->bus = nameOf(*found);
-    return 0;
+    host::setBusLookups(found ? std::vector<host::Bus>{*found} : buses,
+                        chosen(hal, host::kAidlPowerStats, host::kHidlPowerStats));
+    if (found) {
+        host::setBusTimeLimit(options->callSeconds, options->allSeconds);
+        host::takeUnanswered();  // of the other bus
+        options->bus = nameOf(*found);
+        return 0;
+    }
+    return sayUnanswered() ? kFailed : fail(kFailed, explainAbsence(buses, hal));
 }
 
 }  // namespace
@@ -137,6 +143,12 @@ void addSourceOptions(CommandLine* command, SourceOptions* options) {
     };
     command->addOption("--verbose", "Log why calls and look-ups of the service fail",
                        {"", "", "", logAll});
+}
+
+void addTimeout(CommandLine* command, SourceOptions* options) {
+    options->allSeconds = options->callSeconds;
+    command->addOption("--timeout", "Seconds for all answers of a bus and its service",
+                       number(&options->allSeconds, {0.001, 86400}));
 }
 
 void addServiceOptions(CommandLine* command, ServiceOptions* options) {
@@ -182,6 +194,16 @@ int openService(ServiceOptions* options, const PlayingTime& playingTime,
                                                                host::kAidlPowerStats) == STATUS_OK;
     if (isRegistered) return 0;
     return fail(kFailed, "the service could not be registered (this is a fault of this program)");
+}
+
+bool sayUnanswered() {
+    const std::string text = host::takeUnanswered();
+    if (text.empty()) return false;
+    // More time does not help with a new connection.
+    const bool isService = text.rfind("the service ", 0) == 0;
+    say(text +
+        (isService ? " (restart it, or give it longer with --timeout SECONDS)" : " (restart it)"));
+    return true;
 }
 
 void sayWhyNoRails(const Reading& reading) {

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cmath>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,8 @@ struct SourceOptions {
     bool loop = false;
     std::string bus;  ///< "any", "session" or "system"; empty: within this process
     double waitSeconds = 2;
+    double callSeconds = 25;       ///< that each call on a bus may take
+    double allSeconds = INFINITY;  ///< that all of them may take, besides `waitSeconds`
 };
 
 /// Which service look-ups of this process find: a source that this process serves itself, or a
@@ -33,6 +36,9 @@ void addCounterOptions(CommandLine* command, SourceOptions* options);
 
 /// Adds those, and for clients `--bus`, `--wait` and `--verbose`.
 void addSourceOptions(CommandLine* command, SourceOptions* options);
+
+/// Adds `--timeout` to a command that asks a service once: the limit of all calls.
+void addTimeout(CommandLine* command, SourceOptions* options);
 
 /// Adds the options of the source, and `--hal`.
 void addServiceOptions(CommandLine* command, ServiceOptions* options);
@@ -57,6 +63,10 @@ constexpr auto kAtFirstSample = [] { return nanoseconds::zero(); };
 /// @return 0, or after one line the exit status, as of openSource().
 int openService(ServiceOptions* options, const PlayingTime& playingTime,
                 std::shared_ptr<Source>* own);
+
+/// Says in one line which bus or service did not answer in time, if one did not.
+/// @return whether one did not.
+bool sayUnanswered();
 
 /// Says why no energy can be read here, in one line, if there is such a reason.
 void sayWhyNoRails(const Reading& reading);

@@ -113,6 +113,8 @@ RegisteredService findHidl(Bus bus) {
 }  // namespace
 }  // namespace dbus
 
+const double kFreshLookupSeconds = 5;
+
 RegisteredService findOnBus(Bus bus, const std::string& name) {
     if (name == kAidlPowerStats) return dbus::findAidl(bus);
     if (name == kHidlPowerStats) return dbus::findHidl(bus);
@@ -121,9 +123,7 @@ RegisteredService findOnBus(Bus bus, const std::string& name) {
 
 std::string findBusTrouble(Bus bus) {
     dbus::UniqueBus opened;
-    int result = dbus::openBus(bus, &opened);
-    const char* unique = nullptr;
-    if (result >= 0) result = sd_bus_get_unique_name(opened.get(), &unique);
+    const int result = dbus::openBus(bus, &opened);
     return result < 0 ? dbus::describeTrouble(bus, result) : "";
 }
 
@@ -134,6 +134,7 @@ std::vector<std::string> listBusNames(Bus bus) {
     connection->call(dbus::kBusName, dbus::kBusName, "ListNames", std::tie(names));
     const auto isUnique = [](const std::string& name) { return name[0] == ':'; };
     names.erase(std::remove_if(names.begin(), names.end(), isUnique), names.end());
+    for (std::string& name : names) name = dbus::safeText(name);
     return names;
 }
 

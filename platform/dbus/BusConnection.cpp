@@ -11,26 +11,45 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <iterator>
 #include <new>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "BusNames.h"
 #include "NeverDestroyed.h"
+#include "Register.h"
 
 namespace host {
 namespace dbus {
 namespace {
 
-std::atomic<uint64_t> gTimeLimitUs{25'000'000};
-
+using std::chrono::microseconds;
 using std::chrono::steady_clock;
+
+std::atomic<microseconds> gTimeLimit{std::chrono::seconds(25)};
+/// Of all calls and of new connections.
+std::atomic<steady_clock::time_point> gDeadline{steady_clock::time_point::max()};
+constexpr auto kOpeningLimit = std::chrono::seconds(5);
 
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 constexpr char kDeathRule[] =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged'";
+
+/// What did not answer first.
+struct Unanswered {
+    std::mutex mutex;
+    std::string text;
+};
+
+void noteUnanswered(const std::string& whom, const char* request) {
+    auto& [mutex, text] = neverDestroyed<Unanswered>();
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (text.empty()) text = whom + " did not answer " + request + " in time";
+}
 
 /// Translates an error by its name. A peer killed during a call and our own time limit give the
 /// same name; only the time distinguishes them.
@@ -48,7 +67,8 @@ Failure failureOf(const sd_bus_error& error, bool late) {
         {SD_BUS_ERROR_INVALID_ARGS, android::BAD_VALUE},
     };
     const bool hasText = error.message != nullptr && *error.message != '\0';
-    const std::string text = error.name + (hasText ? std::string(": ") + error.message : "");
+    const std::string text =
+        safeText(error.name + (hasText ? std::string(": ") + error.message : ""));
     for (const auto& entry : kErrors) {
         if (sd_bus_error_has_name(&error, entry.name) == 0) continue;
         const bool timedOut = late && entry.transactionError == android::DEAD_OBJECT;
@@ -80,24 +100,69 @@ struct OwnConnections : Connections {
 
 thread_local OwnConnections gOwnConnections;
 
-const char* nameOf(Bus bus) {
-    return bus == Bus::kSession ? "session" : "system";
+std::string describe(Bus bus) {
+    return bus == Bus::kSession ? "the session bus" : "the system bus";
 }
 
 }  // namespace
 
+std::string safeText(std::string_view text) {
+    constexpr size_t kMostBytes = 300;
+    // Without the last of each. In UTF-8, the order of the bytes is that of the characters.
+    static constexpr std::string_view kUnfit[][2] = {{{"\0", 1}, " "},
+                                                     {"\x7f", "\u00a0"},
+                                                     {"\u200b", "\u2010"},
+                                                     {"\u2028", "\u202f"},
+                                                     {"\u2060", "\u206a"}};
+    std::string safe;
+    while (!text.empty()) {
+        size_t size = 1;
+        while (size < text.size() && (text[size] & 0xc0) == 0x80) ++size;
+        std::string character(text.substr(0, size));
+        text.remove_prefix(size);
+        const bool isUnfit = std::any_of(
+            std::begin(kUnfit), std::end(kUnfit),
+            [&](const auto& range) { return character >= range[0] && character < range[1]; });
+        if (isUnfit) {
+            for (const char byte : std::exchange(character, "")) {
+                char hex[5];
+                std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned char>(byte));
+                character += hex;
+            }
+        }
+        if (safe.size() + character.size() > kMostBytes) break;
+        safe += character;
+    }
+    return safe;
+}
+
 std::string describeTrouble(Bus bus, int result) {
-    return std::string("the ") + nameOf(bus) +
-           " bus cannot be reached: " + std::generic_category().message(-result) +
+    return describe(bus) + " cannot be reached: " + std::generic_category().message(-result) +
            (bus == Bus::kSession
                 ? " (is DBUS_SESSION_BUS_ADDRESS set? dbus-run-session starts a bus)"
                 : " (is dbus-daemon running?)");
 }
 
 int openBus(Bus bus, UniqueBus* opened) {
+    // Look-ups come one after another, and ask both buses: one that is silent costs time once.
+    static std::atomic<steady_clock::time_point> silentUntil[2];
+    auto& isSilentUntil = silentUntil[static_cast<int>(bus)];
+    const auto start = steady_clock::now();
+    if (start < isSilentUntil.load()) return -ETIMEDOUT;
     sd_bus* made = nullptr;
-    const int result = bus == Bus::kSession ? sd_bus_open_user(&made) : sd_bus_open_system(&made);
+    int result = bus == Bus::kSession ? sd_bus_open_user(&made) : sd_bus_open_system(&made);
     opened->reset(made);
+    const auto until = std::min(start + kOpeningLimit, gDeadline.load());
+    while (result >= 0 && sd_bus_is_ready(made) <= 0) {
+        const auto left = std::chrono::ceil<microseconds>(until - steady_clock::now()).count();
+        if (left <= 0) {
+            isSilentUntil = steady_clock::now() + kOpeningLimit + std::chrono::seconds(1);
+            noteUnanswered(describe(bus), "a new connection");
+            return -ETIMEDOUT;
+        }
+        result = sd_bus_process(made, nullptr);
+        if (result == 0) sd_bus_wait(made, static_cast<uint64_t>(left));
+    }
     return result;
 }
 
@@ -132,7 +197,14 @@ struct BusConnection::Call {
     /// @return the failure, if the reply is an error or cannot be used.
     std::optional<Failure> take(sd_bus_message* reply) const try {
         if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-            return failureOf(*error, steady_clock::now() >= deadline);
+            Failure failure = failureOf(*error, steady_clock::now() >= deadline);
+            if (failure.error == android::TIMED_OUT) {
+                const std::string bus = describe(connection->mKind);
+                noteUnanswered(
+                    owner == kBusName ? bus : "the service " + (interface + (" on " + bus)),
+                    method);
+            }
+            return failure;
         }
         const char* signature = sd_bus_message_get_signature(reply, 1);
         if (signature == nullptr || signature != replySignature) {
@@ -161,11 +233,11 @@ std::shared_ptr<BusConnection> BusConnection::to(Bus bus) {
     current.reset();
     UniqueBus opened;
     if (const int result = openBus(bus, &opened); result < 0) {
-        __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "no %s bus: %s", nameOf(bus),
+        __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "%s: %s", describe(bus).c_str(),
                             std::generic_category().message(-result).c_str());
         return nullptr;
     }
-    auto connection = std::make_shared<BusConnection>(std::move(opened));
+    auto connection = std::make_shared<BusConnection>(bus, std::move(opened));
     if (connection->start()) current = std::move(connection);
     return current;
 }
@@ -232,8 +304,9 @@ std::optional<Failure> BusConnection::transact(const std::string& owner, const c
 }
 
 /// Runs a job on the connection's thread.
-/// @return false when the connection is lost; then the job does not run.
+/// @return false when the connection is lost or another process's; then the job does not run.
 bool BusConnection::post(std::function<void()> job) {
+    if (isForked()) return false;
     std::lock_guard<std::mutex> lock(mMutex);
     if (mWakeUp < 0) return false;
     mJobs.push_back(std::move(job));
@@ -282,9 +355,10 @@ void BusConnection::lose() {
 
 /// Sends a call. A call that is sent again keeps its deadline.
 void BusConnection::begin(Call* call) try {
-    using std::chrono::microseconds;
     const auto now = steady_clock::now();
-    if (mCalls.insert(call).second) call->deadline = now + microseconds(gTimeLimitUs);
+    if (mCalls.insert(call).second) {
+        call->deadline = std::min(now + gTimeLimit.load(), gDeadline.load());
+    }
     const auto left = std::chrono::duration_cast<microseconds>(call->deadline - now).count();
     const auto limitUs = static_cast<uint64_t>(std::max<int64_t>(left, 1));
     sd_bus_message* made = nullptr;
@@ -352,9 +426,18 @@ void useOwnBusConnections() {
     dbus::gOwnConnections.areUsed = true;
 }
 
-void setBusTimeLimit(double seconds) {
-    // 0 would be sd-bus's own limit.
-    dbus::gTimeLimitUs = static_cast<uint64_t>(std::clamp(seconds, 1e-6, 86400.0) * 1e6);
+void setBusTimeLimit(double seconds, double allSeconds) {
+    const auto limit = [](double of) {
+        return std::chrono::microseconds(std::llround(std::clamp(of, 0.0, 1e9) * 1e6));
+    };
+    dbus::gTimeLimit = limit(seconds);
+    dbus::gDeadline = dbus::steady_clock::now() + limit(allSeconds);
+}
+
+std::string takeUnanswered() {
+    auto& [mutex, text] = neverDestroyed<dbus::Unanswered>();
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(text, "");
 }
 
 void noticeDeathsOnBuses() {

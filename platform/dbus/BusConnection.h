@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_set>
 #include <utility>
@@ -38,12 +39,18 @@ using UniqueMessage = std::unique_ptr<sd_bus_message, Release<sd_bus_message_unr
 /// The bus itself, as a peer and an interface.
 inline constexpr const char* kBusName = "org.freedesktop.DBus";
 
+/// Makes a text of the bus or of a service fit for a terminal: escapes characters that control one
+/// or the direction of writing, and cuts it at 300 bytes. REQUIRES: it is UTF-8, as sd-bus's texts
+/// are
+std::string safeText(std::string_view text);
+
 /// One line about a bus that could not be reached, with the remedy.
 /// @param result [in] a negative errno.
 std::string describeTrouble(Bus bus, int result);
 
-/// Begins to connect to a bus. Does not wait for the bus.
-/// @return a negative errno when there is no such bus, or no descriptor is left.
+/// Connects to a bus, and waits for its answer as long as setBusTimeLimit() says.
+/// @return a negative errno: -ETIMEDOUT when the bus does not answer, and others when there is no
+///     such bus, or no descriptor is left.
 int openBus(Bus bus, UniqueBus* opened);
 
 /// Waits until a bus has something to process or a descriptor is readable.
@@ -76,7 +83,8 @@ struct BusPeer : Peer {
 /// A bus carries messages from anybody. The thread believes only the bus itself, and the owner of a
 /// called service about that call; it drops all other messages unread.
 ///
-/// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead.
+/// A connection that is lost stays lost: its calls fail with dead-object and its peers are dead. So
+/// do the calls of a forked child, which has no such thread and leaves the connection alone.
 /// Safe to use from any thread.
 class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:
@@ -86,7 +94,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///     tries again.
     static std::shared_ptr<BusConnection> to(Bus bus);
 
-    explicit BusConnection(UniqueBus bus) : mBus(std::move(bus)) {}
+    BusConnection(Bus kind, UniqueBus bus) : mKind(kind), mBus(std::move(bus)) {}
     ~BusConnection();
 
     bool isOpen();
@@ -133,6 +141,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     static int heard(sd_bus_message* message, void* userData, sd_bus_error* error);
     static int replied(sd_bus_message* reply, void* userData, sd_bus_error* error);
 
+    const Bus mKind;
     std::mutex mMutex;
     std::vector<std::function<void()>> mJobs;  // guarded by mMutex
     int mWakeUp = -1;                          // guarded by mMutex; -1 once the connection is lost

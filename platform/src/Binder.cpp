@@ -21,6 +21,13 @@ struct BinderTable {
     std::unordered_map<ndk::ICInterface*, AIBinder*> binders;
 };
 
+AIBinder* lookUp(const char* instance, bool waits) {
+    const host::RegisteredService service = host::findService(instance, waits);
+    auto* binder = static_cast<AIBinder*>(service.object.get());
+    AIBinder_incStrong(binder);
+    return binder;
+}
+
 }  // namespace
 
 /// Links share their recipient, because they may outlive its deletion.
@@ -115,14 +122,11 @@ binder_status_t AServiceManager_addService(AIBinder* binder, const char* instanc
 }
 
 AIBinder* AServiceManager_checkService(const char* instance) {
-    const host::RegisteredService service = host::findService(instance);
-    auto* binder = static_cast<AIBinder*>(service.object.get());
-    AIBinder_incStrong(binder);
-    return binder;
+    return lookUp(instance, false);
 }
 
 AIBinder* AServiceManager_getService(const char* instance) {
-    return AServiceManager_checkService(instance);
+    return lookUp(instance, true);
 }
 
 }  // extern "C"

@@ -6,6 +6,8 @@
 
 namespace host {
 
+const double kFreshLookupSeconds = 0;
+
 RegisteredService findOnBus(Bus /*bus*/, const std::string& /*name*/) {
     return {};
 }
@@ -14,7 +16,11 @@ void noticeDeathsOnBuses() {}
 
 void useOwnBusConnections() {}
 
-void setBusTimeLimit(double /*seconds*/) {}
+void setBusTimeLimit(double /*seconds*/, double /*allSeconds*/) {}
+
+std::string takeUnanswered() {
+    return "";
+}
 
 std::string findBusTrouble(Bus /*bus*/) {
     return "this program is built without D-Bus (set POWERSTATS_DBUS)";

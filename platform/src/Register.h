@@ -30,11 +30,19 @@ void logFailure(const char* interface, const char* method, const std::string& re
 void registerService(const std::string& name, RegisteredService service);
 
 /// Finds the service of that name in this process, or else on a bus.
+/// @param waits [in] whether to wait for one on a bus, as long as setBusLookups() says.
 /// @return one whose object is null when there is none.
-RegisteredService findService(const std::string& name);
+RegisteredService findService(const std::string& name, bool waits = false);
+
+/// Whether this process is a child of the one that called this first. It has copies of that one's
+/// connections, whose threads it lacks.
+bool isForked();
 
 // The bus. `dbus/` has these functions and the settings of host/ServiceControl.h, and src/NoBus.cpp
 // has them for a build without a bus.
+
+/// How long a look-up waits in a fresh process.
+extern const double kFreshLookupSeconds;
 
 /// Finds a service of another process.
 /// @return one whose object is null when there is none, or no such bus.

@@ -5,16 +5,13 @@
 #include <android/binder_manager.h>
 #include <host/ServiceControl.h>
 
-#include "power/text/Names.h"
+#include <utility>
 
 namespace powerstats {
 
 namespace {
 
-/// A service may answer any text.
-constexpr size_t kMostTextSize = 300;
-
-Failure makeFailure(int32_t transactionError, const std::string& description) {
+Failure makeFailure(int32_t transactionError, std::string description) {
     switch (transactionError) {
         case android::DEAD_OBJECT:
             return {Failure::Kind::kGone, "the service is gone"};
@@ -23,9 +20,9 @@ Failure makeFailure(int32_t transactionError, const std::string& description) {
                     "the bus's policy refuses them (join the group: sudo usermod -aG powerstats "
                     "NAME, and log in again; or run as root)"};
         case android::TIMED_OUT:
-            return {Failure::Kind::kTimedOut, safeName(description, kMostTextSize)};
+            return {Failure::Kind::kTimedOut, std::move(description)};
         default:
-            return {Failure::Kind::kOther, safeName(description, kMostTextSize)};
+            return {Failure::Kind::kOther, std::move(description)};
     }
 }
 

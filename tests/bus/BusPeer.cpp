@@ -2,7 +2,8 @@
 //
 // A peer of the library or of the daemon in a process of its own:
 //   bus_peer serve aidl|hidl MACHINE [METHOD]   a good service, which kills itself in METHOD
-//   bus_peer answer error|signature|text|elements|never   an AIDL service that answers badly
+//   bus_peer answer error|long|signature|text|elements|once|never   an AIDL service that answers
+//       badly; "once" answers its first call only
 //   bus_peer attack forge|junk|repeat|flood|greedy|lazy   a hostile user of the bus: see kAttacks
 // machineOf() describes MACHINE. The program writes "ready" when it can be called, or after its
 // first attack. An attack goes on until the program is killed.
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/dbus/BusNames.h"
 #include "tests/support/Scenario.h"
@@ -84,7 +86,12 @@ int serve(const std::string& hal, const std::string& variant, const std::string&
 int answerBadly(sd_bus_message* call, void* userData, sd_bus_error* /*error*/) {
     if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) return 0;
     const std::string how = static_cast<const char*>(userData);
-    if (how == "never") return 1;
+    static bool isFirst = true;
+    if (how == "never" || (how == "once" && !std::exchange(isFirst, false))) return 1;
+    if (how == "long") {
+        const std::string text = "\x1b[31m\u2028\u00e4" + std::string(2 << 20, 'x');
+        return sd_bus_reply_method_errorf(call, "com.example.No", "%s", text.c_str());
+    }
     if (how == "error") return sd_bus_reply_method_errorf(call, "com.example.No", "not today");
     if (how == "signature") return sd_bus_reply_method_return(call, "s", "all is well");
 

@@ -7,10 +7,12 @@
 #include <android/binder_manager.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <future>
 
 #include "tests/bus/Support.h"
@@ -158,6 +160,74 @@ TEST(HidlBus, EveryProxyOfADeadServiceIsTold) {
     service->kill();
     awaitDeath(Backend::kHidl);
     EXPECT_EQ(recipient->died, 2);
+}
+
+TEST(Lookup, OfTheFirstCallWaitsForAServiceThatStartsLater) {
+    const PrivateBus bus;
+    BusScenario scenario;
+    host::setBusLookups({host::Bus::kSystem, host::Bus::kSession}, {host::kAidlPowerStats}, 300);
+    auto call = std::async(std::launch::async, [&] { return scenario.call(Call::kRails).bytes; });
+    usleep(200'000);
+    const auto service = startPeer({"serve", "aidl", "1"});
+    EXPECT_EQ(call.get(), busResult(Call::kRails, 1));
+}
+
+TEST(Fork, ChildThatCallsFailsAtOnceAndWritesNowhereAndTheParentGoesOn) {
+    const PrivateBus bus;
+    const auto aidlService = startPeer({"serve", "aidl", "1"});
+    const auto hidlService = startPeer({"serve", "hidl", "1"});
+    // As in a fresh process.
+    host::setBusLookups({host::Bus::kSession}, {host::kAidlPowerStats, host::kHidlPowerStats}, 300);
+    const ndk::SpAIBinder binder(AServiceManager_getService(host::kAidlPowerStats));
+    const auto aidl = stats::IPowerStats::fromBinder(binder);
+    const auto hidl = stats_V1_0::IPowerStats::getService();
+    ASSERT_TRUE(aidl != nullptr && hidl != nullptr);
+    const auto expectStatus = [&](binder_status_t expected) {
+        std::vector<stats::Channel> channels;
+        EXPECT_EQ(aidl->getEnergyMeterInfo(&channels).getStatus(), expected);
+        const auto result = hidl->getRailInfo([](const auto&, auto) {});
+        EXPECT_EQ(result.isOk(), expected == STATUS_OK);
+        EXPECT_EQ(result.isDeadObject(), expected != STATUS_OK);
+    };
+    expectStatus(STATUS_OK);
+    const Ended ended = runInChild([&] {
+        closefrom(STDERR_FILENO + 1);
+        std::vector<int> files(32);  // they get the numbers of the connection's
+        for (int& file : files) file = memfd_create("file", 0);
+        expectStatus(STATUS_DEAD_OBJECT);
+        EXPECT_EQ(AServiceManager_getService(host::kAidlPowerStats), nullptr);
+        EXPECT_EQ(stats_V1_0::IPowerStats::getService(), nullptr);
+        for (const int file : files) EXPECT_EQ(lseek(file, 0, SEEK_END), 0);
+    });
+    EXPECT_EQ(ended.exitCode, kReturned) << ended.signal << ended.errors;
+    expectStatus(STATUS_OK);
+}
+
+TEST(AidlBus, BadAnswersAreFailedTransactions) {
+    const struct {
+        const char* how;
+        const char* text;
+        binder_status_t status = STATUS_FAILED_TRANSACTION;
+    } cases[] = {
+        {"long", "com.example.No: \\x1B[31m\\xE2\\x80\\xA8\u00e4xxx"},
+        {"never", "", STATUS_TIMED_OUT},
+    };
+    const PrivateBus bus;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.how);
+        const auto peer = startPeer({"answer", row.how});
+        host::setBusTimeLimit(row.status == STATUS_TIMED_OUT ? 0.2 : 300);
+        const auto client = stats::IPowerStats::fromBinder(
+            ndk::SpAIBinder(AServiceManager_getService(host::kAidlPowerStats)));
+        ASSERT_NE(client, nullptr);
+        std::vector<stats::Channel> channels{{5, "untouched", ""}};
+        const ndk::ScopedAStatus status = client->getEnergyMeterInfo(&channels);
+        EXPECT_EQ(status.getStatus(), row.status);
+        EXPECT_NE(std::string(status.getMessage()).find(row.text), std::string::npos)
+            << status.getDescription();
+        EXPECT_LE(std::strlen(status.getMessage()), 300u);
+        EXPECT_EQ(channels.size(), 1u);
+    }
 }
 
 }  // namespace

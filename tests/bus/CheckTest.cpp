@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <sstream>
 
@@ -55,6 +56,36 @@ TEST(Check, AndOtherSubcommandsNameTheFaultsOfAService) {
         for (std::string text; std::getline(texts, text, '|');) {
             EXPECT_THAT(tool.text(), testing::HasSubstr(text));
         }
+    }
+}
+
+TEST(Timeout, EndsACommandWithOneLineThatNamesWhatDidNotAnswer) {
+    const struct {
+        const char* command;
+        const char* peer;  ///< empty: the bus itself does not answer
+        const char* wait;
+        const char* timeout;
+        const char* line;
+    } cases[] = {
+        {"dump", "", "0", "0.2",
+         "the session bus did not answer a new connection in time (restart it"},
+        {"dump", "once", "300", "2", "on the session bus did not answer readEnergyMeter in time"},
+        {"metrics", "never", "300", "1",
+         "the service android.hardware.power.stats.IPowerStats on the session bus did not answer "
+         "getEnergyMeterInfo in time (restart it, or give it longer with --timeout "},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.line);
+        const PrivateBus bus;
+        std::unique_ptr<Process> peer;
+        if (*row.peer != '\0') peer = startPeer({"answer", row.peer});
+        if (peer == nullptr) bus.signal(SIGSTOP);
+        Process client({POWERSTATS_PROGRAM, row.command, "--bus", "--wait", row.wait, "--timeout",
+                        row.timeout});
+        EXPECT_EQ(client.wait(), 1);
+        EXPECT_THAT(client.text(), HasSubstr(row.line));
+        const size_t line = client.text().find("powerstats: ");
+        EXPECT_EQ(client.text().find("powerstats: ", line + 1), std::string::npos) << client.text();
     }
 }
 

@@ -3,7 +3,6 @@
 // powerstats check: whether a power stats service keeps the promises of its interface.
 
 #include <fmt/format.h>
-#include <host/ServiceControl.h>
 
 #include <algorithm>
 #include <cmath>
@@ -27,7 +26,6 @@ namespace {
 struct CheckArguments {
     ServiceOptions service;
     double durationSeconds = 5;
-    double timeoutSeconds = 25;
     std::set<std::string> only;
     std::set<std::string> except;
     std::string format = "table";
@@ -108,9 +106,9 @@ int check(CheckArguments arguments) {
     std::shared_ptr<Source> own;
     if (openService(&arguments.service, {}, &own) != 0) return kUsage;
     const bool isOnBus = own == nullptr;
-    if (isOnBus) host::setBusTimeLimit(arguments.timeoutSeconds);
 
-    Survey survey = takeSurvey(own.get(), arguments.durationSeconds, arguments.timeoutSeconds);
+    Survey survey =
+        takeSurvey(own.get(), arguments.durationSeconds, arguments.service.source.callSeconds);
     survey.isReplay = !arguments.service.source.replay.empty();
     survey.library.text = "not called, because the service does not answer";
     if (!survey.isGone) survey.library = tryLibrary(arguments.service);
@@ -179,7 +177,7 @@ CommandLine makeCheck() {
     command.addOption("--duration", "Seconds to go on reading",
                       number(&arguments->durationSeconds, {0, 86400}));
     command.addOption("--timeout", "Seconds that a call on a bus may take",
-                      number(&arguments->timeoutSeconds, {0.001, 86400}));
+                      number(&arguments->service.source.callSeconds, {0.001, 86400}));
     const auto addRules = [&](const char* option, std::set<std::string>* rules, const char* text) {
         const auto take = [rules](const std::string& name) {
             rules->insert(name);

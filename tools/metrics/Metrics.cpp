@@ -134,8 +134,10 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
     const Reading reading = source->read(arguments.noRails ? kNothing : std::nullopt, std::nullopt);
     const Failure rails = arguments.noRails ? Failure() : reading.railsFailure;
     const bool isRailsFault = rails && rails.kind != Failure::Kind::kNotMeasured;
+    using Kind = Failure::Kind;
+    sayUnanswered();
     if (isRailsFault) {
-        say("rails: " + rails.text);
+        if (rails.kind != Kind::kTimedOut) say("rails: " + rails.text);
     } else if (rails && isatty(STDERR_FILENO) != 0) {
         sayWhyNoRails(reading);  // not in the journal of a timer, each minute
     }
@@ -148,11 +150,12 @@ int collect(MetricsArguments arguments, std::optional<std::string>* text) {
         say("the counters of powercap wrap, and energy is lost between two readings (start "
             "powerstatsd, and add --bus)");
     }
-    if (reading.entitiesFailure) say("power entities: " + reading.entitiesFailure.text);
-    if (!reading.entitiesFailure || (!isRailsFault && !arguments.noRails)) {
+    const Failure& entities = reading.entitiesFailure;
+    if (entities && entities.kind != Kind::kTimedOut) say("power entities: " + entities.text);
+    if (!entities || (!isRailsFault && !arguments.noRails)) {
         *text = formatMetrics(reading, arguments.format);
     }
-    return isRailsFault || reading.entitiesFailure ? kFailed : 0;
+    return isRailsFault || entities ? kFailed : 0;
 }
 
 int metrics(const MetricsArguments& arguments) {
@@ -184,6 +187,7 @@ CommandLine makeMetrics() {
         "the file of --output is removed, because old totals would mislead; so it is by SIGTERM.\n"
         "Example: powerstats metrics --no-rails"};
     addSourceOptions(&command, &arguments->source);
+    addTimeout(&command, &arguments->source);
     command.addOption("--format", "The text format",
                       choice(&arguments->format, {"prometheus", "openmetrics"}));
     command.addOption("--no-rails", "Leave out energy", flag(&arguments->noRails));

@@ -13,12 +13,13 @@ extern "C" {
 /// its own.
 binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance);
 
-/// Looks a service up.
+/// Looks a service up, and waits while it asks a bus that has none: `host/ServiceControl.h` says
+/// how long.
 /// @return the registered binder with one strong reference owned by the caller, or null when there
 ///     is no such service.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_getService(const char* instance);
 
-/// Does the same: on the host no look-up waits for a service to start.
+/// Does the same without waiting.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_checkService(const char* instance);
 
 }  // extern "C"
