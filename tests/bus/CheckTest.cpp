@@ -83,7 +83,7 @@ TEST(Timeout, EndsACommandWithOneLineThatNamesWhatDidNotAnswer) {
         Process client({POWERSTATS_PROGRAM, row.command, "--bus", "--wait", row.wait, "--timeout",
                         row.timeout});
         EXPECT_EQ(client.wait(), 1);
-        EXPECT_THAT(client.text(), HasSubstr(row.line));
+        EXPECT_THAT(client.text(), testing::HasSubstr(row.line));
         const size_t line = client.text().find("powerstats: ");
         EXPECT_EQ(client.text().find("powerstats: ", line + 1), std::string::npos) << client.text();
     }
