@@ -186,10 +186,9 @@ CommandLine makeDump() {
         "Energy is in millijoules and time in milliseconds, both since boot. A rail that was not\n"
         "measured since boot is left out: for those start powerstatsd at boot. A restart of it\n"
         "loses \"since boot\" until the next boot.\n"
-        "Exit status: 0 something was collected, 1 nothing was, a bus or its service did not "
-        "answer\n"
-        "in time, or the result could not be written, 2 bad argument, or a library that cannot be "
-        "loaded.\n"
+        "Exit status: 0 something was collected, 1 nothing was, a bus or its service did not\n"
+        "answer in time, or the result could not be written, 2 bad argument, or a library that\n"
+        "cannot be loaded.\n"
         "Example: powerstats dump --residencies"};
     addServiceOptions(&command, &arguments->service);
     addTimeout(&command, &arguments->service.source);

@@ -5,13 +5,13 @@
 #include <android/binder_manager.h>
 #include <host/ServiceControl.h>
 
-#include <utility>
+#include "power/text/Names.h"
 
 namespace powerstats {
 
 namespace {
 
-Failure makeFailure(int32_t transactionError, std::string description) {
+Failure makeFailure(int32_t transactionError, const std::string& description) {
     switch (transactionError) {
         case android::DEAD_OBJECT:
             return {Failure::Kind::kGone, "the service is gone"};
@@ -20,9 +20,9 @@ Failure makeFailure(int32_t transactionError, std::string description) {
                     "the bus's policy refuses them (join the group: sudo usermod -aG powerstats "
                     "NAME, and log in again; or run as root)"};
         case android::TIMED_OUT:
-            return {Failure::Kind::kTimedOut, std::move(description)};
+            return {Failure::Kind::kTimedOut, safeName(description, SIZE_MAX)};
         default:
-            return {Failure::Kind::kOther, std::move(description)};
+            return {Failure::Kind::kOther, safeName(description, SIZE_MAX)};
     }
 }
 

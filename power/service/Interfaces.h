@@ -22,7 +22,7 @@ namespace stats_V1_0 = ::android::hardware::power::stats::V1_0;
 std::shared_ptr<stats_aidl::IPowerStats> findAidl();
 android::sp<stats_V1_0::IPowerStats> findHidl();
 
-/// Why a call failed; kNone when it succeeded. The text is that of its status.
+/// Why a call failed; kNone when it succeeded. The text is safe.
 Failure failureOf(const ndk::ScopedAStatus& status);
 Failure failureOf(const android::hardware::Return<void>& result);
 
