@@ -219,7 +219,7 @@ def tools_figures(repetitions, is_chosen, folder, program, *others):
                    "512 CPUs, 8 idle states")
     if is_chosen("tools/metrics"):
         for other in others:
-            yield ("time of metrics, compared with the other commit's", 0.5,
+            yield ("time of metrics, compared with the other commit's", 1.1,
                    ratio_of_commands(repetitions, (program, "metrics"), (other, "metrics")), "this machine")
 
 
