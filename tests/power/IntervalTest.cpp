@@ -250,8 +250,8 @@ TEST(RunReport, JudgesALimitByTheIntervalOfTheMean) {
             {}, false)
             ->rails;
     const std::pair<const char*, std::vector<size_t>> names[] = {
-        {"soc", {0}},  {"A/soc", {1}},    {"id:1", {0}},      {"A/fan", {2}},
-        {"id:4", {3}}, {"B/fan", {3, 4}}, {"fan", {2, 3, 4}}, {"fans", {}},
+        {"soc", {0}},      {"A/soc", {1}},     {"id:1", {0}}, {"A/fan", {2}}, {"id:4", {3}},
+        {"B/fan", {3, 4}}, {"fan", {2, 3, 4}}, {"fans", {}},  {"fa", {}},
     };
     for (const auto& [name, positions] : names) {
         EXPECT_EQ(findRail(rails, name), positions) << name;

@@ -350,8 +350,9 @@ std::vector<size_t> findRail(const std::vector<Rail>& rails, const std::string& 
         [&](const Rail& rail) { return "id:" + std::to_string(rail.id) == text; },
         // As nameLists() tells namesakes apart.
         [&](const Rail& rail) {
-            return rail.name.rfind(rail.subsystem + '/' + text, 0) == 0 ||
-                   rail.name == fmt::format("{} (id {})", text, rail.id);
+            const std::string id = fmt::format(" (id {})", rail.id);
+            const std::string qualified = rail.subsystem + '/' + text;
+            return rail.name == qualified || rail.name == qualified + id || rail.name == text + id;
         },
     };
     std::vector<size_t> found;
